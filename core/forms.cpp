@@ -1,0 +1,37 @@
+// The X and XM forms of every operation, made from the family lists of the public headers: each logs its
+// entry and forwards to XHnd, X with the global handle and XM with the caller's.
+#include "tandro.h"
+
+#define ZEL_FORMS_GLOBAL_ARGS(...) (&zel_global, __VA_ARGS__)
+#define ZEL_FORMS_HND_ARGS(...) (hnd, __VA_ARGS__)
+
+#define ZEL_DEFINE_FORMS(Ret, Name, Params, Args)                    \
+    extern "C" ZEL_API Ret Name Params                               \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd ZEL_FORMS_GLOBAL_ARGS Args;                 \
+    }                                                                \
+    extern "C" ZEL_API Ret Name##M ZEL_FORMS_HND_PARAMS Params       \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd ZEL_FORMS_HND_ARGS Args;                    \
+    }
+
+#define ZEL_DEFINE_FORMS0(Ret, Name)                                 \
+    extern "C" ZEL_API Ret Name(void)                                \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd(&zel_global);                               \
+    }                                                                \
+    extern "C" ZEL_API Ret Name##M(ZEL_HANDLE hnd)                   \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd(hnd);                                       \
+    }
+
+#define ZEL_DEFINE_FAMILY(LIST) LIST(ZEL_DEFINE_FORMS, ZEL_DEFINE_FORMS0)
+
+ZEL_DEFINE_FAMILY(ZEL_FAMILY_READER_CLOSE)
+ZEL_DEFINE_FAMILY(ZEL_FAMILY_FRAME)
+ZEL_DEFINE_FAMILY(ZEL_FAMILY_READER_IDENTITY)
+ZEL_DEFINE_FAMILY(ZEL_FAMILY_CARD_DETECT)

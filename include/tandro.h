@@ -1,0 +1,16 @@
+/* The whole interface of the library. */
+#ifndef TANDRO_H
+#define TANDRO_H
+
+#include "zel_card.h"
+#include "zel_card_types.h"
+#include "zel_forms.h"
+#include "zel_frame.h"
+#include "zel_ftdi.h"
+#include "zel_handle.h"
+#include "zel_port.h"
+#include "zel_reader.h"
+#include "zel_status.h"
+#include "zel_types.h"
+
+#endif

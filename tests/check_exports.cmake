@@ -1,0 +1,17 @@
+# Checks the dynamic symbol table of the shared library: the interface is there, internals are not.
+execute_process(COMMAND nm -D --defined-only ${LIB} OUTPUT_VARIABLE syms RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIB}")
+endif()
+foreach(name GetReaderType GetReaderTypeM GetReaderTypeHnd GetCardId GetCardIdM GetCardIdHnd InitialHandshaking
+             PortRead ZEL_Status2String Zel_Hnd_Create zel_global CRC16 COMTransceive COMTransceiveM)
+  string(REGEX MATCH "[ \t]${name}\n" found "${syms}\n")
+  if(NOT found)
+    message(FATAL_ERROR "missing export: ${name}")
+  endif()
+endforeach()
+string(REGEX MATCH "[ \t](_ZN3zel[A-Za-z0-9_]*)" internal "${syms}")
+if(internal)
+  message(FATAL_ERROR "internal symbol exported: ${CMAKE_MATCH_1}")
+endif()
+message(STATUS "exports ok")

@@ -1,0 +1,148 @@
+#include "transport/serial.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "core/internal.h"
+#include "zel_status.h"
+
+namespace zel {
+namespace {
+
+int64_t now_ms()
+{
+    return counter_ns() / 1000000;
+}
+
+enum class Wait { ready, timeout, gone };
+
+// Waits for the descriptor to be ready until the deadline.
+Wait wait_ready(int fd, short events, int64_t deadline)
+{
+    for (;;) {
+        const int64_t left = deadline - now_ms();
+        if (left <= 0)
+            return Wait::timeout;
+        pollfd p{fd, events, 0};
+        const int r = poll(&p, 1, static_cast<int>(left));
+        if (r > 0) {
+            if (p.revents & (POLLERR | POLLNVAL | POLLHUP))
+                return Wait::gone; // broken or hung up: what is left was taken already
+            return Wait::ready;
+        }
+        if (r == 0)
+            return Wait::timeout;
+        if (errno != EINTR)
+            return Wait::gone;
+    }
+}
+
+} // namespace
+
+IoResult serial_read(int fd, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got)
+{
+    *got = 0;
+    if (fd < 0)
+        return IoResult::failed;
+    const int64_t deadline = now_ms() + timeout_ms;
+    bool gone = false;
+    while (*got < count) {
+        const ssize_t n = read(fd, buffer + *got, count - *got);
+        if (n > 0) {
+            *got += static_cast<uint32_t>(n);
+            continue;
+        }
+        // A terminal with nothing to give answers 0 or EAGAIN; then wait for more, or the end of the line.
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+            return IoResult::failed;
+        if (gone)
+            return IoResult::failed;
+        const Wait w = wait_ready(fd, POLLIN, deadline);
+        if (w == Wait::timeout)
+            return IoResult::short_count;
+        gone = w == Wait::gone; // one more read takes what the line still holds
+    }
+    return IoResult::ok;
+}
+
+IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
+                      int *error)
+{
+    *written = 0;
+    *error = 0;
+    if (fd < 0) {
+        *error = EBADF;
+        return IoResult::failed;
+    }
+    const int64_t deadline = now_ms() + (timeout_ms ? timeout_ms : 1000);
+    while (*written < count) {
+        const ssize_t n = write(fd, buffer + *written, count - *written);
+        if (n > 0) {
+            *written += static_cast<uint32_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            *error = errno;
+            return IoResult::failed;
+        }
+        const Wait w = wait_ready(fd, POLLOUT, deadline);
+        if (w == Wait::timeout)
+            return IoResult::short_count;
+        if (w == Wait::gone) {
+            *error = EIO;
+            return IoResult::failed;
+        }
+    }
+    return IoResult::ok;
+}
+
+ZEL_STATUS serial_open(zel_handle_record *hnd, const char *path, uint32_t baud, bool reset_disabled)
+{
+    if (!hnd)
+        return ZEL_DEVICE_WRONG_HANDLE;
+    if (!path)
+        return ZEL_READER_OPENING_ERROR;
+    const int fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return ZEL_READER_OPENING_ERROR;
+    termios tio{};
+    if (tcgetattr(fd, &tio) != 0) {
+        close(fd);
+        return ZEL_READER_OPENING_ERROR;
+    }
+    cfmakeraw(&tio);
+    tio.c_cflag |= CLOCAL | CREAD;
+    tio.c_cflag &= ~static_cast<tcflag_t>(CSTOPB | PARENB | CRTSCTS);
+    tio.c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
+    if (reset_disabled)
+        tio.c_cflag &= ~static_cast<tcflag_t>(HUPCL); // closing must not drop the lines either
+    tio.c_cc[VMIN] = 0;
+    tio.c_cc[VTIME] = 0;
+    if (tcsetattr(fd, TCSANOW, &tio) != 0 || serial_set_baud(fd, baud) != 0) {
+        close(fd);
+        return ZEL_READER_OPENING_ERROR;
+    }
+    if (!reset_disabled) {
+        // DTR on, as the line settings ask; a port without modem lines (a pseudo-terminal) has none.
+        int bits = TIOCM_DTR;
+        (void)ioctl(fd, TIOCMBIS, &bits);
+    }
+    tcflush(fd, TCIOFLUSH);
+    set_com_fd(hnd, fd);
+    hnd->comm.use = ZEL_PORT_SERIAL;
+    hnd->baud_rate = baud;
+    hnd->com_read_timeout_ms = 1500;
+    hnd->com_write_timeout_ms = 1500;
+    hnd->opened = 1;
+    return ZEL_OK;
+}
+
+} // namespace zel

@@ -1,0 +1,26 @@
+// Serial ports as terminal devices: raw 8N1 lines, millisecond time-outs kept with poll() and a deadline.
+#ifndef ZEL_TRANSPORT_SERIAL_H
+#define ZEL_TRANSPORT_SERIAL_H
+
+#include <cstdint>
+
+#include "zel_handle.h"
+
+namespace zel {
+
+enum class IoResult { ok, short_count, failed };
+
+// Reads count bytes within timeout_ms; got tells how many came.
+IoResult serial_read(int fd, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got);
+// Writes count bytes within timeout_ms; on failure error holds errno.
+IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
+                      int *error);
+// Any speed, the ones termios lacks included.
+int serial_set_baud(int fd, uint32_t baud);
+// Opens a terminal device as a raw line at baud and makes it the record's serial port, keeping the
+// record's RTS line untouched when reset_disabled is set. ZEL_OK or ZEL_READER_OPENING_ERROR.
+ZEL_STATUS serial_open(zel_handle_record *hnd, const char *path, uint32_t baud, bool reset_disabled);
+
+} // namespace zel
+
+#endif
