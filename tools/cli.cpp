@@ -6,6 +6,24 @@
 
 namespace tandro {
 
+namespace {
+std::vector<Command> &registry()
+{
+    static std::vector<Command> list;
+    return list;
+}
+} // namespace
+
+Registration::Registration(const Command &command)
+{
+    registry().push_back(command);
+}
+
+const std::vector<Command> &commands()
+{
+    return registry();
+}
+
 bool parse_u32(const std::string &text, uint32_t *value)
 {
     if (text.empty() || text[0] == '-')
@@ -40,6 +58,12 @@ std::string json_string(const std::string &text)
         }
     }
     return out + "\"";
+}
+
+int usage_error(const char *command, const std::string &message)
+{
+    std::fprintf(stderr, "tandro %s: %s\n", command, message.c_str());
+    return 2;
 }
 
 } // namespace tandro

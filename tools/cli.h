@@ -1,9 +1,10 @@
-// Small helpers of the tandro tool.
+// The tandro tool: options, the command registry and small helpers shared by the commands.
 #ifndef TANDRO_TOOLS_CLI_H
 #define TANDRO_TOOLS_CLI_H
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace tandro {
 
@@ -12,10 +13,26 @@ struct Options {
     bool debug = false;
 };
 
+using Args = std::vector<std::string>;
+
+// One command of the tool. Each command file registers its own with a static Registration.
+struct Command {
+    const char *name;
+    const char *usage;   // arguments, for the help text
+    const char *summary; // one line
+    int (*run)(const Options &opt, const Args &args);
+};
+struct Registration {
+    explicit Registration(const Command &command);
+};
+const std::vector<Command> &commands();
+
 // Decimal or 0x-prefixed hexadecimal.
 bool parse_u32(const std::string &text, uint32_t *value);
 // A JSON string literal, quotes included.
 std::string json_string(const std::string &text);
+// Prints "tandro NAME: message" on standard error and returns the exit code for a usage error (2).
+int usage_error(const char *command, const std::string &message);
 
 } // namespace tandro
 
