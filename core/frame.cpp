@@ -129,7 +129,7 @@ extern "C" ZEL_API ZEL_STATUS GetAndTestResponseIntroSam(ZEL_HANDLE hnd, uint8_t
         if (frame[kHeader] == kInterimHeader) {
             if (frame[kTrailer] == kInterimTrailer && frame[kCmd] == command) {
                 if (tick_ms() - start > kInterimLimitMs)
-                    return ZEL_COMMUNICATION_BREAK;
+                    return ZEL_COMMUNICATION_ERROR;
                 continue; // its checksum is not looked at
             }
             return frame_checksum_ok(frame) && frame[kTrailer] == kErrTrailer ? frame[kCmd] : ZEL_COMMUNICATION_ERROR;
@@ -323,7 +323,7 @@ ZEL_STATUS await_chain_reply(zel_handle_record *hnd, uint8_t *frame)
         if (!is_frame(frame, kInterimHeader, kInterimTrailer))
             return ZEL_OK;
         if (tick_ms() - start > kInterimLimitMs)
-            return ZEL_COMMUNICATION_BREAK;
+            return ZEL_COMMUNICATION_ERROR;
     }
 }
 
@@ -333,7 +333,7 @@ ZEL_STATUS read_chain_piece(zel_handle_record *hnd, uint8_t ext_len, uint8_t **r
     if (ext_len == 0)
         return ZEL_APDU_TRANSCEIVE_ERROR;
     if (*len + ext_len > kChainMaxReply + 1)
-        return ZEL_BUFFER_OVERFLOW;
+        return ZEL_MAX_SIZE_EXCEEDED;
     if (*len + ext_len > *cap) {
         const uint32_t grown = (*len + ext_len) * 2;
         auto *bigger = static_cast<uint8_t *>(std::realloc(*reply, grown));
@@ -410,7 +410,7 @@ ZEL_STATUS zel::chain_transceive(zel_handle_record *hnd, const uint8_t *data, ui
     status = read_chain_piece(hnd, frame[kExtLen], &buf, &have, &cap);
     for (uint32_t pieces = 0; status == ZEL_OK && frame[kPar1] == kChainMore; ++pieces) {
         if (pieces > kChainMaxReply / 16) {
-            status = ZEL_BUFFER_OVERFLOW; // a reader that never ends its reply
+            status = ZEL_COMMUNICATION_ERROR; // a reader that never ends its reply
             break;
         }
         if ((status = GetAndTestResponseIntro(hnd, frame, kCmdChainedApdu)) != ZEL_OK)

@@ -205,6 +205,38 @@ TEST(ResponseIntroSam, WaitsThroughInterimFrames)
     EXPECT_EQ(GetAndTestResponseIntroSam(&link.record, f, 0x40), ZEL_COMMUNICATION_BREAK); // nothing more
 }
 
+// A clock that leaps ten seconds at each look, so that waits with a limit run out at once.
+uint32_t g_leaping_tick = 0;
+uint32_t leaping_tick()
+{
+    return g_leaping_tick += 10000;
+}
+
+TEST(ResponseIntroSam, EndlessInterimFramesEndTheWait)
+{
+    ScriptLink link;
+    for (int i = 0; i < 50; ++i)
+        link.preload(frame(0xA1, 0x40, 0x85));
+    zel::set_tick_hook(leaping_tick);
+    uint8_t f[7];
+    EXPECT_EQ(GetAndTestResponseIntroSam(&link.record, f, 0x40), ZEL_COMMUNICATION_ERROR);
+
+    // The chained exchange waits through interim frames with the same limit.
+    ScriptLink chain;
+    const Bytes apdu{0x00, 0xB0, 0x00, 0x00};
+    Bytes interims;
+    for (int i = 0; i < 50; ++i)
+        interims = cat(interims, frame(0xA1, 0x94, 0x85));
+    chain.reply(frame(0xAC, 0x94, 0xCA, 0, 0, 0x5A));
+    chain.reply(interims);
+    uint8_t *reply = nullptr;
+    uint32_t reply_len = 0;
+    EXPECT_EQ(zel::chain_transceive(&chain.record, apdu.data(), 4, &reply, &reply_len, false, false),
+              ZEL_COMMUNICATION_ERROR);
+    zel::set_tick_hook(nullptr);
+    EXPECT_EQ(reply, nullptr);
+}
+
 TEST(ResponseData, ChecksumAndShortRead)
 {
     ScriptLink link;

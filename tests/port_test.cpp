@@ -207,6 +207,23 @@ TEST(SerialPort, ReadWriteTimeoutsAndClose)
     EXPECT_EQ(PortSetBaudRate(&rec, 115200), ZEL_COMMUNICATION_ERROR);
 }
 
+TEST(SerialPort, EveryRateOfTheBaudTable)
+{
+    Pty pty;
+    for (uint32_t baud : zel_baud_table) {
+        zel_handle_record rec;
+        zel_handle_init(&rec);
+        ASSERT_EQ(zel::serial_open(&rec, pty.path, baud, true), ZEL_OK) << baud;
+        EXPECT_EQ(rec.baud_rate, baud);
+        EXPECT_EQ(PortSetBaudRate(&rec, baud), ZEL_OK) << baud;
+        EXPECT_EQ(PortClose(&rec), ZEL_OK);
+    }
+    zel_handle_record rec;
+    zel_handle_init(&rec);
+    EXPECT_EQ(zel::serial_open(&rec, "/nonexistent/tty", 115200, true), ZEL_READER_OPENING_ERROR);
+    EXPECT_EQ(rec.opened, 0);
+}
+
 TEST(SerialPort, PeerGoneIsAFailureNotAHang)
 {
     auto *pty = new Pty;
