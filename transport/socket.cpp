@@ -18,6 +18,13 @@ constexpr uint32_t kPiece = 300;        // one receive takes at most this much
 constexpr uint32_t kReceiveWaitMs = 1000;
 std::atomic<int> g_open_sockets{0};
 
+bool is_stream(int fd)
+{
+    int type = 0;
+    socklen_t len = sizeof type;
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) == 0 && type == SOCK_STREAM;
+}
+
 bool has_socket(const zel_handle_record *hnd)
 {
     return hnd->udp_socket > 0;
@@ -87,8 +94,8 @@ extern "C" ZEL_API int udp_rx(ZEL_HANDLE hnd, uint32_t wanted)
                                    MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&hnd->udp_local), &from_len);
         if (n > 0)
             hnd->udp_rx_len += static_cast<int32_t>(n);
-        else if (n == 0 && p.revents & (POLLHUP | POLLIN))
-            break; // a stream peer closed
+        else if (n == 0 && is_stream(hnd->udp_socket))
+            break; // the stream's peer closed it
         else
             sched_yield();
     }
