@@ -75,6 +75,11 @@ uint64_t zsim_exchange_count(zsim *sim);
 /* Log each exchange to stderr (or not). */
 void zsim_set_log(zsim *sim, int on);
 
+/* Added for the program and the tools. */
+
+/* The whole tandro-sim command line (tandro-sim --help tells it). Returns the exit status. */
+int zsim_main(int argc, char **argv);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,3 @@
+#include "zelsim.h"
+
+int main(int argc, char **argv) { return zsim_main(argc, argv); }
