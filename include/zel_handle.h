@@ -42,6 +42,7 @@ extern "C" {
 #define ZEL_TRY_PORT_LEN 512
 #define ZEL_UDP_HOST_LEN 64
 #define ZEL_UDP_RX_BUF_LEN 4096
+#define ZEL_COM_RX_BUF_LEN 256
 #define ZEL_NDEF_IMAGE_LEN 10000
 #define ZEL_ASYNC_RING_LEN 16
 
@@ -87,6 +88,8 @@ struct zel_handle_record {
     int32_t comFd;
     uint32_t com_read_timeout_ms;  /* serial port time-outs, kept by the library with poll() */
     uint32_t com_write_timeout_ms;
+    uint16_t com_rx_len; /* bytes read ahead from the serial port, not yet taken */
+    uint8_t com_rx_buf[ZEL_COM_RX_BUF_LEN];
     uint32_t gpio_reset;
     uint8_t try_port_set;
     char try_port[ZEL_TRY_PORT_LEN];

@@ -207,6 +207,38 @@ TEST(SerialPort, ReadWriteTimeoutsAndClose)
     EXPECT_EQ(PortSetBaudRate(&rec, 115200), ZEL_COMMUNICATION_ERROR);
 }
 
+TEST(SerialPort, BytesReadAheadBelongToTheNextReadUntilAPurge)
+{
+    Pty pty;
+    zel_handle_record rec;
+    zel_handle_init(&rec);
+    ASSERT_EQ(zel::serial_open(&rec, pty.path, 1000000, true), ZEL_OK);
+    PortSetTimeout(&rec, 30);
+    ASSERT_EQ(write(pty.master, "0123456789AB", 12), 12);
+    uint8_t in[12];
+    ASSERT_EQ(PortRead(&rec, in, 7), ZEL_OK);
+    EXPECT_EQ(std::memcmp(in, "0123456", 7), 0);
+    uint32_t avail = 0;
+    ASSERT_EQ(PortGetAvailable(&rec, &avail), ZEL_OK);
+    EXPECT_EQ(avail, 5u); // read ahead, still waiting for the caller
+    ASSERT_EQ(PortRead(&rec, in, 5), ZEL_OK);
+    EXPECT_EQ(std::memcmp(in, "789AB", 5), 0);
+
+    ASSERT_EQ(write(pty.master, "stale!", 6), 6);
+    ASSERT_EQ(PortRead(&rec, in, 2), ZEL_OK);
+    EXPECT_EQ(PortPurge(&rec), ZEL_OK); // drops what was read ahead as well as the queue
+    ASSERT_EQ(PortGetAvailable(&rec, &avail), ZEL_OK);
+    EXPECT_EQ(avail, 0u);
+    EXPECT_EQ(PortRead(&rec, in, 1), ZEL_COMMUNICATION_BREAK);
+    // A copy of the record carries what it had read ahead, like the socket buffer.
+    ASSERT_EQ(write(pty.master, "xy", 2), 2);
+    ASSERT_EQ(PortRead(&rec, in, 1), ZEL_OK);
+    zel_handle_record copy;
+    std::memcpy(static_cast<void *>(&copy), &rec, sizeof rec);
+    EXPECT_EQ(copy.com_rx_len, rec.com_rx_len);
+    PortClose(&rec);
+}
+
 TEST(SerialPort, EveryRateOfTheBaudTable)
 {
     Pty pty;

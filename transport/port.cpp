@@ -65,7 +65,8 @@ void log_transfer(const char *format, ZEL_STATUS status, uint32_t asked, uint32_
 
 ZEL_STATUS serial_read(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got)
 {
-    switch (zel::serial_read(zel::com_fd(hnd), buffer, count, hnd->com_read_timeout_ms, got)) {
+    const zel::ReadAhead ahead{hnd->com_rx_buf, sizeof hnd->com_rx_buf, &hnd->com_rx_len};
+    switch (zel::serial_read(zel::com_fd(hnd), ahead, buffer, count, hnd->com_read_timeout_ms, got)) {
     case zel::IoResult::ok: return ZEL_OK;
     case zel::IoResult::short_count: return ZEL_COMMUNICATION_BREAK;
     case zel::IoResult::failed: break;
@@ -240,13 +241,16 @@ extern "C" ZEL_API ZEL_STATUS PortPurge(ZEL_HANDLE hnd)
     switch (hnd->comm.use) {
     case ZEL_PORT_SERIAL: {
         const int fd = zel::com_fd(hnd);
-        if (fd < 0 || tcflush(fd, TCIOFLUSH) != 0)
+        hnd->com_rx_len = 0; // what was read ahead is stale too
+        if (fd < 0)
             return ZEL_COMMAND_FAILED;
-        // A link that delivers late (a pseudo-terminal, a USB bridge) may still hold bytes behind the
-        // flushed queue; drop whatever is readable now as well.
-        uint8_t sink[256];
-        while (read(fd, sink, sizeof sink) > 0) {
-        }
+        // Asking whether a queue holds anything costs less than flushing it; mostly neither does.
+        int in_queue = 0, out_queue = 0;
+        if (ioctl(fd, FIONREAD, &in_queue) != 0 || ioctl(fd, TIOCOUTQ, &out_queue) != 0)
+            return tcflush(fd, TCIOFLUSH) == 0 ? ZEL_OK : ZEL_COMMAND_FAILED;
+        const int which = in_queue && out_queue ? TCIOFLUSH : in_queue ? TCIFLUSH : out_queue ? TCOFLUSH : -1;
+        if (which >= 0 && tcflush(fd, which) != 0)
+            return ZEL_COMMAND_FAILED;
         return ZEL_OK;
     }
     case ZEL_PORT_FTDI: {
@@ -283,7 +287,7 @@ extern "C" ZEL_API ZEL_STATUS PortGetAvailable(ZEL_HANDLE hnd, uint32_t *availab
         const int fd = zel::com_fd(hnd);
         if (fd < 0 || ioctl(fd, FIONREAD, &queued) != 0)
             return ZEL_COMMUNICATION_ERROR;
-        *available = queued > 0 ? static_cast<uint32_t>(queued) : 0u;
+        *available = (queued > 0 ? static_cast<uint32_t>(queued) : 0u) + hnd->com_rx_len;
         return ZEL_OK;
     }
     default: return ZEL_PARAMETERS_ERROR;
@@ -368,6 +372,7 @@ extern "C" ZEL_API ZEL_STATUS PortClose(ZEL_HANDLE hnd)
         if (fd < 0 || close(fd) != 0)
             status = ZEL_CANT_CLOSE_READER_PORT;
         hnd->comHandle = nullptr;
+        hnd->com_rx_len = 0;
         break;
     }
     case ZEL_PORT_FTDI: {

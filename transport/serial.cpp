@@ -1,6 +1,7 @@
 #include "transport/serial.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -43,30 +44,47 @@ Wait wait_ready(int fd, short events, int64_t deadline)
 
 } // namespace
 
-IoResult serial_read(int fd, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got)
+namespace {
+// Moves up to want bytes from the front of the read-ahead buffer.
+uint32_t take_ahead(ReadAhead &ahead, uint8_t *out, uint32_t want)
 {
-    *got = 0;
+    const uint32_t have = *ahead.len <= ahead.cap ? *ahead.len : 0;
+    const uint32_t n = have < want ? have : want;
+    if (n) {
+        std::memcpy(out, ahead.buf, n);
+        std::memmove(ahead.buf, ahead.buf + n, have - n);
+    }
+    *ahead.len = static_cast<uint16_t>(have - n);
+    return n;
+}
+} // namespace
+
+IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got)
+{
+    *got = take_ahead(ahead, buffer, count);
+    if (*got == count)
+        return IoResult::ok;
     if (fd < 0)
         return IoResult::failed;
     const int64_t deadline = now_ms() + timeout_ms;
-    bool gone = false;
     while (*got < count) {
-        const ssize_t n = read(fd, buffer + *got, count - *got);
+        // Wait first: the read-ahead is empty, so the line has to bring the rest. Then take all the line
+        // holds, so that the next small read of an exchange finds its bytes without a system call.
+        const Wait w = wait_ready(fd, POLLIN, deadline);
+        if (w == Wait::timeout)
+            return IoResult::short_count;
+        const ssize_t n = read(fd, ahead.buf, ahead.cap);
         if (n > 0) {
-            *got += static_cast<uint32_t>(n);
+            *ahead.len = static_cast<uint16_t>(n);
+            *got += take_ahead(ahead, buffer + *got, count - *got);
             continue;
         }
-        // A terminal with nothing to give answers 0 or EAGAIN; then wait for more, or the end of the line.
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
             return IoResult::failed;
-        if (gone)
-            return IoResult::failed;
-        const Wait w = wait_ready(fd, POLLIN, deadline);
-        if (w == Wait::timeout)
-            return IoResult::short_count;
-        gone = w == Wait::gone; // one more read takes what the line still holds
+        if (w == Wait::gone)
+            return IoResult::failed; // hung up, and nothing was left to take
     }
     return IoResult::ok;
 }
@@ -137,6 +155,7 @@ ZEL_STATUS serial_open(zel_handle_record *hnd, const char *path, uint32_t baud, 
     }
     tcflush(fd, TCIOFLUSH);
     set_com_fd(hnd, fd);
+    hnd->com_rx_len = 0;
     hnd->comm.use = ZEL_PORT_SERIAL;
     hnd->baud_rate = baud;
     hnd->com_read_timeout_ms = 1500;

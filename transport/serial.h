@@ -10,8 +10,14 @@ namespace zel {
 
 enum class IoResult { ok, short_count, failed };
 
-// Reads count bytes within timeout_ms; got tells how many came.
-IoResult serial_read(int fd, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got);
+// Bytes read from the line ahead of what was asked, kept for the next read.
+struct ReadAhead {
+    uint8_t *buf;
+    uint32_t cap;
+    uint16_t *len;
+};
+// Reads count bytes within timeout_ms, taking what was read ahead first; got tells how many came.
+IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got);
 // Writes count bytes within timeout_ms; on failure error holds errno.
 IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
                       int *error);
