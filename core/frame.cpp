@@ -239,6 +239,16 @@ ZEL_STATUS zel::exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t 
     return ZEL_OK;
 }
 
+ZEL_STATUS zel::exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len)
+{
+    const uint8_t wake = 0x00;
+    const ZEL_STATUS status = PortWrite(hnd, &wake, 1);
+    if (status != ZEL_OK)
+        return status;
+    os_sleep(10);
+    return exchange_read_ext(hnd, buf, par, ext_len);
+}
+
 ZEL_STATUS zel::exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const uint8_t *ext_data,
                                    uint8_t ext_data_len, uint8_t *reply_par, uint8_t *reply_ext_len)
 {

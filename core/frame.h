@@ -46,6 +46,9 @@ uint8_t auth_mode_par0(uint8_t auth_mode);
 // ext_len tells the EXT length, checksum included.
 ZEL_STATUS exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
 
+// Shape 4: one wake byte 0x00, a pause of 10 ms for a sleeping reader to come up, then shape 2.
+ZEL_STATUS exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
+
 // Shape 3: a command with an EXT of ext_data_len data bytes (its checksum is added), then the response.
 // The response frame is left in frame and its EXT, if any, is read into frame as well, tested.
 ZEL_STATUS exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const uint8_t *ext_data, uint8_t ext_data_len,

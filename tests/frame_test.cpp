@@ -269,6 +269,32 @@ TEST(Shapes, WriteExtWaitsForTheAcknowledgeThenSendsTheBlock)
     EXPECT_EQ(f[1], 0xCD);
 }
 
+std::vector<uint32_t> g_sleeps;
+void record_sleep(uint32_t ms)
+{
+    g_sleeps.push_back(ms);
+}
+
+TEST(Shapes, WakeByteComesFirstAndThePauseGoesThroughTheSleepSeam)
+{
+    ScriptLink link;
+    link.reply({}); // the wake byte gets no answer
+    link.reply(cat(frame(0xDE, 0xE6, 0xED, 5, 0, 0), ext(Bytes{1, 2, 3, 4})));
+    zel::set_sleep_hook(record_sleep);
+    g_sleeps.clear();
+    uint8_t buf[zel::kFrameBufLen] = {};
+    zel::make_command(buf, 0xE6);
+    uint8_t par[2], len = 0;
+    ASSERT_EQ(zel::exchange_wake_read_ext(&link.record, buf, par, &len), ZEL_OK);
+    zel::set_sleep_hook(nullptr);
+    ASSERT_EQ(link.writes.size(), 2u);
+    EXPECT_EQ(link.writes[0], Bytes{0x00});
+    EXPECT_EQ(link.writes[1][1], 0xE6);
+    EXPECT_EQ(g_sleeps, std::vector<uint32_t>{10});
+    EXPECT_EQ(len, 5);
+    EXPECT_EQ(buf[3], 4);
+}
+
 TEST(BlockData, ChecksumReadApartAndSizeChecked)
 {
     ScriptLink link;
