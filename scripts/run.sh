@@ -11,10 +11,10 @@ FUZZ_SECONDS=${FUZZ_SECONDS:-15}
 
 bash scripts/install-deps.sh
 
-build() { # dir, extra cmake args...
+build() { # dir, extra cmake args... (BUILD_TARGET limits what is built)
   local dir=$1; shift
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j "$JOBS"
+  cmake --build "$dir" -j "$JOBS" ${BUILD_TARGET:+--target "$BUILD_TARGET"}
 }
 
 case "${1:-}" in
@@ -34,11 +34,19 @@ case "${1:-}" in
     build build-tsan -DZEL_SANITIZE=thread -DZEL_BENCH=OFF
     (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$JOBS" -L threaded)
     echo "== fuzz targets, ${FUZZ_SECONDS}s each"
-    CC=clang CXX=clang++ build build-fuzz -DZEL_FUZZ=ON -DZEL_TESTS=OFF -DZEL_BENCH=OFF
+    CC=clang CXX=clang++ BUILD_TARGET=fuzz_all build build-fuzz -DZEL_FUZZ=ON -DZEL_TESTS=OFF -DZEL_BENCH=OFF
     for t in build-fuzz/fuzz/fuzz_*; do
       [ -x "$t" ] || continue
-      echo "-- $(basename "$t")"
-      "$t" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -print_final_stats=0 2>&1 | tail -n 2
+      name=$(basename "$t")
+      echo "-- $name"
+      corpus=()
+      if [ -d "fuzz/corpus/$name" ]; then
+        mkdir -p "build-fuzz/corpus/$name"
+        corpus=("build-fuzz/corpus/$name" "fuzz/corpus/$name")
+      fi
+      "$t" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 "${corpus[@]}" > "build-fuzz/$name.log" 2>&1 ||
+        { tail -n 40 "build-fuzz/$name.log"; exit 1; }
+      tail -n 1 "build-fuzz/$name.log"
     done
     echo "== all stages passed"
     (cd build && ctest -j "$JOBS" 2>&1 | tail -n 3)
