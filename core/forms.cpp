@@ -31,6 +31,20 @@
 
 #define ZEL_DEFINE_FAMILY(LIST) LIST(ZEL_DEFINE_FORMS, ZEL_DEFINE_FORMS0)
 
+#define ZEL_DEFINE_FORMS_NO_M(Ret, Name, Params, Args)               \
+    extern "C" ZEL_API Ret Name Params                               \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd ZEL_FORMS_GLOBAL_ARGS Args;                 \
+    }
+#define ZEL_DEFINE_FORMS0_NO_M(Ret, Name)                            \
+    extern "C" ZEL_API Ret Name(void)                                \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd(&zel_global);                               \
+    }
+#define ZEL_DEFINE_FAMILY_NO_M(LIST) LIST(ZEL_DEFINE_FORMS_NO_M, ZEL_DEFINE_FORMS0_NO_M)
+
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_READER_CLOSE)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_FRAME)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_READER_IDENTITY)

@@ -28,4 +28,13 @@
 /* Declares every form of every operation of a family list. */
 #define ZEL_DECLARE_FAMILY(LIST) LIST(ZEL_DECLARE_FORMS, ZEL_DECLARE_FORMS0)
 
+/* Families whose operations have no M form: X on the global handle and the implementation XHnd only. */
+#define ZEL_DECLARE_FORMS_NO_M(Ret, Name, Params, Args)   \
+    ZEL_API Ret Name Params;                              \
+    ZEL_API Ret Name##Hnd ZEL_FORMS_HND_PARAMS Params;
+#define ZEL_DECLARE_FORMS0_NO_M(Ret, Name)                \
+    ZEL_API Ret Name(void);                               \
+    ZEL_API Ret Name##Hnd(ZEL_HANDLE hnd);
+#define ZEL_DECLARE_FAMILY_NO_M(LIST) LIST(ZEL_DECLARE_FORMS_NO_M, ZEL_DECLARE_FORMS0_NO_M)
+
 #endif
