@@ -12,7 +12,12 @@
 #include <vector>
 
 #include "core.h"
+#include "links.h"
 #include "zelsim.h"
+
+namespace zs {
+bool card_from_words(const std::vector<std::string> &w, size_t first, zsim_card &c, std::string &model);
+}
 
 namespace {
 
@@ -32,39 +37,35 @@ const char USAGE[] =
     "usage: %s [options]\n"
     "Serves one simulated Zel reader until interrupted (Ctrl-C) or until standard input says quit.\n"
     "\n"
-    "  --pty                serve on a new pseudo-terminal and print its device path\n"
-    "  --scenario FILE      load the reader, its links, cards and faults from a JSON file\n"
-    "  --type HEX           the reader type (default D1180022)\n"
-    "  --card UID[:SAK[:ATQA[:TYPE]]]  put a card in the field (hex values)\n"
-    "  --log                log every exchange on standard error\n"
-    "  --help               this text\n"
+    "Links (at least one, here or in the scenario):\n"
+    "  --pty                 serve on a new pseudo-terminal and print its device path\n"
+    "  --udp HOST:PORT       frames over UDP (PORT 0 takes a free port; the default is 8881)\n"
+    "  --tcp HOST:PORT       frames over TCP, one host at a time\n"
+    "  --discovery[=HOST:PORT]  answer discovery requests (default 0.0.0.0:8880) with where the first\n"
+    "                        UDP or TCP link is\n"
+    "  --discovery-short     answer with the 19-byte form (no serial number)\n"
+    "  --gpio SOCKET         take the reset line from the stand-in pinctrl through this Unix socket\n"
     "\n"
+    "The reader:\n"
+    "  --scenario FILE       load the reader, its cards, faults and links from a JSON file\n"
+    "  --type HEX            the reader type (default D1180022)\n"
+    "  --card UID[:SAK[:ATQA[:TYPE]]]  put a card in the field (hex; TYPE may be a name like ORB_NTAG_213)\n"
+    "  --time-scale PERCENT  run the reader's own times (the boot) faster or slower; 100 is real time\n"
+    "  --log                 log every exchange on standard error\n"
+    "  --help                this text\n"
+    "\n"
+    "Each link is printed on standard output, one a line (\"pty /dev/pts/4\", \"udp 127.0.0.1:8881\").\n"
     "Commands on standard input, one a line:\n"
-    "  add UID [SAK [ATQA [TYPE]]]   a card enters the field (hex)\n"
+    "  add UID [SAK [ATQA [TYPE [MODEL]]]]  a card enters the field (hex)\n"
     "  remove UID                    the card leaves the field\n"
     "  clear                         the field empties\n"
     "  list                          print the cards in the field\n"
+    "  fault KIND [command=HEX] [code=HEX] [delay=MS] [count=N] [times=N|always] [after=N]\n"
+    "                                bend the next matching exchanges (KIND: silence, late, bad_checksum,\n"
+    "                                wrong_echo, error_frame, truncate, extra_bytes, endless_interim, unplug)\n"
+    "  faults clear                  no more faults\n"
+    "  reset                         a reset edge: the reader restarts and sends its boot bytes\n"
     "  quit                          stop\n";
-
-bool parse_hex_bytes(const std::string &s, uint8_t *out, size_t max, size_t &len)
-{
-    len = 0;
-    std::string h;
-    for (char c : s)
-        if (c != ':' && c != ' ' && c != '-')
-            h += c;
-    if (h.size() % 2 || h.empty() || h.size() / 2 > max)
-        return false;
-    for (size_t i = 0; i < h.size(); i += 2) {
-        char *end = nullptr;
-        const std::string b = h.substr(i, 2);
-        const unsigned long v = std::strtoul(b.c_str(), &end, 16);
-        if (*end)
-            return false;
-        out[len++] = static_cast<uint8_t>(v);
-    }
-    return true;
-}
 
 bool parse_hex_u32(const std::string &s, uint32_t &v)
 {
@@ -95,133 +96,68 @@ std::vector<std::string> split(const std::string &s, const char *seps)
     return out;
 }
 
-// A card from UID, SAK, ATQA, TYPE words (hex); the type defaults to what the SAK suggests.
-bool card_from_words(const std::vector<std::string> &w, size_t first, zsim_card &c)
+// HOST:PORT, HOST, or :PORT.
+bool parse_host_port(const std::string &s, std::string &host, uint16_t &port)
 {
-    c = zsim_card{};
-    size_t len = 0;
-    if (first >= w.size() || !parse_hex_bytes(w[first], c.uid, 10, len) || (len != 4 && len != 7 && len != 10))
+    const size_t colon = s.rfind(':');
+    if (colon == std::string::npos) {
+        if (!s.empty())
+            host = s;
+        return !s.empty();
+    }
+    if (colon > 0)
+        host = s.substr(0, colon);
+    const std::string p = s.substr(colon + 1);
+    char *end = nullptr;
+    const unsigned long v = std::strtoul(p.c_str(), &end, 10);
+    if (p.empty() || *end || v > 65535)
         return false;
-    c.uid_len = static_cast<uint8_t>(len);
-    uint32_t v = 0;
-    c.sak = 0x08;
-    c.atqa = 0x0004;
-    c.orb_type = 0x21; // a 1K classic card
-    if (w.size() > first + 1) {
-        if (!parse_hex_u32(w[first + 1], v) || v > 0xFF)
-            return false;
-        c.sak = static_cast<uint8_t>(v);
-        c.orb_type = c.sak == 0x00 ? 0x08 : c.sak == 0x18 ? 0x22 : c.sak == 0x20 ? 0x2B : 0x21;
-    }
-    if (w.size() > first + 2) {
-        if (!parse_hex_u32(w[first + 2], v) || v > 0xFFFF)
-            return false;
-        c.atqa = static_cast<uint16_t>(v);
-    }
-    if (w.size() > first + 3) {
-        if (!parse_hex_u32(w[first + 3], v) || v > 0xFF)
-            return false;
-        c.orb_type = static_cast<uint8_t>(v);
-    }
+    port = static_cast<uint16_t>(v);
     return true;
-}
-
-void print_card(FILE *f, const zsim_card &c)
-{
-    for (int i = 0; i < c.uid_len; ++i)
-        std::fprintf(f, "%02X", c.uid[i]);
-    std::fprintf(f, " sak %02X atqa %04X type %02X\n", c.sak, c.atqa, c.orb_type);
-}
-
-// One line of standard input. Returns false for quit.
-bool run_command(zsim *sim, const std::string &line)
-{
-    const auto w = split(line, " \t\r\n");
-    if (w.empty() || w[0][0] == '#')
-        return true;
-    if (w[0] == "quit" || w[0] == "exit")
-        return false;
-    if (w[0] == "add") {
-        zsim_card c;
-        if (!card_from_words(w, 1, c))
-            std::fprintf(stderr, "add: usage: add UID [SAK [ATQA [TYPE]]] (hex; UID of 4, 7 or 10 bytes)\n");
-        else if (zsim_card_add(sim, &c) != 0)
-            std::fprintf(stderr, "add: the field is full\n");
-        else
-            std::fprintf(stderr, "card entered the field\n");
-    } else if (w[0] == "remove") {
-        uint8_t uid[10];
-        size_t len = 0;
-        if (w.size() < 2 || !parse_hex_bytes(w[1], uid, 10, len))
-            std::fprintf(stderr, "remove: usage: remove UID\n");
-        else if (zsim_card_remove(sim, uid, static_cast<uint8_t>(len)) != 0)
-            std::fprintf(stderr, "remove: no such card in the field\n");
-        else
-            std::fprintf(stderr, "card left the field\n");
-    } else if (w[0] == "clear") {
-        zsim_field_clear(sim);
-    } else if (w[0] == "list") {
-        std::lock_guard<std::mutex> lock(sim->mu);
-        if (sim->reader.cards.empty())
-            std::fprintf(stderr, "the field is empty\n");
-        for (const auto &c : sim->reader.cards)
-            print_card(stderr, c);
-    } else {
-        std::fprintf(stderr, "unknown command '%s' (add, remove, clear, list, quit)\n", w[0].c_str());
-    }
-    return true;
-}
-
-std::string read_file(const char *path, bool &ok)
-{
-    ok = false;
-    FILE *f = std::fopen(path, "rb");
-    if (!f)
-        return {};
-    std::string s;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && s.size() < (16u << 20))
-        s.append(buf, n);
-    ok = !std::ferror(f);
-    std::fclose(f);
-    return s;
 }
 
 struct Options {
-    bool pty = false;
     bool log = false;
     const char *scenario = nullptr;
+    std::vector<zs::LinkSpec> links;
+    bool short_discovery = false;
+    int time_scale = -1;
 };
 
 int serve(zsim *sim, const Options &o, const char *prog)
 {
-    if (o.scenario) {
-        bool ok = false;
-        const std::string text = read_file(o.scenario, ok);
-        char err[256] = {};
-        if (!ok) {
-            std::fprintf(stderr, "%s: cannot read %s: %s\n", prog, o.scenario, std::strerror(errno));
-            return 2;
-        }
-        if (zsim_load_scenario(sim, text.c_str(), err, sizeof err) != 0) {
-            std::fprintf(stderr, "%s: %s: %s\n", prog, o.scenario, err);
-            return 2;
-        }
+    char err[512] = {};
+    if (o.scenario && zsim_load_scenario_file(sim, o.scenario, err, sizeof err) != 0) {
+        std::fprintf(stderr, "%s: %s\n", prog, err);
+        return 2;
     }
-    zsim_set_log(sim, o.log);
-    bool any = false;
-    if (o.pty) {
-        char path[256] = {};
-        if (zsim_serve_pty(sim, path, sizeof path) != 0) {
-            std::fprintf(stderr, "%s: no pseudo-terminal: %s\n", prog, std::strerror(errno));
-            return 1;
+    if (o.log)
+        zsim_set_log(sim, 1);
+    if (o.time_scale >= 0)
+        zsim_set_time_scale(sim, static_cast<uint32_t>(o.time_scale));
+    {
+        // Links of the command line come after the scenario's.
+        std::lock_guard<std::mutex> lock(sim->mu);
+        for (auto l : o.links) {
+            if (l.kind == "discovery")
+                l.short_form = o.short_discovery;
+            sim->link_specs.push_back(l);
         }
-        std::printf("%s\n", path);
-        any = true;
+        if (o.short_discovery)
+            for (auto &l : sim->link_specs)
+                if (l.kind == "discovery")
+                    l.short_form = true;
     }
+    char report[2048] = {};
+    const int rc = zsim_serve_links(sim, report, sizeof report);
+    std::fputs(report, stdout);
     std::fflush(stdout);
-    if (!any) {
+    if (rc != 0) {
+        std::fprintf(stderr, "%s: a link did not start\n", prog);
+        zsim_stop(sim);
+        return 1;
+    }
+    if (!report[0]) {
         std::fprintf(stderr, "%s: no link to serve (try --pty)\n", prog);
         return 2;
     }
@@ -252,7 +188,9 @@ int serve(zsim *sim, const Options &o, const char *prog)
             size_t nl;
             bool quit = false;
             while (!quit && (nl = pending.find('\n')) != std::string::npos) {
-                quit = !run_command(sim, pending.substr(0, nl));
+                std::string out;
+                quit = zs::run_text_command(sim, pending.substr(0, nl), out) == 1;
+                std::fputs(out.c_str(), stderr);
                 pending.erase(0, nl + 1);
             }
             if (pending.size() > 4096)
@@ -287,7 +225,43 @@ extern "C" int zsim_main(int argc, char **argv)
             std::printf(USAGE, prog);
             rc = 0;
         } else if (a == "--pty") {
-            o.pty = true;
+            zs::LinkSpec l;
+            l.kind = "pty";
+            o.links.push_back(l);
+        } else if ((a == "--udp" || a == "--tcp") && has_value) {
+            zs::LinkSpec l;
+            l.kind = a.substr(2);
+            l.port = 8881;
+            if (!parse_host_port(argv[++i], l.host, l.port)) {
+                std::fprintf(stderr, "%s: bad address '%s' (HOST:PORT)\n", prog, argv[i]);
+                rc = 2;
+            }
+            o.links.push_back(l);
+        } else if (a == "--discovery" || a.rfind("--discovery=", 0) == 0) {
+            zs::LinkSpec l;
+            l.kind = "discovery";
+            l.host = "0.0.0.0";
+            l.port = 8880;
+            if (a.size() > 12 && !parse_host_port(a.substr(12), l.host, l.port)) {
+                std::fprintf(stderr, "%s: bad address in '%s'\n", prog, a.c_str());
+                rc = 2;
+            }
+            o.links.push_back(l);
+        } else if (a == "--discovery-short") {
+            o.short_discovery = true;
+        } else if (a == "--gpio" && has_value) {
+            zs::LinkSpec l;
+            l.kind = "gpio";
+            l.path = argv[++i];
+            o.links.push_back(l);
+        } else if (a == "--time-scale" && has_value) {
+            char *end = nullptr;
+            const long v = std::strtol(argv[++i], &end, 10);
+            if (*end || v < 1 || v > 10000) {
+                std::fprintf(stderr, "%s: bad time scale '%s' (1 to 10000 percent)\n", prog, argv[i]);
+                rc = 2;
+            }
+            o.time_scale = static_cast<int>(v);
         } else if (a == "--log") {
             o.log = true;
         } else if (a == "--scenario" && has_value) {
@@ -302,7 +276,9 @@ extern "C" int zsim_main(int argc, char **argv)
             }
         } else if (a == "--card" && has_value) {
             zsim_card c;
-            if (!card_from_words(split(argv[++i], ":,"), 0, c) || zsim_card_add(sim, &c) != 0) {
+            std::string model;
+            if (!zs::card_from_words(split(argv[++i], ":,"), 0, c, model) ||
+                zsim_card_add_model(sim, &c, model.c_str(), nullptr) != 0) {
                 std::fprintf(stderr, "%s: bad card '%s'\n", prog, argv[i]);
                 rc = 2;
             }

@@ -40,6 +40,34 @@ struct LinkCore {
     uint64_t accept_from_ms = 0;      // frames before this moment are not heard (booting)
     bool stream_started = true;       // for TCP: false until the host's wake byte arrives
     bool datagram = false;            // replies go out in datagrams of at most 300 bytes
+    bool check_baud = false;          // the link has a line rate: bytes pass only when both sides agree
+    uint32_t host_baud = 0;
+};
+
+// The boot loader's announcement after a reset, and the reader's start-up times (before the time scale).
+constexpr uint8_t BOOT_BYTES[4] = {0x03, 0x55, 0x55, 0xBB};
+constexpr uint64_t BOOT_DELAY_MS = 20;   // from the reset edge to the boot bytes
+constexpr uint64_t BOOT_READY_MS = 80;   // from the boot bytes to the first frame heard
+
+// What the discovery responder announces: the reader's first UDP or TCP link.
+struct DiscoveryTarget {
+    uint8_t address[4] = {127, 0, 0, 1};
+    uint16_t port = 8881;
+    uint8_t protocol = 0; // 'U' or 'T'; 0 until a frame link starts (then 'U' on 8881 is announced)
+};
+
+// A link asked for by a scenario, started by zsim_serve_links (the D2XX stand-in serves its own).
+struct LinkSpec {
+    std::string kind;          // pty, udp, tcp, discovery, gpio, d2xx
+    std::string host = "127.0.0.1";
+    uint16_t port = 0;
+    bool short_form = false;   // discovery: the 19-byte reply
+    std::string path;          // gpio: the socket
+    uint32_t pin = 23;
+    // d2xx
+    std::string serial, description;
+    bool invert_rts = false;
+    int32_t com_port = -1;
 };
 
 // Feeds the host's bytes into the reader. Appends what the reader answers to the link's pending actions.
@@ -48,8 +76,12 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n);
 bool link_due(zsim *sim, LinkCore &link, std::vector<uint8_t> &out);
 // Milliseconds until the link has something due, or -1 for nothing.
 int link_wait_ms(zsim *sim, const LinkCore &link);
-// A reset edge: the reader restarts and announces itself.
+// A reset edge: the reader restarts and announces itself. The caller holds the simulator's lock.
 void link_reset(zsim *sim, LinkCore &link);
+// Puts bytes the reader sends by itself on the link now. The caller holds the simulator's lock.
+void link_push(zsim *sim, LinkCore &link, const std::vector<uint8_t> &bytes);
+// Scales a reader time by the simulator's time scale.
+uint64_t scaled_ms(zsim *sim, uint64_t ms);
 
 // One running link (a thread serving a pty or a socket).
 struct Link {
@@ -70,8 +102,12 @@ struct zsim {
     std::atomic<uint64_t> exchanges{0};
     std::atomic<int> log{0};
     std::atomic<uint32_t> time_scale_pct{100};
+    std::atomic<uint64_t> resets{0};
+    // Lock order: links_mu before mu.
     std::mutex links_mu;
     std::vector<std::unique_ptr<zs::Link>> links;
+    std::vector<zs::LinkSpec> link_specs; // under mu
+    zs::DiscoveryTarget discovery_target; // under mu
 };
 
 #endif

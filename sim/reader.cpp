@@ -1,5 +1,6 @@
 #include "reader.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "wire.h"
@@ -14,13 +15,21 @@ void put_u32(uint8_t *p, uint32_t v)
         p[i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
+uint32_t get_u32(const uint8_t *p)
+{
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+const uint32_t RATES[] = {1000000, 115200, 250000, 9600, 19200, 38400, 57600, 230400, 460800, 500000};
+
 const zsim_card *card_in_field(Reader &r)
 {
     if (r.cards.empty())
         return nullptr;
-    r.last_card = r.cards.front();
+    r.last_card = r.cards.front()->id();
     r.have_last_card = true;
-    return &r.cards.front();
+    return &r.cards.front()->id();
 }
 
 void card_id(Reader &r, const uint8_t *f, Answer &a)
@@ -46,46 +55,379 @@ void card_id_ex(const zsim_card *c, uint8_t cmd, Answer &a)
     put_response(a.bytes, cmd, c->sak, n, d, 10);
 }
 
+void ok(Answer &a, uint8_t cmd, uint8_t p0 = 0, uint8_t p1 = 0) { put_response(a.bytes, cmd, p0, p1); }
+
+bool password_ok(const Reader &r, const uint8_t *pw) { return std::memcmp(r.password, pw, 8) == 0; }
+
+// The parameter block of 0xF0 and 0xF1: MUI, serial, HW type and version, device type, firmware.
+void parameters(const Reader &r, const uint8_t *f, Answer &a)
+{
+    if (r.param_form == ParamForm::NONE || (r.param_form == ParamForm::SHORT && f[1] == 0xF0 && f[4] == 1))
+        return put_error(a.bytes, E_NOT_SUPPORTED);
+    std::vector<uint8_t> d;
+    const bool long_form = r.param_form == ParamForm::LONG;
+    d.insert(d.end(), r.mui, r.mui + (long_form ? 16 : 12));
+    const std::string sd = r.serial_desc();
+    d.insert(d.end(), sd.begin(), sd.end());
+    d.push_back(r.hw_type);
+    d.push_back(r.hw_ver);
+    uint8_t t[4];
+    put_u32(t, r.device_type ? r.device_type : r.type);
+    d.insert(d.end(), t, t + 4);
+    d.push_back(r.fw_major);
+    d.push_back(r.fw_minor);
+    if (long_form)
+        d.push_back(r.build);
+    put_response(a.bytes, f[1], 0, 0, d.data(), d.size());
+}
+
+void eeprom_read(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    if (len < 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint32_t addr = get_u32(ext) & 0x7FFFFFFF;
+    const uint32_t count = get_u32(ext + 4);
+    if (count > 128)
+        return put_error(a.bytes, E_MAX_SIZE);
+    if (len != count + 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)
+        return put_error(a.bytes, E_MAX_ADDRESS);
+    if (count == 0)
+        return ok(a, f[1]);
+    put_response(a.bytes, f[1], 0, 0, r.eeprom + addr, count);
+}
+
+void eeprom_write(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    if (len < 16)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint32_t addr = get_u32(ext) & 0x7FFFFFFF;
+    const uint32_t count = get_u32(ext + 4);
+    if (count > 128)
+        return put_error(a.bytes, E_MAX_SIZE);
+    if (len != count + 16)
+        return put_error(a.bytes, E_PARAMETERS);
+    if (!password_ok(r, ext + 8))
+        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)
+        return put_error(a.bytes, E_MAX_ADDRESS);
+    std::memcpy(r.eeprom + addr, ext + 16, count);
+    ok(a, f[1]);
+}
+
+void user_data(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    const bool extended = f[4] == 2;
+    const size_t n = extended ? 32 : 16;
+    if (f[1] == 0x1B) {
+        uint8_t d[32];
+        std::memcpy(d, r.eeprom + EE_USER_DATA, 16);
+        std::memcpy(d + 16, r.user_data_ext, 16);
+        return put_response(a.bytes, f[1], 0, 0, d, n);
+    }
+    if (len != n)
+        return put_error(a.bytes, E_PARAMETERS);
+    std::memcpy(r.eeprom + EE_USER_DATA, ext, 16);
+    if (extended)
+        std::memcpy(r.user_data_ext, ext + 16, 16);
+    ok(a, f[1]);
+}
+
+// The asynchronous card id setup: flags in PAR0; EXT prefix, suffix, baud, and a checksum of its own over
+// the flags and those six bytes.
+void async_set(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    if (len != 7)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint8_t flags = f[4];
+    uint8_t inner = flags;
+    for (int i = 0; i < 6; ++i)
+        inner ^= ext[i];
+    if (static_cast<uint8_t>(inner + 7) != ext[6])
+        return put_error(a.bytes, E_CHKSUM);
+    r.set_async(flags, ext[0], ext[1], get_u32(ext + 2));
+    r.async_json = f[5] == 1;
+    ok(a, f[1], flags, f[5]);
+}
+
+// The read-back mirrors the setup: flags, prefix, suffix, baud and the inner checksum.
+void async_get(Reader &r, const uint8_t *f, Answer &a)
+{
+    put_response(a.bytes, f[1], r.eeprom[EE_ASYNC], r.async_json ? 1 : 0, r.eeprom + EE_ASYNC, 8);
+}
+
 } // namespace
 
-bool reader_wants_ext(const Reader &, const uint8_t frame[7])
+Reader::Reader()
 {
-    switch (frame[1]) {
+    set_serial_desc("ZS000001");
+    set_async(0, '!', '!', 1000000);
+}
+
+std::string Reader::serial_desc() const
+{
+    return std::string(reinterpret_cast<const char *>(eeprom + EE_SERIAL_DESC), 8);
+}
+
+void Reader::set_serial_desc(const std::string &s)
+{
+    std::memset(eeprom + EE_SERIAL_DESC, 0, 8);
+    std::memcpy(eeprom + EE_SERIAL_DESC, s.data(), s.size() < 8 ? s.size() : 8);
+}
+
+void Reader::set_async(uint8_t flags, uint8_t prefix, uint8_t suffix, uint32_t b)
+{
+    uint8_t *p = eeprom + EE_ASYNC;
+    p[0] = flags;
+    p[1] = prefix;
+    p[2] = suffix;
+    put_u32(p + 3, b);
+    uint8_t x = 0;
+    for (int i = 0; i < 7; ++i)
+        x ^= p[i];
+    p[7] = static_cast<uint8_t>(x + 7);
+}
+
+bool reader_rate_known(uint32_t baud)
+{
+    for (uint32_t r : RATES)
+        if (r == baud)
+            return true;
+    return false;
+}
+
+bool reader_wants_ext(const Reader &r, const uint8_t f[7])
+{
+    switch (f[1]) {
+    case 0x12: // key write
+    case 0x1C: // user data write
+    case 0x27: // keys lock
+    case 0x28: // keys unlock
+    case 0x32: // time set
+    case 0x33: // password change
+    case 0x34: // EEPROM read
+    case 0x35: // EEPROM write
+    case 0x36: // job id
+    case 0x3D: // asynchronous card id setup
+    case 0x3E: // its read-back, which some hosts send with an EXT of the same shape
+    case 0x40: // serial description, set form
+    case 0x43: // pro mode set
+    case 0x70: // serial speed
+        return true;
     default:
-        return false;
+        return !r.cards.empty() && r.cards.front()->wants_ext(f);
     }
 }
 
-void reader_command(Reader &r, const uint8_t f[7], const uint8_t *, size_t, Answer &a)
+void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
 {
     const uint8_t cmd = f[1];
+    // The EXT's data, without its checksum.
+    const size_t len = ext && ext_len ? ext_len - 1 : 0;
     switch (cmd) {
     case 0x10: { // reader type
         uint8_t d[4];
         put_u32(d, r.type);
         return put_response(a.bytes, cmd, 0, 0, d, 4);
     }
+    case 0x11: { // serial number
+        uint8_t d[4];
+        put_u32(d, r.serial);
+        return put_response(a.bytes, cmd, 0, 0, d, 4);
+    }
+    case 0x12: // one of the 32 reader keys
+        if (len != 6)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (f[4] >= KEY_COUNT)
+            return put_error(a.bytes, E_MAX_KEY_INDEX);
+        if (r.keys_locked)
+            return put_error(a.bytes, E_KEYS_LOCKED);
+        std::memcpy(r.keys[f[4]], ext, 6);
+        return ok(a, cmd);
     case 0x13:
         return card_id(r, f, a);
+    case 0x1B:
+    case 0x1C:
+        return user_data(r, f, ext, len, a);
+    case 0x27:
+    case 0x28:
+        if (len != 8)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        r.keys_locked = cmd == 0x27;
+        return ok(a, cmd);
+    case 0x29: // firmware version
+        return ok(a, cmd, r.fw_major, r.fw_minor);
+    case 0x2A: // hardware version with the pair 11 22; any other form is the presence test
+        if (f[4] == 0x11 && f[5] == 0x22)
+            return ok(a, cmd, r.hw_type, r.hw_ver);
+        return ok(a, cmd);
+    case 0x2B:
+        return ok(a, cmd, r.build);
     case 0x2C: {
         const zsim_card *c = card_in_field(r);
         if (!c)
             return put_error(a.bytes, E_NO_CARD);
         return card_id_ex(c, cmd, a);
     }
+    case 0x30: // soft restart: answer, then boot
+        a.restart = true;
+        return ok(a, cmd);
+    case 0x31:
+        return put_response(a.bytes, cmd, 0, 0, r.time, 6);
+    case 0x32:
+        if (len != 14)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        std::memcpy(r.time, ext + 8, 6);
+        return ok(a, cmd);
+    case 0x33:
+        if (len != 16)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        std::memcpy(r.password, ext + 8, 8);
+        return ok(a, cmd);
+    case 0x34:
+        return eeprom_read(r, f, ext, len, a);
+    case 0x35:
+        return eeprom_write(r, f, ext, len, a);
+    case 0x36: // job id: u16, then the password
+        if (len != 10)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext + 2))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        std::memcpy(r.eeprom + EE_JOB_ID, ext, 2);
+        return ok(a, cmd);
     case 0x3C: {
         const zsim_card *c = card_in_field(r);
         if (!c)
             return put_error(a.bytes, E_NO_CARD);
-        return put_response(a.bytes, cmd, c->orb_type, 0);
+        return ok(a, cmd, c->orb_type);
+    }
+    case 0x3D:
+        return async_set(r, f, ext, len, a);
+    case 0x3E:
+        return async_get(r, f, a);
+    case 0x40: {
+        if (!ext) {
+            const std::string sd = r.serial_desc();
+            return put_response(a.bytes, cmd, 0, 0, reinterpret_cast<const uint8_t *>(sd.data()), 8);
+        }
+        // The set form: the password, then the 8 characters.
+        if (len != 16)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        std::memcpy(r.eeprom + EE_SERIAL_DESC, ext + 8, 8);
+        return ok(a, cmd);
+    }
+    case 0x42:
+        return put_response(a.bytes, cmd, r.eeprom[EE_PRO_MODE], r.eeprom[EE_PRO_MODE + 1], r.eeprom + EE_PRO_MODE, 2);
+    case 0x43: // pro mode: u32, of which the reader keeps the low 16 bits
+        if (len != 8)
+            return put_error(a.bytes, E_PARAMETERS);
+        std::memcpy(r.eeprom + EE_PRO_MODE, ext, 2);
+        return ok(a, cmd);
+    case 0x4B: // speed kept for the next start: two 2-bit values, marked and with their complement
+        if (f[4] > 3 || f[5] > 3)
+            return put_error(a.bytes, E_PARAMETERS);
+        r.speed_par[0] = f[4];
+        r.speed_par[1] = f[5];
+        r.eeprom[EE_SPEED] = static_cast<uint8_t>(0x50 | (f[5] << 2) | f[4]);
+        r.eeprom[EE_SPEED + 1] = static_cast<uint8_t>(~r.eeprom[EE_SPEED]);
+        return ok(a, cmd);
+    case 0x4C:
+        return ok(a, cmd, r.speed_par[0], r.speed_par[1]);
+    case 0x70: { // the new rate takes effect at once: nothing is answered at the old one
+        if (len != 4)
+            return put_error(a.bytes, E_PARAMETERS);
+        const uint32_t b = get_u32(ext);
+        if (!reader_rate_known(b))
+            return put_error(a.bytes, E_PARAMETERS);
+        a.new_baud = b;
+        return;
     }
     case 0x7C:
         if (!r.have_last_card)
             return put_error(a.bytes, E_NO_CARD);
         return card_id_ex(&r.last_card, cmd, a);
+    case 0xF0:
+    case 0xF1:
+        return parameters(r, f, a);
+    case 0xF9: // a plain reader has no network module in front of it
+        return put_error(a.bytes, E_NOT_SUPPORTED);
     default:
+        if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))
+            return;
         return put_error(a.bytes, E_NOT_SUPPORTED);
     }
+}
+
+namespace {
+
+std::vector<uint8_t> uid_text(const Reader &r, const zsim_card &c)
+{
+    const uint8_t flags = r.async_flags();
+    uint8_t uid[10];
+    const size_t n = c.uid_len > 10 ? 10 : c.uid_len;
+    for (size_t i = 0; i < n; ++i)
+        uid[i] = (flags & ASYNC_REVERSE) ? c.uid[n - 1 - i] : c.uid[i];
+    char text[32] = {};
+    if (flags & ASYNC_DECIMAL) {
+        // The UID as one big-endian number, in decimal; at most its last 8 bytes fit.
+        uint64_t v = 0;
+        for (size_t i = n > 8 ? n - 8 : 0; i < n; ++i)
+            v = v << 8 | uid[i];
+        std::snprintf(text, sizeof text, "%llu", static_cast<unsigned long long>(v));
+    } else {
+        for (size_t i = 0; i < n; ++i)
+            std::snprintf(text + 2 * i, 3, "%02X", uid[i]);
+    }
+    return std::vector<uint8_t>(text, text + std::strlen(text));
+}
+
+} // namespace
+
+std::vector<uint8_t> reader_push_arrival(const Reader &r, const zsim_card &c)
+{
+    std::vector<uint8_t> out;
+    const uint8_t flags = r.async_flags();
+    if (!(flags & ASYNC_SEND))
+        return out;
+    const std::vector<uint8_t> text = uid_text(r, c);
+    if (r.async_json) {
+        const char *head = "{\"uid\":\"";
+        out.insert(out.end(), head, head + std::strlen(head));
+        out.insert(out.end(), text.begin(), text.end());
+        out.push_back('"');
+        out.push_back('}');
+        return out;
+    }
+    if (flags & ASYNC_PREFIX)
+        out.push_back(r.eeprom[EE_ASYNC + 1]);
+    out.insert(out.end(), text.begin(), text.end());
+    out.push_back(r.eeprom[EE_ASYNC + 2]);
+    return out;
+}
+
+std::vector<uint8_t> reader_push_removal(const Reader &r)
+{
+    std::vector<uint8_t> out;
+    const uint8_t flags = r.async_flags();
+    if (!(flags & ASYNC_SEND) || !(flags & ASYNC_REMOVAL))
+        return out;
+    if (r.async_json) {
+        const char *t = "{\"uid\":\"\"}";
+        return std::vector<uint8_t>(t, t + std::strlen(t));
+    }
+    if (flags & ASYNC_PREFIX)
+        out.push_back(r.eeprom[EE_ASYNC + 1]);
+    out.push_back(r.eeprom[EE_ASYNC + 2]);
+    return out;
 }
 
 } // namespace zs

@@ -31,17 +31,36 @@ void schedule(LinkCore &link, Action a)
     link.pending.insert(it, std::move(a));
 }
 
-// Takes the first queued fault that applies to this command.
+// Takes the fault that bends this exchange: the first one queued for the command whose wait is over. Faults
+// still waiting count the exchange; a rule with times -1 stays, others are used up.
 bool take_fault(zsim *sim, uint8_t cmd, zsim_fault &out)
 {
-    for (auto it = sim->faults.begin(); it != sim->faults.end(); ++it) {
-        if (it->command < 0 || it->command == cmd) {
-            out = *it;
-            sim->faults.erase(it);
-            return true;
+    bool found = false;
+    for (auto it = sim->faults.begin(); it != sim->faults.end();) {
+        if (it->command >= 0 && it->command != cmd) {
+            ++it;
+            continue;
         }
+        if (it->after > 0) {
+            --it->after;
+            ++it;
+            continue;
+        }
+        if (found) {
+            ++it;
+            continue;
+        }
+        found = true;
+        out = *it;
+        if (it->times > 1) {
+            --it->times;
+        } else if (it->times >= 0) {
+            it = sim->faults.erase(it);
+            continue;
+        }
+        ++it;
     }
-    return false;
+    return found;
 }
 
 // Sends the reader's reply to a command, bent by a fault if one is queued for it. Returns false when the
@@ -131,12 +150,82 @@ uint64_t now_ms()
     return static_cast<uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
+uint64_t scaled_ms(zsim *sim, uint64_t ms)
+{
+    return ms * sim->time_scale_pct.load() / 100;
+}
+
+void link_push(zsim *, LinkCore &link, const std::vector<uint8_t> &bytes)
+{
+    if (bytes.empty() || link.unplugged)
+        return;
+    Action a;
+    a.due_ms = now_ms();
+    a.bytes = bytes;
+    schedule(link, std::move(a));
+}
+
+void link_reset(zsim *sim, LinkCore &link)
+{
+    if (link.unplugged)
+        return;
+    const uint64_t now = now_ms();
+    engine_reset(link.engine);
+    link.pending.clear();
+    link.interim = false;
+    Action boot;
+    boot.due_ms = now + scaled_ms(sim, BOOT_DELAY_MS);
+    boot.bytes.assign(BOOT_BYTES, BOOT_BYTES + 4);
+    link.accept_from_ms = boot.due_ms + scaled_ms(sim, BOOT_READY_MS);
+    schedule(link, std::move(boot));
+    if (sim->log.load())
+        std::fprintf(stderr, "zelsim reset: boot bytes follow\n");
+}
+
+namespace {
+
+// What the reader does after answering: restart, or move to another rate.
+void after_answer(zsim *sim, LinkCore &link, const Answer &a)
+{
+    if (a.new_baud) {
+        sim->reader.baud = a.new_baud;
+        if (sim->log.load())
+            std::fprintf(stderr, "zelsim now at %u bit/s\n", a.new_baud);
+    }
+    if (a.restart) {
+        // The reply goes out before the reader restarts.
+        std::deque<Action> keep = std::move(link.pending);
+        link.pending.clear();
+        link_reset(sim, link);
+        sim->resets.fetch_add(1);
+        for (auto it = keep.rbegin(); it != keep.rend(); ++it) {
+            it->due_ms = now_ms();
+            link.pending.push_front(std::move(*it));
+        }
+    }
+}
+
+} // namespace
+
 void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
 {
     std::lock_guard<std::mutex> lock(sim->mu);
     const uint64_t now = now_ms();
     if (link.unplugged || n == 0)
         return;
+    if (!link.stream_started) {
+        // A stream link is woken by the host's zero byte; what comes before it is not heard.
+        const uint8_t *z = static_cast<const uint8_t *>(std::memchr(in, 0x00, n));
+        if (!z)
+            return;
+        link.stream_started = true;
+        n -= static_cast<size_t>(z + 1 - in);
+        in = z + 1;
+        if (n == 0)
+            return;
+    }
+    if (link.check_baud && link.host_baud != sim->reader.baud)
+        return; // at another rate the reader hears only noise it cannot frame
     link.interim = false; // the host speaks: an endless wait ends
     if (now < link.accept_from_ms)
         return; // still booting: nothing is heard
@@ -164,6 +253,7 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             else
                 reader_command(sim->reader, ev.frame, nullptr, 0, a);
             send_reply(sim, link, cmd, std::move(a.bytes), now);
+            after_answer(sim, link, a);
             break;
         }
         case EventKind::EXT: {
@@ -171,12 +261,15 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             Answer a;
             reader_command(sim->reader, ev.frame, ev.ext, ev.ext_len, a);
             std::vector<uint8_t> bytes = std::move(a.bytes);
-            Action s;
-            s.due_ms = now;
-            if (sim->log.load() && !bytes.empty())
-                log_bytes("<-", bytes.data(), bytes.size());
-            s.bytes = std::move(bytes);
-            schedule(link, std::move(s));
+            if (!bytes.empty()) {
+                Action s;
+                s.due_ms = now;
+                if (sim->log.load())
+                    log_bytes("<-", bytes.data(), bytes.size());
+                s.bytes = std::move(bytes);
+                schedule(link, std::move(s));
+            }
+            after_answer(sim, link, a);
             break;
         }
         case EventKind::BAD_FRAME:
@@ -204,7 +297,8 @@ bool link_due(zsim *sim, LinkCore &link, std::vector<uint8_t> &out)
         link.pending.pop_front();
         switch (a.kind) {
         case Action::SEND:
-            out.insert(out.end(), a.bytes.begin(), a.bytes.end());
+            if (!link.check_baud || link.host_baud == sim->reader.baud)
+                out.insert(out.end(), a.bytes.begin(), a.bytes.end());
             break;
         case Action::UNPLUG:
             link.unplugged = true;

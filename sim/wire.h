@@ -16,7 +16,8 @@ constexpr uint8_t INT_HEADER = 0xA1, INT_TRAILER = 0x85;
 
 // Error codes the reader puts in an error frame.
 constexpr uint8_t E_CHKSUM = 2, E_MAX_ADDRESS = 6, E_MAX_KEY_INDEX = 7, E_NO_CARD = 8,
-                  E_NOT_SUPPORTED = 9, E_PARAMETERS = 15, E_MAX_SIZE = 16, E_KEYS_LOCKED = 0x0B;
+                  E_NOT_SUPPORTED = 9, E_PARAMETERS = 15, E_MAX_SIZE = 16, E_KEYS_LOCKED = 118,
+                  E_WRONG_PASSWORD = 120;
 
 // (XOR of the bytes) + 7, modulo 256.
 inline uint8_t checksum(const uint8_t *p, size_t n)

@@ -41,6 +41,8 @@ typedef struct zsim_fault {
     uint32_t delay_ms;  /* for ZSIM_FAULT_LATE */
     uint32_t count;     /* bytes for TRUNCATE / EXTRA_BYTES */
     int command;        /* apply only to this command code; -1 for any */
+    int32_t times;      /* exchanges it bends: 0 or 1 once, N that many, -1 a rule that stays until cleared */
+    uint32_t after;     /* matching exchanges to let pass untouched first */
 } zsim_fault;
 
 /* A reader with the default identity and an empty field. */
@@ -74,6 +76,63 @@ uint64_t zsim_exchange_count(zsim *sim);
 
 /* Log each exchange to stderr (or not). */
 void zsim_set_log(zsim *sim, int on);
+
+/* Scenarios (the format is told in docs/sim.md). */
+
+/* Reads a scenario file and loads it as zsim_load_scenario does. */
+int zsim_load_scenario_file(zsim *sim, const char *path, char *err, size_t err_len);
+/* Starts the links the loaded scenario lists (all but "d2xx", which the stand-in D2XX library serves).
+ * One line per link goes to report ("pty /dev/pts/4", "udp 127.0.0.1:8881", ...). 0, or -1 when one failed
+ * (the report then ends with the reason). */
+int zsim_serve_links(zsim *sim, char *report, size_t report_len);
+
+/* Network links. host is a local IPv4 address (null for 127.0.0.1); port 0 takes a free port. The port
+ * bound goes to bound_port when it is not null. 0 on success, -1 on failure. */
+/* Frames over UDP: replies go to the sender of the last datagram, in datagrams of at most 300 bytes. */
+int zsim_serve_udp(zsim *sim, const char *host, uint16_t port, uint16_t *bound_port);
+/* Frames over TCP, one host at a time; each connection starts with the host's wake byte 0x00. */
+int zsim_serve_tcp(zsim *sim, const char *host, uint16_t port, uint16_t *bound_port);
+/* The discovery responder (the reader listens on 8880): answers the request 41 00 with the address, port
+ * and protocol of the reader's first UDP or TCP link, in the 28-byte form with the serial description, or
+ * the 19-byte form when short_form is set. */
+int zsim_serve_discovery(zsim *sim, const char *host, uint16_t port, int short_form, uint16_t *bound_port);
+/* The reset line on a GPIO pin, driven by the stand-in pinctrl program through a Unix datagram socket at
+ * socket_path ("set PIN op dl" lets the reader run, "dh" holds it; the edge to dl restarts it). */
+int zsim_serve_gpio(zsim *sim, const char *socket_path, uint32_t pin);
+
+/* A reset edge into the running level: the boot bytes 03 55 55 BB follow on every link, and frames are
+ * heard from 80 ms after them. */
+void zsim_reset(zsim *sim);
+/* Number of restarts (reset edges and soft restarts) since creation. */
+uint64_t zsim_reset_count(zsim *sim);
+/* Scales the reader's own times (the boot) in percent: 100 is real time, 10 ten times faster. */
+void zsim_set_time_scale(zsim *sim, uint32_t percent);
+
+/* Identity and stored state. */
+void zsim_set_serial_number(zsim *sim, uint32_t serial);
+void zsim_set_serial_description(zsim *sim, const char *text); /* up to 8 characters */
+void zsim_set_firmware(zsim *sim, uint8_t major, uint8_t minor, uint8_t build);
+void zsim_set_hardware(zsim *sim, uint8_t type, uint8_t version);
+/* The 0xF0 parameter block: 0 long (current firmware), 1 short (older firmware, which also refuses PAR0 1),
+ * 2 none (the command is not supported). */
+void zsim_set_parameter_form(zsim *sim, int form);
+/* The reader's EEPROM as the EEPROM commands see it. Returns bytes copied; write returns 0 or -1. */
+size_t zsim_eeprom_read(zsim *sim, uint32_t address, uint8_t *buf, size_t len);
+int zsim_eeprom_write(zsim *sim, uint32_t address, const uint8_t *buf, size_t len);
+/* One of the 32 reader keys (0, or -1 for a bad index); the password; whether keys are locked. */
+int zsim_get_key(zsim *sim, uint32_t index, uint8_t key[6]);
+void zsim_get_password(zsim *sim, uint8_t password[8]);
+void zsim_set_password(zsim *sim, const uint8_t password[8]);
+int zsim_keys_locked(zsim *sim);
+/* The rate the reader talks at (changed by command 0x70). */
+uint32_t zsim_baud(zsim *sim);
+
+/* A card of a given model ("plain", or null) with its model's setup as JSON text (null for defaults). */
+int zsim_card_add_model(zsim *sim, const zsim_card *card, const char *model, const char *setup_json);
+
+/* One command of tandro-sim's standard input ("add 04A1B2C3", "fault silence command=13", "reset", ...).
+ * What it prints goes to out. Returns 0, 1 for quit, -1 for a bad command. */
+int zsim_command(zsim *sim, const char *line, char *out, size_t out_len);
 
 /* Added for the program and the tools. */
 
