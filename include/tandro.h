@@ -4,6 +4,7 @@
 
 #include "zel_card.h"
 #include "zel_card_types.h"
+#include "zel_crypto.h"
 #include "zel_forms.h"
 #include "zel_frame.h"
 #include "zel_ftdi.h"
@@ -13,5 +14,6 @@
 #include "zel_reader.h"
 #include "zel_status.h"
 #include "zel_types.h"
+#include "zel_x509.h"
 
 #endif
