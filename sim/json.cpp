@@ -203,7 +203,7 @@ struct Parser {
                 if (p >= end || *p != ':')
                     return fail("':' expected");
                 ++p;
-                v.fields.emplace_back(std::move(name), Json{});
+                v.fields.push_back(JsonMember{std::move(name), Json{}});
                 if (!value(v.fields.back().second, depth + 1))
                     return false;
                 skip_space();

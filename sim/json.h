@@ -6,10 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace zs {
+
+struct JsonMember;
 
 struct Json {
     enum Kind { NUL, BOOL, NUMBER, STRING, ARRAY, OBJECT } kind = NUL;
@@ -17,10 +18,15 @@ struct Json {
     double num = 0;
     std::string str;
     std::vector<Json> items;                          // ARRAY
-    std::vector<std::pair<std::string, Json>> fields; // OBJECT, in file order
+    std::vector<JsonMember> fields; // OBJECT, in file order
 
     // The member of an object by name (the last one when a name repeats), or null.
     const Json *get(const char *name) const;
+};
+
+struct JsonMember {
+    std::string first; // the name
+    Json second;       // the value
 };
 
 constexpr int JSON_MAX_DEPTH = 32;

@@ -329,7 +329,8 @@ FT_API FT_STATUS FT_Read(FT_HANDLE h, void *buffer, uint32_t count, uint32_t *re
                 return FT_IO_ERROR;
             if (d->rx.size() >= count || std::chrono::steady_clock::now() >= deadline) {
                 const size_t n = d->rx.size() < count ? d->rx.size() : count;
-                std::memcpy(buffer, d->rx.data(), n);
+                if (n)
+                    std::memcpy(buffer, d->rx.data(), n);
                 d->rx.erase(d->rx.begin(), d->rx.begin() + static_cast<long>(n));
                 *returned = static_cast<uint32_t>(n);
                 return FT_OK;
