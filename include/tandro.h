@@ -9,6 +9,7 @@
 #include "zel_frame.h"
 #include "zel_ftdi.h"
 #include "zel_handle.h"
+#include "zel_mrtd.h"
 #include "zel_net.h"
 #include "zel_port.h"
 #include "zel_reader.h"
