@@ -10,6 +10,7 @@
 
 namespace {
 zel::D2xxTable g_table{};
+void *g_module = nullptr;
 std::mutex g_table_mutex;
 
 template <typename Fn>
@@ -28,6 +29,12 @@ void zel::d2xx_install(const D2xxTable &table)
 {
     std::lock_guard<std::mutex> lock(g_table_mutex);
     g_table = table;
+    g_module = nullptr;
+}
+
+void *zel::d2xx_module()
+{
+    return g_module;
 }
 
 extern "C" ZEL_API int LoadFTD2XXLibrary(const char *file_name)
@@ -65,11 +72,17 @@ extern "C" ZEL_API int LoadFTD2XXLibrary(const char *file_name)
     resolve(module, "FT_GetComPortNumber", t.FT_GetComPortNumber);
     resolve(module, "FT_ListDevices", t.FT_ListDevices);
     zel::d2xx_install(t);
+    g_module = module;
     return t.FT_Open && t.FT_Close && t.FT_Write;
 }
 
 extern "C" ZEL_API void UnloadFTD2XXLibrary(void *module)
 {
-    if (module)
-        dlclose(module);
+    if (!module)
+        return;
+    if (module == g_module) {
+        // The table must not outlive the code it points into.
+        zel::d2xx_install(zel::D2xxTable{});
+    }
+    dlclose(module);
 }

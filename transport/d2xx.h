@@ -50,10 +50,31 @@ struct D2xxTable {
     FT_STATUS (*FT_ListDevices)(void *arg1, void *arg2, uint32_t flags);
 };
 
+// The program data record that FT_EE_Read fills: a header set by the caller, the USB ids, four text buffers
+// of the caller's (64, 16, 64 and 16 bytes) and, of the FT232R part, the InvertRTS bit. 64-bit layout:
+// InvertRTS at offset 48.
+struct FtProgramData {
+    uint32_t signature1; // 0x00000000
+    uint32_t signature2; // 0xFFFFFFFF
+    uint32_t version;
+    uint16_t vendor_id;
+    uint16_t product_id;
+    char *manufacturer;
+    char *manufacturer_id;
+    char *description;
+    char *serial_number;
+    uint8_t invert_rts;
+};
+constexpr uint32_t kFtProgramDataVersion = 5;
+constexpr uint32_t FT_OPEN_BY_SERIAL_NUMBER = 1;
+constexpr uint32_t FT_LIST_NUMBER_ONLY = 0x80000000u;
+
 // The process-wide table (entries are null until a load finds them).
 const D2xxTable &d2xx();
 // Test seam: installs a table of the caller's, as a load would.
 void d2xx_install(const D2xxTable &table);
+// The module of the last load (null when the table came from d2xx_install or nothing was loaded).
+void *d2xx_module();
 
 } // namespace zel
 
