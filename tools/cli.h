@@ -11,6 +11,12 @@ namespace tandro {
 struct Options {
     bool json = false;
     bool debug = false;
+    // Where the reader is: the built-in simulated reader (with a scenario file, or the default one), or a
+    // port name (a device path, or a host text for network readers).
+    bool sim = false;
+    std::string sim_scenario;
+    std::string port;
+    uint32_t baud = 1000000;
 };
 
 using Args = std::vector<std::string>;

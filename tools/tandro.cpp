@@ -9,6 +9,48 @@
 
 namespace {
 
+// Options that every command takes, before or after its name. Returns false when the word is no such option.
+bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &bad)
+{
+    const std::string a = argv[i];
+    auto value = [&](const char *name, std::string &out) {
+        const std::string prefix = std::string(name) + "=";
+        if (a.rfind(prefix, 0) == 0) {
+            out = a.substr(prefix.size());
+            return true;
+        }
+        if (a == name) {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "tandro: %s needs a value\n", name);
+                bad = true;
+                return true;
+            }
+            out = argv[++i];
+            return true;
+        }
+        return false;
+    };
+    std::string text;
+    if (a == "--json")
+        opt.json = true;
+    else if (a == "--debug")
+        opt.debug = true;
+    else if (a == "--sim")
+        opt.sim = true;
+    else if (a.rfind("--sim=", 0) == 0) {
+        opt.sim = true;
+        opt.sim_scenario = a.substr(6);
+    } else if (value("--port", opt.port)) {
+    } else if (value("--baud", text)) {
+        if (!bad && !tandro::parse_u32(text, &opt.baud)) {
+            std::fprintf(stderr, "tandro: --baud takes a number\n");
+            bad = true;
+        }
+    } else
+        return false;
+    return true;
+}
+
 int usage(FILE *out)
 {
     std::fprintf(out, "usage: tandro [--json] [--debug] COMMAND [ARGS]\n\ncommands:\n");
@@ -20,7 +62,10 @@ int usage(FILE *out)
     }
     std::fprintf(out, "\noptions:\n"
                       "  --json                 structured output\n"
-                      "  --debug                the library's debug lines on standard error\n");
+                      "  --debug                the library's debug lines on standard error\n"
+                      "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
+                      "  --port NAME            the reader's port (device path, or HOST:PORT for network readers)\n"
+                      "  --baud RATE            the port's speed (default 1000000)\n");
     return out == stdout ? 0 : 2;
 }
 
@@ -30,29 +75,29 @@ int main(int argc, char **argv)
 {
     tandro::Options opt;
     int i = 1;
+    bool bad = false;
     for (; i < argc; ++i) {
         const std::string a = argv[i];
-        if (a == "--json")
-            opt.json = true;
-        else if (a == "--debug")
-            opt.debug = true;
-        else if (a == "--help" || a == "-h" || a == "help")
+        if (a == "--help" || a == "-h" || a == "help")
             return usage(stdout);
-        else
+        if (!global_option(opt, argc, argv, i, bad))
             break;
+        if (bad)
+            return 2;
     }
     if (i >= argc)
         return usage(stderr);
     const std::string name = argv[i];
     tandro::Args args;
     for (int k = i + 1; k < argc; ++k) {
-        const std::string a = argv[k];
-        if (a == "--json")
-            opt.json = true;
-        else if (a == "--debug")
-            opt.debug = true;
-        else
-            args.push_back(a);
+        if (name == "sim") { // the simulated reader's own options pass through untouched
+            args.push_back(argv[k]);
+            continue;
+        }
+        if (!global_option(opt, argc, argv, k, bad))
+            args.push_back(argv[k]);
+        if (bad)
+            return 2;
     }
     if (opt.debug)
         ZEL_DebugPrintEnable(1);

@@ -1,0 +1,40 @@
+// How a tool command reaches a reader: the built-in simulated reader (--sim [SCENARIO]) or a real port.
+#ifndef TANDRO_TOOLS_SESSION_H
+#define TANDRO_TOOLS_SESSION_H
+
+#include <string>
+
+#include "tandro.h"
+#include "tools/cli.h"
+
+struct zsim;
+
+namespace tandro {
+
+// The cards and reader of the built-in simulated reader when --sim names no scenario file. Every card
+// family the simulator models has one card here, so that each command has something to work on.
+const char *default_sim_scenario();
+
+class ReaderSession {
+public:
+    ReaderSession() = default;
+    ~ReaderSession();
+    ReaderSession(const ReaderSession &) = delete;
+    ReaderSession &operator=(const ReaderSession &) = delete;
+
+    // Opens the reader the options name. On failure prints "tandro COMMAND: ..." and returns false.
+    bool open(const char *command, const Options &opt);
+
+    ZEL_HANDLE hnd() const { return hnd_; }
+    zsim *sim() const { return sim_; } // null on a real reader
+    const std::string &where() const { return where_; }
+
+private:
+    ZEL_HANDLE hnd_ = nullptr;
+    zsim *sim_ = nullptr;
+    std::string where_;
+};
+
+} // namespace tandro
+
+#endif
