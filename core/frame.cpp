@@ -201,6 +201,19 @@ extern "C" ZEL_API ZEL_STATUS TestAuthMode(uint8_t auth_mode)
     }
 }
 
+ZEL_STATUS zel::handshake(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *reply_par)
+{
+    uint8_t frame[kFrameBufLen] = {};
+    uint8_t ext_len = 0;
+    make_command(frame, cmd, 0, par0, par1);
+    const ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
+    if (status == ZEL_OK && reply_par) {
+        reply_par[0] = frame[kPar0];
+        reply_par[1] = frame[kPar1];
+    }
+    return status;
+}
+
 uint8_t zel::auth_mode_par0(uint8_t auth_mode)
 {
     if (auth_mode == 0x80)

@@ -38,6 +38,11 @@ inline void make_command(uint8_t *frame, uint8_t cmd, uint8_t ext_len = 0, uint8
     frame[kChecksum] = 0;
 }
 
+// Shape 1: a command without EXT answered by a plain frame. The reply's PAR0 and PAR1 go to reply_par when
+// it is not null.
+ZEL_STATUS handshake(zel_handle_record *hnd, uint8_t cmd, uint8_t par0 = 0, uint8_t par1 = 0,
+                     uint8_t *reply_par = nullptr);
+
 // The code that an auth mode puts into PAR0: 0x80 is 2, 0x81 is 3, any other its low four bits.
 uint8_t auth_mode_par0(uint8_t auth_mode);
 

@@ -54,20 +54,6 @@ ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, con
     return exchange_write_ext(hnd, frame, data, len, nullptr, nullptr);
 }
 
-// Shape 1.
-ZEL_STATUS handshake(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *reply_par = nullptr)
-{
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
-    make_command(frame, cmd, 0, par0, par1);
-    const ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
-    if (status == ZEL_OK && reply_par) {
-        reply_par[0] = frame[kPar0];
-        reply_par[1] = frame[kPar1];
-    }
-    return status;
-}
-
 // Shape 2 whose EXT must carry at least `want` data bytes; they go to out.
 ZEL_STATUS read_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *out, uint32_t want)
 {

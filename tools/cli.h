@@ -16,7 +16,11 @@ struct Options {
     bool sim = false;
     std::string sim_scenario;
     std::string port;
-    uint32_t baud = 1000000;
+    // How to open: reader type, port interface (a number, or T, U, L) and the argument words of the open.
+    uint32_t reader_type = 0;
+    uint32_t port_interface = 0;
+    std::string arg;
+    bool open_given = false; // any of the three was given
 };
 
 using Args = std::vector<std::string>;

@@ -4,7 +4,6 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
-#include "transport/serial.h"
 #include "zelsim.h"
 
 namespace {
@@ -25,15 +24,15 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         zsim_free(sim);
         return 1;
     }
-    ZEL_HANDLE hnd = Zel_Hnd_Create();
     int rc = 0;
-    ZEL_STATUS status = zel::serial_open(hnd, path, 1000000, true);
+    // As an application opens a reader on a serial port; a pseudo-terminal has no reset line.
+    ZEL_STATUS status = ReaderOpenEx(1, path, 1, "UNIT_OPEN_RESET_DISABLE");
     uint32_t type = 0;
     uint8_t card_type = 0;
     uint32_t uid = 0;
     if (status == ZEL_OK)
-        status = GetReaderTypeM(hnd, &type);
-    const ZEL_STATUS card_status = status == ZEL_OK ? GetCardIdM(hnd, &card_type, &uid) : status;
+        status = GetReaderType(&type);
+    const ZEL_STATUS card_status = status == ZEL_OK ? GetCardId(&card_type, &uid) : status;
     if (status != ZEL_OK) {
         std::fprintf(stderr, "tandro demo: reader on %s: %s\n", path, ZEL_Status2String(status));
         rc = 1;
@@ -52,7 +51,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         else
             std::printf("  card         none: %s\n", ZEL_Status2String(card_status));
     }
-    Zel_Hnd_Destroy(hnd);
+    ReaderClose();
     zsim_free(sim);
     return rc;
 }

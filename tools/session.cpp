@@ -3,7 +3,6 @@
 
 #include <cstdio>
 
-#include "transport/serial.h"
 #include "zelsim.h"
 
 namespace tandro {
@@ -26,6 +25,18 @@ ReaderSession::~ReaderSession()
     if (sim_)
         zsim_free(sim_);
 }
+
+namespace {
+
+bool report(const char *command, const std::string &where, ZEL_STATUS st)
+{
+    if (st == ZEL_OK)
+        return true;
+    std::fprintf(stderr, "tandro %s: %s: %s\n", command, where.c_str(), ZEL_Status2String(st));
+    return false;
+}
+
+} // namespace
 
 bool ReaderSession::open(const char *command, const Options &opt)
 {
@@ -50,27 +61,32 @@ bool ReaderSession::open(const char *command, const Options &opt)
         }
         where_ = std::string("simulated reader on ") + path;
         hnd_ = Zel_Hnd_Create();
-        const ZEL_STATUS st = hnd_ ? zel::serial_open(hnd_, path, 1000000, true) : ZEL_NO_MEMORY_ERROR;
-        if (st != ZEL_OK) {
-            std::fprintf(stderr, "tandro %s: %s: %s\n", command, path, ZEL_Status2String(st));
+        // A pseudo-terminal has no reset line: the reader is opened as it runs.
+        return report(command, where_,
+                      hnd_ ? ReaderOpenExHnd(hnd_, 1, path, 1, "UNIT_OPEN_RESET_DISABLE") : ZEL_NO_MEMORY_ERROR);
+    }
+    if (opt.port.empty() && !opt.open_given) {
+        ZEL_HANDLE found = nullptr;
+        const ZEL_STATUS st = ReaderOpenM(&found);
+        if (!report(command, "reader search", st))
             return false;
-        }
-        PortSetTimeout(hnd_, 1000);
+        // The search's record is shared by every caller; this session keeps a copy of its own.
+        hnd_ = Zel_Hnd_Create();
+        if (!hnd_)
+            return report(command, "reader search", ZEL_NO_MEMORY_ERROR);
+        *hnd_ = *found;
+        where_ = hnd_->try_port[0] ? hnd_->try_port : "found reader";
         return true;
     }
-    if (opt.port.empty()) {
-        std::fprintf(stderr, "tandro %s: name the reader with --port NAME, or use --sim\n", command);
-        return false;
-    }
-    where_ = opt.port;
+    where_ = opt.port.empty() ? "reader" : opt.port;
+    uint32_t type = opt.reader_type;
+    if (type == 0 && opt.port_interface != 'T' && opt.port_interface != 'U' && !opt.port.empty())
+        type = 1;
     hnd_ = Zel_Hnd_Create();
-    const ZEL_STATUS st = hnd_ ? zel::serial_open(hnd_, opt.port.c_str(), opt.baud, true) : ZEL_NO_MEMORY_ERROR;
-    if (st != ZEL_OK) {
-        std::fprintf(stderr, "tandro %s: %s: %s\n", command, opt.port.c_str(), ZEL_Status2String(st));
-        return false;
-    }
-    PortSetTimeout(hnd_, 1000);
-    return true;
+    return report(command, where_,
+                  hnd_ ? ReaderOpenExHnd(hnd_, type, opt.port.empty() ? nullptr : opt.port.c_str(), opt.port_interface,
+                                         opt.arg.empty() ? nullptr : opt.arg.c_str())
+                       : ZEL_NO_MEMORY_ERROR);
 }
 
 } // namespace tandro

@@ -41,11 +41,22 @@ bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &ba
         opt.sim = true;
         opt.sim_scenario = a.substr(6);
     } else if (value("--port", opt.port)) {
-    } else if (value("--baud", text)) {
-        if (!bad && !tandro::parse_u32(text, &opt.baud)) {
-            std::fprintf(stderr, "tandro: --baud takes a number\n");
+    } else if (value("--type", text)) {
+        opt.open_given = true;
+        if (!bad && !tandro::parse_u32(text, &opt.reader_type)) {
+            std::fprintf(stderr, "tandro: --type takes a number (0 any, 1, 2, 3, 4 network)\n");
             bad = true;
         }
+    } else if (value("--interface", text)) {
+        opt.open_given = true;
+        if (!bad && text.size() == 1 && (text[0] == 'T' || text[0] == 'U' || text[0] == 'L'))
+            opt.port_interface = static_cast<uint8_t>(text[0]);
+        else if (!bad && !tandro::parse_u32(text, &opt.port_interface)) {
+            std::fprintf(stderr, "tandro: --interface takes 0, 1, 2, 10, T, U or L\n");
+            bad = true;
+        }
+    } else if (value("--arg", opt.arg)) {
+        opt.open_given = true;
     } else
         return false;
     return true;
@@ -64,8 +75,11 @@ int usage(FILE *out)
                       "  --json                 structured output\n"
                       "  --debug                the library's debug lines on standard error\n"
                       "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
-                      "  --port NAME            the reader's port (device path, or HOST:PORT for network readers)\n"
-                      "  --baud RATE            the port's speed (default 1000000)\n");
+                      "  --port NAME            the reader's port: device path, reader serial, or HOST[:PORT] on a network\n"
+                      "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"
+                      "  --interface I          0 auto, 1 serial, 2 FTDI, 10 serial with GPIO reset, T TCP, U UDP\n"
+                      "  --arg WORDS            words of the open, such as \"UNIT_OPEN_RESET_DISABLE\"\n"
+                      "  (no --port and no --sim: the reader is searched for on USB and serial ports)\n");
     return out == stdout ? 0 : 2;
 }
 

@@ -1,0 +1,18 @@
+// Internal pieces of resetting a reader, shared by the open sequence.
+#ifndef ZEL_TRANSPORT_RESET_H
+#define ZEL_TRANSPORT_RESET_H
+
+#include "zel_handle.h"
+
+namespace zel {
+
+// The reset pulse: purge, line to reset, line to run, 5 ms, then the boot wait.
+ZEL_STATUS reset_pulse(zel_handle_record *hnd);
+// The wait after a pulse: the boot sequence at the speed of the open, or a plain pause at any other.
+ZEL_STATUS reset_boot_wait(zel_handle_record *hnd);
+// Test seam: the program that drives a GPIO pin (null: "pinctrl" from the search path).
+void set_gpio_program(const char *program);
+
+} // namespace zel
+
+#endif
