@@ -6,6 +6,7 @@
 namespace zs {
 
 std::unique_ptr<Card> make_plain_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_iso14443_4_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -16,6 +17,7 @@ struct Model {
 
 const Model MODELS[] = {
     {"plain", make_plain_card},
+    {"iso14443_4", make_iso14443_4_card},
 };
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "iso7816.h"
 #include "wire.h"
 
 namespace zs {
@@ -361,6 +362,8 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
     case 0xF9: // a plain reader has no network module in front of it
         return put_error(a.bytes, E_NOT_SUPPORTED);
     default:
+        if (iso14443_reader_command(r, f, a))
+            return;
         if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))
             return;
         return put_error(a.bytes, E_NOT_SUPPORTED);

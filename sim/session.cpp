@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "iso7816.h"
 #include "wire.h"
 
 namespace zs {
@@ -229,6 +230,11 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
     link.interim = false; // the host speaks: an endless wait ends
     if (now < link.accept_from_ms)
         return; // still booting: nothing is heard
+    std::vector<uint8_t> raw;
+    if (iso14443_raw_input(sim->reader, in, n, raw)) { // raw transceive mode: no frames
+        link_push(sim, link, raw);
+        return;
+    }
     while (n) {
         Event ev;
         const size_t used = engine_feed(link.engine, in, n, now, ev);
@@ -239,11 +245,18 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             break;
         case EventKind::FRAME: {
             const uint8_t cmd = ev.frame[1];
-            if (ev.frame[3] != 0 && reader_wants_ext(sim->reader, ev.frame)) {
-                std::vector<uint8_t> ack;
-                put_frame(ack, ACK_HEADER, cmd, ACK_TRAILER, ev.frame[3], ev.frame[4], ev.frame[5]);
-                if (send_reply(sim, link, cmd, std::move(ack), now))
-                    engine_expect_ext(link.engine, ev.frame, ev.frame[3]);
+            size_t need = ev.frame[3];
+            bool ack = true; // the pieces of a chained APDU after the first come without an acknowledge
+            const bool shaped = iso14443_frame_shape(sim->reader, ev.frame, need, ack);
+            if (need != 0 && (shaped || reader_wants_ext(sim->reader, ev.frame))) {
+                if (!ack) {
+                    engine_expect_ext(link.engine, ev.frame, need);
+                    break;
+                }
+                std::vector<uint8_t> ack_frame;
+                put_frame(ack_frame, ACK_HEADER, cmd, ACK_TRAILER, ev.frame[3], ev.frame[4], ev.frame[5]);
+                if (send_reply(sim, link, cmd, std::move(ack_frame), now))
+                    engine_expect_ext(link.engine, ev.frame, need);
                 break;
             }
             record_request(sim, ev.frame, nullptr, 0);
