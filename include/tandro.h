@@ -2,6 +2,7 @@
 #ifndef TANDRO_H
 #define TANDRO_H
 
+#include "zel_apdu.h"
 #include "zel_card.h"
 #include "zel_card_types.h"
 #include "zel_crypto.h"

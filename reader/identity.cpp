@@ -324,8 +324,9 @@ extern "C" ZEL_API const char *GetReaderDescriptionHnd(ZEL_HANDLE hnd)
         add("%s", "Serial number: ");
         failed("GetReaderSerialDescription", status);
     } else if (std::isalnum(serial[0])) {
+        // Text up to its terminator; a byte that does not print shows as a dot.
         char s[9] = {};
-        for (int i = 0; i < 8; ++i)
+        for (int i = 0; i < 8 && serial[i]; ++i)
             s[i] = std::isprint(serial[i]) ? static_cast<char>(serial[i]) : '.';
         add("Serial number: %s\n", s);
     } else {

@@ -105,6 +105,16 @@ const char *zel::reader_model_name(uint32_t reader_type)
     return find_name(kModels, reader_type);
 }
 
+size_t zel::reader_model_count()
+{
+    return sizeof kModels / sizeof kModels[0];
+}
+
+uint32_t zel::reader_model_code(size_t index)
+{
+    return index < reader_model_count() ? kModels[index].code : 0;
+}
+
 const char *zel::firmware_type_name(uint8_t firmware_type)
 {
     const char *name = find_name(kFirmwareTypes, firmware_type);

@@ -3,6 +3,7 @@
 #ifndef ZEL_READER_PARAMS_H
 #define ZEL_READER_PARAMS_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "zel_reader.h"
@@ -35,6 +36,9 @@ ZEL_STATUS decode_parameter_block2(const uint8_t *ext, uint32_t len, ReaderParam
 
 // Names for the reports; "UNKNOWN" (or null for the model, so that each report says it its own way).
 const char *reader_model_name(uint32_t reader_type);
+// The rows of the model table, for listings: the type code of row index (index below reader_model_count()).
+size_t reader_model_count();
+uint32_t reader_model_code(size_t index);
 const char *firmware_type_name(uint8_t firmware_type);
 const char *esp_firmware_type_name(uint8_t esp_hw_version);
 

@@ -67,7 +67,8 @@ void parameters(const Reader &r, const uint8_t *f, Answer &a)
         return put_error(a.bytes, E_NOT_SUPPORTED);
     std::vector<uint8_t> d;
     const bool long_form = r.param_form == ParamForm::LONG;
-    d.insert(d.end(), r.mui, r.mui + (long_form ? 16 : 12));
+    const size_t mui_len = long_form ? r.mui_len : (r.mui_len < 12 ? r.mui_len : 12);
+    d.insert(d.end(), r.mui, r.mui + mui_len);
     const std::string sd = r.serial_desc();
     d.insert(d.end(), sd.begin(), sd.end());
     d.push_back(r.hw_type);
@@ -158,6 +159,61 @@ void async_get(Reader &r, const uint8_t *f, Answer &a)
     put_response(a.bytes, f[1], r.eeprom[EE_ASYNC], r.async_json ? 1 : 0, r.eeprom + EE_ASYNC, 8);
 }
 
+// Keeps what the key commands see in step with the key area of the EEPROM after a direct write there.
+void keys_from_eeprom(Reader &r, uint32_t addr, uint32_t count)
+{
+    for (size_t i = 0; i < KEY_COUNT; ++i) {
+        const size_t at = EE_KEYS + 6 * i;
+        if (addr < at + 6 && at < addr + count)
+            std::memcpy(r.keys[i], r.eeprom + at, 6);
+    }
+    // The speed record is read back by 0x4C only when its mark and complement hold.
+    const uint8_t sp = r.eeprom[EE_SPEED];
+    if (addr <= EE_SPEED + 1 && EE_SPEED < addr + count && (sp & 0xF0) == 0x50 &&
+        r.eeprom[EE_SPEED + 1] == static_cast<uint8_t>(~sp)) {
+        r.speed_par[0] = sp & 3;
+        r.speed_par[1] = (sp >> 2) & 3;
+    }
+}
+
+// The EE_ commands reach the EEPROM by plain addresses, without the top bit of 0x34 and 0x35.
+void ee_read(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    if (len != 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint32_t addr = get_u32(ext), count = get_u32(ext + 4);
+    if (count == 0 || count > 254)
+        return put_error(a.bytes, E_MAX_SIZE);
+    if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)
+        return put_error(a.bytes, E_MAX_ADDRESS);
+    put_response(a.bytes, f[1], 0, 0, r.eeprom + addr, count);
+}
+
+void ee_write(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
+{
+    if (len < 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint32_t addr = get_u32(ext), count = get_u32(ext + 4);
+    if (count > 184)
+        return put_error(a.bytes, E_MAX_SIZE);
+    if (len != count + 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)
+        return put_error(a.bytes, E_MAX_ADDRESS);
+    std::memcpy(r.eeprom + addr, ext + 8, count);
+    keys_from_eeprom(r, addr, count);
+    ok(a, f[1]);
+}
+
+// What the reader tells of its state: reader, card, emulation and sleep, one byte each.
+void reader_state(const Reader &r, uint8_t out[4])
+{
+    out[0] = 0;                      // running
+    out[1] = r.cards.empty() ? 0 : 1; // a card in the field
+    out[2] = 0;                      // no emulation
+    out[3] = 0;                      // awake
+}
+
 } // namespace
 
 Reader::Reader()
@@ -213,6 +269,13 @@ bool reader_wants_ext(const Reader &r, const uint8_t f[7])
     case 0x3D: // asynchronous card id setup
     case 0x3E: // its read-back, which some hosts send with an EXT of the same shape
     case 0x40: // serial description, set form
+    case 0x65: // user interface setup
+    case 0xE0: // EEPROM password change
+    case 0xE1: // EEPROM lock
+    case 0xE2: // EEPROM read by plain address
+    case 0xE3: // EEPROM write by plain address
+    case 0xFD: // bus admin card
+    case 0xFE: // sector or block subscription
     case 0x43: // pro mode set
     case 0x70: // serial speed
         return true;
@@ -245,6 +308,7 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
         if (r.keys_locked)
             return put_error(a.bytes, E_KEYS_LOCKED);
         std::memcpy(r.keys[f[4]], ext, 6);
+        std::memcpy(r.eeprom + EE_KEYS + 6 * f[4], ext, 6);
         return ok(a, cmd);
     case 0x13:
         return card_id(r, f, a);
@@ -343,6 +407,13 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
         return ok(a, cmd);
     case 0x4C:
         return ok(a, cmd, r.speed_par[0], r.speed_par[1]);
+    case 0x65: // the user interface setup, 7 bytes
+        if (len != 7)
+            return put_error(a.bytes, E_PARAMETERS);
+        std::memcpy(r.custom_ui, ext, 7);
+        return ok(a, cmd);
+    case 0x66:
+        return put_response(a.bytes, cmd, 0, 0, r.custom_ui, 7);
     case 0x70: { // the new rate takes effect at once: nothing is answered at the old one
         if (len != 4)
             return put_error(a.bytes, E_PARAMETERS);
@@ -356,11 +427,59 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
         if (!r.have_last_card)
             return put_error(a.bytes, E_NO_CARD);
         return card_id_ex(&r.last_card, cmd, a);
+    case 0xE0: // password change by the EEPROM commands: old, then new
+        if (len != 16)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        std::memcpy(r.password, ext + 8, 8);
+        return ok(a, cmd);
+    case 0xE1: // key lock by the EEPROM commands: 1 locks, 0 unlocks; the password after it
+        if (len != 9 || ext[0] > 1)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext + 1))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        r.keys_locked = ext[0] == 1;
+        return ok(a, cmd);
+    case 0xE2:
+        return ee_read(r, f, ext, len, a);
+    case 0xE3:
+        if (r.keys_locked && len >= 8 && get_u32(ext) < EE_KEYS + 6 * KEY_COUNT &&
+            get_u32(ext) + get_u32(ext + 4) > EE_KEYS)
+            return put_error(a.bytes, E_KEYS_LOCKED); // the key area is closed while the keys are locked
+        return ee_write(r, f, ext, len, a);
+    case 0xE4: // can the card's UID be changed: a plain card's cannot
+        if (!card_in_field(r))
+            return put_error(a.bytes, E_NO_CARD);
+        if (r.cards.front()->command(f, ext, ext_len, a.bytes))
+            return;
+        return put_error(a.bytes, E_NOT_SUPPORTED);
+    case 0xE5: // the RF field off and on again
+        return ok(a, cmd, f[4]);
+    case 0xE6: {
+        uint8_t st[5];
+        reader_state(r, st + 1);
+        if (f[4] == 1) { // the long form: a count, then the state bytes
+            st[0] = 4;
+            return put_response(a.bytes, cmd, 0, 0, st, 5);
+        }
+        return put_response(a.bytes, cmd, 0, 0, st + 1, 4);
+    }
     case 0xF0:
     case 0xF1:
         return parameters(r, f, a);
     case 0xF9: // a plain reader has no network module in front of it
         return put_error(a.bytes, E_NOT_SUPPORTED);
+    case 0xFD: // a bus admin card: password, then three bytes of the value
+        if (len != 11)
+            return put_error(a.bytes, E_PARAMETERS);
+        if (!password_ok(r, ext))
+            return put_error(a.bytes, E_WRONG_PASSWORD);
+        return ok(a, cmd);
+    case 0xFE: // subscription of a sector (PAR0 2) or block (PAR0 1), index in PAR1, a u32 value
+        if (len != 4 || (f[4] != 1 && f[4] != 2))
+            return put_error(a.bytes, E_PARAMETERS);
+        return ok(a, cmd, f[4], f[5]);
     default:
         if (iso14443_reader_command(r, f, a))
             return;

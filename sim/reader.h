@@ -19,6 +19,7 @@ constexpr size_t KEY_COUNT = 32;
 
 // Where the reader keeps its settings in its EEPROM (the same addresses the EEPROM commands reach).
 constexpr size_t EE_SERIAL_DESC = 0;   // 8 characters
+constexpr size_t EE_KEYS = 154;        // 32 reader keys of 6 bytes
 constexpr size_t EE_READER_ID = 621;   // 16
 constexpr size_t EE_USER_DATA = 644;   // 16
 constexpr size_t EE_PRO_MODE = 660;    // 2
@@ -43,6 +44,7 @@ struct Reader {
     uint8_t hw_type = 1, hw_ver = 2;
     uint32_t device_type = 0; // in the parameter block; 0 means the reader type
     uint8_t mui[16] = {0x5A, 0x53, 0x49, 0x4D, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B};
+    uint8_t mui_len = 16; // bytes of it the long block carries; the short block carries at most 12
     ParamForm param_form = ParamForm::LONG;
     // Stored state.
     uint8_t eeprom[EEPROM_SIZE] = {};
@@ -52,6 +54,7 @@ struct Reader {
     uint8_t time[6] = {};
     uint8_t user_data_ext[16] = {}; // the second half of the extended user data
     uint8_t speed_par[2] = {0, 0};  // as 0x4B set them
+    uint8_t custom_ui[7] = {};      // the user interface setup of 0x65 and 0x66
     bool async_json = false;
     uint32_t baud = 1000000;        // the rate the reader talks at
     // The field; the first card is the one the reader talks to.

@@ -287,8 +287,13 @@ bool parse_reader(const Json &o, Reader &r, std::string &err)
     if (!opt_hex(o, "mui", W, 16, bytes, given, err))
         return false;
     if (given) {
+        if (bytes.empty()) {
+            err = "reader.mui: 1 to 16 bytes in hexadecimal are expected";
+            return false;
+        }
         std::memset(r.mui, 0, sizeof r.mui);
         std::memcpy(r.mui, bytes.data(), bytes.size());
+        r.mui_len = static_cast<uint8_t>(bytes.size());
     }
     if (o.get("parameter_block")) {
         if (!opt_string(o, "parameter_block", W, 8, text, err))
@@ -593,6 +598,7 @@ bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::stri
     r.hw_ver = base.hw_ver;
     r.device_type = base.device_type;
     std::memcpy(r.mui, base.mui, sizeof r.mui);
+    r.mui_len = base.mui_len;
     r.param_form = base.param_form;
     std::memcpy(r.eeprom, base.eeprom, sizeof r.eeprom);
     std::memcpy(r.keys, base.keys, sizeof r.keys);
@@ -678,6 +684,7 @@ void apply_scenario(zsim *sim, Scenario &s)
     r.hw_ver = s.reader->hw_ver;
     r.device_type = s.reader->device_type;
     std::memcpy(r.mui, s.reader->mui, sizeof r.mui);
+    r.mui_len = s.reader->mui_len;
     r.param_form = s.reader->param_form;
     std::memcpy(r.eeprom, s.reader->eeprom, sizeof r.eeprom);
     std::memcpy(r.keys, s.reader->keys, sizeof r.keys);
