@@ -34,6 +34,8 @@ ZEL_API int ftdi_read(void *device, uint8_t *buffer, uint32_t count);
 /* Bit mode off, both directions purged, the rate, read time-out as given and write 1000 ms, 8N1, no flow
  * control, latency 2 ms. 0, or the D2XX status of the step that failed. */
 ZEL_API uint32_t ftdi_configure_hnd(void *device, uint32_t baud, uint32_t read_timeout_ms);
+/* The same on the global handle's FTDI device; 1 (invalid handle) when it has none open. */
+ZEL_API uint32_t ftdi_configure(uint32_t baud, uint32_t read_timeout_ms);
 /* Opens the first device that opens (closing one already in *device) and configures it. */
 ZEL_API uint32_t ftdi_open(uint32_t baud, uint32_t read_timeout_ms, void **device);
 /* The InvertRTS bit of the device's EEPROM to *inverted (kept on failure). 0, the D2XX status, or -1 with

@@ -288,6 +288,24 @@ TEST_F(FakeD2xx, ConfigurationStepsInOrderAndTheFailingOne)
     EXPECT_EQ(ftdi_configure_hnd(kDev, 115200, 250), 0u);
 }
 
+TEST_F(FakeD2xx, GlobalFormConfiguresTheGlobalHandlesDevice)
+{
+    void *const saved = zel_global.ftHandle;
+    zel_global.ftHandle = nullptr;
+    EXPECT_EQ(ftdi_configure(115200, 300), 1u);
+    EXPECT_TRUE(ft.calls.empty()); // no device, no D2XX call
+    zel_global.ftHandle = kDev;
+    ASSERT_EQ(ftdi_configure(115200, 300), 0u);
+    EXPECT_EQ(ft.calls, (std::vector<std::string>{"GetDriverVersion", "SetBitMode", "Purge3", "Baud", "SetTimeouts",
+                                                  "8N1", "NoFlow", "SetLatency", "GetLatency"}));
+    EXPECT_EQ(ft.read_timeout, 300u);
+    ft.calls.clear();
+    ft.fail_step = 8; // SetLatency
+    EXPECT_EQ(ftdi_configure(115200, 300), 4u);
+    EXPECT_EQ(ft.calls.back(), "SetLatency");
+    zel_global.ftHandle = saved;
+}
+
 TEST_F(FakeD2xx, OpenTakesTheFirstDeviceThatOpens)
 {
     void *dev = nullptr;

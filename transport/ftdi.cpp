@@ -177,6 +177,14 @@ extern "C" ZEL_API uint32_t ftdi_configure_hnd(void *device, uint32_t baud, uint
     return FT_OK;
 }
 
+extern "C" ZEL_API uint32_t ftdi_configure(uint32_t baud, uint32_t read_timeout_ms)
+{
+    void *device = zel_global.ftHandle;
+    if (!device || device == kClosed)
+        return FT_INVALID_HANDLE;
+    return ftdi_configure_hnd(device, baud, read_timeout_ms);
+}
+
 extern "C" ZEL_API uint32_t ftdi_open(uint32_t baud, uint32_t read_timeout_ms, void **device)
 {
     const D2xxTable &ft = d2xx();
