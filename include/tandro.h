@@ -3,6 +3,7 @@
 #define TANDRO_H
 
 #include "zel_apdu.h"
+#include "zel_block.h"
 #include "zel_card.h"
 #include "zel_card_types.h"
 #include "zel_crypto.h"

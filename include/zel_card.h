@@ -9,10 +9,55 @@
 extern "C" {
 #endif
 
-#define ZEL_FAMILY_CARD_DETECT(OP, OP0) \
-    OP(ZEL_STATUS, GetCardId, (uint8_t *card_type, uint32_t *card_serial), (card_type, card_serial))
+/* A UID is at most this long; the extended card id operations clear this many bytes of the caller's buffer. */
+#define ZEL_UID_MAX_LEN 10
+/* Manufacturer names need at most this many bytes, terminator included. */
+#define ZEL_MANUFACTURER_NAME_MAX 77
+
+/* The eight bytes of a Type 2 tag's version record spread over fields (see NfcT2TSafeConvertVersion). */
+typedef struct t2t_version_t {
+    uint8_t header;
+    uint16_t vendor_id;
+    uint8_t product_type;
+    uint8_t product_subtype;
+    uint8_t major_product_version;
+    uint8_t minor_product_version;
+    uint8_t storage_size;
+    uint8_t protocol_type;
+} t2t_version_t;
+
+/* Detection. GetCardId: type byte and the first four UID bytes as a little-endian value.
+ * GetCardIdEx and GetLastCardIdEx: the UID into a buffer of ZEL_UID_MAX_LEN bytes (cleared first); a four-byte
+ * UID found in the library's reversal table is reported with its bytes reversed.
+ * GetCardInfo: the reader's card record as it comes, checksum byte included; length is the capacity on entry
+ * and the length on return. GetCardSize: linear and raw sizes of the card type in the field.
+ * GetCardManufacturer: the name of the IC maker of the first UID byte (ZEL_MANUFACTURER_NAME_MAX bytes).
+ * Anti-collision: the reader's multi-card mode, the enumeration, its list and the selection of one card. */
+#define ZEL_FAMILY_CARD_DETECT(OP, OP0)                                                                        \
+    OP(ZEL_STATUS, GetCardId, (uint8_t *card_type, uint32_t *card_serial), (card_type, card_serial))           \
+    OP(ZEL_STATUS, GetAtqaSak, (uint16_t *atqa, uint8_t *sak), (atqa, sak))                                    \
+    OP(ZEL_STATUS, GetCardIdEx, (uint8_t *sak, uint8_t *uid, uint8_t *uid_size), (sak, uid, uid_size))         \
+    OP(ZEL_STATUS, GetLastCardIdEx, (uint8_t *sak, uint8_t *uid, uint8_t *uid_size), (sak, uid, uid_size))     \
+    OP(ZEL_STATUS, GetCardInfo, (uint8_t *info, uint32_t *length), (info, length))                             \
+    OP(ZEL_STATUS, GetOrbCardType, (uint8_t *card_type), (card_type))                                          \
+    OP(ZEL_STATUS, GetCardSize, (uint32_t *linear_size, uint32_t *raw_size), (linear_size, raw_size))          \
+    OP(ZEL_STATUS, GetCardManufacturer, (char *name), (name))                                                  \
+    OP(ZEL_STATUS, GetNfcT2TVersion, (uint8_t *version), (version))                                            \
+    OP0(ZEL_STATUS, EnableAntiCollision)                                                                       \
+    OP0(ZEL_STATUS, DisableAntiCollision)                                                                      \
+    OP(ZEL_STATUS, EnumCards, (uint8_t *card_count, uint8_t *list_size), (card_count, list_size))              \
+    OP(ZEL_STATUS, ListCards, (uint8_t *list, uint8_t list_size), (list, list_size))                           \
+    OP(ZEL_STATUS, SelectCard, (const uint8_t *uid, uint8_t uid_size, uint8_t *card_type),                     \
+       (uid, uid_size, card_type))                                                                             \
+    OP0(ZEL_STATUS, DeslectCard)                                                                               \
+    OP(ZEL_STATUS, GetAntiCollisionStatus, (uint8_t *is_enabled, uint8_t *is_selected), (is_enabled, is_selected))
 
 ZEL_DECLARE_FAMILY(ZEL_FAMILY_CARD_DETECT)
+
+/* The IC maker's name for a manufacturer code, into name (ZEL_MANUFACTURER_NAME_MAX bytes, not bounded). */
+ZEL_API void getCardManufacturer(uint8_t code, char *name);
+/* Spreads the eight wire bytes of a version record over the structure's fields. */
+ZEL_API ZEL_STATUS NfcT2TSafeConvertVersion(t2t_version_t *out, const uint8_t *version);
 
 #ifdef __cplusplus
 }

@@ -16,6 +16,70 @@ namespace zs {
 
 struct Json;
 
+// Memory cards. The reader runs the card protocol itself (authentication, reads, writes, value operations)
+// and reaches a card's memory through one of these two interfaces. Authentication is a key comparison here:
+// the radio cryptography is the reader's and the card's business and is not modelled.
+
+// The key a reader authenticates with: Crypto keys A and B (6 bytes), AES keys A and B (16 bytes).
+enum class KeyType : uint8_t { A, B, AES_A, AES_B };
+
+// What a card answers to one memory primitive.
+enum class MemResult : uint8_t {
+    OK,
+    AUTH,     // the key does not open the sector
+    DENIED,   // the sector's access conditions refuse the operation (or nothing is authenticated)
+    ADDRESS,  // no such block or page
+    FORMAT,   // not a value block
+    OVERFLOW, // the value would leave the signed 32-bit range
+};
+
+// Sector cards: blocks of 16 bytes in sectors, each sector closed by its trailer (keys, access bits).
+class SectorMemory {
+public:
+    virtual ~SectorMemory() = default;
+    virtual unsigned sectors() const = 0;
+    virtual unsigned first_block(unsigned sector) const = 0;
+    virtual unsigned blocks_in(unsigned sector) const = 0;
+    unsigned blocks() const { return first_block(sectors() - 1) + blocks_in(sectors() - 1); }
+    unsigned sector_of(unsigned block) const
+    {
+        unsigned s = 0;
+        while (s + 1 < sectors() && first_block(s + 1) <= block)
+            ++s;
+        return s;
+    }
+    bool is_trailer(unsigned block) const
+    {
+        const unsigned s = sector_of(block);
+        return block == first_block(s) + blocks_in(s) - 1;
+    }
+    // Authenticates to the sector of block; a failure also ends an earlier authentication.
+    virtual MemResult authenticate(unsigned block, KeyType type, const uint8_t *key, size_t key_len) = 0;
+    // Block access under the authenticated sector's access conditions. A trailer reads with key A as zeros
+    // (and key B as zeros unless it may be read); a trailer write changes only the parts the conditions let
+    // it change.
+    virtual MemResult read(unsigned block, uint8_t out[16]) = 0;
+    virtual MemResult write(unsigned block, const uint8_t in[16]) = 0;
+    // Value operations on a value block, written back to the same block.
+    virtual MemResult increment(unsigned block, int32_t by) = 0;
+    virtual MemResult decrement(unsigned block, int32_t by) = 0;
+    // True when the reader answers linear reads of this card with the multi-block stream.
+    virtual bool streams_linear() const { return false; }
+};
+
+// Page cards (Type 2 tags): pages of 4 bytes; the user area starts at page 4.
+class PageMemory {
+public:
+    virtual ~PageMemory() = default;
+    virtual unsigned pages() const = 0;
+    virtual unsigned user_pages() const = 0;
+    // The READ command: 16 bytes from four pages, wrapping to page 0 past the end.
+    virtual MemResult read(unsigned page, uint8_t out[16]) = 0;
+    virtual MemResult write(unsigned page, const uint8_t in[4]) = 0;
+    // The 8-byte answer to GET_VERSION; false for tags without it.
+    virtual bool version(uint8_t out[8]) const = 0;
+};
+
 class Card {
 public:
     explicit Card(const zsim_card &id) : id_(id) {}
@@ -31,6 +95,9 @@ public:
     // Answers a command that reaches the card, appending whole frames to out. Returns false when the card
     // does not know the command (the reader then answers that it is not supported).
     virtual bool command(const uint8_t frame[7], const uint8_t *ext, size_t ext_len, std::vector<uint8_t> &out) = 0;
+    // The memory the reader reaches with its block, linear and value commands; null for other cards.
+    virtual SectorMemory *sector_memory() { return nullptr; }
+    virtual PageMemory *page_memory() { return nullptr; }
 
 private:
     zsim_card id_;

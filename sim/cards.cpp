@@ -6,6 +6,18 @@
 namespace zs {
 
 std::unique_ptr<Card> make_plain_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_classic_mini(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_classic_1k(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_classic_4k(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_plus_2k_sl1(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_plus_4k_sl1(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ultralight(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ultralight_ev1_11(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ultralight_ev1_21(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ultralight_c(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag213(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag215(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag216(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_iso14443_4_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
@@ -17,6 +29,18 @@ struct Model {
 
 const Model MODELS[] = {
     {"plain", make_plain_card},
+    {"classic_mini", make_classic_mini},
+    {"classic_1k", make_classic_1k},
+    {"classic_4k", make_classic_4k},
+    {"plus_2k_sl1", make_plus_2k_sl1},
+    {"plus_4k_sl1", make_plus_4k_sl1},
+    {"ultralight", make_ultralight},
+    {"ultralight_ev1_11", make_ultralight_ev1_11},
+    {"ultralight_ev1_21", make_ultralight_ev1_21},
+    {"ultralight_c", make_ultralight_c},
+    {"ntag213", make_ntag213},
+    {"ntag215", make_ntag215},
+    {"ntag216", make_ntag216},
     {"iso14443_4", make_iso14443_4_card},
 };
 

@@ -280,7 +280,7 @@ bool reader_wants_ext(const Reader &r, const uint8_t f[7])
     case 0x70: // serial speed
         return true;
     default:
-        return !r.cards.empty() && r.cards.front()->wants_ext(f);
+        return memory_wants_ext(r, f) || (!r.cards.empty() && r.cards.front()->wants_ext(f));
     }
 }
 
@@ -289,6 +289,8 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
     const uint8_t cmd = f[1];
     // The EXT's data, without its checksum.
     const size_t len = ext && ext_len ? ext_len - 1 : 0;
+    if (memory_command(r, f, ext, ext_len, a))
+        return;
     switch (cmd) {
     case 0x10: { // reader type
         uint8_t d[4];

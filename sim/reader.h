@@ -61,6 +61,13 @@ struct Reader {
     std::vector<std::unique_ptr<Card>> cards;
     zsim_card last_card{};
     bool have_last_card = false;
+    // The multi-card mode (memory.cpp): on or off, the cards of the last enumeration, and the card selected,
+    // which is then the first of the field.
+    bool anticollision = false;
+    bool enumerated = false;
+    std::vector<zsim_card> enum_list;
+    bool card_selected = false;
+    zsim_card selected{};
 
     Reader();
     std::string serial_desc() const;
@@ -80,6 +87,11 @@ struct Answer {
 bool reader_wants_ext(const Reader &r, const uint8_t frame[7]);
 // The reply to a command frame and its EXT (ext may be null).
 void reader_command(Reader &r, const uint8_t frame[7], const uint8_t *ext, size_t ext_len, Answer &a);
+
+// The memory card commands and the multi-card mode (memory.cpp): whether a command takes an EXT, and its
+// answer; false when the command is not one of them (or, in multi-card mode, a card command that may pass).
+bool memory_wants_ext(const Reader &r, const uint8_t frame[7]);
+bool memory_command(Reader &r, const uint8_t frame[7], const uint8_t *ext, size_t ext_len, Answer &a);
 
 // What the reader sends by itself in push mode when a card arrives or leaves; empty when the setup says
 // nothing is sent.

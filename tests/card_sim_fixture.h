@@ -1,0 +1,51 @@
+// A simulated reader on a pseudo-terminal with a handle attached, loaded from a scenario, for the card tests.
+#ifndef ZEL_TESTS_CARD_SIM_FIXTURE_H
+#define ZEL_TESTS_CARD_SIM_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tandro.h"
+#include "transport/serial.h"
+#include "zelsim.h"
+
+namespace zeltest {
+
+class CardSimTest : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        if (hnd)
+            Zel_Hnd_Destroy(hnd);
+        if (sim)
+            zsim_free(sim);
+    }
+    // Starts the reader with the scenario and opens a handle on it.
+    void start(const std::string &scenario)
+    {
+        sim = zsim_new();
+        ASSERT_NE(sim, nullptr);
+        char err[256] = {};
+        ASSERT_EQ(zsim_load_scenario(sim, scenario.c_str(), err, sizeof err), 0) << err;
+        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
+        hnd = Zel_Hnd_Create();
+        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
+        PortSetTimeout(hnd, 500);
+    }
+    // The last command the reader took: frame and EXT.
+    std::vector<uint8_t> last_request()
+    {
+        uint8_t buf[300];
+        const size_t n = zsim_last_request(sim, buf, sizeof buf);
+        return std::vector<uint8_t>(buf, buf + n);
+    }
+
+    zsim *sim = nullptr;
+    char path[256] = {};
+    ZEL_HANDLE hnd = nullptr;
+};
+
+} // namespace zeltest
+
+#endif
