@@ -13,7 +13,8 @@ const char *default_sim_scenario()
     return R"({
   "reader": {"type": "D1180022", "serial_number": 2050001, "serial_description": "SIM00001"},
   "cards": [
-    {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215"}
+    {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215"},
+    {"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4", "model": "iso14443_4"}
   ]
 })";
 }
