@@ -1,0 +1,68 @@
+// tandro discover: the network readers that answer a broadcast on this network.
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <string>
+
+#include "tandro.h"
+#include "tools/cli.h"
+#include "zelsim.h"
+
+namespace {
+
+int run_discover(const tandro::Options &opt, const tandro::Args &args)
+{
+    if (!args.empty())
+        return tandro::usage_error("discover", "takes no arguments");
+    zsim *sim = nullptr;
+    if (opt.sim) {
+        // The simulated reader on the network reader's own port, as a network reader would be.
+        sim = zsim_new();
+        char err[256] = {};
+        if (!sim || (!opt.sim_scenario.empty() && zsim_load_scenario_file(sim, opt.sim_scenario.c_str(), err, sizeof err)) ||
+            zsim_serve_udp(sim, "0.0.0.0", ZEL_NET_FRAME_PORT, nullptr) != 0) {
+            std::fprintf(stderr, "tandro discover: the simulated reader could not take UDP port %d%s%s\n",
+                         ZEL_NET_FRAME_PORT, err[0] ? ": " : "", err);
+            zsim_free(sim);
+            return 1;
+        }
+        if (opt.sim_scenario.empty())
+            zsim_set_serial_description(sim, "SIM00001");
+    }
+    const uint32_t before = list_size();
+    const uint32_t found = udp_reader_list();
+    if (opt.json)
+        std::printf("[");
+    for (uint32_t i = 0; i < found; ++i) {
+        ZEL_HANDLE h = list_get_by_idx(before + i);
+        if (!h)
+            continue;
+        char address[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &h->udp_remote.sin_addr, address, sizeof address);
+        const unsigned port = ntohs(h->udp_remote.sin_port);
+        const std::string serial(h->serial, h->serial + 8);
+        uint32_t type = 0;
+        char type_text[16] = "?";
+        if (GetReaderTypeM(h, &type) == ZEL_OK)
+            std::snprintf(type_text, sizeof type_text, "%08X", type);
+        if (opt.json)
+            std::printf("%s{\"address\": %s, \"port\": %u, \"serial\": %s, \"reader_type\": %s}", i ? ", " : "",
+                        tandro::json_string(address).c_str(), port, tandro::json_string(serial).c_str(),
+                        type_text[0] == '?' ? "null" : tandro::json_string(type_text).c_str());
+        else
+            std::printf("%-15s port %-5u serial %-8s type %s\n", address, port, serial.c_str(), type_text);
+        udp_close(h);
+    }
+    if (opt.json)
+        std::printf("]\n");
+    else if (found == 0)
+        std::printf("no network reader answered\n");
+    while (list_size() > before)
+        removeData(list_get_by_idx(before));
+    zsim_free(sim);
+    return 0;
+}
+
+const tandro::Registration discover_cmd({"discover", "", "network readers that answer a broadcast", run_discover});
+
+} // namespace
