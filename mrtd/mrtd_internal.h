@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "zel_handle.h"
 #include "zel_mrtd.h"
 
 namespace zel::mrtd {
@@ -62,6 +63,21 @@ ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id,
 
 // The SHA-256 of the last EF.DG1 (group 1) or EF.DG2 (group 2) read; null before the first.
 const uint8_t *last_dg_digest(int group);
+
+// ---- The card behind a reader handle ----
+
+struct Link {
+    Transceive transceive;
+    void *context;
+};
+// The APDU exchange with the card on the reader of hnd.
+Link card_link(ZEL_HANDLE hnd);
+// Test seam: every document operation talks to this function instead of a reader (null restores the
+// readers).
+void set_link_hook(Transceive transceive, void *context);
+
+// The JSON key of a tag of the textual data groups ("instances" for a tag the table does not know).
+const char *dg_tag_key(uint32_t tag);
 
 } // namespace zel::mrtd
 

@@ -1,0 +1,70 @@
+// The simulated passport chip: an ICAO 9303 document application (LDS, AID A0 00 00 02 47 10 01) with Basic
+// Access Control and secure messaging on the card's side, and the document files it serves.
+//
+// Its cryptography is its own, on OpenSSL's EVP: two-key triple DES in CBC mode, the retail MAC (ISO/IEC
+// 9797-1 algorithm 3) and SHA-1 for the keys, CMS for the security object.
+#ifndef ZELSIM_CARDS_PASSPORT_H
+#define ZELSIM_CARDS_PASSPORT_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "../iso7816.h"
+
+namespace zs {
+
+using Bytes = std::vector<uint8_t>;
+
+// A document: its MRZ (TD1 90 or TD3 88 characters), the files by identifier (01 1E EF.COM, 01 1D EF.SOD,
+// 01 nn data group nn) and the files that need Extended Access Control (answered with 69 82 under BAC).
+struct PassportDocument {
+    std::string mrz;
+    std::map<uint16_t, Bytes> files;
+    std::set<uint16_t> eac_protected;
+};
+
+// How to build a document.
+struct PassportSpec {
+    std::string mrz;               // TD3 or TD1; empty: the default TD3 specimen
+    std::string signer = "ec";     // "ec" (brainpool P256r1) or "rsa" (2048, PKCS#1 v1.5)
+    size_t face_size = 0;          // 0: the face image as it is; else the image padded to this many bytes
+    bool with_dg14 = true;
+    std::string tamper;            // a data group name ("DG1") whose bytes change after signing
+};
+
+// Builds the document of a spec: EF.COM, DG1 from the MRZ, DG2 (a JPEG face), DG3 (protected), DG7 (a JPEG
+// signature), DG11, DG12, DG14 and EF.SOD signed by the built-in document signer. False with a message on
+// failure.
+bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string &err);
+
+// The built-in CSCA certificate (PEM) that issued the document signers, for a validation folder.
+const char *passport_csca_pem();
+// The built-in face image (JPEG).
+const Bytes &passport_face_jpeg();
+
+// The document application. Without BAC only SELECT (of the application), GET CHALLENGE and EXTERNAL
+// AUTHENTICATE are answered; after it every command must come under secure messaging.
+class PassportApp final : public Application {
+public:
+    explicit PassportApp(PassportDocument doc);
+    ~PassportApp() override;
+
+    RApdu select(const Apdu &cmd) override;
+    void deselect() override;
+    RApdu command(const Apdu &cmd) override;
+
+    // Test views: whether a session is up, and its SSC.
+    bool authenticated() const;
+    uint64_t ssc() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> st_;
+};
+
+} // namespace zs
+#endif

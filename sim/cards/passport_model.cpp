@@ -1,0 +1,82 @@
+// The passport card model: an ISO 14443-4 card holding the document application, set up by the scenario:
+//   {"model": "passport", "setup": {"mrz": "P<UTO...", "signer": "ec", "face_size": 20000, "dg14": true,
+//    "tamper": "DG1"}}
+// (every member optional, besides the level-4 members ats, atr, block_size, interim_frames).
+#include <cstdlib>
+
+#include "../json.h"
+#include "passport.h"
+
+namespace zs {
+
+namespace {
+
+class PassportCard final : public Iso14443Card {
+public:
+    using Iso14443Card::Iso14443Card;
+    const char *model() const override { return "passport"; }
+};
+
+bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
+{
+    if (setup == nullptr || setup->kind != Json::OBJECT)
+        return true;
+    if (const Json *v = setup->get("mrz")) {
+        if (v->kind != Json::STRING) {
+            err = "setup: mrz is a text";
+            return false;
+        }
+        spec.mrz = v->str;
+    }
+    if (const Json *v = setup->get("signer")) {
+        if (v->kind != Json::STRING) {
+            err = "setup: signer is \"ec\" or \"rsa\"";
+            return false;
+        }
+        spec.signer = v->str;
+    }
+    if (const Json *v = setup->get("face_size")) {
+        if (v->kind != Json::NUMBER || v->num < 0 || v->num > 32000) {
+            err = "setup: face_size is a number up to 32000";
+            return false;
+        }
+        spec.face_size = static_cast<size_t>(v->num);
+    }
+    if (const Json *v = setup->get("dg14")) {
+        if (v->kind != Json::BOOL) {
+            err = "setup: dg14 is true or false";
+            return false;
+        }
+        spec.with_dg14 = v->b;
+    }
+    if (const Json *v = setup->get("tamper")) {
+        if (v->kind != Json::STRING) {
+            err = "setup: tamper names a data group";
+            return false;
+        }
+        spec.tamper = v->str;
+    }
+    return true;
+}
+
+} // namespace
+
+std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *setup, std::string &err)
+{
+    Iso14443Setup s;
+    if (!iso14443_setup_read(setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper"}))
+        return nullptr;
+    PassportSpec spec;
+    if (!read_spec(setup, spec, err))
+        return nullptr;
+    PassportDocument doc;
+    if (!passport_build(spec, doc, err)) {
+        err = "setup: " + err;
+        return nullptr;
+    }
+    auto card = std::make_unique<PassportCard>(id, s);
+    card->host().add(std::make_unique<PassportApp>(std::move(doc)));
+    return card;
+}
+
+} // namespace zs
