@@ -1,0 +1,51 @@
+// A reader played from fuzz input: every read of the library takes the next bytes of the input, every write
+// is swallowed. Install one for the span of a test case.
+#ifndef ZEL_FUZZ_LINK_H
+#define ZEL_FUZZ_LINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "core/internal.h"
+#include "zel_handle.h"
+
+namespace zelfuzz {
+
+class FuzzLink {
+public:
+    FuzzLink(const uint8_t *data, size_t size) : data_(data), size_(size)
+    {
+        hooks_ = {&FuzzLink::read_fn, &FuzzLink::write_fn, &FuzzLink::purge_fn, this};
+        zel::set_link_hooks(&hooks_);
+        zel_handle_init(&record);
+        record.comm.use = zel::kPortHook;
+    }
+    ~FuzzLink() { zel::set_link_hooks(nullptr); }
+    FuzzLink(const FuzzLink &) = delete;
+    FuzzLink &operator=(const FuzzLink &) = delete;
+
+    zel_handle_record record;
+
+private:
+    static uint32_t read_fn(void *ctx, uint8_t *buf, uint32_t n)
+    {
+        auto *self = static_cast<FuzzLink *>(ctx);
+        const size_t left = self->size_ - self->at_;
+        const uint32_t take = left < n ? static_cast<uint32_t>(left) : n;
+        std::memcpy(buf, self->data_ + self->at_, take);
+        self->at_ += take;
+        return take;
+    }
+    static uint32_t write_fn(void *, const uint8_t *, uint32_t n) { return n; }
+    static void purge_fn(void *) {}
+
+    const uint8_t *data_;
+    size_t size_;
+    size_t at_ = 0;
+    zel::LinkHooks hooks_{};
+};
+
+} // namespace zelfuzz
+
+#endif
