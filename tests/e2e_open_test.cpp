@@ -83,7 +83,9 @@ TEST_F(OpenTest, GlobalOpenOnASerialPortClosesAndOpensAgain)
 
     ASSERT_EQ(ReaderClose(), ZEL_OK);
     EXPECT_NE(GetReaderType(&type), ZEL_OK);
-    ASSERT_EQ(ReaderOpenEx(1, path, 1, "UNIT_OPEN_RESET_DISABLE"), ZEL_OK);
+    // A device path with the automatic interface takes the serial port as a "COM" name would.
+    ASSERT_EQ(ReaderOpenEx(1, path, 0, "UNIT_OPEN_RESET_DISABLE"), ZEL_OK);
+    EXPECT_EQ(zel_global.comm.use, ZEL_PORT_SERIAL);
     EXPECT_EQ(GetReaderType(&type), ZEL_OK);
 
     // A reader on a handle of one's own, beside the global one, on the same record kind.
