@@ -236,8 +236,12 @@ extern "C" ZEL_API ZEL_STATUS ReadUserDataHnd(ZEL_HANDLE hnd, uint8_t *data, uin
     const uint32_t n = extended ? 32 : 16;
     if (!data)
         return ZEL_PARAMETERS_ERROR;
-    if (routed(hnd))
+    if (routed(hnd)) {
+        // The map keeps 16 bytes at 644; the pro mode, speed and card id setup follow them.
+        if (extended)
+            return ZEL_PARAMETERS_ERROR;
         return EE_ReadHnd(hnd, kEeUserData, n, data);
+    }
     return read_ext(hnd, kCmdReadUserData, extended ? 2 : 0, 0, data, n);
 }
 
@@ -246,8 +250,11 @@ extern "C" ZEL_API ZEL_STATUS WriteUserDataHnd(ZEL_HANDLE hnd, const uint8_t *da
     const uint32_t n = extended ? 32 : 16;
     if (!data)
         return ZEL_PARAMETERS_ERROR;
-    if (routed(hnd))
+    if (routed(hnd)) {
+        if (extended)
+            return ZEL_PARAMETERS_ERROR; // 16 more bytes would overwrite the settings behind the user data
         return EE_WriteHnd(hnd, kEeUserData, n, data);
+    }
     return send_ext(hnd, kCmdWriteUserData, extended ? 2 : 0, 0, data, static_cast<uint8_t>(n));
 }
 

@@ -493,9 +493,17 @@ TEST_F(SimConfig, StoredDataThroughTheEepromRoute)
     Bytes user(16, 0x5C);
     ASSERT_EQ(WriteUserDataM(hnd, user.data(), 0), ZEL_OK);
     EXPECT_EQ(eeprom(644, 16), user);
-    uint8_t got[16] = {};
+    uint8_t got[32] = {};
     ASSERT_EQ(ReadUserDataM(hnd, got, 0), ZEL_OK);
     EXPECT_EQ(Bytes(got, got + 16), user);
+    // The map has no room for the extended half: nothing is sent, and the settings behind stay.
+    const Bytes settings = eeprom(660, 17);
+    const uint64_t sent = zsim_exchange_count(sim);
+    Bytes wide(32, 0x77);
+    EXPECT_EQ(WriteUserDataM(hnd, wide.data(), 1), ZEL_PARAMETERS_ERROR);
+    EXPECT_EQ(ReadUserDataM(hnd, got, 1), ZEL_PARAMETERS_ERROR);
+    EXPECT_EQ(zsim_exchange_count(sim), sent);
+    EXPECT_EQ(eeprom(660, 17), settings);
 
     ASSERT_EQ(SetAsyncCardIdSendConfigM(hnd, 1, 0, '<', '>', 1, 19200), ZEL_OK);
     EXPECT_EQ(last_request()[1], 0xE3);
