@@ -376,6 +376,36 @@ TEST_F(FakeD2xx, DriverVersionText)
     EXPECT_EQ((a << 16) | (b << 8) | c, 0x021204);
 }
 
+TEST_F(FakeD2xx, TableWithOnlyTheThreeRequiredEntries)
+{
+    // What a library that has FT_Open, FT_Close and FT_Write but nothing else leaves: every routine that
+    // needs a missing entry fails with a status, none calls through a null slot.
+    zel::D2xxTable t{};
+    const zel::D2xxTable full = fake_table();
+    t.FT_Open = full.FT_Open;
+    t.FT_Close = full.FT_Close;
+    t.FT_Write = full.FT_Write;
+    zel::d2xx_install(t);
+    EXPECT_NE(ftdi_configure_hnd(kDev, 115200, 250), 0u);
+    void *dev = nullptr;
+    EXPECT_NE(ftdi_open(115200, 250, &dev), 0u);
+    EXPECT_EQ(dev, nullptr);
+    EXPECT_EQ(ft.open_devices, 0); // the device that opened but could not be set up is closed again
+    EXPECT_LT(ftdi_getDevNum(), 0);
+    uint32_t nr = 5, na = 5;
+    zel_ftdi_device *readers = nullptr, *adapters = nullptr;
+    EXPECT_NE(ftdi_multiReader_getZelDevices(&nr, &readers, &na, &adapters), 0u);
+    EXPECT_EQ(nr + na, 0u);
+    EXPECT_EQ(readers, nullptr);
+    uint8_t inverted = 3, a = 9, b = 9, c = 9;
+    EXPECT_NE(ftdi_CheckRTS(kDev, &inverted), 0);
+    EXPECT_EQ(inverted, 3);
+    char text[16] = "unchanged";
+    EXPECT_NE(ftdi_GetDriverVersion(kDev, text, &a, &b, &c), 0u);
+    EXPECT_EQ((std::vector<int>{a, b, c}), (std::vector<int>{0, 0, 0}));
+    EXPECT_STREQ(text, "unchanged");
+}
+
 TEST(D2xxLoad, MissingLibraryIsNotLoaded)
 {
     EXPECT_FALSE(LoadFTD2XXLibrary("libzel_no_such_d2xx.so"));
