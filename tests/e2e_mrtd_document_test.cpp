@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <string>
 
@@ -13,6 +14,8 @@
 #include "mrtd/mrtd_internal.h"
 #include "mrtd_test_support.h"
 #include "tandro.h"
+#include "transport/serial.h"
+#include "zelsim.h"
 
 using namespace mrtdtest;
 
@@ -514,6 +517,88 @@ TEST_F(MrtdValidation, ReadWithValidationAddsTheVerdict)
     ASSERT_EQ(nested.members.size(), 2u);
     EXPECT_EQ(nested.members[1].first, "Validation");
     EXPECT_TRUE(nested.get("Validation")->get("csca_root_validity")->b);
+}
+
+} // namespace
+
+// ---- Over the simulated reader ----
+
+namespace {
+
+const zsim_card kPassportCard = {{0x08, 0x11, 0x22, 0x33}, 4, 0x20, 0x0004, 0x40};
+
+// The passport in the field of a simulated reader on a pseudo-terminal, opened as the global reader.
+class MrtdOverReader : public ::testing::Test {
+protected:
+    zsim *sim = nullptr;
+    TempDir dir;
+
+    void start(const char *setup)
+    {
+        initCryptoSubsys();
+        sim = zsim_new();
+        ASSERT_NE(sim, nullptr);
+        ASSERT_EQ(zsim_card_add_model(sim, &kPassportCard, "passport", setup), 0);
+        char path[256] = {};
+        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
+        ASSERT_EQ(zel::serial_open(&zel_global, path, 1000000, true), ZEL_OK);
+        PortSetTimeout(&zel_global, 1000);
+        ASSERT_EQ(SetISO14443_4_Mode(), ZEL_OK);
+    }
+    void TearDown() override
+    {
+        MRTD_SessionClose();
+        ReaderClose();
+        if (sim)
+            zsim_free(sim);
+    }
+};
+
+TEST_F(MrtdOverReader, DocumentReadAndValidatedOverBac)
+{
+    start(R"({"face_size": 20000, "block_size": 64})");
+    ASSERT_EQ(MRTD_SessionInit("L898902C3", "740812", "120415"), ZEL_OK);
+    ZEL_STATUS st = 0;
+    const std::string text = read_document(&st, 0, 0, nullptr, 1 << 17);
+    ASSERT_EQ(st, ZEL_OK);
+    JValue doc;
+    ASSERT_TRUE(parse_json(text, doc));
+    EXPECT_EQ(doc.get("DG1")->get("document_number")->str, "L898902C3");
+    Bytes face;
+    ASSERT_TRUE(base64_decode(doc.get("DG2")->get("image")->str.substr(23), face));
+    EXPECT_EQ(face.size(), 20000u);
+    // The padded face is still the built-in JPEG: same start of image and the same end.
+    const Bytes &jpeg = zs::passport_face_jpeg();
+    EXPECT_TRUE(std::equal(jpeg.end() - 100, jpeg.end(), face.end() - 100));
+
+    write_text(dir.file("utopia.pem"), zs::passport_csca_pem());
+    Keys k;
+    ASSERT_EQ(authenticate(k), ZEL_OK);
+    char *report = nullptr;
+    uint8_t integrity = 0, validity = 0;
+    EXPECT_EQ(MRTDValidateHnd(&zel_global, dir.path().c_str(), &report, nullptr, 1, k.ks_enc, k.ks_mac, &k.ssc,
+                              &integrity, &validity),
+              ZEL_OK);
+    EXPECT_TRUE(has(report ? report : "", "Document validity CONFIRMED"));
+    EXPECT_EQ(integrity, 1);
+    EXPECT_EQ(validity, 1);
+    OrbFree(report);
+}
+
+TEST_F(MrtdOverReader, RsaSignedTd1Card)
+{
+    start(R"({"signer": "rsa", "mrz": "IDUTOD231458907<<<<<<<<<<<<<<<7408122F1204159UTO<<<<<<<<<<<6ERIKSSON<<ANNA<MARIA<<<<<<<<<<"})");
+    ASSERT_EQ(MRTD_SessionInit("D23145890", "740812", "120415"), ZEL_OK);
+    ZEL_STATUS st = 0;
+    JValue doc;
+    ASSERT_TRUE(parse_json(read_document(&st, 1, 0, "DG1 DG12"), doc));
+    EXPECT_EQ(st, ZEL_OK);
+    EXPECT_EQ(doc.get("document_type")->str, "IdentityCard");
+    EXPECT_EQ(doc.get("issuing_authority")->str, "PASSPORT OFFICE ZENITH");
+    // Closing deselects the card: a new session needs a new authentication, which works.
+    EXPECT_EQ(MRTD_SessionClose(), ZEL_OK);
+    ASSERT_EQ(SetISO14443_4_Mode(), ZEL_OK);
+    EXPECT_EQ(MRTD_SessionInit("D23145890", "740812", "120415"), ZEL_OK);
 }
 
 } // namespace
