@@ -598,3 +598,46 @@ TEST_F(SimConfig, SmallCommandsAndReaderStatus)
 }
 
 } // namespace
+
+namespace {
+
+// Opening the simulated reader's port through the serial routines of the device layer.
+TEST_F(SimConfig, SerialPortOpensAtATableRate)
+{
+    ZEL_HANDLE h = Zel_Hnd_Create();
+    h->br_custom = ZEL_BR_NONE;
+    ASSERT_EQ(rs232_serial_port_init_Hnd(h, path, 3), 0);
+    EXPECT_EQ(h->idx_speed, 3u);
+    EXPECT_EQ(h->baud_rate, zel_baud_table[3]);
+    EXPECT_EQ(h->comm.use, ZEL_PORT_SERIAL);
+    EXPECT_EQ(h->opened, 1u);
+    EXPECT_STREQ(h->try_port, path);
+    uint32_t type = 0;
+    EXPECT_EQ(GetReaderTypeM(h, &type), ZEL_OK); // the reader answers on the port opened
+    EXPECT_EQ(type, 0xD1180022u);
+    PortClose(h);
+
+    // A rate asked for by index goes before the one given, unless it is "none".
+    h->br_custom = 7;
+    ASSERT_EQ(rs232_serial_port_init_Hnd(h, path, 1), 0);
+    EXPECT_EQ(h->idx_speed, 7u);
+    EXPECT_EQ(h->baud_rate, zel_baud_table[7]);
+    PortClose(h);
+
+    // The device-type form keeps the port text and the custom rate out of it.
+    std::snprintf(h->try_port, sizeof h->try_port, "%s", "untouched");
+    ASSERT_EQ(rs232_serial_port_init_Hnd_device_type(h, path, 2, 5), 0);
+    EXPECT_EQ(h->idx_speed, 2u);
+    EXPECT_EQ(h->device_index, 5);
+    EXPECT_STREQ(h->try_port, "untouched");
+    PortClose(h);
+
+    // A port that is not there.
+    EXPECT_EQ(rs232_serial_port_init_Hnd(h, "/dev/zel-no-such-port", 1), -2);
+    EXPECT_EQ(h->opened, 0u);
+    EXPECT_EQ(rs232_serial_port_init_Hnd_device_type(h, path, ZEL_BAUD_TABLE_LEN, 0), -2);
+    EXPECT_EQ(rs232_serial_port_init(h, nullptr, 115200), 0);
+    Zel_Hnd_Destroy(h);
+}
+
+} // namespace
