@@ -5,6 +5,7 @@
 
 #include "core/frame.h"
 #include "reader/params.h"
+#include "zel_esp.h"
 #include "zel_reader.h"
 #include "zel_status.h"
 
@@ -21,7 +22,6 @@ constexpr uint8_t kCmdGetProMode = 0x42;
 constexpr uint8_t kCmdSetProMode = 0x43;
 constexpr uint8_t kCmdParameters = 0xF0;
 constexpr uint8_t kCmdParametersDefault = 0xF1;
-constexpr uint8_t kCmdEspSession = 0xF9;
 
 constexpr uint32_t kEeSerialDescription = 0;
 constexpr uint32_t kEeProMode = 660;
@@ -121,10 +121,10 @@ ZEL_STATUS parameters(ZEL_HANDLE hnd, uint8_t cmd, bool fixed_layout, ReaderPara
                         : decode_parameter_block(buf + kFrameLen, len, p);
 }
 
-// Points what the host sends at module n behind a network module (0xFF: the module itself).
+// Points what the host sends at reader n behind a network module (-1: the module itself).
 ZEL_STATUS esp_session_set(ZEL_HANDLE hnd, int32_t n)
 {
-    return read_pars(hnd, kCmdEspSession, static_cast<uint8_t>(n), 1, nullptr, nullptr);
+    return EspSetTransparentReaderSessionHnd(hnd, static_cast<uint8_t>(n));
 }
 
 const char *model_or(uint32_t type, const char *fallback)

@@ -261,6 +261,65 @@ TEST(ReaderIdentity, InfoTextNamesModelAndFirmware)
     EXPECT_EQ(GetReaderInfoStrHnd(&link.record, nullptr), ZEL_PARAMETERS_ERROR);
 }
 
+// The fixed-layout block of a reader or module: HW type and version, device type, firmware.
+Bytes block2(uint8_t hw_type, uint8_t hw_ver, uint32_t device_type, uint8_t major, uint8_t minor, uint8_t build)
+{
+    Bytes d(33, 0);
+    d[24] = hw_type, d[25] = hw_ver;
+    for (int i = 0; i < 4; ++i)
+        d[26 + i] = static_cast<uint8_t>(device_type >> (8 * i));
+    d[30] = major, d[31] = minor, d[32] = build;
+    return cat(frame(RSP, 0xF0, RSP_T, 34), ext(d));
+}
+
+TEST(ReaderIdentity, InfoTextBehindANetworkModule)
+{
+    struct Case {
+        uint8_t module_hw_type, module_hw_ver;
+        std::string name;
+    } cases[] = {
+        {42, 1, "ZelNet WiFi"},
+        {42, 2, "ZelNet Ethernet"},
+        {42, 7, "ZelNet"},
+        {46, 2, zel::esp_firmware_type_name(2)},
+        {46, 99, "UNKNOWN"},
+    };
+    for (const Case &c : cases) {
+        ScriptLink link;
+        link.record.esp_session = 1;
+        link.reply(frame(RSP, 0xF9, RSP_T)); // the module itself
+        link.reply(block2(c.module_hw_type, c.module_hw_ver, 0xD1000000, 2, 1, 3));
+        link.reply(frame(RSP, 0xF9, RSP_T)); // the reader behind it
+        link.reply(block2(1, 2, 0xD1180022, 5, 0, 60));
+        link.reply(cat(frame(RSP, 0x10, RSP_T, 5), ext({0x22, 0x00, 0x18, 0xD1})));
+        link.reply(frame(RSP, 0xF9, RSP_T)); // back to the module
+        const char *text = nullptr;
+        ASSERT_EQ(GetReaderInfoStrHnd(&link.record, &text), ZEL_OK) << c.name;
+        const std::string fw = zel::firmware_type_name(0xD1);
+        EXPECT_EQ(std::string(text), c.name + " (ESP Firmware Type: " + fw + ", ESP Firmware Version: 2.1.3, " +
+                                         "ESP Hardware Version: " + std::to_string(c.module_hw_type) + "." +
+                                         std::to_string(c.module_hw_ver) + ") (NFC Model: " +
+                                         zel::reader_model_name(0xD1180022) + ", NFC Firmware Type: " + fw +
+                                         ", NFC Firmware Version: 5.0.60, NFC Hardware Version: 1.2)");
+        ASSERT_EQ(link.writes.size(), 6u);
+        EXPECT_EQ(link.writes[0], cmd(0xF9, 0, 0xFF, 1));
+        EXPECT_EQ(link.writes[2], cmd(0xF9, 0, 1, 1));
+        EXPECT_EQ(link.writes[5], cmd(0xF9, 0, 0xFF, 1));
+    }
+    // A module that refuses the session switch ends the report with its status; so does a failing block.
+    ScriptLink refused;
+    refused.record.esp_session = 1;
+    refused.reply(frame(ERR, ZEL_COMMAND_NOT_SUPPORTED, ERR_T));
+    const char *text = nullptr;
+    EXPECT_EQ(GetReaderInfoStrHnd(&refused.record, &text), ZEL_COMMAND_NOT_SUPPORTED);
+    EXPECT_EQ(text, nullptr);
+    ScriptLink short_block;
+    short_block.record.esp_session = 1;
+    short_block.reply(frame(RSP, 0xF9, RSP_T));
+    short_block.reply(cat(frame(RSP, 0xF0, RSP_T, 30), ext(Bytes(29, 0))));
+    EXPECT_EQ(GetReaderInfoStrHnd(&short_block.record, &text), ZEL_COMMUNICATION_ERROR);
+}
+
 TEST(ReaderIdentity, SerialDescriptionBothWays)
 {
     ScriptLink link;
