@@ -13,7 +13,11 @@ const char *default_sim_scenario()
     return R"({
   "reader": {"type": "D1180022", "serial_number": 2050001, "serial_description": "SIM00001"},
   "cards": [
-    {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215"},
+    {"uid": "5A3C9E21", "sak": "08", "atqa": "0004", "type": "ORB_MIFARE_CLASSIC_1K", "model": "classic_1k",
+     "setup": {"blocks": [{"block": 4, "data": "54616E64726F2073696D756C61746564"},
+                          {"block": 5, "data": "636C617373696320314B2063617264"}],
+               "values": [{"block": 6, "value": 100, "address": 6}]}},
+    {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215"},
     {"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4", "model": "iso14443_4"}
   ]
 })";

@@ -1,0 +1,296 @@
+// tandro read, tandro write and tandro value: blocks, sectors and the linear space of memory cards.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tandro.h"
+#include "tools/cli.h"
+#include "tools/cmd_block_common.h"
+#include "tools/session.h"
+
+namespace {
+
+using tandro::Args;
+using tandro::KeyOptions;
+
+bool take_flag(Args &args, const char *name)
+{
+    for (auto it = args.begin(); it != args.end(); ++it)
+        if (*it == name) {
+            args.erase(it);
+            return true;
+        }
+    return false;
+}
+
+bool take_value(Args &args, const char *name, std::string &out)
+{
+    for (size_t i = 0; i + 1 < args.size(); ++i)
+        if (args[i] == name) {
+            out = args[i + 1];
+            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+            return true;
+        }
+    return false;
+}
+
+bool number(const std::string &s, uint32_t max, uint32_t &v)
+{
+    return tandro::parse_u32(s, &v) && v <= max;
+}
+
+void print_bytes(const tandro::Options &opt, bool raw, const char *what, uint32_t base, const uint8_t *d, size_t n)
+{
+    if (raw) {
+        std::fwrite(d, 1, n, stdout);
+        return;
+    }
+    if (opt.json) {
+        std::printf("{\"%s\": %u, \"length\": %zu, \"data\": \"%s\"}\n", what, base, n, tandro::to_hex(d, n).c_str());
+        return;
+    }
+    // Block reads number their lines by byte address too: block * 16.
+    tandro::print_dump(d, n, std::strcmp(what, "block") == 0 ? base * 16 : base);
+}
+
+int fail(const char *cmd, ZEL_STATUS st)
+{
+    std::fprintf(stderr, "tandro %s: %s\n", cmd, ZEL_Status2String(st));
+    return 1;
+}
+
+int run_read(const tandro::Options &opt, const tandro::Args &in)
+{
+    Args args = in;
+    KeyOptions k;
+    std::string err, sector_text, linear_text, rows_text;
+    if (!tandro::take_key_options(args, k, err))
+        return tandro::usage_error("read", err);
+    const bool raw = take_flag(args, "--raw");
+    const bool has_sector = take_value(args, "--sector", sector_text);
+    const bool has_linear = take_value(args, "--linear", linear_text);
+    const bool has_rows = take_value(args, "--rows", rows_text);
+    tandro::ReaderSession session;
+    if (has_sector) {
+        uint32_t s = 0;
+        if (!args.empty() || !number(sector_text, 39, s))
+            return tandro::usage_error("read", "--sector takes a sector number (0 to 39)");
+        if (!session.open("read", opt))
+            return 1;
+        return tandro::print_sector_dump(session.hnd(), k, static_cast<uint8_t>(s), opt.json);
+    }
+    if (has_linear || has_rows) {
+        uint32_t addr = 0, len = 0;
+        if (args.size() != 1 || !number(has_linear ? linear_text : rows_text, 0xFFFF, addr) || !number(args[0], 0xFFFF, len))
+            return tandro::usage_error("read", "--linear ADDRESS LENGTH (or --rows ADDRESS LENGTH)");
+        if (!session.open("read", opt))
+            return 1;
+        std::vector<uint8_t> d(len ? len : 1);
+        uint16_t got = 0;
+        ZEL_STATUS st;
+        if (has_rows) {
+            // The raw space: only the reader key and provided key forms exist for it here.
+            st = k.form == KeyOptions::READER
+                     ? LinRowReadM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got, k.auth_mode, k.index)
+                     : LinRowRead_PKM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got, k.auth_mode, k.key.data());
+        } else {
+            st = tandro::key_linear_read(session.hnd(), k, d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got);
+        }
+        if (st != ZEL_OK)
+            return fail("read", st);
+        print_bytes(opt, raw, "address", addr, d.data(), got);
+        return 0;
+    }
+    uint32_t block = 0, count = 1;
+    if (args.empty() || args.size() > 2 || !number(args[0], 255, block) || (args.size() == 2 && !number(args[1], 256, count)))
+        return tandro::usage_error("read", "BLOCK [COUNT], --sector N or --linear ADDRESS LENGTH");
+    if (!session.open("read", opt))
+        return 1;
+    std::vector<uint8_t> d;
+    for (uint32_t b = block; b < block + count && b < 256; ++b) {
+        uint8_t one[16];
+        const ZEL_STATUS st = tandro::key_block_read(session.hnd(), k, one, static_cast<uint8_t>(b));
+        if (st != ZEL_OK)
+            return fail("read", st);
+        d.insert(d.end(), one, one + 16);
+    }
+    print_bytes(opt, raw, "block", block, d.data(), d.size());
+    return 0;
+}
+
+// The data of a write: hex text, or --in FILE.
+bool write_data(Args &args, std::vector<uint8_t> &data, std::string &err)
+{
+    std::string file;
+    if (take_value(args, "--in", file)) {
+        FILE *f = std::fopen(file.c_str(), "rb");
+        if (!f) {
+            err = "cannot read " + file;
+            return false;
+        }
+        uint8_t buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && data.size() < 0x10000)
+            data.insert(data.end(), buf, buf + n);
+        std::fclose(f);
+        return true;
+    }
+    if (args.empty() || !tandro::parse_hex(args.back(), data)) {
+        err = "the data in hexadecimal, or --in FILE";
+        return false;
+    }
+    args.pop_back();
+    return true;
+}
+
+int run_write(const tandro::Options &opt, const tandro::Args &in)
+{
+    Args args = in;
+    KeyOptions k;
+    std::string err, linear_text;
+    if (!tandro::take_key_options(args, k, err))
+        return tandro::usage_error("write", err);
+    const bool has_linear = take_value(args, "--linear", linear_text);
+    std::vector<uint8_t> data;
+    if (!write_data(args, data, err))
+        return tandro::usage_error("write", err);
+    tandro::ReaderSession session;
+    if (has_linear) {
+        uint32_t addr = 0;
+        if (!args.empty() || !number(linear_text, 0xFFFF, addr) || data.size() > 0xFFFF)
+            return tandro::usage_error("write", "--linear ADDRESS DATA");
+        if (!session.open("write", opt))
+            return 1;
+        uint16_t done = 0;
+        const ZEL_STATUS st = tandro::key_linear_write(session.hnd(), k, data.data(), static_cast<uint16_t>(addr),
+                                                       static_cast<uint16_t>(data.size()), &done);
+        if (st != ZEL_OK) {
+            std::fprintf(stderr, "tandro write: %s after %u bytes\n", ZEL_Status2String(st), done);
+            return 1;
+        }
+        if (opt.json)
+            std::printf("{\"address\": %u, \"written\": %u}\n", addr, done);
+        else
+            std::printf("%u bytes written at linear address %u\n", done, addr);
+        return 0;
+    }
+    uint32_t block = 0;
+    if (args.size() != 1 || !number(args[0], 255, block) || data.size() > 16)
+        return tandro::usage_error("write", "BLOCK DATA (up to 16 bytes) or --linear ADDRESS DATA");
+    data.resize(16, 0);
+    if (!session.open("write", opt))
+        return 1;
+    const ZEL_STATUS st = tandro::key_block_write(session.hnd(), k, data.data(), static_cast<uint8_t>(block));
+    if (st != ZEL_OK)
+        return fail("write", st);
+    if (opt.json)
+        std::printf("{\"block\": %u, \"written\": 16}\n", block);
+    else
+        std::printf("block %u written\n", block);
+    return 0;
+}
+
+#define TANDRO_VALUE_CALL(Name, ...)                                                      \
+    switch (k.form) {                                                                     \
+    case KeyOptions::READER: return Name##M(h, __VA_ARGS__, k.auth_mode, k.index);        \
+    case KeyOptions::AKM1: return Name##_AKM1M(h, __VA_ARGS__, k.auth_mode);              \
+    case KeyOptions::AKM2: return Name##_AKM2M(h, __VA_ARGS__, k.auth_mode);              \
+    case KeyOptions::SAM: return Name##SamKeyM(h, __VA_ARGS__, k.auth_mode, k.index);     \
+    case KeyOptions::PROVIDED: break;                                                     \
+    }                                                                                     \
+    return Name##_PKM(h, __VA_ARGS__, k.auth_mode, k.key.data())
+
+ZEL_STATUS value_read(ZEL_HANDLE h, const KeyOptions &k, int32_t *v, uint8_t *a, uint8_t b)
+{
+    TANDRO_VALUE_CALL(ValueBlockRead, v, a, b);
+}
+ZEL_STATUS value_write(ZEL_HANDLE h, const KeyOptions &k, int32_t v, uint8_t a, uint8_t b)
+{
+    TANDRO_VALUE_CALL(ValueBlockWrite, v, a, b);
+}
+ZEL_STATUS value_inc(ZEL_HANDLE h, const KeyOptions &k, int32_t v, uint8_t b)
+{
+    TANDRO_VALUE_CALL(ValueBlockIncrement, v, b);
+}
+ZEL_STATUS value_dec(ZEL_HANDLE h, const KeyOptions &k, int32_t v, uint8_t b)
+{
+    TANDRO_VALUE_CALL(ValueBlockDecrement, v, b);
+}
+
+bool signed_number(const std::string &s, int32_t &v)
+{
+    uint32_t u = 0;
+    if (!s.empty() && s[0] == '-') {
+        if (!tandro::parse_u32(s.substr(1), &u) || u > 0x80000000u)
+            return false;
+        v = static_cast<int32_t>(0u - u);
+        return true;
+    }
+    if (!tandro::parse_u32(s, &u) || u > 0x7FFFFFFFu)
+        return false;
+    v = static_cast<int32_t>(u);
+    return true;
+}
+
+int run_value(const tandro::Options &opt, const tandro::Args &in)
+{
+    Args args = in;
+    KeyOptions k;
+    std::string err, addr_text;
+    if (!tandro::take_key_options(args, k, err))
+        return tandro::usage_error("value", err);
+    const bool has_addr = take_value(args, "--address", addr_text);
+    uint32_t block = 0, vaddr = 0;
+    int32_t v = 0;
+    if (args.size() < 2 || !number(args[1], 255, block))
+        return tandro::usage_error("value", "read BLOCK | write BLOCK VALUE [--address A] | inc BLOCK N | dec BLOCK N");
+    const std::string op = args[0];
+    const bool needs_value = op == "write" || op == "inc" || op == "dec";
+    if ((op != "read" && !needs_value) || args.size() != (needs_value ? 3u : 2u) ||
+        (needs_value && !signed_number(args[2], v)) || (has_addr && !number(addr_text, 255, vaddr)))
+        return tandro::usage_error("value", "read BLOCK | write BLOCK VALUE [--address A] | inc BLOCK N | dec BLOCK N");
+    if (!has_addr)
+        vaddr = block;
+    tandro::ReaderSession session;
+    if (!session.open("value", opt))
+        return 1;
+    ZEL_HANDLE h = session.hnd();
+    const uint8_t b = static_cast<uint8_t>(block);
+    ZEL_STATUS st = ZEL_OK;
+    if (op == "write")
+        st = value_write(h, k, v, static_cast<uint8_t>(vaddr), b);
+    else if (op == "inc")
+        st = value_inc(h, k, v, b);
+    else if (op == "dec")
+        st = value_dec(h, k, v, b);
+    if (st != ZEL_OK)
+        return fail("value", st);
+    int32_t now = 0;
+    uint8_t a = 0;
+    st = value_read(h, k, &now, &a, b);
+    if (st != ZEL_OK && st != ZEL_VALUE_BLOCK_ADDR_INVALID)
+        return fail("value", st);
+    const bool addr_ok = st == ZEL_OK;
+    if (opt.json) {
+        std::printf("{\"block\": %u, \"value\": %d, \"address\": ", block, now);
+        if (addr_ok)
+            std::printf("%u}\n", a);
+        else
+            std::printf("null}\n");
+    } else if (addr_ok) {
+        std::printf("block %u: value %d, address %u\n", block, now, a);
+    } else {
+        std::printf("block %u: value %d, address bytes inconsistent\n", block, now);
+    }
+    return 0;
+}
+
+const tandro::Registration read_cmd({"read", "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
+                                     "card memory as a hex dump (--raw: the bytes)", run_read});
+const tandro::Registration write_cmd({"write", "BLOCK DATA | --linear ADDR DATA|--in FILE [KEY]",
+                                      "a block (16 bytes) or a run of the linear space", run_write});
+const tandro::Registration value_cmd({"value", "read|write|inc|dec BLOCK [N] [--address A] [KEY]",
+                                      "value blocks: read, set, increment, decrement", run_value});
+
+} // namespace
