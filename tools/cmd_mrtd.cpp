@@ -1,10 +1,24 @@
 // tandro mrz TEXT...: checks and reads a machine readable zone (the lines may come as separate arguments or
 // with line breaks), or the lower line of a passport alone.
-#include <cstdio>
-#include <string>
+// tandro passport: reads a travel document over BAC, prints the holder's data and the validation report,
+// writes the JSON document and the face image.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cards/passport.h"
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/session.h"
+#include "zelsim.h"
 
 namespace {
 
@@ -110,5 +124,285 @@ int run_mrz(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration mrz_cmd({"mrz", "TEXT...",
                                     "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)",
                                     run_mrz});
+
+} // namespace
+
+namespace {
+
+// The simulated passport's MRZ (the specimen), taken when --sim names no document.
+const char kSimulatedMrz[] = "P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<L898902C36UTO7408122F1204159ZE184226B<<<<<10";
+
+struct PassportArgs {
+    std::string mrz, doc, birth, expiry, json_file, photo, csca;
+    bool json_file_given = false;
+};
+
+bool parse_passport_args(const tandro::Options &opt, const tandro::Args &args, PassportArgs &a, std::string &err)
+{
+    std::vector<std::string> rest;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &w = args[i];
+        auto value = [&](std::string &out) {
+            if (i + 1 >= args.size()) {
+                err = w + " takes a value";
+                return false;
+            }
+            out = args[++i];
+            return true;
+        };
+        bool ok = true;
+        if (w == "--mrz")
+            ok = value(a.mrz);
+        else if (w == "--doc")
+            ok = value(a.doc);
+        else if (w == "--birth")
+            ok = value(a.birth);
+        else if (w == "--expiry")
+            ok = value(a.expiry);
+        else if (w == "--photo")
+            ok = value(a.photo);
+        else if (w == "--csca")
+            ok = value(a.csca);
+        else if (w.rfind("--", 0) == 0) {
+            err = "unknown option " + w;
+            return false;
+        } else
+            rest.push_back(w);
+        if (!ok)
+            return false;
+    }
+    // "--json FILE": the tool takes --json itself, so the file stands alone behind it.
+    if (rest.size() == 1 && opt.json) {
+        a.json_file = rest[0];
+        a.json_file_given = true;
+    } else if (!rest.empty()) {
+        err = "unexpected argument " + rest[0];
+        return false;
+    }
+    if (!a.mrz.empty()) {
+        std::string m;
+        for (char c : a.mrz)
+            if (c != '\n' && c != '\r' && c != ' ' && c != '\t')
+                m += c;
+        const ZEL_STATUS format = m.size() == 44 ? MRTD_FORMAT_TD3 : MRTD_MRZDetectFormat(m.data(), m.size());
+        const size_t base = m.size() == 44 ? 0 : 44;
+        if (format == MRTD_FORMAT_TD3 && m.size() >= base + 44) {
+            a.doc = m.substr(base, 9), a.birth = m.substr(base + 13, 6), a.expiry = m.substr(base + 21, 6);
+        } else if (format == MRTD_FORMAT_TD1) {
+            a.doc = m.substr(5, 9), a.birth = m.substr(30, 6), a.expiry = m.substr(38, 6);
+        } else {
+            err = "the MRZ is no TD1, TD3 or passport lower line";
+            return false;
+        }
+        while (!a.doc.empty() && a.doc.back() == '<')
+            a.doc.pop_back();
+    }
+    if (a.doc.empty() || a.birth.size() != 6 || a.expiry.size() != 6) {
+        err = "give --mrz TEXT, or --doc NUMBER --birth YYMMDD --expiry YYMMDD";
+        return false;
+    }
+    return true;
+}
+
+// Removes the cards in front of the simulated passport, so that it is the card the reader activates.
+void bring_passport_forward(zsim *sim)
+{
+    char list[4096] = {};
+    if (zsim_command(sim, "list", list, sizeof list) != 0)
+        return;
+    std::vector<std::string> ahead;
+    for (const char *line = list; *line;) {
+        const char *end = std::strchr(line, '\n');
+        const std::string l(line, end ? size_t(end - line) : std::strlen(line));
+        if (l.size() > 9 && l.compare(l.size() - 9, 9, " passport") == 0) {
+            for (const auto &uid : ahead) {
+                char out[128];
+                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
+            }
+            return;
+        }
+        ahead.push_back(l.substr(0, l.find(' ')));
+        if (!end)
+            break;
+        line = end + 1;
+    }
+}
+
+// A folder holding the simulated passport's CSCA, removed at the end.
+struct SimCscaFolder {
+    std::string dir;
+    SimCscaFolder()
+    {
+        char tmpl[] = "/tmp/tandro-csca-XXXXXX";
+        if (mkdtemp(tmpl) == nullptr)
+            return;
+        dir = tmpl;
+        if (FILE *f = std::fopen((dir + "/simulated-csca.pem").c_str(), "w")) {
+            std::fputs(zs::passport_csca_pem(), f);
+            std::fclose(f);
+        }
+    }
+    ~SimCscaFolder()
+    {
+        if (dir.empty())
+            return;
+        unlink((dir + "/simulated-csca.pem").c_str());
+        rmdir(dir.c_str());
+    }
+};
+
+// The global reader is the session's reader while the command runs (the document session always uses it).
+struct GlobalReader {
+    zel_handle_record saved;
+    explicit GlobalReader(ZEL_HANDLE hnd)
+    {
+        std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
+        std::memcpy(static_cast<void *>(&zel_global), hnd, sizeof saved);
+    }
+    ~GlobalReader() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
+};
+
+std::string photo_base(const std::string &path)
+{
+    for (const char *ext : {".jpeg", ".jpg", ".jp2"}) {
+        const size_t n = std::strlen(ext);
+        if (path.size() > n && path.compare(path.size() - n, n, ext) == 0)
+            return path.substr(0, path.size() - n);
+    }
+    return path;
+}
+
+int run_passport(const tandro::Options &opt, const tandro::Args &args)
+{
+    PassportArgs a;
+    std::string err;
+    tandro::Args given = args;
+    if (opt.sim && std::find(args.begin(), args.end(), "--mrz") == args.end() &&
+        std::find(args.begin(), args.end(), "--doc") == args.end()) {
+        given.push_back("--mrz");
+        given.push_back(kSimulatedMrz);
+    }
+    if (!parse_passport_args(opt, given, a, err))
+        return tandro::usage_error("passport", err);
+
+    tandro::ReaderSession session;
+    if (!session.open("passport", opt))
+        return 1;
+    std::unique_ptr<SimCscaFolder> sim_csca;
+    if (session.sim()) {
+        bring_passport_forward(session.sim());
+        if (a.csca.empty()) {
+            sim_csca = std::make_unique<SimCscaFolder>();
+            a.csca = sim_csca->dir;
+        }
+    }
+    if (a.csca.empty())
+        a.csca = "./csca";
+    initCryptoSubsys();
+    GlobalReader global(session.hnd());
+    auto fail = [](const char *what, ZEL_STATUS st) {
+        std::fprintf(stderr, "tandro passport: %s: %s\n", what, ZEL_Status2String(st));
+        return 1;
+    };
+    ZEL_STATUS st = SetISO14443_4_Mode();
+    if (st != ZEL_OK)
+        return fail("no ISO 14443-4 card", st);
+
+    // Holder's data, face and validation on a BAC session of this command.
+    char key[MRTD_PROTO_KEY_SIZE];
+    st = MRTD_MRZDataToMRZProtoKey(a.doc.c_str(), a.birth.c_str(), a.expiry.c_str(), key);
+    if (st != ZEL_OK)
+        return fail("document number or dates", st);
+    uint8_t ks_enc[16], ks_mac[16];
+    uint64_t ssc = 0;
+    st = MRTDAppSelectAndAuthenticateBac(key, ks_enc, ks_mac, &ssc);
+    if (st != ZEL_OK)
+        return fail("Basic Access Control", st);
+    const uint8_t dg1_id[2] = {0x01, 0x01}, dg2_id[2] = {0x01, 0x02};
+    uint8_t *dg1 = nullptr, *dg2 = nullptr;
+    uint32_t dg1_len = 0, dg2_len = 0;
+    st = MRTDFileReadBacToHeap(dg1_id, &dg1, &dg1_len, ks_enc, ks_mac, &ssc);
+    if (st != ZEL_OK) {
+        OrbFree(dg1);
+        return fail("reading DG1", st);
+    }
+    char *holder = nullptr;
+    if (dg1_len > 255 || MRTDParseDG1ToHeap(&holder, "\n", dg1, uint8_t(dg1_len)) != ZEL_OK)
+        holder = nullptr;
+    OrbFree(dg1);
+    std::string photo_note;
+    const ZEL_STATUS dg2_st = MRTDFileReadBacToHeap(dg2_id, &dg2, &dg2_len, ks_enc, ks_mac, &ssc);
+    if (!a.photo.empty()) {
+        const std::string base = photo_base(a.photo);
+        const uint8_t *image = nullptr;
+        uint32_t image_len = 0, format = 0;
+        ZEL_STATUS ps = dg2_st;
+        if (ps == ZEL_OK)
+            ps = MRTDGetImageFromDG2(dg2, int32_t(dg2_len), &image, &image_len, &format);
+        if (ps == ZEL_OK)
+            ps = MRTDGetImageFromDG2ToFile(dg2, dg2_len, base.c_str());
+        photo_note = ps == ZEL_OK ? base + (format == MRTD_IMAGE_JPEG ? ".jpeg" : ".jp2") + " (" +
+                                        std::to_string(image_len) + " bytes)"
+                                  : std::string("not written: ") + ZEL_Status2String(ps);
+    }
+    OrbFree(dg2);
+    char *report = nullptr;
+    uint8_t integrity = 0, validity = 0;
+    const ZEL_STATUS vst = MRTDValidateHnd(&zel_global, a.csca.c_str(), &report, "\n", opt.debug ? 3 : 1, ks_enc,
+                                           ks_mac, &ssc, &integrity, &validity);
+
+    // The JSON document, through the document session.
+    std::string json;
+    if (opt.json) {
+        st = MRTD_SessionInit(a.doc.c_str(), a.birth.c_str(), a.expiry.c_str());
+        if (st == ZEL_OK) {
+            std::vector<char> buf(1u << 20);
+            uint32_t len = uint32_t(buf.size());
+            st = MRTD_ReadDocumentDataEx(buf.data(), &len, 0, 0, nullptr);
+            if (st == ZEL_OK && len >= 2) {
+                json.assign(buf.data(), len - 1);
+                json += std::string(json.size() > 1 ? "," : "") + "\"Validation\":{\"document_integrity\":" +
+                        (integrity ? "true" : "false") + ",\"csca_root_validity\":" + (validity ? "true" : "false") +
+                        ",\"status\":" + tandro::json_string(ZEL_Status2String(vst)) + "}}";
+            }
+        }
+        MRTD_SessionClose();
+        if (json.empty()) {
+            OrbFree(holder);
+            OrbFree(report);
+            return fail("reading the document", st);
+        }
+    }
+
+    if (a.json_file_given || !opt.json) {
+        std::printf("Document on the %s\n", session.where().c_str());
+        std::fputs(holder ? holder : "DG1: not readable\n", stdout);
+        if (!photo_note.empty())
+            std::printf("Face image: %s\n", photo_note.c_str());
+        std::printf("\nValidation (CSCA folder %s):\n%s\n", a.csca.c_str(), report ? report : "");
+        std::printf("Document integrity: %s\nCSCA root validity: %s\nResult: %s\n", integrity ? "yes" : "no",
+                    validity ? "yes" : "no", ZEL_Status2String(vst));
+    }
+    OrbFree(holder);
+    OrbFree(report);
+    if (a.json_file_given) {
+        FILE *f = std::fopen(a.json_file.c_str(), "w");
+        if (f == nullptr || std::fputs(json.c_str(), f) < 0) {
+            if (f)
+                std::fclose(f);
+            std::fprintf(stderr, "tandro passport: cannot write %s\n", a.json_file.c_str());
+            return 1;
+        }
+        std::fclose(f);
+        std::printf("JSON document: %s\n", a.json_file.c_str());
+    } else if (opt.json) {
+        std::printf("%s\n", json.c_str());
+    }
+    return vst == ZEL_OK ? 0 : 1;
+}
+
+const tandro::Registration passport_cmd(
+    {"passport", "--mrz TEXT | --doc N --birth YYMMDD --expiry YYMMDD [--json FILE] [--photo FILE] [--csca DIR]",
+     "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport});
 
 } // namespace

@@ -18,7 +18,8 @@ const char *default_sim_scenario()
                           {"block": 5, "data": "636C617373696320314B2063617264"}],
                "values": [{"block": 6, "value": 100, "address": 6}]}},
     {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215"},
-    {"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4", "model": "iso14443_4"}
+    {"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4", "model": "iso14443_4"},
+    {"uid": "08A1B2C3", "sak": "20", "atqa": "0004", "type": "ORB_GENERIC_ISO14443_4", "model": "passport"}
   ]
 })";
 }
