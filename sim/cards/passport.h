@@ -25,6 +25,9 @@ struct PassportDocument {
     std::string mrz;
     std::map<uint16_t, Bytes> files;
     std::set<uint16_t> eac_protected;
+    // Replay mode, for measurements: the chip answers every command (its own SELECT included) with the next
+    // of these answers (data and status word), from the first again after the last, without looking at it.
+    std::vector<Bytes> replay;
 };
 
 // How to build a document.

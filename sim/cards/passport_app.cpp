@@ -217,6 +217,16 @@ struct PassportApp::State {
     uint64_t ssc = 0;
     const Bytes *file = nullptr;
     uint16_t file_id = 0;
+    size_t replay_next = 0;
+
+    RApdu replayed()
+    {
+        const Bytes &r = doc.replay[replay_next];
+        replay_next = (replay_next + 1) % doc.replay.size();
+        if (r.size() < 2)
+            return RApdu::sw_only(SW_WRONG_LENGTH);
+        return {Bytes(r.begin(), r.end() - 2), uint16_t((r[r.size() - 2] << 8) | r.back())};
+    }
 
     void drop()
     {
@@ -409,6 +419,8 @@ PassportApp::~PassportApp()
 
 RApdu PassportApp::select(const Apdu &)
 {
+    if (!st_->doc.replay.empty())
+        return st_->replayed();
     st_->drop();
     return RApdu::sw_only(SW_OK);
 }
@@ -420,6 +432,8 @@ void PassportApp::deselect()
 
 RApdu PassportApp::command(const Apdu &c)
 {
+    if (!st_->doc.replay.empty())
+        return st_->replayed();
     if (st_->session)
         return st_->secure(c);
     if (c.cla != 0x00)

@@ -1,10 +1,12 @@
 // The passport card model: an ISO 14443-4 card holding the document application, set up by the scenario:
 //   {"model": "passport", "setup": {"mrz": "P<UTO...", "signer": "ec", "face_size": 20000, "dg14": true,
-//    "tamper": "DG1"}}
-// (every member optional, besides the level-4 members ats, atr, block_size, interim_frames).
+//    "tamper": "DG1", "replay": ["hex answer", ...]}}
+// (every member optional, besides the level-4 members ats, atr, block_size, interim_frames). With replay the
+// chip answers its commands with those answers in turn (see PassportDocument).
 #include <cstdlib>
 
 #include "../json.h"
+#include "../scenario.h"
 #include "passport.h"
 
 namespace zs {
@@ -16,6 +18,26 @@ public:
     using Iso14443Card::Iso14443Card;
     const char *model() const override { return "passport"; }
 };
+
+bool read_replay(const Json *setup, std::vector<Bytes> &replay, std::string &err)
+{
+    const Json *list = setup && setup->kind == Json::OBJECT ? setup->get("replay") : nullptr;
+    if (list == nullptr)
+        return true;
+    if (list->kind != Json::ARRAY) {
+        err = "setup: replay is an array of hex answers";
+        return false;
+    }
+    for (const Json &item : list->items) {
+        Bytes answer;
+        if (item.kind != Json::STRING || !parse_hex_text(item.str, answer, 65538) || answer.size() < 2) {
+            err = "setup: a replayed answer is hex bytes ending in a status word";
+            return false;
+        }
+        replay.push_back(std::move(answer));
+    }
+    return true;
+}
 
 bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
 {
@@ -64,7 +86,7 @@ bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
 std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *setup, std::string &err)
 {
     Iso14443Setup s;
-    if (!iso14443_setup_read(setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper"}))
+    if (!iso14443_setup_read(setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper", "replay"}))
         return nullptr;
     PassportSpec spec;
     if (!read_spec(setup, spec, err))
@@ -74,6 +96,8 @@ std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *setup,
         err = "setup: " + err;
         return nullptr;
     }
+    if (!read_replay(setup, doc.replay, err))
+        return nullptr;
     auto card = std::make_unique<PassportCard>(id, s);
     card->host().add(std::make_unique<PassportApp>(std::move(doc)));
     return card;
