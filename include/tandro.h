@@ -7,6 +7,7 @@
 #include "zel_card.h"
 #include "zel_card_types.h"
 #include "zel_crypto.h"
+#include "zel_desfire.h"
 #include "zel_desfire_crypto.h"
 #include "zel_devices.h"
 #include "zel_esp.h"

@@ -19,6 +19,7 @@ std::unique_ptr<Card> make_ntag213(const zsim_card &id, const Json *config, std:
 std::unique_ptr<Card> make_ntag215(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_ntag216(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_iso14443_4_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
@@ -43,6 +44,7 @@ const Model MODELS[] = {
     {"ntag215", make_ntag215},
     {"ntag216", make_ntag216},
     {"iso14443_4", make_iso14443_4_card},
+    {"desfire", make_desfire_card},
     {"passport", make_passport_card},
 };
 

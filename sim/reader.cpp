@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "iso7816.h"
+#include "desfire.h"
 #include "wire.h"
 
 namespace zs {
@@ -256,6 +257,7 @@ bool reader_rate_known(uint32_t baud)
 
 bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 {
+    if (desfire_reader_wants_ext(r, f)) return true; // the reader's DESFire engine
     switch (f[1]) {
     case 0x12: // key write
     case 0x1C: // user data write
@@ -483,6 +485,7 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
             return put_error(a.bytes, E_PARAMETERS);
         return ok(a, cmd, f[4], f[5]);
     default:
+        if (desfire_reader_command(r, f, ext, ext_len, a)) return; // the reader's DESFire engine
         if (iso14443_reader_command(r, f, a))
             return;
         if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "desfire.h"
 #include "iso7816.h"
 #include "wire.h"
 
@@ -230,6 +231,7 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
     link.interim = false; // the host speaks: an endless wait ends
     if (now < link.accept_from_ms)
         return; // still booting: nothing is heard
+    if (desfire_link_input(sim, link, in, n)) return; // the later pieces of a DESFire write come raw
     std::vector<uint8_t> raw;
     if (iso14443_raw_input(sim->reader, in, n, raw)) { // raw transceive mode: no frames
         link_push(sim, link, raw);

@@ -1,0 +1,756 @@
+// The DESFire card: a card master key and its applications, each with its keys and up to 32 files of the six
+// kinds, access rights checked per key, value limits, cyclic records, a transaction that holds the changes
+// to backup, value and record files until a commit, and free memory. It answers DESFire native commands;
+// authentication is the mutual challenge and response of the AES and ISO forms.
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "desfire.h"
+#include "json.h"
+#include "scenario.h"
+
+namespace zs {
+
+size_t df_block(DfKeyKind kind) { return kind == DfKeyKind::AES ? 16 : 8; }
+
+bool df_cbc(DfKeyKind kind, const uint8_t *key, uint8_t *iv, uint8_t *data, size_t n, bool encipher)
+{
+    const size_t bs = df_block(kind);
+    if (n % bs)
+        return false;
+    const EVP_CIPHER *c = kind == DfKeyKind::AES ? EVP_aes_128_cbc()
+                          : kind == DfKeyKind::TK3DES ? EVP_des_ede3_cbc()
+                                                      : EVP_des_ede_cbc();
+    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+    if (!ctx)
+        return false;
+    uint8_t next[16];
+    std::memcpy(next, encipher ? iv : data + n - bs, bs);
+    int out = 0;
+    bool ok = EVP_CipherInit_ex(ctx, c, nullptr, key, iv, encipher ? 1 : 0) == 1;
+    EVP_CIPHER_CTX_set_padding(ctx, 0);
+    if (ok && n)
+        ok = EVP_CipherUpdate(ctx, data, &out, data, static_cast<int>(n)) == 1;
+    EVP_CIPHER_CTX_free(ctx);
+    if (!ok)
+        return false;
+    if (n)
+        std::memcpy(iv, encipher ? data + n - bs : next, bs);
+    return true;
+}
+
+void df_random(uint8_t *p, size_t n)
+{
+    if (RAND_bytes(p, static_cast<int>(n)) != 1)
+        for (size_t i = 0; i < n; ++i)
+            p[i] = static_cast<uint8_t>(i * 37 + 11);
+}
+
+namespace {
+
+uint32_t g24(const uint8_t *p) { return p[0] | p[1] << 8 | static_cast<uint32_t>(p[2]) << 16; }
+uint32_t g32(const uint8_t *p) { return g24(p) | static_cast<uint32_t>(p[3]) << 24; }
+void p24(std::vector<uint8_t> &v, uint32_t x)
+{
+    for (int i = 0; i < 3; ++i)
+        v.push_back(static_cast<uint8_t>(x >> (8 * i)));
+}
+void p32(std::vector<uint8_t> &v, uint32_t x)
+{
+    for (int i = 0; i < 4; ++i)
+        v.push_back(static_cast<uint8_t>(x >> (8 * i)));
+}
+
+size_t key_size(DfKeyKind k) { return k == DfKeyKind::TK3DES ? 24 : 16; }
+uint8_t kind_bits(DfKeyKind k) { return k == DfKeyKind::AES ? 0x80 : k == DfKeyKind::TK3DES ? 0x40 : 0x00; }
+DfKeyKind kind_of_bits(uint8_t b)
+{
+    return (b & 0x80) ? DfKeyKind::AES : (b & 0x40) ? DfKeyKind::TK3DES : DfKeyKind::TDES;
+}
+
+std::vector<uint8_t> st(uint8_t s) { return {s}; }
+
+constexpr size_t MAX_APPS = 28, MAX_FILES = 32, APP_COST = 64;
+
+} // namespace
+
+size_t DfFile::cost() const
+{
+    size_t bytes = 32;
+    if (type <= 1)
+        bytes = data.size();
+    else if (type == 3 || type == 4)
+        bytes = static_cast<size_t>(rec_size) * max_rec;
+    return (bytes + 31) / 32 * 32;
+}
+
+DesfireCard::DesfireCard(const zsim_card &id, const DfSetup &setup) : Card(id), setup_(setup)
+{
+    picc_.aid = 0;
+    picc_.kind = setup.master_kind;
+    picc_.keys.resize(1);
+    picc_.keys[0].bytes = setup.master_key;
+}
+
+void DesfireCard::deselect()
+{
+    abort_transaction();
+    selected_ = 0;
+    auth_key_ = -1;
+    auth_step_ = 0;
+    pending = PendingWrite{};
+}
+
+DfApp *DesfireCard::selected_app()
+{
+    if (selected_ == 0)
+        return &picc_;
+    for (auto &a : apps_)
+        if (a.aid == selected_)
+            return &a;
+    return nullptr;
+}
+
+DfFile *DesfireCard::file(uint8_t fid)
+{
+    DfApp *a = selected_app();
+    if (!a || selected_ == 0)
+        return nullptr;
+    auto it = a->files.find(fid);
+    return it == a->files.end() ? nullptr : &it->second;
+}
+
+bool DesfireCard::may(uint8_t nibble) const { return nibble == 0x0E || (auth_key_ >= 0 && nibble == auth_key_); }
+
+uint32_t DesfireCard::free_memory() const
+{
+    size_t used = apps_.size() * APP_COST;
+    for (const auto &a : apps_)
+        for (const auto &f : a.files)
+            used += f.second.cost();
+    return used >= setup_.size ? 0 : static_cast<uint32_t>(setup_.size - used);
+}
+
+void DesfireCard::abort_transaction()
+{
+    DfApp *a = selected_app();
+    if (!a)
+        return;
+    for (auto &kv : a->files) {
+        DfFile &f = kv.second;
+        f.dirty = false;
+        f.p_new_record = false;
+        f.p_data.clear();
+        f.p_records.clear();
+    }
+}
+
+std::vector<uint8_t> DesfireCard::commit(uint8_t option)
+{
+    DfApp *a = selected_app();
+    if (!a || selected_ == 0)
+        return st(DF_PERMISSION_DENIED);
+    bool any = false;
+    DfFile *tmac = nullptr;
+    for (auto &kv : a->files) {
+        DfFile &f = kv.second;
+        if (f.type == 5)
+            tmac = &f;
+        if (!f.dirty)
+            continue;
+        any = true;
+        if (f.type == 1)
+            f.data = f.p_data;
+        else if (f.type == 2)
+            f.value = f.p_value;
+        else if (f.type == 3 || f.type == 4) {
+            f.records = f.p_records;
+            if (f.type == 4)
+                while (f.records.size() > f.max_rec - 1)
+                    f.records.erase(f.records.begin());
+        }
+        f.dirty = false;
+        f.p_new_record = false;
+        f.p_data.clear();
+        f.p_records.clear();
+    }
+    std::vector<uint8_t> out = st(DF_OK);
+    if (tmac && any)
+        ++tmac->tmac_counter;
+    if (tmac && option & 1) {
+        // A MAC value of the simulator's own making: the transaction counter enciphered under the file's key.
+        uint8_t blk[16] = {};
+        for (int i = 0; i < 4; ++i)
+            blk[i] = static_cast<uint8_t>(tmac->tmac_counter >> (8 * i));
+        std::memcpy(blk + 4, reader_id_.data(), 12);
+        uint8_t iv[16] = {};
+        df_cbc(DfKeyKind::AES, tmac->tmac_key.data(), iv, blk, 16, true);
+        p32(out, tmac->tmac_counter);
+        out.insert(out.end(), blk, blk + 8);
+    }
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::native(const uint8_t *c, size_t n)
+{
+    if (!c || n == 0)
+        return st(DF_LENGTH);
+    if (auth_step_ == 1 && c[0] == DF_ADDITIONAL_FRAME) {
+        auth_step_ = 0;
+        DfApp *a = selected_app();
+        const DfKeyKind kind = a->kind;
+        const size_t rl = rndb_.size();
+        if (n != 1 + 2 * rl)
+            return st(DF_LENGTH);
+        std::vector<uint8_t> m(c + 1, c + n);
+        if (!df_cbc(kind, a->keys[auth_keyno_].bytes.data(), auth_iv_.data(), m.data(), m.size(), false))
+            return st(DF_AUTHENTICATION);
+        std::vector<uint8_t> rot(rndb_.begin() + 1, rndb_.end());
+        rot.push_back(rndb_[0]);
+        if (!std::equal(rot.begin(), rot.end(), m.begin() + rl))
+            return st(DF_AUTHENTICATION);
+        std::vector<uint8_t> ra(m.begin() + 1, m.begin() + rl);
+        ra.push_back(m[0]);
+        df_cbc(kind, a->keys[auth_keyno_].bytes.data(), auth_iv_.data(), ra.data(), ra.size(), true);
+        auth_key_ = auth_keyno_;
+        std::vector<uint8_t> out = st(DF_OK);
+        out.insert(out.end(), ra.begin(), ra.end());
+        return out;
+    }
+    auth_step_ = 0;
+    return run(c, n);
+}
+
+std::vector<uint8_t> DesfireCard::run(const uint8_t *c, size_t n)
+{
+    DfApp *app = selected_app();
+    if (!app)
+        return st(DF_APP_NOT_FOUND);
+    const bool at_picc = selected_ == 0;
+    switch (c[0]) {
+    case 0x5A: { // select application
+        if (n != 4)
+            return st(DF_LENGTH);
+        const uint32_t aid = g24(c + 1);
+        abort_transaction();
+        auth_key_ = -1;
+        if (aid != 0 && std::none_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
+            return st(DF_APP_NOT_FOUND);
+        selected_ = aid;
+        return st(DF_OK);
+    }
+    case 0xAA: // authenticate, AES
+    case 0x1A: { // authenticate, ISO (2K3DES and 3K3DES)
+        if (n != 2)
+            return st(DF_LENGTH);
+        abort_transaction();
+        auth_key_ = -1;
+        if (c[1] >= app->keys.size())
+            return st(DF_NO_SUCH_KEY);
+        if ((c[0] == 0xAA) != (app->kind == DfKeyKind::AES))
+            return st(DF_AUTHENTICATION);
+        auth_keyno_ = c[1];
+        rndb_.assign(app->kind == DfKeyKind::TDES ? 8 : 16, 0);
+        df_random(rndb_.data(), rndb_.size());
+        std::vector<uint8_t> e = rndb_;
+        auth_iv_.assign(df_block(app->kind), 0);
+        df_cbc(app->kind, app->keys[auth_keyno_].bytes.data(), auth_iv_.data(), e.data(), e.size(), true);
+        auth_step_ = 1;
+        std::vector<uint8_t> out = st(DF_ADDITIONAL_FRAME);
+        out.insert(out.end(), e.begin(), e.end());
+        return out;
+    }
+    case 0x6A: { // application ids
+        if (!at_picc)
+            return st(DF_PERMISSION_DENIED);
+        if (!(picc_.settings & 0x02) && auth_key_ != 0)
+            return st(DF_AUTHENTICATION);
+        std::vector<uint8_t> out = st(DF_OK);
+        for (const auto &a : apps_)
+            p24(out, a.aid);
+        return out;
+    }
+    case 0x6E: { // free memory
+        std::vector<uint8_t> out = st(DF_OK);
+        p24(out, free_memory());
+        return out;
+    }
+    case 0xFC: // format
+        if (!at_picc || auth_key_ != 0)
+            return st(DF_AUTHENTICATION);
+        if (format_disabled_)
+            return st(DF_PERMISSION_DENIED);
+        apps_.clear();
+        return st(DF_OK);
+    case 0x5C: { // set configuration
+        if (n < 3)
+            return st(DF_LENGTH);
+        if (c[1] == 0x00) {
+            if (!at_picc || auth_key_ != 0)
+                return st(DF_AUTHENTICATION);
+            format_disabled_ = c[2] & 1;
+            random_uid_ = c[2] & 2;
+            return st(DF_OK);
+        }
+        if (c[1] == 0x05) // transaction timer: kept by the card, not modelled further
+            return auth_key_ == 0 ? st(DF_OK) : st(DF_AUTHENTICATION);
+        return st(DF_PARAMETER);
+    }
+    case 0x51: { // card UID
+        if (auth_key_ < 0)
+            return st(DF_AUTHENTICATION);
+        std::vector<uint8_t> out = st(DF_OK);
+        out.insert(out.end(), id().uid, id().uid + 7);
+        return out;
+    }
+    case 0x45: { // key settings
+        std::vector<uint8_t> out = st(DF_OK);
+        out.push_back(app->settings);
+        out.push_back(static_cast<uint8_t>(app->keys.size() | kind_bits(app->kind)));
+        return out;
+    }
+    case 0x54: // change key settings
+        if (n != 2)
+            return st(DF_LENGTH);
+        if (auth_key_ != 0)
+            return st(DF_AUTHENTICATION);
+        if (!(app->settings & 0x08))
+            return st(DF_PERMISSION_DENIED);
+        app->settings = c[1];
+        return st(DF_OK);
+    case 0xC4: { // change key: key number (with the new type's bits on the card level), new key, old key
+        if (n != 50)
+            return st(DF_LENGTH);
+        const uint8_t keyno = c[1] & 0x3F;
+        if (keyno >= app->keys.size())
+            return st(DF_NO_SUCH_KEY);
+        if (auth_key_ < 0)
+            return st(DF_AUTHENTICATION);
+        const uint8_t cka = app->settings >> 4;
+        bool allowed;
+        if (keyno == 0 || at_picc)
+            allowed = auth_key_ == 0 && (app->settings & 0x01);
+        else if (cka == 0x0E)
+            allowed = auth_key_ == keyno;
+        else if (cka == 0x0F)
+            allowed = false;
+        else
+            allowed = auth_key_ == cka;
+        if (!allowed)
+            return st(DF_PERMISSION_DENIED);
+        const DfKeyKind new_kind = at_picc ? kind_of_bits(c[1]) : app->kind;
+        if (!at_picc && kind_of_bits(c[1]) != app->kind)
+            return st(DF_PARAMETER);
+        DfKey &k = app->keys[keyno];
+        if (std::memcmp(k.bytes.data(), c + 26, key_size(app->kind)) != 0)
+            return st(DF_INTEGRITY);
+        k.bytes.fill(0);
+        std::memcpy(k.bytes.data(), c + 2, key_size(new_kind));
+        ++k.version;
+        app->kind = new_kind;
+        if (keyno == auth_key_)
+            auth_key_ = -1;
+        return st(DF_OK);
+    }
+    case 0xCA: { // create application: aid, settings, key count and kind [ISO id] [DF name]
+        if (n < 6)
+            return st(DF_LENGTH);
+        if (!at_picc)
+            return st(DF_PERMISSION_DENIED);
+        if (!(picc_.settings & 0x04) && auth_key_ != 0)
+            return st(DF_AUTHENTICATION);
+        const uint32_t aid = g24(c + 1);
+        const uint8_t count = c[5] & 0x0F;
+        if (aid == 0 || count == 0 || count > 14)
+            return st(DF_PARAMETER);
+        if (std::any_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
+            return st(DF_DUPLICATE);
+        if (apps_.size() >= MAX_APPS)
+            return st(DF_COUNT);
+        if (free_memory() < APP_COST)
+            return st(DF_OUT_OF_EEPROM);
+        DfApp a;
+        a.aid = aid;
+        a.settings = c[4];
+        a.kind = kind_of_bits(c[5]);
+        a.keys.resize(count);
+        size_t at = 6;
+        if (c[5] & 0x20) {
+            if (n < 8)
+                return st(DF_LENGTH);
+            a.iso_id = static_cast<uint16_t>(c[6] | c[7] << 8);
+            at = 8;
+        }
+        if (n - at > 16)
+            return st(DF_LENGTH);
+        a.df_name.assign(c + at, c + n);
+        apps_.push_back(std::move(a));
+        return st(DF_OK);
+    }
+    case 0xDA: { // delete application
+        if (n != 4)
+            return st(DF_LENGTH);
+        const uint32_t aid = g24(c + 1);
+        const bool own = !at_picc && selected_ == aid && auth_key_ == 0;
+        if (!own && !(at_picc && auth_key_ == 0))
+            return st(DF_AUTHENTICATION);
+        auto it = std::find_if(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; });
+        if (it == apps_.end())
+            return st(DF_APP_NOT_FOUND);
+        apps_.erase(it);
+        if (own) {
+            selected_ = 0;
+            auth_key_ = -1;
+        }
+        return st(DF_OK);
+    }
+    default: break;
+    }
+
+    // File commands need an application.
+    if (at_picc)
+        return c[0] == 0xC7 || c[0] == 0xA7 ? st(DF_OK) : st(DF_PERMISSION_DENIED);
+    const bool may_manage = (app->settings & 0x04) || auth_key_ == 0;
+    auto add_file = [&](uint8_t fid, DfFile f) -> std::vector<uint8_t> {
+        if (fid > 31)
+            return st(DF_PARAMETER);
+        if (!may_manage)
+            return st(DF_PERMISSION_DENIED);
+        if (app->files.count(fid))
+            return st(DF_DUPLICATE);
+        if (app->files.size() >= MAX_FILES)
+            return st(DF_COUNT);
+        if (f.cost() > free_memory())
+            return st(DF_OUT_OF_EEPROM);
+        app->files[fid] = std::move(f);
+        return st(DF_OK);
+    };
+    switch (c[0]) {
+    case 0xCD:
+    case 0xCB: { // standard, backup: fid comm access(2) size(3) [ISO id(2)]
+        if (n != 8 && n != 10)
+            return st(DF_LENGTH);
+        DfFile f;
+        f.type = c[0] == 0xCD ? 0 : 1;
+        f.comm = c[2];
+        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        f.data.assign(g24(c + 5), 0);
+        if (n == 10)
+            f.iso_id = static_cast<uint16_t>(c[8] | c[9] << 8);
+        return add_file(c[1], std::move(f));
+    }
+    case 0xCC: { // value: fid comm access lower upper value limited-credit flag
+        if (n != 18)
+            return st(DF_LENGTH);
+        DfFile f;
+        f.type = 2;
+        f.comm = c[2];
+        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        f.lower = static_cast<int32_t>(g32(c + 5));
+        f.upper = static_cast<int32_t>(g32(c + 9));
+        f.value = static_cast<int32_t>(g32(c + 13));
+        f.lc_enabled = c[17] & 1;
+        if (f.lower > f.upper || f.value < f.lower || f.value > f.upper)
+            return st(DF_BOUNDARY);
+        return add_file(c[1], std::move(f));
+    }
+    case 0xC1:
+    case 0xC0: { // linear, cyclic record: fid comm access record size(3) records(3)
+        if (n != 11)
+            return st(DF_LENGTH);
+        DfFile f;
+        f.type = c[0] == 0xC1 ? 3 : 4;
+        f.comm = c[2];
+        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        f.rec_size = g24(c + 5);
+        f.max_rec = g24(c + 8);
+        if (f.rec_size == 0 || f.max_rec < (f.type == 4 ? 2u : 1u))
+            return st(DF_PARAMETER);
+        return add_file(c[1], std::move(f));
+    }
+    case 0xCE: { // transaction MAC: fid comm access key type key(16) version
+        if (n != 23)
+            return st(DF_LENGTH);
+        for (const auto &kv : app->files)
+            if (kv.second.type == 5)
+                return st(DF_DUPLICATE);
+        DfFile f;
+        f.type = 5;
+        f.comm = c[2];
+        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        std::memcpy(f.tmac_key.data(), c + 6, 16);
+        f.tmac_version = c[22];
+        return add_file(c[1], std::move(f));
+    }
+    case 0xDF: // delete file
+        if (n != 2)
+            return st(DF_LENGTH);
+        if (!may_manage)
+            return st(DF_PERMISSION_DENIED);
+        if (!app->files.erase(c[1]))
+            return st(DF_FILE_NOT_FOUND);
+        return st(DF_OK);
+    case 0xC7: // commit
+        return commit(n > 1 ? c[1] : 0);
+    case 0xA7: // abort
+        abort_transaction();
+        return st(DF_OK);
+    case 0xC8: { // commit reader id: the previous id comes back enciphered under the MAC key
+        if (n != 17)
+            return st(DF_LENGTH);
+        std::vector<uint8_t> out = st(DF_OK);
+        uint8_t prev[16];
+        std::memcpy(prev, reader_id_.data(), 16);
+        for (const auto &kv : app->files)
+            if (kv.second.type == 5) {
+                uint8_t iv[16] = {};
+                df_cbc(DfKeyKind::AES, kv.second.tmac_key.data(), iv, prev, 16, true);
+            }
+        std::memcpy(reader_id_.data(), c + 1, 16);
+        out.insert(out.end(), prev, prev + 16);
+        return out;
+    }
+    default: break;
+    }
+
+    if (n < 2)
+        return st(c[0] == 0xF5 || c[0] == 0x5F ? DF_LENGTH : DF_ILLEGAL_COMMAND);
+    DfFile *f = file(c[1]);
+    const uint8_t known[] = {0xF5, 0x5F, 0xBD, 0x3D, 0x6C, 0x0C, 0xDC, 0x3B, 0xBB, 0xEB};
+    if (std::find(std::begin(known), std::end(known), c[0]) == std::end(known))
+        return st(DF_ILLEGAL_COMMAND);
+    if (!f)
+        return st(DF_FILE_NOT_FOUND);
+    const uint8_t r = f->access >> 12, w = f->access >> 8 & 15, rw = f->access >> 4 & 15, ch = f->access & 15;
+    switch (c[0]) {
+    case 0xF5: { // file settings
+        if (!(app->settings & 0x02) && auth_key_ != 0)
+            return st(DF_PERMISSION_DENIED);
+        std::vector<uint8_t> out = st(DF_OK);
+        out.push_back(f->type);
+        out.push_back(f->comm);
+        out.push_back(static_cast<uint8_t>(f->access));
+        out.push_back(static_cast<uint8_t>(f->access >> 8));
+        switch (f->type) {
+        case 0:
+        case 1: p24(out, static_cast<uint32_t>(f->data.size())); break;
+        case 2:
+            p32(out, static_cast<uint32_t>(f->lower));
+            p32(out, static_cast<uint32_t>(f->upper));
+            p32(out, static_cast<uint32_t>(f->lc_value));
+            out.push_back(f->lc_enabled ? 1 : 0);
+            break;
+        case 3:
+        case 4:
+            p24(out, f->rec_size);
+            p24(out, f->max_rec);
+            p24(out, static_cast<uint32_t>(f->records.size()));
+            break;
+        case 5:
+            out.push_back(0x02); // AES
+            out.push_back(f->tmac_version);
+            break;
+        }
+        return out;
+    }
+    case 0x5F: // change file settings: fid comm access(2)
+        if (n != 5)
+            return st(DF_LENGTH);
+        if (!may(ch))
+            return st(DF_PERMISSION_DENIED);
+        f->comm = c[2];
+        f->access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        return st(DF_OK);
+    case 0xBD: { // read data: fid offset(3) length(3)
+        if (n != 8)
+            return st(DF_LENGTH);
+        if (f->type > 1)
+            return st(DF_PARAMETER);
+        if (!may(r) && !may(rw))
+            return st(DF_PERMISSION_DENIED);
+        const uint32_t off = g24(c + 2);
+        uint32_t len = g24(c + 5);
+        if (off > f->data.size() || (len && len > f->data.size() - off))
+            return st(DF_BOUNDARY);
+        if (len == 0)
+            len = static_cast<uint32_t>(f->data.size() - off);
+        std::vector<uint8_t> out = st(DF_OK);
+        out.insert(out.end(), f->data.begin() + off, f->data.begin() + off + len);
+        return out;
+    }
+    case 0x3D: { // write data: fid offset(3) length(3) data
+        if (n < 8 || n - 8 != g24(c + 5))
+            return st(DF_LENGTH);
+        if (f->type > 1)
+            return st(DF_PARAMETER);
+        if (!may(w) && !may(rw))
+            return st(DF_PERMISSION_DENIED);
+        const uint32_t off = g24(c + 2), len = g24(c + 5);
+        if (off > f->data.size() || len > f->data.size() - off)
+            return st(DF_BOUNDARY);
+        if (f->type == 0) {
+            std::memcpy(f->data.data() + off, c + 8, len);
+        } else {
+            if (!f->dirty)
+                f->p_data = f->data;
+            f->dirty = true;
+            std::memcpy(f->p_data.data() + off, c + 8, len);
+        }
+        return st(DF_OK);
+    }
+    case 0x6C: { // value
+        if (f->type != 2)
+            return st(DF_PARAMETER);
+        if (!may(r) && !may(w) && !may(rw))
+            return st(DF_PERMISSION_DENIED);
+        std::vector<uint8_t> out = st(DF_OK);
+        p32(out, static_cast<uint32_t>(f->value));
+        return out;
+    }
+    case 0x0C:   // credit
+    case 0xDC: { // debit
+        if (n != 6)
+            return st(DF_LENGTH);
+        if (f->type != 2)
+            return st(DF_PARAMETER);
+        const bool credit = c[0] == 0x0C;
+        if (credit ? !may(rw) : (!may(r) && !may(w) && !may(rw)))
+            return st(DF_PERMISSION_DENIED);
+        const int64_t amount = static_cast<int32_t>(g32(c + 2));
+        if (amount < 0)
+            return st(DF_PARAMETER);
+        const int64_t now = f->dirty ? f->p_value : f->value;
+        const int64_t next = credit ? now + amount : now - amount;
+        if (next > f->upper || next < f->lower)
+            return st(DF_BOUNDARY);
+        f->p_value = static_cast<int32_t>(next);
+        f->dirty = true;
+        return st(DF_OK);
+    }
+    case 0x3B: { // write record: fid offset(3) length(3) data
+        if (n < 8 || n - 8 != g24(c + 5))
+            return st(DF_LENGTH);
+        if (f->type != 3 && f->type != 4)
+            return st(DF_PARAMETER);
+        if (!may(w) && !may(rw))
+            return st(DF_PERMISSION_DENIED);
+        const uint32_t off = g24(c + 2), len = g24(c + 5);
+        if (off > f->rec_size || len > f->rec_size - off || len == 0)
+            return st(DF_BOUNDARY);
+        if (!f->dirty) {
+            f->p_records = f->records;
+            f->dirty = true;
+        }
+        if (!f->p_new_record) {
+            if (f->type == 3 && f->p_records.size() >= f->max_rec)
+                return st(DF_BOUNDARY);
+            f->p_records.emplace_back(f->rec_size, 0);
+            f->p_new_record = true;
+        }
+        std::memcpy(f->p_records.back().data() + off, c + 8, len);
+        return st(DF_OK);
+    }
+    case 0xBB: { // read records: fid offset(3) count(3), the newest at offset 0
+        if (n != 8)
+            return st(DF_LENGTH);
+        if (f->type != 3 && f->type != 4)
+            return st(DF_PARAMETER);
+        if (!may(r) && !may(rw))
+            return st(DF_PERMISSION_DENIED);
+        const size_t have = f->records.size();
+        const uint32_t off = g24(c + 2);
+        uint32_t count = g24(c + 5);
+        if (off >= have)
+            return st(DF_BOUNDARY);
+        if (count == 0)
+            count = static_cast<uint32_t>(have - off);
+        if (count > have - off)
+            return st(DF_BOUNDARY);
+        std::vector<uint8_t> out = st(DF_OK);
+        for (size_t i = have - off - count; i < have - off; ++i)
+            out.insert(out.end(), f->records[i].begin(), f->records[i].end());
+        return out;
+    }
+    case 0xEB: // clear record file
+        if (f->type != 3 && f->type != 4)
+            return st(DF_PARAMETER);
+        if (!may(rw))
+            return st(DF_PERMISSION_DENIED);
+        f->p_records.clear();
+        f->p_new_record = false;
+        f->dirty = true;
+        return st(DF_OK);
+    default: return st(DF_ILLEGAL_COMMAND);
+    }
+}
+
+namespace {
+
+bool read_key(const Json &v, std::array<uint8_t, 24> &out, std::string &err)
+{
+    std::vector<uint8_t> k;
+    if (v.kind != Json::STRING || !parse_hex_text(v.str, k, 24) || (k.size() != 8 && k.size() != 16 && k.size() != 24)) {
+        err = "setup: master_key takes 8, 16 or 24 hex bytes";
+        return false;
+    }
+    out.fill(0);
+    std::memcpy(out.data(), k.data(), k.size());
+    if (k.size() == 8)
+        std::memcpy(out.data() + 8, k.data(), 8);
+    return true;
+}
+
+} // namespace
+
+std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *setup, std::string &err)
+{
+    DfSetup s;
+    if (setup && setup->kind == Json::OBJECT) {
+        for (const auto &m : setup->fields) {
+            const Json &v = m.second;
+            if (m.first == "size") {
+                if (v.kind != Json::NUMBER || v.num < 256 || v.num > 65536) {
+                    err = "setup: size is a number of bytes from 256 to 65536";
+                    return nullptr;
+                }
+                s.size = static_cast<uint32_t>(v.num);
+            } else if (m.first == "version") {
+                if (v.kind != Json::STRING || (v.str != "ev1" && v.str != "ev2" && v.str != "ev3")) {
+                    err = "setup: version is \"ev1\", \"ev2\" or \"ev3\"";
+                    return nullptr;
+                }
+                s.version = v.str;
+            } else if (m.first == "master_key") {
+                if (!read_key(v, s.master_key, err))
+                    return nullptr;
+            } else if (m.first == "master_key_type") {
+                if (v.kind == Json::STRING && (v.str == "des" || v.str == "2k3des"))
+                    s.master_kind = DfKeyKind::TDES;
+                else if (v.kind == Json::STRING && v.str == "3k3des")
+                    s.master_kind = DfKeyKind::TK3DES;
+                else if (v.kind == Json::STRING && v.str == "aes")
+                    s.master_kind = DfKeyKind::AES;
+                else {
+                    err = "setup: master_key_type is \"des\", \"2k3des\", \"3k3des\" or \"aes\"";
+                    return nullptr;
+                }
+            } else {
+                err = "setup: unknown DESFire member '" + m.first + "'";
+                return nullptr;
+            }
+        }
+    } else if (setup && setup->kind != Json::NUL) {
+        err = "setup: a DESFire card's setup is an object";
+        return nullptr;
+    }
+    if (id.uid_len != 7) {
+        err = "a DESFire card has a 7-byte UID";
+        return nullptr;
+    }
+    return std::make_unique<DesfireCard>(id, s);
+}
+
+} // namespace zs
