@@ -63,6 +63,9 @@ public:
     // Test views: whether a session is up, and its SSC.
     bool authenticated() const;
     uint64_t ssc() const;
+    // Test seam: RND.ICC and K.ICC from this function instead of OpenSSL's generator (null restores it).
+    using RandomSource = void (*)(uint8_t *out, size_t n, void *context);
+    void set_random_source(RandomSource source, void *context);
 
 private:
     struct State;

@@ -218,6 +218,17 @@ struct PassportApp::State {
     const Bytes *file = nullptr;
     uint16_t file_id = 0;
     size_t replay_next = 0;
+    RandomSource random = nullptr;
+    void *random_context = nullptr;
+
+    bool fill_random(uint8_t *out, size_t n)
+    {
+        if (random != nullptr) {
+            random(out, n, random_context);
+            return true;
+        }
+        return RAND_bytes(out, static_cast<int>(n)) == 1;
+    }
 
     RApdu replayed()
     {
@@ -242,7 +253,7 @@ struct PassportApp::State {
         if (c.p1 != 0 || c.p2 != 0 || !c.has_le || c.ne != 8)
             return RApdu::sw_only(SW_WRONG_LENGTH);
         drop();
-        if (RAND_bytes(rnd_icc, sizeof rnd_icc) != 1)
+        if (!fill_random(rnd_icc, sizeof rnd_icc))
             return RApdu::sw_only(SW_CONDITIONS_NOT_SATISFIED);
         challenged = true;
         return {Bytes(rnd_icc, rnd_icc + 8), SW_OK};
@@ -263,7 +274,7 @@ struct PassportApp::State {
         if (s.size() != 32 || std::memcmp(s.data() + 8, rnd_icc, 8) != 0)
             return RApdu::sw_only(SW_AUTH_FAILED);
         uint8_t kicc[16];
-        if (RAND_bytes(kicc, sizeof kicc) != 1)
+        if (!fill_random(kicc, sizeof kicc))
             return RApdu::sw_only(SW_CONDITIONS_NOT_SATISFIED);
         Bytes r;
         r.insert(r.end(), rnd_icc, rnd_icc + 8);
@@ -455,6 +466,12 @@ bool PassportApp::authenticated() const
 uint64_t PassportApp::ssc() const
 {
     return st_->ssc;
+}
+
+void PassportApp::set_random_source(RandomSource source, void *context)
+{
+    st_->random = source;
+    st_->random_context = context;
 }
 
 } // namespace zs
