@@ -74,7 +74,10 @@ struct DfApp {
 };
 
 // What a DESFire card is set up with: {"size": 4096, "version": "ev2", "master_key": "hex",
-// "master_key_type": "aes"}.
+// "master_key_type": "aes", "applications": [{"aid": "A1B2C3", "key_type": "aes", "keys": 3,
+// "files": [{"id": 1, "type": "std", "size": 32, "data": "hex"}, {"id": 2, "type": "value", "lower": 0,
+// "upper": 1000, "value": 100}, {"id": 3, "type": "cyclic", "record_size": 8, "records": 5}]}]}.
+// Keys of such applications are all zero, and their files free for every access.
 struct DfSetup {
     uint32_t size = 4096;
     std::string version = "ev1";
@@ -96,6 +99,8 @@ public:
     const DfSetup &setup() const { return setup_; }
     // The card left the field or was reset: selection, authentication and the transaction end.
     void deselect();
+    // The applications, for a setup that brings some along.
+    std::vector<DfApp> &apps() { return apps_; }
 
     // The reader engine keeps a write in progress here, between the host's pieces.
     struct PendingWrite {

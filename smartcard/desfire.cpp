@@ -1,20 +1,14 @@
 // The DESFire command family: one frame per operation to the reader's DESFire engine. The implementations
 // here build the frame's extended data and read the reply; the many public names come from the form
 // generators of zel_desfire.h, each a thin call of one implementation with its key reference.
+#include "smartcard/desfire_internal.h"
+
 #include <cstring>
 
 #include "core/frame.h"
 #include "tandro.h"
 
 namespace zel::desfire {
-
-struct KeyRef {
-    uint8_t source;
-    uint8_t number;
-    const uint8_t *bytes;
-    uint8_t type; // wire numbering
-    uint8_t auth;
-};
 
 constexpr uint8_t kCmdUid = 0x80, kCmdWrite = 0x82, kCmdRead = 0x83, kCmdCreateApp = 0x84, kCmdCreateStd = 0x85,
                   kCmdChangeKey = 0x86, kCmdGetKeySettings = 0x87, kCmdChangeKeySettings = 0x88,

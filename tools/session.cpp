@@ -19,7 +19,14 @@ const char *default_sim_scenario()
                "values": [{"block": 6, "value": 100, "address": 6}]}},
     {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215"},
     {"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4", "model": "iso14443_4"},
-    {"uid": "08A1B2C3", "sak": "20", "atqa": "0004", "type": "ORB_GENERIC_ISO14443_4", "model": "passport"}
+    {"uid": "08A1B2C3", "sak": "20", "atqa": "0004", "type": "ORB_GENERIC_ISO14443_4", "model": "passport"},
+    {"uid": "04D35F1E6A2B80", "sak": "20", "atqa": "0344", "type": "ORB_MIFARE_DESFIRE_EV1_4K", "model": "desfire",
+     "setup": {"size": 4096, "version": "ev1", "master_key_type": "aes",
+               "applications": [{"aid": "A1B2C3", "key_type": "aes", "keys": 3,
+                                 "files": [{"id": 1, "type": "std", "size": 32,
+                                            "data": "54616E64726F204445534669726520646174610A"},
+                                           {"id": 2, "type": "value", "lower": 0, "upper": 1000, "value": 100},
+                                           {"id": 3, "type": "cyclic", "record_size": 8, "records": 5}]}]}}
   ]
 })";
 }

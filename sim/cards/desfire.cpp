@@ -703,11 +703,105 @@ bool read_key(const Json &v, std::array<uint8_t, 24> &out, std::string &err)
     return true;
 }
 
+bool num(const Json &o, const char *name, double lo, double hi, double &out, std::string &err)
+{
+    const Json *v = o.get(name);
+    if (!v)
+        return true;
+    if (v->kind != Json::NUMBER || v->num < lo || v->num > hi) {
+        err = std::string("setup: ") + name + " is out of range";
+        return false;
+    }
+    out = v->num;
+    return true;
+}
+
+bool read_file(const Json &o, DfApp &app, std::string &err)
+{
+    double id = -1, size = 32, lower = 0, upper = 1000, value = 0, rec = 16, recs = 4;
+    const Json *type = o.get("type");
+    if (o.kind != Json::OBJECT || !type || type->kind != Json::STRING || !num(o, "id", 0, 31, id, err) || id < 0 ||
+        !num(o, "size", 1, 8192, size, err) || !num(o, "lower", -2147483648.0, 2147483647.0, lower, err) ||
+        !num(o, "upper", -2147483648.0, 2147483647.0, upper, err) ||
+        !num(o, "value", -2147483648.0, 2147483647.0, value, err) || !num(o, "record_size", 1, 1024, rec, err) ||
+        !num(o, "records", 2, 256, recs, err)) {
+        if (err.empty())
+            err = "setup: a file has an id (0 to 31) and a type";
+        return false;
+    }
+    DfFile f;
+    const std::string &t = type->str;
+    f.type = t == "std" ? 0 : t == "backup" ? 1 : t == "value" ? 2 : t == "linear" ? 3 : t == "cyclic" ? 4 : 9;
+    if (f.type == 9) {
+        err = "setup: a file type is std, backup, value, linear or cyclic";
+        return false;
+    }
+    f.data.assign(static_cast<size_t>(size), 0);
+    if (const Json *d = o.get("data")) {
+        std::vector<uint8_t> b;
+        if (d->kind != Json::STRING || !parse_hex_text(d->str, b, f.data.size())) {
+            err = "setup: file data is hex, at most the file's size";
+            return false;
+        }
+        std::copy(b.begin(), b.end(), f.data.begin());
+    }
+    f.lower = static_cast<int32_t>(lower);
+    f.upper = static_cast<int32_t>(upper);
+    f.value = static_cast<int32_t>(value);
+    f.rec_size = static_cast<uint32_t>(rec);
+    f.max_rec = static_cast<uint32_t>(recs);
+    if (f.type != 0 && f.type != 1)
+        f.data.clear();
+    app.files[static_cast<uint8_t>(id)] = std::move(f);
+    return true;
+}
+
+bool read_apps(const Json &list, std::vector<DfApp> &apps, std::string &err)
+{
+    if (list.kind != Json::ARRAY || list.items.size() > MAX_APPS) {
+        err = "setup: applications come in an array of at most 28";
+        return false;
+    }
+    for (const Json &o : list.items) {
+        std::vector<uint8_t> aid;
+        const Json *a = o.kind == Json::OBJECT ? o.get("aid") : nullptr;
+        if (!a || a->kind != Json::STRING || !parse_hex_text(a->str, aid, 3) || aid.size() != 3) {
+            err = "setup: an application has an aid of 3 hex bytes";
+            return false;
+        }
+        DfApp app;
+        app.aid = static_cast<uint32_t>(aid[0]) << 16 | aid[1] << 8 | aid[2];
+        double keys = 1;
+        if (!num(o, "keys", 1, 14, keys, err))
+            return false;
+        app.keys.resize(static_cast<size_t>(keys));
+        if (const Json *kt = o.get("key_type")) {
+            if (kt->kind != Json::STRING || (kt->str != "aes" && kt->str != "des" && kt->str != "3k3des")) {
+                err = "setup: key_type is aes, des or 3k3des";
+                return false;
+            }
+            app.kind = kt->str == "aes" ? DfKeyKind::AES : kt->str == "3k3des" ? DfKeyKind::TK3DES : DfKeyKind::TDES;
+        }
+        if (const Json *files = o.get("files")) {
+            if (files->kind != Json::ARRAY) {
+                err = "setup: files come in an array";
+                return false;
+            }
+            for (const Json &f : files->items)
+                if (!read_file(f, app, err))
+                    return false;
+        }
+        apps.push_back(std::move(app));
+    }
+    return true;
+}
+
 } // namespace
 
 std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *setup, std::string &err)
 {
     DfSetup s;
+    std::vector<DfApp> apps;
     if (setup && setup->kind == Json::OBJECT) {
         for (const auto &m : setup->fields) {
             const Json &v = m.second;
@@ -737,6 +831,9 @@ std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *setup, 
                     err = "setup: master_key_type is \"des\", \"2k3des\", \"3k3des\" or \"aes\"";
                     return nullptr;
                 }
+            } else if (m.first == "applications") {
+                if (!read_apps(v, apps, err))
+                    return nullptr;
             } else {
                 err = "setup: unknown DESFire member '" + m.first + "'";
                 return nullptr;
@@ -750,7 +847,9 @@ std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *setup, 
         err = "a DESFire card has a 7-byte UID";
         return nullptr;
     }
-    return std::make_unique<DesfireCard>(id, s);
+    auto card = std::make_unique<DesfireCard>(id, s);
+    card->apps() = std::move(apps);
+    return card;
 }
 
 } // namespace zs
