@@ -160,8 +160,12 @@ public:
     {
         RApdu r;
         const auto &id = aid();
-        r.data = {0x6F, static_cast<uint8_t>(id.size() + 2), 0x84, static_cast<uint8_t>(id.size())};
-        r.data.insert(r.data.end(), id.begin(), id.end());
+        r.data.assign(4 + id.size(), 0);
+        r.data[0] = 0x6F;
+        r.data[1] = static_cast<uint8_t>(id.size() + 2);
+        r.data[2] = 0x84;
+        r.data[3] = static_cast<uint8_t>(id.size());
+        std::copy(id.begin(), id.end(), r.data.begin() + 4);
         return r;
     }
 
