@@ -48,6 +48,8 @@ struct LinkHooks {
     uint32_t (*write)(void *context, const uint8_t *buffer, uint32_t count);
     void (*purge)(void *context);
     void *context;
+    // Bytes waiting to be read; a link without it reports none.
+    uint32_t (*available)(void *context) = nullptr;
 };
 void set_link_hooks(const LinkHooks *hooks);
 const LinkHooks *link_hooks();

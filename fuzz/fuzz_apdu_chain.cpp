@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1)
         return 0;
     Stream s{data + 1, size - 1, 0};
-    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s};
+    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s, nullptr};
     zel::set_link_hooks(&hooks);
     zel::set_tick_hook(fake_tick);
     static zel_handle_record rec;

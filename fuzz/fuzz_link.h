@@ -16,7 +16,7 @@ class FuzzLink {
 public:
     FuzzLink(const uint8_t *data, size_t size) : data_(data), size_(size)
     {
-        hooks_ = {&FuzzLink::read_fn, &FuzzLink::write_fn, &FuzzLink::purge_fn, this};
+        hooks_ = {&FuzzLink::read_fn, &FuzzLink::write_fn, &FuzzLink::purge_fn, this, nullptr};
         zel::set_link_hooks(&hooks_);
         zel_handle_init(&record);
         record.comm.use = zel::kPortHook;

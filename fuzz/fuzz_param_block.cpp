@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<uint8_t> wire = (mode & 0x80) ? std::vector<uint8_t>(data + 1, data + size)
                                               : reply_around(cmd, data + 1, size - 1);
     Stream s{wire.data(), wire.size(), 0};
-    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s};
+    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s, nullptr};
     zel::set_link_hooks(&hooks);
     static zel_handle_record rec;
     zel_handle_init(&rec);

@@ -18,7 +18,8 @@ class ScriptLink {
 public:
     ScriptLink()
     {
-        hooks_ = {&ScriptLink::read_fn, &ScriptLink::write_fn, &ScriptLink::purge_fn, this};
+        hooks_ = {&ScriptLink::read_fn, &ScriptLink::write_fn, &ScriptLink::purge_fn, this,
+                  &ScriptLink::available_fn};
         zel::set_link_hooks(&hooks_);
         zel_handle_init(&record);
         record.comm.use = zel::kPortHook;
@@ -59,6 +60,10 @@ private:
             self->pending_.insert(self->pending_.end(), r.begin(), r.end());
         }
         return n;
+    }
+    static uint32_t available_fn(void *ctx)
+    {
+        return static_cast<uint32_t>(static_cast<ScriptLink *>(ctx)->pending_.size());
     }
     static void purge_fn(void *ctx)
     {

@@ -290,6 +290,13 @@ extern "C" ZEL_API ZEL_STATUS PortGetAvailable(ZEL_HANDLE hnd, uint32_t *availab
         *available = (queued > 0 ? static_cast<uint32_t>(queued) : 0u) + hnd->com_rx_len;
         return ZEL_OK;
     }
+    case zel::kPortHook: {
+        const zel::LinkHooks *h = g_hooks.load();
+        if (!h)
+            return ZEL_COMMUNICATION_ERROR;
+        *available = h->available ? h->available(h->context) : 0u;
+        return ZEL_OK;
+    }
     default: return ZEL_PARAMETERS_ERROR;
     }
 }
