@@ -6,6 +6,8 @@
 #include "core/frame.h"
 #include "core/internal.h"
 #include "reader/line.h"
+#include "transport/reset.h"
+#include "zel_open.h"
 #include "zel_port.h"
 #include "zel_reader.h"
 #include "zel_status.h"
@@ -467,7 +469,7 @@ extern "C" ZEL_API ZEL_STATUS SetUartSpeedHnd(ZEL_HANDLE hnd, uint32_t baud)
     os_sleep(50);
     hnd->baud_rate = baud;
     status = PortSetBaudRate(hnd, baud);
-    (void)reset_line_set(hnd, 1);
+    (void)ReaderResetSetHnd(hnd, 1);
     os_sleep(500);
     return status;
 }

@@ -1,46 +1,19 @@
-// The reset line and the default-rate opens of the speed repair.
+// The default-rate opens of the speed repair.
 #include "reader/line.h"
-
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "core/internal.h"
 #include "transport/d2xx.h"
+#include "transport/reset.h"
 #include "zel_devices.h"
 #include "zel_ftdi.h"
+#include "zel_open.h"
 #include "zel_port.h"
 #include "zel_status.h"
 
-extern char **environ;
-
 namespace {
-
-constexpr uint32_t kResetPin = 23;
-zel::PinCommandHook g_pin_hook = nullptr;
-
-// Runs "pinctrl set PIN op dl|dh" without a shell.
-int run_pin_command(const char *command)
-{
-    if (g_pin_hook)
-        return g_pin_hook(command);
-    char copy[64];
-    std::snprintf(copy, sizeof copy, "%s", command);
-    char *argv[8] = {};
-    int argc = 0;
-    for (char *save = nullptr, *word = strtok_r(copy, " ", &save); word && argc < 7;
-         word = strtok_r(nullptr, " ", &save))
-        argv[argc++] = word;
-    pid_t pid = 0;
-    if (argc == 0 || posix_spawnp(&pid, argv[0], nullptr, nullptr, argv, environ) != 0)
-        return -1;
-    int wstatus = 0;
-    if (waitpid(pid, &wstatus, 0) != pid)
-        return -1;
-    return WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0 ? 0 : -1;
-}
 
 uint32_t baud_of(uint8_t reader_type)
 {
@@ -57,48 +30,6 @@ ZEL_STATUS pulse_and_boot(zel_handle_record *hnd)
 }
 
 } // namespace
-
-void zel::set_pin_command_hook(PinCommandHook hook)
-{
-    g_pin_hook = hook;
-}
-
-ZEL_STATUS zel::reset_line_set(zel_handle_record *hnd, uint32_t level)
-{
-    if (!hnd)
-        return ZEL_DEVICE_WRONG_HANDLE;
-    if (hnd->gpio_reset) {
-        hnd->comm.RTS_inverted = 0;
-        char command[64];
-        std::snprintf(command, sizeof command, "pinctrl set %u %s", kResetPin, level ? "op dl" : "op dh");
-        if (run_pin_command(command) != 0) {
-            std::fprintf(stderr, "Error executing pinctrl command\n");
-            return level ? 0x1111u : 0x1112u;
-        }
-        return ZEL_OK;
-    }
-    if (hnd->comm.use == ZEL_PORT_FTDI) {
-        if (hnd->ftdi_loaded & 1) {
-            uint8_t inverted = static_cast<uint8_t>(hnd->comm.RTS_inverted);
-            ftdi_CheckRTS(hnd->ftHandle, &inverted);
-            hnd->comm.RTS_inverted = inverted;
-        }
-    } else {
-        hnd->comm.RTS_inverted = hnd->comm.rts == READER_ACTIVE_ON_RTS_LOW ? 1 : 0;
-    }
-    return PortSetRTS(hnd, (level ^ hnd->comm.RTS_inverted) & 1u);
-}
-
-ZEL_STATUS zel::reset_pulse_no_wait(zel_handle_record *hnd)
-{
-    if (!hnd)
-        return ZEL_DEVICE_WRONG_HANDLE;
-    (void)PortPurge(hnd);
-    (void)reset_line_set(hnd, 0);
-    const ZEL_STATUS status = reset_line_set(hnd, 1);
-    os_sleep(5);
-    return status;
-}
 
 ZEL_STATUS zel::default_rate_open_serial(zel_handle_record *hnd, uint8_t reader_type, const char *port_name)
 {
@@ -145,9 +76,9 @@ ZEL_STATUS zel::default_rate_open_ftdi(zel_handle_record *hnd, uint8_t reader_ty
     hnd->opened = 1;
     hnd->open_speed = reader_type;
     (void)PortPurge(hnd);
-    ZEL_STATUS status = reset_line_set(hnd, 0);
+    ZEL_STATUS status = ReaderResetSetHnd(hnd, 0);
     if (status == ZEL_OK)
-        status = reset_line_set(hnd, 1);
+        status = ReaderResetSetHnd(hnd, 1);
     os_sleep(5);
     if (status != ZEL_OK) {
         PortClose(hnd);

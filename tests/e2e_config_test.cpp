@@ -11,6 +11,7 @@
 
 #include "core/internal.h"
 #include "reader/line.h"
+#include "transport/reset.h"
 #include "tandro.h"
 #include "transport/serial.h"
 #include "zelsim.h"

@@ -31,18 +31,25 @@ constexpr uint8_t kCmdSoftRestart = 0x30;
 
 std::mutex g_gpio_mutex;
 std::string g_gpio_program = "pinctrl";
+zel::PinCommandHook g_pin_hook = nullptr;
 
 // Runs the GPIO program with its arguments given directly, no shell in between: true when it ran and
 // reported success.
 bool run_gpio(uint32_t pin, const char *operation)
 {
     std::string program;
+    zel::PinCommandHook hook = nullptr;
     {
         std::lock_guard<std::mutex> lock(g_gpio_mutex);
         program = g_gpio_program;
+        hook = g_pin_hook;
     }
     char pin_text[16];
     std::snprintf(pin_text, sizeof pin_text, "%u", pin);
+    if (hook) {
+        const std::string command = "pinctrl set " + std::string(pin_text) + " " + (operation ? operation : "");
+        return hook(command.c_str()) == 0;
+    }
     // "op dl" and the like are two words of the command line.
     std::string op = operation ? operation : "";
     std::string first = op, second;
@@ -91,6 +98,12 @@ void zel::set_gpio_program(const char *program)
 {
     std::lock_guard<std::mutex> lock(g_gpio_mutex);
     g_gpio_program = program ? program : "pinctrl";
+}
+
+void zel::set_pin_command_hook(PinCommandHook hook)
+{
+    std::lock_guard<std::mutex> lock(g_gpio_mutex);
+    g_pin_hook = hook;
 }
 
 extern "C" ZEL_API int setGPIOPin(uint32_t pin, const char *operation)
@@ -183,13 +196,21 @@ ZEL_STATUS zel::reset_pulse(zel_handle_record *hnd)
     // A network module in front of the reader resets it on command.
     if (hnd->esp_session)
         return EspReaderResetHnd(hnd);
-    PortPurge(hnd);
-    ReaderResetSetHnd(hnd, 0);
-    const ZEL_STATUS status = ReaderResetSetHnd(hnd, 1);
-    os_sleep(5);
+    const ZEL_STATUS status = reset_pulse_no_wait(hnd);
     if (status != ZEL_OK)
         return status;
     return reset_boot_wait(hnd);
+}
+
+ZEL_STATUS zel::reset_pulse_no_wait(zel_handle_record *hnd)
+{
+    if (!hnd)
+        return ZEL_DEVICE_WRONG_HANDLE;
+    (void)PortPurge(hnd);
+    (void)ReaderResetSetHnd(hnd, 0);
+    const ZEL_STATUS status = ReaderResetSetHnd(hnd, 1);
+    os_sleep(5);
+    return status;
 }
 
 extern "C" ZEL_API ZEL_STATUS ReaderResetHnd(ZEL_HANDLE hnd)
