@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "async/internal.h"
 #include "core/internal.h"
 #include "transport/d2xx.h"
 #include "transport/serial.h"
@@ -19,30 +20,31 @@ const uint32_t zel_baud_table[ZEL_BAUD_TABLE_LEN] = {1000000, 115200, 250000, 96
 namespace {
 
 // While an asynchronous session runs, port calls raise the busy flag, then take the lock; they release in
-// the opposite order.
+// the opposite order. On the session's own record the session decides when a call may go (see
+// async/arbiter.cpp): a command of the event thread and the application's never interleave on the line.
 class PortGuard {
 public:
-    explicit PortGuard(zel_handle_record *hnd)
+    PortGuard(zel_handle_record *hnd, zel::async::PortCall call)
         : hnd_(hnd), locked_(__atomic_load_n(&hnd->port_lock_on, __ATOMIC_ACQUIRE) != 0)
     {
-        if (locked_) {
-            __atomic_exchange_n(&hnd_->port_busy, 1u, __ATOMIC_ACQUIRE);
-            pthread_mutex_lock(&hnd_->port_lock);
-        }
+        if (locked_)
+            token_ = zel::async::port_enter(hnd_, call);
     }
     ~PortGuard()
     {
-        if (locked_) {
-            pthread_mutex_unlock(&hnd_->port_lock);
-            __atomic_exchange_n(&hnd_->port_busy, 0u, __ATOMIC_RELEASE);
-        }
+        if (locked_)
+            zel::async::port_leave(hnd_, token_);
     }
     PortGuard(const PortGuard &) = delete;
     PortGuard &operator=(const PortGuard &) = delete;
 
+    // True on the record of a running session.
+    bool session() const { return locked_ && zel::async::is_session_port(hnd_); }
+
 private:
     zel_handle_record *hnd_;
     bool locked_;
+    int token_ = 0;
 };
 
 inline ZEL_STATUS ft_status(zel::FT_STATUS s)
@@ -139,24 +141,46 @@ const zel::LinkHooks *zel::link_hooks()
     return g_hooks.load();
 }
 
+namespace {
+
+// The read of each kind of port; false for a kind that has none.
+bool read_by_kind(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got, ZEL_STATUS *status)
+{
+    switch (hnd->comm.use) {
+    case ZEL_PORT_SERIAL: *status = serial_read(hnd, buffer, count, got); return true;
+    case ZEL_PORT_FTDI:
+        *status = ftdi_ready(hnd) ? ftdi_read(hnd, buffer, count, got) : ZEL_FTD2XX_DLL_NOT_FOUND;
+        return true;
+    case ZEL_PORT_SOCKET: *status = socket_read(hnd, buffer, count, got); return true;
+    case zel::kPortHook: *status = hook_read(buffer, count, got); return true;
+    default: return false;
+    }
+}
+
+} // namespace
+
+ZEL_STATUS zel::port_read_raw(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got)
+{
+    *got = 0;
+    ZEL_STATUS status = ZEL_PARAMETERS_ERROR;
+    if (!read_by_kind(hnd, buffer, count, got, &status))
+        return ZEL_PARAMETERS_ERROR;
+    return status;
+}
+
 extern "C" ZEL_API ZEL_STATUS PortRead(ZEL_HANDLE hnd, uint8_t *buffer, uint32_t count)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     if (!buffer && count)
         return ZEL_PARAMETERS_ERROR;
-    PortGuard guard(hnd);
+    PortGuard guard(hnd, zel::async::PortCall::read);
     uint32_t got = 0;
-    ZEL_STATUS status;
-    switch (hnd->comm.use) {
-    case ZEL_PORT_SERIAL: status = serial_read(hnd, buffer, count, &got); break;
-    case ZEL_PORT_FTDI:
-        status = ftdi_ready(hnd) ? ftdi_read(hnd, buffer, count, &got) : ZEL_FTD2XX_DLL_NOT_FOUND;
-        break;
-    case ZEL_PORT_SOCKET: status = socket_read(hnd, buffer, count, &got); break;
-    case zel::kPortHook: status = hook_read(buffer, count, &got); break;
-    default: return ZEL_PARAMETERS_ERROR;
-    }
+    ZEL_STATUS status = ZEL_OK;
+    if (!read_by_kind(hnd, buffer, count, &got, &status))
+        return ZEL_PARAMETERS_ERROR;
+    if (guard.session())
+        status = zel::async::filter_reply(hnd, buffer, count, &got, status);
     log_transfer("PortRead[]:> %s | ( %u -> %u ) :: ", status, count, got, buffer);
     return status;
 }
@@ -191,7 +215,7 @@ extern "C" ZEL_API ZEL_STATUS PortWrite(ZEL_HANDLE hnd, const uint8_t *buffer, u
         return ZEL_DEVICE_WRONG_HANDLE;
     if (!buffer && count)
         return ZEL_PARAMETERS_ERROR;
-    PortGuard guard(hnd);
+    PortGuard guard(hnd, zel::async::PortCall::write);
     uint32_t done = 0;
     ZEL_STATUS status = ZEL_OK;
     switch (hnd->comm.use) {
@@ -229,6 +253,8 @@ extern "C" ZEL_API ZEL_STATUS PortWrite(ZEL_HANDLE hnd, const uint8_t *buffer, u
     }
     default: return ZEL_PARAMETERS_ERROR;
     }
+    if (guard.session() && status == ZEL_OK)
+        zel::async::expect_reply(hnd);
     log_transfer("PortWrite[]:> %s | ( %u -> %u ) :: ", status, count, done < count ? done : count, buffer);
     return status;
 }
@@ -237,7 +263,9 @@ extern "C" ZEL_API ZEL_STATUS PortPurge(ZEL_HANDLE hnd)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
-    PortGuard guard(hnd);
+    PortGuard guard(hnd, zel::async::PortCall::purge);
+    if (guard.session())
+        zel::async::rescue_before_purge(hnd); // announcements waiting here are the session's, not stale
     switch (hnd->comm.use) {
     case ZEL_PORT_SERIAL: {
         const int fd = zel::com_fd(hnd);
@@ -268,12 +296,8 @@ extern "C" ZEL_API ZEL_STATUS PortPurge(ZEL_HANDLE hnd)
     }
 }
 
-extern "C" ZEL_API ZEL_STATUS PortGetAvailable(ZEL_HANDLE hnd, uint32_t *available)
+ZEL_STATUS zel::port_available_raw(zel_handle_record *hnd, uint32_t *available)
 {
-    if (!hnd)
-        return ZEL_DEVICE_WRONG_HANDLE;
-    if (!available)
-        return ZEL_PARAMETERS_ERROR;
     *available = 0;
     switch (hnd->comm.use) {
     case ZEL_PORT_FTDI: {
@@ -301,10 +325,21 @@ extern "C" ZEL_API ZEL_STATUS PortGetAvailable(ZEL_HANDLE hnd, uint32_t *availab
     }
 }
 
+extern "C" ZEL_API ZEL_STATUS PortGetAvailable(ZEL_HANDLE hnd, uint32_t *available)
+{
+    if (!hnd)
+        return ZEL_DEVICE_WRONG_HANDLE;
+    if (!available)
+        return ZEL_PARAMETERS_ERROR;
+    PortGuard guard(hnd, zel::async::PortCall::plain);
+    return zel::port_available_raw(hnd, available);
+}
+
 extern "C" ZEL_API ZEL_STATUS PortSetTimeout(ZEL_HANDLE hnd, uint32_t ms)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
+    PortGuard guard(hnd, zel::async::PortCall::plain);
     switch (hnd->comm.use) {
     case ZEL_PORT_FTDI:
         if (!ftdi_ready(hnd) || !zel::d2xx().FT_SetTimeouts)

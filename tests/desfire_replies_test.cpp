@@ -1,0 +1,385 @@
+// The DESFire family against a scripted reader: the frames of chunked writes, and replies that are short,
+// long, lying or endless.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "core/frame.h"
+#include "script_link.h"
+#include "smartcard/desfire_internal.h"
+#include "tandro.h"
+
+namespace {
+
+using zeltest::Bytes;
+using zeltest::ScriptLink;
+
+uint8_t sum(const Bytes &b, size_t n)
+{
+    uint8_t x = 0;
+    for (size_t i = 0; i < n; ++i)
+        x ^= b[i];
+    return static_cast<uint8_t>(x + 7);
+}
+
+Bytes frame(uint8_t h, uint8_t cmd, uint8_t t, uint8_t ext_len)
+{
+    Bytes f = {h, cmd, t, ext_len, 0, 0, 0};
+    f[6] = sum(f, 6);
+    return f;
+}
+
+Bytes ack(uint8_t cmd) { return frame(0xAC, cmd, 0xCA, 0); }
+
+// A response frame with its extended data.
+Bytes response(uint8_t cmd, Bytes data)
+{
+    Bytes r = frame(0xDE, cmd, 0xED, static_cast<uint8_t>(data.size() + 1));
+    data.push_back(sum(data, data.size()));
+    r.insert(r.end(), data.begin(), data.end());
+    return r;
+}
+
+Bytes results(uint16_t cs, uint16_t et = 9) { return {static_cast<uint8_t>(cs), static_cast<uint8_t>(cs >> 8), static_cast<uint8_t>(et), 0}; }
+
+Bytes cat(Bytes a, const Bytes &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+const uint8_t kKey[16] = {0x3A, 0x4B, 0x5C, 0x6D, 0x7E, 0x8F, 0x90, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0x07, 0x18, 0x29};
+
+TEST(DesfireWrite, DataGoesInPiecesOf160AfterEachPrompt)
+{
+    struct Case {
+        uint16_t len;
+        std::vector<size_t> pieces; // bytes of each later piece
+    } cases[] = {{0, {}}, {160, {}}, {161, {1}}, {320, {160}}, {500, {160, 160, 20}}};
+    for (const auto &c : cases) {
+        ScriptLink link;
+        link.reply(ack(0x82));
+        for (size_t i = 0; i < c.pieces.size(); ++i)
+            link.reply({0xAD});
+        link.reply(cat({0xDD}, response(0x82, results(CARD_OPERATION_OK))));
+        Bytes data(c.len);
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = static_cast<uint8_t>(i ^ 0x5A);
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireWriteStdDataFile_PKM(&link.record, kKey, 0x332211, 2, 5, 7, c.len, 3, data.data(), &cs,
+                                                      &et),
+                  ZEL_OK)
+            << c.len;
+        EXPECT_EQ(cs, CARD_OPERATION_OK);
+        EXPECT_EQ(et, 9);
+        ASSERT_EQ(link.writes.size(), 2 + c.pieces.size()) << c.len;
+        const size_t first = c.len < 160 ? c.len : 160;
+        EXPECT_EQ(link.writes[0][3], 30 + first);
+        const Bytes &ext = link.writes[1];
+        ASSERT_EQ(ext.size(), 30 + first);
+        EXPECT_EQ(Bytes(ext.begin() + 2, ext.begin() + 18), Bytes(kKey, kKey + 16));
+        EXPECT_EQ(ext[26], static_cast<uint8_t>(c.len));
+        EXPECT_EQ(ext[27], c.len >> 8);
+        EXPECT_EQ(Bytes(ext.begin() + 29, ext.begin() + 29 + first), Bytes(data.begin(), data.begin() + first));
+        EXPECT_EQ(ext.back(), sum(ext, ext.size() - 1));
+        size_t at = first;
+        for (size_t i = 0; i < c.pieces.size(); ++i) {
+            const Bytes &p = link.writes[2 + i];
+            ASSERT_EQ(p.size(), 1 + c.pieces[i]);
+            EXPECT_EQ(p[0], c.pieces[i]) << "a count byte, and no checksum";
+            EXPECT_EQ(Bytes(p.begin() + 1, p.end()), Bytes(data.begin() + at, data.begin() + at + c.pieces[i]));
+            at += c.pieces[i];
+        }
+    }
+}
+
+TEST(DesfireWrite, AnotherByteThanThePromptBreaksOff)
+{
+    ScriptLink link;
+    link.reply(ack(0x98));
+    link.reply(cat({0xDD}, response(0x98, results(3072 + 0xBE))));
+    Bytes data(400, 0x11);
+    uint16_t cs = 0, et = 0;
+    ASSERT_EQ(Zel_int_DesfireWriteRecord_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 400, 0, data.data(), &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, DESFIRE_CARD_BOUNDARY_ERROR);
+    EXPECT_EQ(link.writes.size(), 2u) << "nothing more is sent";
+}
+
+TEST(DesfireStream, PiecesAreBoundedByTheAskedLength)
+{
+    ScriptLink link;
+    link.reply(ack(0x83));
+    Bytes stream = {0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 0, 8, 9, 10, 11, 12, 13, 14, 15, 16, 0xDD};
+    link.reply(cat(stream, response(0x83, results(CARD_OPERATION_OK))));
+    uint8_t out[16];
+    std::memset(out, 0xEE, sizeof out);
+    uint16_t cs = 0, et = 0;
+    EXPECT_EQ(Zel_int_DesfireReadStdDataFile_no_authM(&link.record, 1, 0, 1, 0, 10, 0, out, &cs, &et),
+              ZEL_BUFFER_OVERFLOW);
+    EXPECT_EQ(cs, CARD_OPERATION_OK) << "the reply is taken whole";
+    EXPECT_EQ(out[7], 8);
+    EXPECT_EQ(out[8], 0xEE) << "the second piece does not fit and is not written";
+    EXPECT_EQ(out[10], 0xEE);
+}
+
+TEST(DesfireStream, ZeroLengthReadAndEndlessOrBrokenStreams)
+{
+    {
+        ScriptLink link;
+        link.reply(ack(0x83));
+        link.reply(cat({0xDD}, response(0x83, results(CARD_OPERATION_OK))));
+        uint16_t cs = 0, et = 0;
+        EXPECT_EQ(Zel_int_DesfireReadStdDataFile_PKM(&link.record, kKey, 1, 0, 1, 0, 0, 0, nullptr, &cs, &et), ZEL_OK);
+        EXPECT_EQ(cs, CARD_OPERATION_OK);
+    }
+    {
+        // Empty pieces without end: the reader is cut off, and the missing reply is the status.
+        ScriptLink link;
+        link.reply(ack(0x99));
+        Bytes endless;
+        for (int i = 0; i < 20000; ++i) {
+            endless.push_back(0);
+            endless.push_back(0);
+        }
+        link.reply(endless);
+        uint8_t out[4];
+        uint16_t cs = 0, et = 0;
+        EXPECT_NE(Zel_int_DesfireReadRecords_aes_PKM(&link.record, kKey, 1, 0, 1, 0, 1, 4, 0, out, &cs, &et), ZEL_OK);
+    }
+    {
+        // A reply of another size than the results: the results are still written.
+        ScriptLink link;
+        link.reply(ack(0x83));
+        link.reply(cat({0xDD}, response(0x83, cat(results(3001, 77), {0x42}))));
+        uint16_t cs = 0, et = 0;
+        uint8_t out[4];
+        EXPECT_EQ(Zel_int_DesfireReadStdDataFile_PKM(&link.record, kKey, 1, 0, 1, 0, 0, 0, out, &cs, &et),
+                  ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(cs, 3001);
+        EXPECT_EQ(et, 77);
+    }
+}
+
+TEST(DesfireReplies, ApplicationIdsAreBoundedByTheReplyAndTheRoom)
+{
+    ScriptLink link;
+    link.reply(ack(0xC0));
+    // The count claims 200 ids; the reply holds two and a half.
+    link.reply(response(0xC0, cat(results(CARD_OPERATION_OK), {200, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88})));
+    uint32_t aids[3] = {0xAAAAAAAA, 0xBBBBBBBB, 0xCCCCCCCC};
+    uint8_t n = 3;
+    uint16_t cs = 0, et = 0;
+    ASSERT_EQ(Zel_int_DesfireGetApplicationIds_no_authM(&link.record, aids, &n, &cs, &et), ZEL_OK);
+    EXPECT_EQ(n, 2);
+    EXPECT_EQ(aids[0], 0xAA332211u) << "three low bytes, little endian";
+    EXPECT_EQ(aids[1], 0xBB665544u);
+    EXPECT_EQ(aids[2], 0xCCCCCCCCu);
+    // The ext shape: auth flag 0 at 18 for the no-auth form.
+    ASSERT_EQ(link.writes.size(), 2u);
+    EXPECT_EQ(link.writes[1].size(), 20u);
+    EXPECT_EQ(link.writes[1][18], 0);
+}
+
+TEST(DesfireReplies, UidByReplyLength)
+{
+    struct Case {
+        Bytes data;
+        uint8_t len;
+        uint16_t cs, et;
+        uint8_t first;
+    } cases[] = {
+        {{0x04, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0xB9, 0x0B, 0x0C, 0x00}, 7, 3001, 12, 0x04},
+        {{0xB9, 0x0B, 0x07, 0x00}, 0, 3001, 7, 0x00},
+        {{0xEE, 0x0C}, 0x99, 3310, 0x5555, 0x99},
+        {{0x01, 0x02, 0x03}, 0, 0, 0, 0x00},
+    };
+    for (const auto &c : cases) {
+        ScriptLink link;
+        link.reply(ack(0x80));
+        link.reply(response(0x80, c.data));
+        uint8_t uid[7];
+        std::memset(uid, 0x99, sizeof uid);
+        uint8_t len = 0x99;
+        uint16_t cs = 0x5555, et = 0x5555;
+        ASSERT_EQ(Zel_int_GetDesfireUid_aes_PKM(&link.record, kKey, 0, 0, uid, &len, &cs, &et), ZEL_OK);
+        EXPECT_EQ(len, c.len) << c.data.size();
+        EXPECT_EQ(cs, c.cs) << c.data.size();
+        EXPECT_EQ(et, c.et) << c.data.size();
+        EXPECT_EQ(uid[0], c.first) << c.data.size();
+    }
+}
+
+TEST(DesfireReplies, TransactionMacDataByReplyLength)
+{
+    Bytes full = results(CARD_OPERATION_OK);
+    for (int i = 0; i < 44; ++i)
+        full.push_back(static_cast<uint8_t>(0x40 + i));
+    {
+        ScriptLink link;
+        link.reply(ack(0x9B));
+        link.reply(response(0x9B, full));
+        uint8_t rid[16], prev[16], mac[8];
+        uint32_t cnt = 0;
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireIncreaseValueFile_TransMac_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 100, 1, rid, prev,
+                                                                     &cnt, mac, &cs, &et),
+                  ZEL_OK);
+        EXPECT_EQ(rid[0], 0x40);
+        EXPECT_EQ(prev[0], 0x50);
+        EXPECT_EQ(cnt, 0x63626160u);
+        EXPECT_EQ(Bytes(mac, mac + 8), (Bytes{0x64, 0x65, 0x66, 0x67, 0x68, 0x69, 0x6A, 0x6B})) << "all 8 bytes at 40";
+        EXPECT_EQ(link.writes[0][5], 3) << "PAR1 3 with the reader id";
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0x6D));
+        link.reply(response(0x6D, results(CARD_OPERATION_OK)));
+        uint8_t rid[16], prev[16], mac[8];
+        std::memset(rid, 1, 16);
+        std::memset(mac, 1, 8);
+        uint32_t cnt = 5;
+        uint16_t cs = 0, et = 0;
+        EXPECT_EQ(Zel_int_DesfireClearRecordFile_TransMac_aes_PKM(&link.record, kKey, 1, 2, 0, rid, prev, &cnt, mac, &cs,
+                                                                   &et),
+                  ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(cnt, 0u);
+        EXPECT_EQ(mac[7], 0) << "outputs cleared";
+        EXPECT_EQ(link.writes[0][5], 1);
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0x9C));
+        link.reply(response(0x9C, full));
+        uint16_t cs = 0x1234, et = 0;
+        EXPECT_EQ(Zel_int_DesfireDecreaseValueFile_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 1, &cs, &et),
+                  ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(cs, 0x1234) << "without the MAC form a long reply leaves the results unwritten";
+    }
+}
+
+TEST(DesfireReplies, FileSettingsOfEveryTypeAndCutShort)
+{
+    const Bytes value_reply = cat(results(CARD_OPERATION_OK),
+                                  {2, 0x03, 0x21, 0x43, 0x9C, 0xFF, 0xFF, 0xFF, 0xE8, 0x03, 0, 0, 5, 0, 0, 0, 0x01});
+    zel_desfire_file_settings s;
+    zel::desfire::parse_file_settings(value_reply.data(), static_cast<uint32_t>(value_reply.size()), &s);
+    EXPECT_EQ(s.file_type, 2);
+    EXPECT_EQ(s.communication_settings, 3);
+    EXPECT_EQ(s.read_key_no, 4);
+    EXPECT_EQ(s.write_key_no, 3);
+    EXPECT_EQ(s.read_write_key_no, 2);
+    EXPECT_EQ(s.change_key_no, 1);
+    EXPECT_EQ(s.lower_limit, -100);
+    EXPECT_EQ(s.upper_limit, 1000);
+    EXPECT_EQ(s.limited_credit_value, 5u);
+    EXPECT_EQ(s.limited_credit_enabled, 1);
+    const Bytes rec = cat(results(3001), {4, 0xFD, 0x00, 0xE0, 0x10, 0, 0, 0x05, 0, 0, 0x03, 0, 0});
+    zel::desfire::parse_file_settings(rec.data(), static_cast<uint32_t>(rec.size()), &s);
+    EXPECT_EQ(s.communication_settings, 1) << "masked to two bits";
+    EXPECT_EQ(s.record_size, 16u);
+    EXPECT_EQ(s.max_records, 5u);
+    EXPECT_EQ(s.current_records, 3u);
+    EXPECT_EQ(s.lower_limit, 0) << "cleared between calls";
+    // Every cut of the value reply reads no further than it holds (the sanitizers watch).
+    for (size_t cut = 0; cut <= value_reply.size(); ++cut) {
+        Bytes part(value_reply.begin(), value_reply.begin() + cut);
+        part.shrink_to_fit();
+        zel::desfire::parse_file_settings(part.data(), static_cast<uint32_t>(part.size()), &s);
+        if (cut < 5) {
+            EXPECT_EQ(s.file_type, 0);
+        }
+        if (cut < 16) {
+            EXPECT_EQ(s.upper_limit, 0) << cut;
+        }
+    }
+}
+
+TEST(DesfireReplies, AnErrorFrameEndsTheOperationWithItsCode)
+{
+    ScriptLink link;
+    link.reply(ack(0x8A));
+    link.reply(frame(0xEC, ZEL_NO_CARD, 0xCE, 0));
+    uint16_t cs = 0, et = 0;
+    EXPECT_EQ(Zel_int_DesfireDeleteFile_no_authM(&link.record, 1, 2, &cs, &et), ZEL_NO_CARD);
+    ScriptLink refused;
+    refused.reply(frame(0xEC, 9, 0xCE, 0));
+    EXPECT_EQ(Zel_int_DesfireDeleteFile_no_authM(&refused.record, 1, 2, &cs, &et), 9u) << "the handshake's status";
+}
+
+TEST(DesfireKeys, ChangeKeyFramesCarryKeysAndSelector)
+{
+    const uint8_t k3a[24] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24};
+    const uint8_t des[8] = {0xD0, 0xD1, 0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7};
+    {
+        ScriptLink link;
+        link.reply(ack(0x86));
+        link.reply(response(0x86, results(CARD_OPERATION_OK)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireChangeDesKey_2k3desM(&link.record, 6, 0x0A0B0C, 1, des, 3, des, &cs, &et), ZEL_OK);
+        const Bytes &f = link.writes[0];
+        EXPECT_EQ(f[3], 56);
+        EXPECT_EQ(f[4], ZEL_DESFIRE_WIRE_2K3DES + 4 * ZEL_DESFIRE_WIRE_DES);
+        const Bytes &e = link.writes[1];
+        EXPECT_EQ(e[0] | e[1] << 8, 0x0609) << "bit 3, the auth key in the reader as number 6";
+        EXPECT_EQ(Bytes(e.begin() + 22, e.begin() + 38), (Bytes{0xD0, 0xD1, 0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7, 0xD0, 0xD1,
+                                                              0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7}))
+            << "a DES key twice";
+        EXPECT_EQ(e[21], 1);
+        EXPECT_EQ(e[38], 3);
+        EXPECT_EQ(e[18], 0x0C);
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0x86));
+        link.reply(response(0x86, results(CARD_OPERATION_OK)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireChange3K3DesKey_3k3des_PKM(&link.record, k3a, 0x010203, 0, k3a, 2, k3a, &cs, &et),
+                  ZEL_OK);
+        EXPECT_EQ(link.writes[0][3], 80);
+        const Bytes &e = link.writes[1];
+        ASSERT_EQ(e.size(), 80u);
+        EXPECT_EQ(e[0] | e[1] << 8, 0x0008);
+        EXPECT_EQ(Bytes(e.begin() + 2, e.begin() + 18), Bytes(k3a, k3a + 16));
+        EXPECT_EQ(Bytes(e.begin() + 55, e.begin() + 63), Bytes(k3a + 16, k3a + 24)) << "auth key tail at 55";
+        EXPECT_EQ(Bytes(e.begin() + 63, e.begin() + 71), Bytes(k3a + 16, k3a + 24)) << "new key tail at 63";
+        EXPECT_EQ(Bytes(e.begin() + 71, e.begin() + 79), Bytes(k3a + 16, k3a + 24)) << "old key tail at 71";
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0x86));
+        link.reply(response(0x86, results(CARD_OPERATION_OK)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_SAM_DesfireChangeAesKey_AesAuthM(&link.record, 4, 0x010203, 0, 5, 1, 6, &cs, &et), ZEL_OK);
+        EXPECT_EQ(link.writes[0][4], 0x84);
+        EXPECT_EQ(link.writes[0][5], 0x85);
+        EXPECT_EQ(link.writes[1][0], 0x0F);
+        EXPECT_EQ(link.writes[1][1], 0x86);
+        EXPECT_EQ(Bytes(link.writes[1].begin() + 2, link.writes[1].begin() + 18), Bytes(16, 0)) << "no key bytes";
+    }
+}
+
+TEST(DesfireKeys, WriteKeySizesAndTheEepromRoute)
+{
+    const uint8_t key[24] = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
+    const struct {
+        uint8_t type;
+        size_t ext;
+    } cases[] = {{ZEL_DESFIRE_WIRE_AES, 18}, {ZEL_DESFIRE_WIRE_2K3DES, 18}, {ZEL_DESFIRE_WIRE_DES, 10},
+                 {ZEL_DESFIRE_WIRE_3K3DES, 26}, {7, 2}};
+    for (const auto &c : cases) {
+        ScriptLink link;
+        link.reply(ack(0x8E));
+        link.reply(response(0x8E, {0x00}));
+        EXPECT_EQ(Zel_int_DesfireWriteKeyM(&link.record, 3, key, c.type), ZEL_OK);
+        EXPECT_EQ(link.writes[0][4], c.type);
+        EXPECT_EQ(link.writes[1].size(), c.ext);
+    }
+    ScriptLink link;
+    link.reply(ack(0x8E));
+    link.reply(response(0x8E, {0x07}));
+    EXPECT_EQ(Zel_int_DesfireWriteAesKeyM(&link.record, 3, key), 7u) << "the reader's answer byte";
+    link.record.ee_route = 1;
+    EXPECT_EQ(Zel_int_DesfireWriteAesKeyM(&link.record, 16, key), ZEL_MAX_KEY_INDEX_EXCEEDED);
+}
+
+} // namespace
