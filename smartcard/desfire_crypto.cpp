@@ -358,7 +358,8 @@ ZEL_API uint32_t aes_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *d
 {
     if (!key || !ivect || (!data && length))
         return ZEL_PARAMETERS_ERROR;
-    if (length % 16 != 0)
+    // Offsets count in a byte: a length past 240 would wrap the count and never end, and is refused.
+    if (length % 16 != 0 || length > 240)
         return ZEL_PARAMETERS_ERROR;
     if (length == 0)
         return ZEL_OK;
@@ -390,7 +391,7 @@ ZEL_API uint32_t des_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *d
 {
     if (!key || !ivect || (!data && length))
         return ZEL_PARAMETERS_ERROR;
-    if (length % 8 != 0)
+    if (length % 8 != 0 || length > 240) // 248 would wrap a byte offset stepping by 8
         return ZEL_PARAMETERS_ERROR;
     if (length == 0)
         return ZEL_OK;

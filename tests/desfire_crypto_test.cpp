@@ -193,7 +193,13 @@ TEST(DesfireCrc, RunningValuesRestartsAndAppend)
     for (uint8_t b : data)
         desfire_crc32_byte(&by_byte, b);
     EXPECT_EQ(by_byte, whole);
-    EXPECT_NE(by_byte, ~static_cast<uint32_t>(0x82F63B78u)) << "not the CRC-32C polynomial";
+    // The byte routine alone on the check string: the CRC-32 catalogue value without the final inversion,
+    // not the CRC-32C one (0xE3069283 inverted).
+    uint32_t check = 0xFFFFFFFFu;
+    for (char ch : std::string("123456789"))
+        desfire_crc32_byte(&check, static_cast<uint8_t>(ch));
+    EXPECT_EQ(check, 0x340BC6D9u);
+    EXPECT_NE(check, ~0xE3069283u);
 
     uint8_t buf[208];
     std::memcpy(buf, data.data(), 200);
@@ -391,6 +397,15 @@ TEST(DesfireChaining, RoundTripsAndRefusedLengths)
     Bytes k = hex("0102030405060708");
     des_key_new(&dk, k.data());
     EXPECT_EQ(des_blocks_chained(&dk, iv, d.data(), 12, DESFIRE_SEND, 0), ZEL_PARAMETERS_ERROR);
+    {
+        // 248 is whole DES blocks, but a byte offset stepping by 8 would wrap: refused, untouched.
+        Bytes big(256, 0x22);
+        EXPECT_EQ(des_blocks_chained(&dk, iv, big.data(), 248, DESFIRE_SEND, 0), ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(big, Bytes(256, 0x22));
+        EXPECT_EQ(des_blocks_chained(&dk, iv, big.data(), 240, DESFIRE_SEND, 0), ZEL_OK);
+        EXPECT_NE(big, Bytes(256, 0x22));
+        EXPECT_EQ(big[240], 0x22) << "nothing past the length";
+    }
     EXPECT_EQ(aes_blocks_chained(&key, iv, d.data(), 0, DESFIRE_SEND, 0), ZEL_OK);
 }
 
