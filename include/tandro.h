@@ -17,6 +17,7 @@
 #include "zel_handle.h"
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
+#include "zel_ndef.h"
 #include "zel_net.h"
 #include "zel_open.h"
 #include "zel_port.h"

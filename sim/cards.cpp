@@ -21,6 +21,7 @@ std::unique_ptr<Card> make_ntag216(const zsim_card &id, const Json *config, std:
 std::unique_ptr<Card> make_iso14443_4_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ndef_t4_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -46,6 +47,7 @@ const Model MODELS[] = {
     {"iso14443_4", make_iso14443_4_card},
     {"desfire", make_desfire_card},
     {"passport", make_passport_card},
+    {"ndef_t4", make_ndef_t4_card},
 };
 
 } // namespace

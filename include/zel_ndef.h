@@ -1,0 +1,72 @@
+/* NDEF messages on Type 2 tags, MIFARE Classic and Plus (security level 1, through the application
+ * directory) and Type 4 tags (NDEF application, capability container file, NDEF file).
+ *
+ *   ndef_card_initialization   lays out a blank NDEF area on the card in the field;
+ *   read_ndef_record           record record_nr (from 1) of message message_nr (from 1; 0 acts as 1). Record
+ *                              numbers run on into the next message when the message has fewer records. The
+ *                              payload buffer must hold ZEL_NDEF_PAYLOAD_SLACK bytes more than the payload; a
+ *                              URI record ("U") with a known prefix code comes back with the prefix written
+ *                              out. The type buffer holds 255 bytes, the id buffer 255 bytes;
+ *   write_ndef_record          appends a record to message message_nr, formatting a blank card first
+ *                              (card_formated is then 1);
+ *   write_ndef_record_mirroring(_tt)  the same on NTAG21x tags, with the UID, counter or TT mirror set up
+ *                              in the configuration page;
+ *   get_ndef_record_count      messages, records, empty messages, and the per-message record array, which
+ *                              holds ZEL_NDEF_RECORD_ARRAY_LEN bytes;
+ *   erase_last_ndef_record, erase_all_ndef_records  on message message_nr.
+ * A read within 2 seconds of the last one uses the image read then (not on generic ISO 14443-4 cards).
+ * NDEF_ParseCC reads a four-byte capability container. */
+#ifndef ZEL_NDEF_H
+#define ZEL_NDEF_H
+
+#include "zel_forms.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZEL_NDEF_PAYLOAD_SLACK 30
+#define ZEL_NDEF_RECORD_ARRAY_LEN 256
+
+#define ZEL_FAMILY_NDEF(OP, OP0)                                                                                  \
+    OP0(ZEL_STATUS, ndef_card_initialization)                                                                     \
+    OP(ZEL_STATUS, read_ndef_record,                                                                              \
+       (uint8_t message_nr, uint8_t record_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length,          \
+        uint8_t *id, uint8_t *id_length, uint8_t *payload, uint32_t *payload_length),                             \
+       (message_nr, record_nr, tnf, type_record, type_length, id, id_length, payload, payload_length))            \
+    OP(ZEL_STATUS, write_ndef_record,                                                                             \
+       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
+        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated),                  \
+       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated))        \
+    OP(ZEL_STATUS, write_ndef_record_mirroring,                                                                   \
+       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
+        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated,                   \
+        int use_uid_ascii_mirror, int use_counter_ascii_mirror, uint32_t payload_mirroring_pos),                  \
+       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated,         \
+        use_uid_ascii_mirror, use_counter_ascii_mirror, payload_mirroring_pos))                                   \
+    OP(ZEL_STATUS, write_ndef_record_mirroring_tt,                                                                \
+       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
+        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated,                   \
+        int use_uid_ascii_mirror, int use_counter_ascii_mirror, int use_tt_message_mirror,                        \
+        uint32_t payload_mirroring_pos),                                                                          \
+       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated,         \
+        use_uid_ascii_mirror, use_counter_ascii_mirror, use_tt_message_mirror, payload_mirroring_pos))            \
+    OP(ZEL_STATUS, get_ndef_record_count,                                                                         \
+       (uint8_t *ndef_message_cnt, uint8_t *ndef_record_cnt, uint8_t *ndef_record_array,                          \
+        uint8_t *empty_ndef_message_cnt),                                                                         \
+       (ndef_message_cnt, ndef_record_cnt, ndef_record_array, empty_ndef_message_cnt))                           \
+    OP(ZEL_STATUS, erase_last_ndef_record, (uint8_t message_nr), (message_nr))                                    \
+    OP(ZEL_STATUS, erase_all_ndef_records, (uint8_t message_nr), (message_nr))
+
+ZEL_DECLARE_FAMILY(ZEL_FAMILY_NDEF)
+
+/* A Type 2 or ISO 15693 capability container (4 bytes): mapping version, data area size (byte 2 times 8),
+ * read allowed (byte 3 below 16) and write allowed (low nibble of byte 3 is 0). Without the magic byte E1
+ * every output is zeroed and ZEL_WRONG_NDEF_CARD_FORMAT is returned. */
+ZEL_API ZEL_STATUS NDEF_ParseCC(const uint8_t *cc, uint8_t *version_major, uint8_t *version_minor,
+                                uint32_t *data_area_size, uint8_t *read_access, uint8_t *write_access);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
