@@ -23,13 +23,14 @@ constexpr uint8_t kZeroLength[2] = {0, 0};
 bool is_iso15693(uint8_t t) { return t >= 80 && t <= 86; }
 bool t2t_sector_form(uint8_t t) { return t >= 13 && t <= 16; }
 
-// One APDU; true only for a completed exchange that ends in 90 00.
+// One APDU; true only for a completed exchange that ends in 90 00 (the status out value holds SW1 in its low
+// byte).
 bool apdu_ok(ZEL_HANDLE hnd, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out,
              uint32_t &ne, bool send_le)
 {
     uint16_t sw = 0;
     const ZEL_STATUS st = APDUTransceiveHnd(hnd, 0x00, ins, p1, p2, data, nc, out, &ne, send_le ? 1 : 0, &sw);
-    return st == ZEL_OK && sw == 0x9000;
+    return st == ZEL_OK && sw == 0x0090;
 }
 
 bool select_file(ZEL_HANDLE hnd, uint16_t id)
