@@ -67,4 +67,19 @@ ZEL_DEFINE_FAMILY(ZEL_FAMILY_DESFIRE_DATA)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_DESFIRE_KEYS)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_DESFIRE_FIXED)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_BLOCK)
+
+// The ISO 15693 operations whose handle form is named X_M.
+#define ZEL_DEFINE_FORMS_UNDERSCORE_M(Ret, Name, Params, Args)       \
+    extern "C" ZEL_API Ret Name Params                               \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd ZEL_FORMS_GLOBAL_ARGS Args;                 \
+    }                                                                \
+    extern "C" ZEL_API Ret Name##_M ZEL_FORMS_HND_PARAMS Params      \
+    {                                                                \
+        dp(0, "API begin: %s()", __func__);                          \
+        return Name##Hnd ZEL_FORMS_HND_ARGS Args;                    \
+    }
+ZEL_DEFINE_FAMILY(ZEL_FAMILY_ISO15693)
+ZEL_FAMILY_ISO15693_UNDERSCORE_M(ZEL_DEFINE_FORMS_UNDERSCORE_M, ZEL_DEFINE_FORMS0)
 ZEL_DEFINE_FAMILY(ZEL_FAMILY_NDEF)

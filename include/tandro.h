@@ -15,6 +15,7 @@
 #include "zel_frame.h"
 #include "zel_ftdi.h"
 #include "zel_handle.h"
+#include "zel_iso15693.h"
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
 #include "zel_ndef.h"

@@ -73,6 +73,8 @@ public:
     virtual ~PageMemory() = default;
     virtual unsigned pages() const = 0;
     virtual unsigned user_pages() const = 0;
+    // The page at which the user area, and with it the linear space, begins.
+    virtual unsigned first_user_page() const { return 4; }
     // The READ command: 16 bytes from four pages, wrapping to page 0 past the end.
     virtual MemResult read(unsigned page, uint8_t out[16]) = 0;
     virtual MemResult write(unsigned page, const uint8_t in[4]) = 0;

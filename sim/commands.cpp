@@ -52,7 +52,7 @@ bool card_from_words(const std::vector<std::string> &w, size_t first, zsim_card 
     c = zsim_card{};
     std::vector<uint8_t> uid;
     if (first >= w.size() || !parse_hex_text(w[first], uid, 10) ||
-        (uid.size() != 4 && uid.size() != 7 && uid.size() != 10))
+        (uid.size() != 4 && uid.size() != 7 && uid.size() != 8 && uid.size() != 10))
         return false;
     std::memcpy(c.uid, uid.data(), uid.size());
     c.uid_len = static_cast<uint8_t>(uid.size());
@@ -98,7 +98,7 @@ int run_text_command(zsim *sim, const std::string &line, std::string &out)
         zsim_card card;
         std::string model;
         if (!card_from_words(w, 1, card, model)) {
-            out += "add: usage: add UID [SAK [ATQA [TYPE [MODEL]]]] (hex; a UID of 4, 7 or 10 bytes)\n";
+            out += "add: usage: add UID [SAK [ATQA [TYPE [MODEL]]]] (hex; a UID of 4, 7, 8 or 10 bytes)\n";
             return -1;
         }
         if (zsim_card_add_model(sim, &card, model.c_str(), nullptr) != 0) {

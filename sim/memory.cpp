@@ -465,7 +465,7 @@ uint8_t linear_io(Reader &r, Card &c, const KeySpec &k, bool raw, unsigned addr,
                   const uint8_t *wr)
 {
     if (PageMemory *p = c.page_memory()) {
-        const unsigned first = raw ? 0 : 4;
+        const unsigned first = raw ? 0 : p->first_user_page();
         const unsigned size = (raw ? p->pages() : p->user_pages()) * 4;
         if (addr > size || len > size - addr)
             return E_MAX_ADDRESS;

@@ -5,6 +5,7 @@
 
 #include "iso7816.h"
 #include "desfire.h"
+#include "iso15693.h"
 #include "wire.h"
 
 namespace zs {
@@ -258,6 +259,7 @@ bool reader_rate_known(uint32_t baud)
 bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 {
     if (desfire_reader_wants_ext(r, f)) return true; // the reader's DESFire engine
+    if (iso15693_reader_wants_ext(r, f)) return true; // the reader's ISO 15693 engine
     switch (f[1]) {
     case 0x12: // key write
     case 0x1C: // user data write
@@ -486,6 +488,7 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
         return ok(a, cmd, f[4], f[5]);
     default:
         if (desfire_reader_command(r, f, ext, ext_len, a)) return; // the reader's DESFire engine
+        if (iso15693_reader_command(r, f, ext, ext_len, a)) return; // the reader's ISO 15693 engine
         if (iso14443_reader_command(r, f, a))
             return;
         if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))

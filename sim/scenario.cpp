@@ -429,8 +429,8 @@ bool parse_card(const Json &o, const char *where, ParsedCard &pc, std::string &e
     bool given = false;
     if (!opt_hex(o, "uid", where, 10, uid, given, err))
         return false;
-    if (!given || (uid.size() != 4 && uid.size() != 7 && uid.size() != 10)) {
-        err = std::string(where) + ".uid: 4, 7 or 10 bytes in hexadecimal are expected";
+    if (!given || (uid.size() != 4 && uid.size() != 7 && uid.size() != 8 && uid.size() != 10)) {
+        err = std::string(where) + ".uid: 4, 7, 8 (a vicinity tag) or 10 bytes in hexadecimal are expected";
         return false;
     }
     zsim_card &c = pc.card;

@@ -15,7 +15,7 @@ typedef struct zsim zsim;
 /* One card in the field. */
 typedef struct zsim_card {
     uint8_t uid[10];
-    uint8_t uid_len;  /* 4, 7 or 10 */
+    uint8_t uid_len;  /* 4, 7, 8 (a vicinity tag) or 10 */
     uint8_t sak;
     uint16_t atqa;
     uint8_t orb_type; /* the reader's card type code */
