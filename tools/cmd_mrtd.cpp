@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "cards/passport.h"
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/passport_read.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -129,9 +129,6 @@ const tandro::Registration mrz_cmd({"mrz", "TEXT...",
 
 namespace {
 
-// The simulated passport's MRZ (the specimen), taken when --sim names no document.
-const char kSimulatedMrz[] = "P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<L898902C36UTO7408122F1204159ZE184226B<<<<<10";
-
 struct PassportArgs {
     std::string mrz, doc, birth, expiry, json_file, photo, csca;
     bool json_file_given = false;
@@ -204,53 +201,6 @@ bool parse_passport_args(const tandro::Options &opt, const tandro::Args &args, P
     return true;
 }
 
-// Removes the cards in front of the simulated passport, so that it is the card the reader activates.
-void bring_passport_forward(zsim *sim)
-{
-    char list[4096] = {};
-    if (zsim_command(sim, "list", list, sizeof list) != 0)
-        return;
-    std::vector<std::string> ahead;
-    for (const char *line = list; *line;) {
-        const char *end = std::strchr(line, '\n');
-        const std::string l(line, end ? size_t(end - line) : std::strlen(line));
-        if (l.size() > 9 && l.compare(l.size() - 9, 9, " passport") == 0) {
-            for (const auto &uid : ahead) {
-                char out[128];
-                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
-            }
-            return;
-        }
-        ahead.push_back(l.substr(0, l.find(' ')));
-        if (!end)
-            break;
-        line = end + 1;
-    }
-}
-
-// A folder holding the simulated passport's CSCA, removed at the end.
-struct SimCscaFolder {
-    std::string dir;
-    SimCscaFolder()
-    {
-        char tmpl[] = "/tmp/tandro-csca-XXXXXX";
-        if (mkdtemp(tmpl) == nullptr)
-            return;
-        dir = tmpl;
-        if (FILE *f = std::fopen((dir + "/simulated-csca.pem").c_str(), "w")) {
-            std::fputs(zs::passport_csca_pem(), f);
-            std::fclose(f);
-        }
-    }
-    ~SimCscaFolder()
-    {
-        if (dir.empty())
-            return;
-        unlink((dir + "/simulated-csca.pem").c_str());
-        rmdir(dir.c_str());
-    }
-};
-
 // The global reader is the session's reader while the command runs (the document session always uses it).
 struct GlobalReader {
     zel_handle_record saved;
@@ -262,16 +212,6 @@ struct GlobalReader {
     ~GlobalReader() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
 };
 
-std::string photo_base(const std::string &path)
-{
-    for (const char *ext : {".jpeg", ".jpg", ".jp2"}) {
-        const size_t n = std::strlen(ext);
-        if (path.size() > n && path.compare(path.size() - n, n, ext) == 0)
-            return path.substr(0, path.size() - n);
-    }
-    return path;
-}
-
 int run_passport(const tandro::Options &opt, const tandro::Args &args)
 {
     PassportArgs a;
@@ -280,7 +220,7 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
     if (opt.sim && std::find(args.begin(), args.end(), "--mrz") == args.end() &&
         std::find(args.begin(), args.end(), "--doc") == args.end()) {
         given.push_back("--mrz");
-        given.push_back(kSimulatedMrz);
+        given.push_back(tandro::kSimulatedMrz);
     }
     if (!parse_passport_args(opt, given, a, err))
         return tandro::usage_error("passport", err);
@@ -288,11 +228,11 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
     tandro::ReaderSession session;
     if (!session.open("passport", opt))
         return 1;
-    std::unique_ptr<SimCscaFolder> sim_csca;
+    std::unique_ptr<tandro::SimCscaFolder> sim_csca;
     if (session.sim()) {
-        bring_passport_forward(session.sim());
+        tandro::bring_passport_forward(session.sim());
         if (a.csca.empty()) {
-            sim_csca = std::make_unique<SimCscaFolder>();
+            sim_csca = std::make_unique<tandro::SimCscaFolder>();
             a.csca = sim_csca->dir;
         }
     }
@@ -304,52 +244,13 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
         std::fprintf(stderr, "tandro passport: %s: %s\n", what, ZEL_Status2String(st));
         return 1;
     };
-    ZEL_STATUS st = SetISO14443_4_Mode();
+    tandro::PassportRead read;
+    const char *step = nullptr;
+    ZEL_STATUS st = tandro::read_passport(a.doc, a.birth, a.expiry, a.csca, a.photo, opt.debug ? 3 : 1, read, &step);
     if (st != ZEL_OK)
-        return fail("no ISO 14443-4 card", st);
-
-    // Holder's data, face and validation on a BAC session of this command.
-    char key[MRTD_PROTO_KEY_SIZE];
-    st = MRTD_MRZDataToMRZProtoKey(a.doc.c_str(), a.birth.c_str(), a.expiry.c_str(), key);
-    if (st != ZEL_OK)
-        return fail("document number or dates", st);
-    uint8_t ks_enc[16], ks_mac[16];
-    uint64_t ssc = 0;
-    st = MRTDAppSelectAndAuthenticateBac(key, ks_enc, ks_mac, &ssc);
-    if (st != ZEL_OK)
-        return fail("Basic Access Control", st);
-    const uint8_t dg1_id[2] = {0x01, 0x01}, dg2_id[2] = {0x01, 0x02};
-    uint8_t *dg1 = nullptr, *dg2 = nullptr;
-    uint32_t dg1_len = 0, dg2_len = 0;
-    st = MRTDFileReadBacToHeap(dg1_id, &dg1, &dg1_len, ks_enc, ks_mac, &ssc);
-    if (st != ZEL_OK) {
-        OrbFree(dg1);
-        return fail("reading DG1", st);
-    }
-    char *holder = nullptr;
-    if (dg1_len > 255 || MRTDParseDG1ToHeap(&holder, "\n", dg1, uint8_t(dg1_len)) != ZEL_OK)
-        holder = nullptr;
-    OrbFree(dg1);
-    std::string photo_note;
-    const ZEL_STATUS dg2_st = MRTDFileReadBacToHeap(dg2_id, &dg2, &dg2_len, ks_enc, ks_mac, &ssc);
-    if (!a.photo.empty()) {
-        const std::string base = photo_base(a.photo);
-        const uint8_t *image = nullptr;
-        uint32_t image_len = 0, format = 0;
-        ZEL_STATUS ps = dg2_st;
-        if (ps == ZEL_OK)
-            ps = MRTDGetImageFromDG2(dg2, int32_t(dg2_len), &image, &image_len, &format);
-        if (ps == ZEL_OK)
-            ps = MRTDGetImageFromDG2ToFile(dg2, dg2_len, base.c_str());
-        photo_note = ps == ZEL_OK ? base + (format == MRTD_IMAGE_JPEG ? ".jpeg" : ".jp2") + " (" +
-                                        std::to_string(image_len) + " bytes)"
-                                  : std::string("not written: ") + ZEL_Status2String(ps);
-    }
-    OrbFree(dg2);
-    char *report = nullptr;
-    uint8_t integrity = 0, validity = 0;
-    const ZEL_STATUS vst = MRTDValidateHnd(&zel_global, a.csca.c_str(), &report, "\n", opt.debug ? 3 : 1, ks_enc,
-                                           ks_mac, &ssc, &integrity, &validity);
+        return fail(step, st);
+    const ZEL_STATUS vst = read.validation;
+    const uint8_t integrity = read.integrity, validity = read.validity;
 
     // The JSON document, through the document session.
     std::string json;
@@ -367,24 +268,19 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
             }
         }
         MRTD_SessionClose();
-        if (json.empty()) {
-            OrbFree(holder);
-            OrbFree(report);
+        if (json.empty())
             return fail("reading the document", st);
-        }
     }
 
     if (a.json_file_given || !opt.json) {
         std::printf("Document on the %s\n", session.where().c_str());
-        std::fputs(holder ? holder : "DG1: not readable\n", stdout);
-        if (!photo_note.empty())
-            std::printf("Face image: %s\n", photo_note.c_str());
-        std::printf("\nValidation (CSCA folder %s):\n%s\n", a.csca.c_str(), report ? report : "");
+        std::fputs(read.holder.empty() ? "DG1: not readable\n" : read.holder.c_str(), stdout);
+        if (!read.photo_note.empty())
+            std::printf("Face image: %s\n", read.photo_note.c_str());
+        std::printf("\nValidation (CSCA folder %s):\n%s\n", a.csca.c_str(), read.report.c_str());
         std::printf("Document integrity: %s\nCSCA root validity: %s\nResult: %s\n", integrity ? "yes" : "no",
                     validity ? "yes" : "no", ZEL_Status2String(vst));
     }
-    OrbFree(holder);
-    OrbFree(report);
     if (a.json_file_given) {
         FILE *f = std::fopen(a.json_file.c_str(), "w");
         if (f == nullptr || std::fputs(json.c_str(), f) < 0) {

@@ -2,13 +2,21 @@
 #include <cstdio>
 #include <vector>
 
+#include <string>
+
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/cmd_block_common.h"
+#include "tools/passport_read.h"
+#include "tools/session.h"
 #include "zelsim.h"
 
 namespace {
 
-// The demo: a simulated reader with a card, reached through the library as an application would.
+// The demo: the built-in simulated reader with its default cards, reached through the library as an
+// application reaches a reader on a serial port. The cards are then taken from the field one by one, so that
+// each comes to the front as a person would hold it to the reader: a sector of the MIFARE Classic card, the
+// NDEF message of the NTAG, the passport read over BAC and validated.
 int run_demo(const tandro::Options &opt, const tandro::Args &)
 {
     zsim *sim = zsim_new();
@@ -16,41 +24,98 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         std::fprintf(stderr, "tandro demo: the simulated reader did not start\n");
         return 1;
     }
-    const zsim_card card = {{0x04, 0xA2, 0x2B, 0x1A, 0x5C, 0x64, 0x80}, 7, 0x00, 0x0044, ORB_NTAG_215};
-    zsim_card_add(sim, &card);
+    char err[256] = {};
     char path[256] = {};
-    if (zsim_serve_pty(sim, path, sizeof path) != 0) {
-        std::fprintf(stderr, "tandro demo: no pseudo-terminal for the simulated reader\n");
+    if (zsim_load_scenario(sim, tandro::default_sim_scenario(), err, sizeof err) != 0 ||
+        zsim_serve_pty(sim, path, sizeof path) != 0) {
+        std::fprintf(stderr, "tandro demo: the simulated reader did not start: %s\n", err[0] ? err : "no pseudo-terminal");
         zsim_free(sim);
         return 1;
     }
+    const bool json = opt.json;
     int rc = 0;
-    // As an application opens a reader on a serial port; a pseudo-terminal has no reset line.
-    ZEL_STATUS status = ReaderOpenEx(1, path, 1, "UNIT_OPEN_RESET_DISABLE");
-    uint32_t type = 0;
-    uint8_t card_type = 0;
-    uint32_t uid = 0;
-    if (status == ZEL_OK)
-        status = GetReaderType(&type);
-    const ZEL_STATUS card_status = status == ZEL_OK ? GetCardId(&card_type, &uid) : status;
-    if (status != ZEL_OK) {
-        std::fprintf(stderr, "tandro demo: reader on %s: %s\n", path, ZEL_Status2String(status));
+    auto step_failed = [&](const char *what, ZEL_STATUS st) {
+        std::fprintf(stderr, "tandro demo: %s: %s\n", what, ZEL_Status2String(st));
         rc = 1;
-    } else if (opt.json) {
-        std::printf("{\"port\": %s, \"reader_type\": \"%08X\", ", tandro::json_string(path).c_str(), type);
-        if (card_status == ZEL_OK)
-            std::printf("\"card\": {\"type\": %s, \"type_code\": %u, \"uid32\": \"%08X\"}}\n",
-                        tandro::json_string(ZEL_OrbCardType2String(card_type)).c_str(), card_type, uid);
-        else
-            std::printf("\"card\": null, \"card_status\": %s}\n", tandro::json_string(ZEL_Status2String(card_status)).c_str());
-    } else {
-        std::printf("Simulated reader on %s\n", path);
-        std::printf("  reader type  %08X\n", type);
-        if (card_status == ZEL_OK)
-            std::printf("  card         %s (0x%02X), UID %08X\n", ZEL_OrbCardType2String(card_type), card_type, uid);
-        else
-            std::printf("  card         none: %s\n", ZEL_Status2String(card_status));
+    };
+
+    // As an application opens a reader on a serial port; a pseudo-terminal has no reset line.
+    ZEL_STATUS st = ReaderOpenEx(1, path, 1, "UNIT_OPEN_RESET_DISABLE");
+    uint32_t type = 0, serial = 0;
+    uint8_t fw_major = 0, fw_minor = 0;
+    if (st == ZEL_OK)
+        st = GetReaderType(&type);
+    if (st == ZEL_OK)
+        st = GetReaderSerialNumber(&serial);
+    if (st == ZEL_OK)
+        st = GetReaderFirmwareVersion(&fw_major, &fw_minor);
+    if (st != ZEL_OK) {
+        step_failed(path, st);
+        ReaderClose();
+        zsim_free(sim);
+        return 1;
     }
+    if (json)
+        std::printf("{\"reader\": {\"port\": %s, \"type\": \"%08X\", \"serial_number\": %u, \"firmware\": \"%u.%u\"}}\n",
+                    tandro::json_string(path).c_str(), type, serial, fw_major, fw_minor);
+    else
+        std::printf("Simulated reader on %s\n  type %08X, serial number %u, firmware %u.%u\n\nCards in the field\n",
+                    path, type, serial, fw_major, fw_minor);
+
+    auto front_card_name = [] {
+        uint8_t card_type = 0;
+        return GetOrbCardType(&card_type) == ZEL_OK ? ZEL_OrbCardType2String(card_type) : "card";
+    };
+
+    // Every card in the field, by the reader's anti-collision.
+    ZEL_HANDLE hnd = &zel_global;
+    rc |= tandro::print_card_list(hnd, json);
+    DisableAntiCollision();
+
+    // The card at the front: a MIFARE Classic 1K; its sector 1 under the transport key.
+    uint8_t sak = 0, uid[10] = {}, uid_len = 0;
+    st = GetCardIdEx(&sak, uid, &uid_len);
+    if (st == ZEL_OK) {
+        if (!json)
+            std::printf("\nSector 1 of %s %s\n", front_card_name(),
+                        tandro::to_hex(uid, uid_len).c_str());
+        rc |= tandro::print_sector_dump(hnd, tandro::KeyOptions{}, 1, json);
+        zsim_card_remove(sim, uid, uid_len);
+    } else {
+        step_failed("the card at the front", st);
+    }
+
+    // Last: the passport, read over BAC with its MRZ and validated against the simulated CSCA.
+    tandro::bring_passport_forward(sim);
+    tandro::SimCscaFolder csca;
+    const std::string mrz = tandro::kSimulatedMrz;
+    tandro::PassportRead doc;
+    const char *failed_step = nullptr;
+    // The document number, birth and expiry of the specimen's lower line.
+    std::string number = mrz.substr(44, 9);
+    while (!number.empty() && number.back() == '<')
+        number.pop_back();
+    st = tandro::read_passport(number, mrz.substr(44 + 13, 6), mrz.substr(44 + 21, 6), csca.dir, "", 1, doc,
+                               &failed_step);
+    if (st != ZEL_OK) {
+        step_failed(failed_step, st);
+    } else if (json) {
+        std::printf("{\"passport\": {\"holder\": %s, \"document_integrity\": %s, \"csca_root_validity\": %s, "
+                    "\"validation\": %s}}\n",
+                    tandro::json_string(doc.holder).c_str(), doc.integrity ? "true" : "false",
+                    doc.validity ? "true" : "false", tandro::json_string(ZEL_Status2String(doc.validation)).c_str());
+    } else {
+        std::printf("\nPassport over Basic Access Control\n");
+        for (size_t at = 0; at < doc.holder.size();) {
+            const size_t end = doc.holder.find('\n', at);
+            std::printf("  %s\n", doc.holder.substr(at, end == std::string::npos ? end : end - at).c_str());
+            at = end == std::string::npos ? doc.holder.size() : end + 1;
+        }
+        std::printf("  document integrity %s, CSCA root validity %s: %s\n", doc.integrity ? "yes" : "no",
+                    doc.validity ? "yes" : "no", ZEL_Status2String(doc.validation));
+    }
+    if (st == ZEL_OK && doc.validation != ZEL_OK)
+        rc = 1;
     ReaderClose();
     zsim_free(sim);
     return rc;
