@@ -3,6 +3,7 @@
 #define TANDRO_H
 
 #include "zel_apdu.h"
+#include "zel_async.h"
 #include "zel_block.h"
 #include "zel_card.h"
 #include "zel_card_types.h"
@@ -16,6 +17,7 @@
 #include "zel_ftdi.h"
 #include "zel_handle.h"
 #include "zel_iso15693.h"
+#include "zel_t2t.h"
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
 #include "zel_ndef.h"
