@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint16_t CS_NO_CARD = 3000, CS_OK = 3001, CS_WRONG_KEY_TYPE = 3002, CS_KEY_AUTH = 3003,
                    CS_COMM = 3005, CS_CARD = 3072;
-constexpr uint8_t WIRE_AES = 0, WIRE_3K3DES = 1, WIRE_DES = 2, WIRE_2K3DES = 3;
+constexpr uint8_t WIRE_AES = 0, WIRE_3K3DES = 1, WIRE_DES = 2; // 3 is 2K3DES: a TDES key of 16 bytes
 constexpr uint8_t MORE = 0xAD, STREAM_END = 0xDD;
 constexpr size_t PIECE = 128;
 
