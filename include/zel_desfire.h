@@ -183,6 +183,13 @@ typedef struct zel_desfire_file_settings {
     uint32_t aid, uint8_t file_id, uint32_t record_size, uint32_t max_rec_no, ZDF_ACCESS_P, uint8_t communication_settings
 #define ZDF_REC_A aid, file_id, record_size, max_rec_no, ZDF_ACCESS_A, communication_settings
 
+/* The SDM settings as the caller composed them (communication mode with 0x40, access rights, SDM options,
+ * SDM access rights, offsets), sdm_settings_len bytes, at most ZEL_DESFIRE_MAX_SDM_SETTINGS. */
+#define ZEL_DESFIRE_MAX_SDM_SETTINGS 200u
+#define ZDF_SDM_P uint32_t aid, uint8_t file_id, uint8_t communication_settings, ZDF_ACCESS_P, \
+    const uint8_t *sdm_settings, uint8_t sdm_settings_len, ZDF_CS
+#define ZDF_SDM_A aid, file_id, communication_settings, ZDF_ACCESS_A, sdm_settings, sdm_settings_len, ZDF_CA
+
 #define ZDF_LIST_FILES(R, OP)                                                                                  \
     ZDF_ALL15(R, OP, DesfireCreateStdDataFile, , , , , zdf_create_std_file, (ZDF_STD_P, ZDF_CS), (ZDF_STD_A, ZDF_CA)) \
     ZDF_ISO(R, OP, DesfireCreateStdDataFile, _iso, , Iso, , zdf_create_std_file_iso,                            \
@@ -215,7 +222,11 @@ typedef struct zel_desfire_file_settings {
                     (uint32_t aid, uint8_t file_id, uint32_t *file_size, ZDF_CS), (aid, file_id, file_size, ZDF_CA)) \
     ZDF_TYPED_SAM_TYPEDPK(R, OP, DesfireChangeFileSettings, , , , , zdf_change_file_settings,                  \
                           (uint32_t aid, uint8_t file_id, uint8_t communication_settings, ZDF_ACCESS_P, ZDF_CS), \
-                          (aid, file_id, communication_settings, ZDF_ACCESS_A, ZDF_CA))
+                          (aid, file_id, communication_settings, ZDF_ACCESS_A, ZDF_CA))                          \
+    ZDF_F_PLAIN(R, OP, DesfireChangeFileSettingsSdm, , , , , zdf_change_file_settings_sdm, (ZDF_SDM_P), (ZDF_SDM_A)) \
+    ZDF_F_PK(R, OP, DesfireChangeFileSettingsSdm, , , , , zdf_change_file_settings_sdm, (ZDF_SDM_P), (ZDF_SDM_A))    \
+    R(OP, Zel_SAM_DesfireChangeFileSettingsSdm, zdf_change_file_settings_sdm, ZDF_KEY_SAM(ZEL_DESFIRE_WIRE_AES),     \
+      ZDF_KP_NR, ZDF_KA_NR, (ZDF_SDM_P), (ZDF_SDM_A))
 
 /* ---- Data, values and records. */
 #define ZDF_DATA_P uint32_t aid, uint8_t aid_key_nr, uint8_t file_id, uint16_t offset, uint16_t data_length, \

@@ -714,6 +714,25 @@ ZEL_STATUS zdf_change_file_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint
     return plain_op(hnd, kCmdChangeFileSettings, par0_of(k), 0, ext, at + 4, cs, et);
 }
 
+// The settings of a file with Secure Dynamic Messaging: file id, communication settings, access rights, then
+// the length and the SDM settings as the caller composed them.
+ZEL_STATUS zdf_change_file_settings_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint8_t comm,
+                                        uint8_t r, uint8_t w, uint8_t rw, uint8_t c, const uint8_t *sdm_settings,
+                                        uint8_t sdm_len, uint16_t *cs, uint16_t *et)
+{
+    if (sdm_len > ZEL_DESFIRE_MAX_SDM_SETTINGS || (sdm_len && !sdm_settings))
+        return ZEL_PARAMETERS_ERROR;
+    uint8_t ext[256];
+    const uint32_t at = head(ext, k, true, aid);
+    ext[at] = file_id;
+    ext[at + 1] = comm;
+    put16(ext + at + 2, access_word(r, w, rw, c));
+    ext[at + 4] = sdm_len;
+    if (sdm_len)
+        std::memcpy(ext + at + 5, sdm_settings, sdm_len);
+    return plain_op(hnd, kCmdChangeFileSettings, par0_of(k), 0, ext, at + 5 + sdm_len, cs, et);
+}
+
 // ---- Data, values, records.
 
 uint32_t data_head(uint8_t *ext, const KeyRef &k, uint32_t aid, uint8_t aid_key_nr, uint8_t file_id, uint16_t offset,

@@ -382,4 +382,70 @@ TEST(DesfireKeys, WriteKeySizesAndTheEepromRoute)
     EXPECT_EQ(Zel_int_DesfireWriteAesKeyM(&link.record, 16, key), ZEL_MAX_KEY_INDEX_EXCEEDED);
 }
 
+TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
+{
+    // Communication mode with SDM, access, options with UID and counter mirrors, SDM access, two offsets.
+    const Bytes sdm = {0x40, 0x00, 0xE0, 0xC1, 0xFF, 0x12, 0x20, 0x00, 0x00, 0x34, 0x00, 0x00};
+    {
+        ScriptLink link;
+        link.reply(ack(0xCA));
+        link.reply(response(0xCA, results(CARD_OPERATION_OK, 31)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 0x0A0B0C, 2, 0x03, 14, 0, 15, 1, sdm.data(),
+                                                           static_cast<uint8_t>(sdm.size()), &cs, &et),
+                  ZEL_OK);
+        EXPECT_EQ(cs, CARD_OPERATION_OK);
+        EXPECT_EQ(et, 31);
+        EXPECT_EQ(link.writes[0][1], 0xCA);
+        EXPECT_EQ(link.writes[0][3], 27 + sdm.size()) << "the SDM data length plus 27";
+        const Bytes &e = link.writes[1];
+        ASSERT_EQ(e.size(), 27 + sdm.size());
+        EXPECT_EQ(e[0], ZEL_DESFIRE_KEY_PROVIDED);
+        EXPECT_EQ(Bytes(e.begin() + 2, e.begin() + 18), Bytes(kKey, kKey + 16));
+        EXPECT_EQ(e[18] | e[19] << 8 | e[20] << 16, 0x0A0B0C);
+        EXPECT_EQ(e[21], 2);
+        EXPECT_EQ(e[22], 0x03);
+        EXPECT_EQ(e[23] | e[24] << 8, 0xE0F1) << "read 14, write 0, read-write 15, change 1";
+        EXPECT_EQ(e[25], sdm.size());
+        EXPECT_EQ(Bytes(e.begin() + 26, e.end() - 1), sdm);
+        EXPECT_EQ(e.back(), sum(e, e.size() - 1));
+    }
+    {
+        // The reader key form names the key by number, the SAM form by its number in the SAM.
+        ScriptLink link;
+        link.reply(ack(0xCA));
+        link.reply(response(0xCA, results(3072 + 0x9D)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_SAM_DesfireChangeFileSettingsSdmM(&link.record, 7, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 6,
+                                                        &cs, &et),
+                  ZEL_OK);
+        EXPECT_EQ(cs, 3072 + 0x9D);
+        EXPECT_EQ(link.writes[1][0], ZEL_DESFIRE_KEY_SAM);
+        EXPECT_EQ(link.writes[1][1], 7);
+        EXPECT_EQ(Bytes(link.writes[1].begin() + 2, link.writes[1].begin() + 18), Bytes(16, 0));
+        EXPECT_EQ(link.writes[1][25], 6);
+        ScriptLink plain;
+        plain.reply(ack(0xCA));
+        plain.reply(response(0xCA, results(CARD_OPERATION_OK)));
+        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdmM(&plain.record, 5, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 0, &cs,
+                                                        &et),
+                  ZEL_OK);
+        EXPECT_EQ(plain.writes[1][0], ZEL_DESFIRE_KEY_READER);
+        EXPECT_EQ(plain.writes[1][1], 5);
+        EXPECT_EQ(plain.writes[1].size(), 27u) << "no SDM data";
+    }
+    {
+        // Settings longer than the frame can carry, or missing, are refused before anything is sent.
+        ScriptLink link;
+        Bytes big(ZEL_DESFIRE_MAX_SDM_SETTINGS + 1, 0x01);
+        uint16_t cs = 0, et = 0;
+        EXPECT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 1, 2, 0, 0, 0, 0, 0, big.data(),
+                                                           static_cast<uint8_t>(big.size()), &cs, &et),
+                  ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 1, 2, 0, 0, 0, 0, 0, nullptr, 4, &cs, &et),
+                  ZEL_PARAMETERS_ERROR);
+        EXPECT_TRUE(link.writes.empty());
+    }
+}
+
 } // namespace
