@@ -8,6 +8,7 @@ PACKAGES=(
   libssl-dev zlib1g-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  nodejs
 )
 
 missing=()
@@ -16,14 +17,25 @@ for p in "${PACKAGES[@]}"; do
     missing+=("$p")
   fi
 done
+# npm may come with Node.js itself; only the Debian package is asked for when there is none.
+if ! command -v npm >/dev/null 2>&1; then
+  missing+=(npm)
+fi
 if [ ${#missing[@]} -eq 0 ]; then
   echo "install-deps: all packages present"
-  exit 0
+else
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+  echo "install-deps: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -q
+  $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -q
-$SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
+# The independent NDEF parser of the NDEF cross-check test, pinned by its lock file.
+NDEF_CHECK="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/ndef_check"
+if [ -d "$NDEF_CHECK/node_modules/ndef" ]; then
+  echo "install-deps: ndef package present"
+else
+  (cd "$NDEF_CHECK" && npm ci --no-audit --no-fund)
+fi
