@@ -309,6 +309,31 @@ TEST_F(AsyncSessionTest, CommandsOnTheSameHandleStayIntactWhileCardsComeAndGo)
     }
 }
 
+TEST_F(AsyncSessionTest, AnnouncementInFrontOfAReplyIsKeptForTheSession)
+{
+    ASSERT_EQ(StartAsyncSession(on_detected, on_removed), ZEL_OK);
+    // The reader holds its reply back; a card arrives meanwhile, so its announcement precedes the reply.
+    const zsim_fault late = {ZSIM_FAULT_LATE, 0, 300, 0, 0x10, 1, 0};
+    zsim_fault_push(sim, &late);
+    const uint64_t before = zsim_exchange_count(sim);
+    auto reply = std::async(std::launch::async, [] {
+        uint32_t type = 0;
+        const ZEL_STATUS s = GetReaderType(&type);
+        return std::make_pair(s, type);
+    });
+    ASSERT_TRUE(eventually([&] { return zsim_exchange_count(sim) > before; }));
+    const zsim_card c = card({0x04, 0x5A, 0x6B, 0x7C, 0x8D, 0x9E, 0xAF}, ORB_NTAG_216);
+    ASSERT_EQ(zsim_card_add(sim, &c), 0);
+    ASSERT_EQ(reply.wait_for(10s), std::future_status::ready);
+    const auto [status, type] = reply.get();
+    EXPECT_EQ(status, ZEL_OK);
+    EXPECT_EQ(type, 0xD1180022u);
+    ASSERT_TRUE(rec().wait([] { return rec().detected.size() == 1; }));
+    std::lock_guard<std::mutex> lock(rec().m);
+    EXPECT_EQ(rec().detected[0].uid, "045A6B7C8D9EAF");
+    EXPECT_EQ(rec().detected[0].type, "ORB_NTAG_216");
+}
+
 TEST_F(AsyncSessionTest, ReaderRestartIsLoggedAndTheSessionGoesOn)
 {
     ZEL_DebugPrintSetSink(log_sink, nullptr);
