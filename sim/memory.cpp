@@ -466,7 +466,10 @@ uint8_t linear_io(Reader &r, Card &c, const KeySpec &k, bool raw, unsigned addr,
 {
     if (PageMemory *p = c.page_memory()) {
         const unsigned first = raw ? 0 : p->first_user_page();
-        const unsigned size = (raw ? p->pages() : p->user_pages()) * 4;
+        int key_pages = 0; // a write with a 16-byte key may reach an Ultralight C's key pages
+        if (wr && !raw && k.key_len == 16 && (key_pages = p->key_write_pages(k.key)) < 0)
+            return E_AUTH;
+        const unsigned size = (raw ? p->pages() : p->user_pages() + static_cast<unsigned>(key_pages)) * 4;
         if (addr > size || len > size - addr)
             return E_MAX_ADDRESS;
         for (unsigned at = addr; at < addr + len;) {

@@ -6,6 +6,7 @@
 #include "iso7816.h"
 #include "desfire.h"
 #include "iso15693.h"
+#include "t2t.h"
 #include "wire.h"
 
 namespace zs {
@@ -260,6 +261,7 @@ bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 {
     if (desfire_reader_wants_ext(r, f)) return true; // the reader's DESFire engine
     if (iso15693_reader_wants_ext(r, f)) return true; // the reader's ISO 15693 engine
+    if (t2t_reader_wants_ext(r, f)) return true; // the reader's Type 2 extras engine
     switch (f[1]) {
     case 0x12: // key write
     case 0x1C: // user data write
@@ -489,6 +491,7 @@ void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
     default:
         if (desfire_reader_command(r, f, ext, ext_len, a)) return; // the reader's DESFire engine
         if (iso15693_reader_command(r, f, ext, ext_len, a)) return; // the reader's ISO 15693 engine
+        if (t2t_reader_command(r, f, ext, ext_len, a)) return; // the reader's Type 2 extras engine
         if (iso14443_reader_command(r, f, a))
             return;
         if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))

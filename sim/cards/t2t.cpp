@@ -5,11 +5,16 @@
 // Setup:
 //   "pages": [{"page": N, "data": bytes (several pages in a row when longer than 4)}],
 //   "memory": raw bytes from page 0 on
+// Extras of the tags that have them (t2t.h): "counters" (three values; counter 2 is the NFC counter of an
+// NTAG), "password" (4 bytes) and "pack" (2) in the configuration pages, "signature" (32 bytes), "tt_message"
+// (4 bytes) and "tt_status" (a byte) for a tag-tamper status, and on an Ultralight C "key" (16 bytes, k0
+// first), kept in pages 44 to 47 in the card's own order (the factory key by default; they read as zeros).
 #include <cstring>
 
 #include "card.h"
 #include "cards/memory_setup.h"
 #include "json.h"
+#include "t2t.h"
 
 namespace zs {
 
@@ -32,7 +37,14 @@ const TagKind NTAG213 = {"ntag213", 45, 36, 0x12, {0x00, 0x04, 0x04, 0x02, 0x01,
 const TagKind NTAG215 = {"ntag215", 135, 126, 0x3E, {0x00, 0x04, 0x04, 0x02, 0x01, 0x00, 0x11, 0x03}, 131};
 const TagKind NTAG216 = {"ntag216", 231, 222, 0x6D, {0x00, 0x04, 0x04, 0x02, 0x01, 0x00, 0x13, 0x03}, 227};
 
-class PageTag final : public Card, public PageMemory {
+// The Ultralight C's key pages, and its key as it leaves the factory (k0 first).
+constexpr unsigned ULC_KEY_PAGE = 44;
+const uint8_t ULC_FACTORY_KEY[16] = {0x49, 0x45, 0x4D, 0x4B, 0x41, 0x45, 0x52, 0x42,
+                                     0x21, 0x4E, 0x41, 0x43, 0x55, 0x4F, 0x59, 0x46};
+// Page byte i of pages 44 to 47 holds key byte ULC_ORDER[i].
+const uint8_t ULC_ORDER[16] = {7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8};
+
+class PageTag final : public Card, public PageMemory, public TypeTwoExtras {
 public:
     PageTag(const zsim_card &id, const TagKind &k) : Card(id), kind_(k)
     {
@@ -60,6 +72,9 @@ public:
             c[9] = 0x05;
             std::memset(c + 12, 0xFF, 4);
         }
+        if (is_ulc())
+            for (int i = 0; i < 16; ++i)
+                m[ULC_KEY_PAGE * 4 + i] = ULC_FACTORY_KEY[ULC_ORDER[i]];
     }
 
     const char *model() const override { return kind_.model; }
@@ -85,6 +100,11 @@ public:
                 if (p >= kind_.cfg_page + 3)
                     std::memset(out + 4 * i, 0, 4);
             }
+        // So do the key pages of an Ultralight C.
+        if (is_ulc())
+            for (unsigned i = 0; i < 4; ++i)
+                if ((page + i) % kind_.pages >= ULC_KEY_PAGE)
+                    std::memset(out + 4 * i, 0, 4);
         return MemResult::OK;
     }
 
@@ -119,9 +139,83 @@ public:
         return true;
     }
 
+    // The extras.
+    uint8_t pwd_auth(const uint8_t pwd[4], uint8_t pack[2]) override
+    {
+        if (!kind_.cfg_page)
+            return ET2_NOT_SUPPORTED;
+        const uint8_t *c = mem_.data() + static_cast<size_t>(kind_.cfg_page) * 4;
+        if (std::memcmp(c + 12, pwd, 4) != 0)
+            return ET2_AUTH;
+        std::memcpy(pack, c + 16, 2);
+        pwd_ok_ = true;
+        return 0;
+    }
+
+    uint8_t read_counter(uint8_t counter, uint32_t &value) override
+    {
+        if (!kind_.cfg_page)
+            return ET2_NOT_SUPPORTED;
+        if (counter > 2)
+            return ET2_NOT_SUPPORTED;
+        // ACCESS bit 3: the NFC counter of an NTAG needs the password first.
+        if (kind_.version[2] == 0x04 && counter == 2 && (mem_[kind_.cfg_page * 4 + 8] & 0x08) && !pwd_ok_)
+            return ET2_AUTH;
+        value = counters_[counter];
+        return 0;
+    }
+
+    uint8_t increment_counter(uint8_t counter, uint32_t by) override
+    {
+        if (!kind_.cfg_page || counter > 2)
+            return ET2_NOT_SUPPORTED;
+        if (by > 0xFFFFFF || counters_[counter] + by > 0xFFFFFF)
+            return ET2_NOT_SUPPORTED; // the 24-bit counter would overflow
+        counters_[counter] += by;
+        return 0;
+    }
+
+    bool signature(uint8_t out[32]) const override
+    {
+        if (!kind_.cfg_page)
+            return false;
+        std::memcpy(out, signature_, 32);
+        return true;
+    }
+
+    bool tt_status(uint8_t message[4], uint8_t &status) const override
+    {
+        if (!has_tt_)
+            return false;
+        std::memcpy(message, tt_message_, 4);
+        status = tt_status_;
+        return true;
+    }
+
+    bool ulc_key(uint8_t key[16]) const override
+    {
+        if (!is_ulc())
+            return false;
+        for (int i = 0; i < 16; ++i)
+            key[ULC_ORDER[i]] = mem_[ULC_KEY_PAGE * 4 + i];
+        return true;
+    }
+
+    int key_write_pages(const uint8_t *key) override
+    {
+        uint8_t k[16];
+        if (!ulc_key(k))
+            return 0;
+        return std::memcmp(k, key, 16) == 0 ? static_cast<int>(kind_.pages - 4 - kind_.user_pages) : -1;
+    }
+
     bool setup(const Json *cfg, std::string &err)
     {
-        if (!setup_members(cfg, "setup", {"pages", "memory"}, err))
+        if (!setup_members(cfg, "setup",
+                           {"pages", "memory", "counters", "password", "pack", "signature", "tt_message", "tt_status",
+                            "key"},
+                           err) ||
+            !setup_extras(cfg, err))
             return false;
         if (!cfg || cfg->kind == Json::NUL)
             return true;
@@ -155,6 +249,64 @@ public:
     }
 
 private:
+    bool is_ulc() const { return &kind_ == &ULTRALIGHT_C; }
+
+    bool setup_extras(const Json *cfg, std::string &err)
+    {
+        if (!cfg || cfg->kind != Json::OBJECT)
+            return true;
+        const std::string W = "setup";
+        std::vector<uint8_t> b;
+        bool given = false;
+        if (const Json *list = cfg->get("counters")) {
+            if (list->kind != Json::ARRAY || list->items.size() != 3) {
+                err = "setup.counters: a list of three values is expected";
+                return false;
+            }
+            for (size_t i = 0; i < 3; ++i) {
+                const Json &e = list->items[i];
+                if (e.kind != Json::NUMBER || e.num < 0 || e.num > 0xFFFFFF || e.num != static_cast<double>(static_cast<uint32_t>(e.num))) {
+                    err = "setup.counters: values from 0 to 16777215 are expected";
+                    return false;
+                }
+                counters_[i] = static_cast<uint32_t>(e.num);
+            }
+        }
+        const bool cfg_pages = kind_.cfg_page != 0;
+        uint8_t *c = cfg_pages ? mem_.data() + static_cast<size_t>(kind_.cfg_page) * 4 : nullptr;
+        if (!setup_hex(*cfg, "password", W, 4, false, b, given, err))
+            return false;
+        if (given && c)
+            std::memcpy(c + 12, b.data(), 4);
+        if (!setup_hex(*cfg, "pack", W, 2, false, b, given, err))
+            return false;
+        if (given && c)
+            std::memcpy(c + 16, b.data(), 2);
+        if (!setup_hex(*cfg, "signature", W, 32, false, b, given, err))
+            return false;
+        if (given)
+            std::memcpy(signature_, b.data(), 32);
+        if (!setup_hex(*cfg, "tt_message", W, 4, false, b, given, err))
+            return false;
+        if (given) {
+            std::memcpy(tt_message_, b.data(), 4);
+            has_tt_ = true;
+        }
+        int64_t st = 0;
+        if (!setup_int(*cfg, "tt_status", W, 0, 255, st, given, err))
+            return false;
+        if (given) {
+            tt_status_ = static_cast<uint8_t>(st);
+            has_tt_ = true;
+        }
+        if (!setup_hex(*cfg, "key", W, 16, false, b, given, err))
+            return false;
+        if (given && is_ulc())
+            for (int i = 0; i < 16; ++i)
+                mem_[ULC_KEY_PAGE * 4 + i] = b[ULC_ORDER[i]];
+        return true;
+    }
+
     // The static lock bits of page 2: bits 3 to 7 of byte 2 lock pages 3 to 7, byte 3 pages 8 to 15.
     bool locked(unsigned page) const
     {
@@ -166,6 +318,12 @@ private:
 
     const TagKind &kind_;
     std::vector<uint8_t> mem_;
+    uint32_t counters_[3] = {};
+    uint8_t signature_[32] = {};
+    uint8_t tt_message_[4] = {};
+    uint8_t tt_status_ = 0;
+    bool has_tt_ = false;
+    bool pwd_ok_ = false;
 };
 
 std::unique_ptr<Card> make_tag(const zsim_card &id, const Json *cfg, std::string &err, const TagKind &k)
