@@ -27,7 +27,10 @@ const char *default_sim_scenario()
                                  "files": [{"id": 1, "type": "std", "size": 32,
                                             "data": "54616E64726F204445534669726520646174610A"},
                                            {"id": 2, "type": "value", "lower": 0, "upper": 1000, "value": 100},
-                                           {"id": 3, "type": "cyclic", "record_size": 8, "records": 5}]}]}}
+                                           {"id": 3, "type": "cyclic", "record_size": 8, "records": 5}]}]}},
+    {"uid": "E0040150A1B2C3D4", "sak": "00", "atqa": "0000", "type": "50", "model": "iso15693",
+     "setup": {"blocks": 28, "dsfid": 0, "afi": 0, "ic_reference": 1,
+               "block_data": [{"block": 0, "data": "E1400E00"}, {"block": 1, "data": "0300FE00"}]}}
   ]
 })";
 }
