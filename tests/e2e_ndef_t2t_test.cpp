@@ -258,3 +258,28 @@ TEST_F(NdefT2t, FormattingRefusesTheGenericTypeAndUnknownCodes)
 }
 
 } // namespace
+
+namespace {
+
+// With several cards in the field, the NDEF calls work on the card selected in multi-card mode.
+TEST_F(NdefT2t, SelectedTagAmongOthers)
+{
+    start(R"({"cards": [
+      {"uid": "5A3C9E21", "sak": "08", "atqa": "0004", "type": "ORB_MIFARE_CLASSIC_1K", "model": "classic_1k"},
+      {"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215",
+       "setup": {"pages": [{"page": 4, "data": "0317D10113550474616E64726F2E6578616D706C652F73696DFE"}]}}]})");
+    Rec r;
+    // The classic card comes first and has no directory.
+    EXPECT_EQ(read(hnd, 1, 1, r), ZEL_AUTH_ERROR);
+    const uint8_t uid[7] = {0x04, 0xA2, 0x2B, 0x1A, 0x5C, 0x64, 0x80};
+    uint8_t count = 0, size = 0, type = 0;
+    ASSERT_EQ(EnableAntiCollisionM(hnd), ZEL_OK);
+    ASSERT_EQ(EnumCardsM(hnd, &count, &size), ZEL_OK);
+    ASSERT_EQ(SelectCardM(hnd, uid, 7, &type), ZEL_OK);
+    ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
+    EXPECT_EQ(r.type, "U");
+    EXPECT_EQ(r.text(), "https://tandro.example/sim");
+    DisableAntiCollisionM(hnd);
+}
+
+} // namespace
