@@ -15,6 +15,9 @@ struct Contexts {
     EVP_CIPHER_CTX *ecb_enc = nullptr, *ecb_dec = nullptr, *cbc_enc = nullptr, *cbc_dec = nullptr;
     uint8_t key[24] = {};
     bool keyed = false;
+    // The chain value each CBC context carries now (the last cipher block it saw), so that a new IV can be
+    // folded into the data instead of restarting the context for every message.
+    uint8_t enc_chain[16] = {}, dec_chain[16] = {};
 };
 
 // A DES key schedule: the 8 key bytes and their contexts.
@@ -36,7 +39,7 @@ struct {
 } crc_32_f;
 
 uint32_t crc32_table[8][256];
-uint16_t crca_table[256];
+uint16_t crca_table[8][256];
 bool tables_ready = false;
 
 void make_tables()
@@ -51,11 +54,15 @@ void make_tables()
         uint16_t a = static_cast<uint16_t>(i);
         for (int b = 0; b < 8; ++b)
             a = static_cast<uint16_t>(a & 1 ? (a >> 1) ^ 0x8408 : a >> 1);
-        crca_table[i] = a;
+        crca_table[0][i] = a;
     }
     for (uint32_t i = 0; i < 256; ++i)
         for (int t = 1; t < 8; ++t)
             crc32_table[t][i] = (crc32_table[t - 1][i] >> 8) ^ crc32_table[0][crc32_table[t - 1][i] & 0xFF];
+    for (uint32_t i = 0; i < 256; ++i)
+        for (int t = 1; t < 8; ++t)
+            crca_table[t][i] =
+                static_cast<uint16_t>((crca_table[t - 1][i] >> 8) ^ crca_table[0][crca_table[t - 1][i] & 0xFF]);
     tables_ready = true;
 }
 
@@ -76,20 +83,31 @@ uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n)
     return crc;
 }
 
+// CRC_A the same way: the 16-bit register meets the first two bytes of each step.
 uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n)
 {
     make_tables();
+    while (n >= 8) {
+        const uint32_t x = crc ^ (uint32_t(p[0]) | uint32_t(p[1]) << 8);
+        crc = static_cast<uint16_t>(crca_table[7][x & 0xFF] ^ crca_table[6][x >> 8] ^ crca_table[5][p[2]] ^
+                                    crca_table[4][p[3]] ^ crca_table[3][p[4]] ^ crca_table[2][p[5]] ^
+                                    crca_table[1][p[6]] ^ crca_table[0][p[7]]);
+        p += 8;
+        n -= 8;
+    }
     while (n--)
-        crc = static_cast<uint16_t>((crc >> 8) ^ crca_table[(crc ^ *p++) & 0xFF]);
+        crc = static_cast<uint16_t>((crc >> 8) ^ crca_table[0][(crc ^ *p++) & 0xFF]);
     return crc;
 }
+
+const uint8_t kZeroIv[16] = {};
 
 EVP_CIPHER_CTX *new_ctx(const EVP_CIPHER *cipher, const uint8_t *key, int enc)
 {
     EVP_CIPHER_CTX *c = EVP_CIPHER_CTX_new();
     if (!c)
         return nullptr;
-    if (EVP_CipherInit_ex(c, cipher, nullptr, key, nullptr, enc) != 1) {
+    if (EVP_CipherInit_ex(c, cipher, nullptr, key, kZeroIv, enc) != 1) {
         EVP_CIPHER_CTX_free(c);
         return nullptr;
     }
@@ -111,10 +129,12 @@ bool key_contexts(Contexts &c, const uint8_t *key, size_t key_len, bool aes)
         if (!*all[i]) {
             if (!(*all[i] = new_ctx(kinds[i], key, enc[i])))
                 return c.keyed = false;
-        } else if (EVP_CipherInit_ex(*all[i], nullptr, nullptr, key, nullptr, enc[i]) != 1) {
+        } else if (EVP_CipherInit_ex(*all[i], nullptr, nullptr, key, kZeroIv, enc[i]) != 1) {
             return c.keyed = false;
         }
     }
+    std::memset(c.enc_chain, 0, sizeof c.enc_chain);
+    std::memset(c.dec_chain, 0, sizeof c.dec_chain);
     std::memcpy(c.key, key, key_len);
     return c.keyed = true;
 }
@@ -137,25 +157,35 @@ void ecb(EVP_CIPHER_CTX *c, uint8_t *data, int n)
         EVP_CipherUpdate(c, data, &out, data, n);
 }
 
-// CBC in place over n bytes with the standard chain (encipher in send direction, decipher in receive
-// direction), the IV updated.
-void cbc_bulk(EVP_CIPHER_CTX *c, uint8_t *iv, uint8_t *data, int n, int bs, bool decipher)
-{
-    if (!c || n <= 0)
-        return;
-    uint8_t next_iv[16];
-    if (decipher)
-        std::memcpy(next_iv, data + n - bs, bs);
-    int out = 0;
-    EVP_CipherInit_ex(c, nullptr, nullptr, nullptr, iv, -1);
-    EVP_CipherUpdate(c, data, &out, data, n);
-    std::memcpy(iv, decipher ? next_iv : data + n - bs, bs);
-}
-
 void xor_into(uint8_t *dst, const uint8_t *src, int n)
 {
     for (int i = 0; i < n; ++i)
         dst[i] ^= src[i];
+}
+
+// CBC in place over n bytes with the standard chain (encipher in send direction, decipher in receive
+// direction), the IV updated. The context runs on from its own chain value: enciphering folds the caller's
+// IV and that value into the first block, deciphering folds them into the first plain block.
+void cbc_bulk(Contexts *c, uint8_t *iv, uint8_t *data, int n, int bs, bool decipher)
+{
+    if (!c || n <= 0)
+        return;
+    int out = 0;
+    if (!decipher) {
+        xor_into(data, iv, bs);
+        xor_into(data, c->enc_chain, bs);
+        EVP_CipherUpdate(c->cbc_enc, data, &out, data, n);
+        std::memcpy(c->enc_chain, data + n - bs, bs);
+        std::memcpy(iv, data + n - bs, bs);
+        return;
+    }
+    uint8_t next_iv[16];
+    std::memcpy(next_iv, data + n - bs, bs);
+    EVP_CipherUpdate(c->cbc_dec, data, &out, data, n);
+    xor_into(data, c->dec_chain, bs);
+    xor_into(data, iv, bs);
+    std::memcpy(c->dec_chain, next_iv, bs);
+    std::memcpy(iv, next_iv, bs);
 }
 
 // One chained block with a block operation: op(ctx, block) where ctx is null for "no ciphering".
@@ -185,9 +215,9 @@ void chain(Contexts *c, uint8_t *iv, uint8_t *data, int n, int bs, uint8_t direc
         return;
     }
     if (direction == DESFIRE_SEND && encipher)
-        return cbc_bulk(c ? c->cbc_enc : nullptr, iv, data, n, bs, false);
+        return cbc_bulk(c, iv, data, n, bs, false);
     if (direction == DESFIRE_RECEIVE && !encipher)
-        return cbc_bulk(c ? c->cbc_dec : nullptr, iv, data, n, bs, true);
+        return cbc_bulk(c, iv, data, n, bs, true);
     EVP_CIPHER_CTX *e = c ? (encipher ? c->ecb_enc : c->ecb_dec) : nullptr;
     for (int at = 0; at < n; at += bs)
         chain_block(e, data + at, iv, bs, direction);

@@ -178,6 +178,34 @@ TEST(DesfireCrc, CatalogueValues)
     EXPECT_EQ(Bytes(b2, b2 + 4), hex("123426CF"));
 }
 
+TEST(DesfireCrc, CrcAOfEveryLengthMatchesTheBitwiseDefinition)
+{
+    // Reflected polynomial 0x8408 from 0x6363, bit by bit, against the library on every length to 64 and on
+    // 255 (every step width and tail), and 256 by the length byte 0.
+    auto bitwise = [](const Bytes &d, size_t n) {
+        uint16_t c = 0x6363;
+        for (size_t i = 0; i < n; ++i) {
+            c ^= d[i];
+            for (int b = 0; b < 8; ++b)
+                c = static_cast<uint16_t>(c & 1 ? (c >> 1) ^ 0x8408 : c >> 1);
+        }
+        return c;
+    };
+    Bytes data(256);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<uint8_t>(i * 101 + 17);
+    for (size_t n = 1; n <= 64; ++n) {
+        uint16_t c = 0;
+        iso14443a_crc_nl(data.data(), static_cast<uint8_t>(n), &c, 1);
+        EXPECT_EQ(c, bitwise(data, n)) << n;
+    }
+    uint16_t c = 0;
+    iso14443a_crc_nl(data.data(), 255, &c, 1);
+    EXPECT_EQ(c, bitwise(data, 255));
+    iso14443a_crc_nl(data.data(), 0, &c, 1);
+    EXPECT_EQ(c, bitwise(data, 256)) << "a length of 0 covers 256 bytes";
+}
+
 TEST(DesfireCrc, RunningValuesRestartsAndAppend)
 {
     Bytes data(200);
@@ -366,6 +394,37 @@ TEST(DesfireChaining, DesPairsMatchOpenSslAndTheAliasOperations)
     ASSERT_EQ(des_blocks_chained(&key, iv, d.data(), 8, DESFIRE_SEND, 7), ZEL_OK);
     for (int i = 0; i < 8; ++i)
         EXPECT_EQ(d[i], data[i] ^ iv0[i]);
+}
+
+TEST(DesfireChaining, MessagesInAnyOrderEachStartFromTheirOwnIv)
+{
+    // Successive messages with unrelated IVs, of both directions and two keys, interleaved: each must equal
+    // a fresh CBC from its own IV, whatever ran before it.
+    const Bytes k1 = hex("0F1E2D3C4B5A69788796A5B4C3D2E1F0"), k2 = hex("C0FFEE00112233445566778899AABBCC");
+    struct Step {
+        const Bytes *key;
+        uint8_t direction;
+        size_t len;
+        uint8_t iv_seed;
+    } steps[] = {{&k1, DESFIRE_SEND, 48, 1},    {&k1, DESFIRE_SEND, 16, 2},    {&k1, DESFIRE_RECEIVE, 32, 3},
+                 {&k2, DESFIRE_RECEIVE, 64, 4}, {&k1, DESFIRE_RECEIVE, 16, 5}, {&k2, DESFIRE_SEND, 80, 6},
+                 {&k1, DESFIRE_SEND, 32, 7},    {&k1, DESFIRE_RECEIVE, 48, 8}};
+    for (const Step &st : steps) {
+        Bytes iv(16), data(st.len);
+        for (size_t i = 0; i < 16; ++i)
+            iv[i] = static_cast<uint8_t>(st.iv_seed * 31 + i * 7);
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = static_cast<uint8_t>(st.iv_seed + i * 13);
+        desfire_key key = aes_key(*st.key);
+        Bytes d = data, v = iv;
+        const uint8_t op = st.direction == DESFIRE_SEND ? DESFIRE_ENCIPHER : DESFIRE_DECIPHER;
+        ASSERT_EQ(aes_blocks_chained(&key, v.data(), d.data(), static_cast<uint8_t>(d.size()), st.direction, op),
+                  ZEL_OK);
+        const Bytes want = ossl_cbc("AES-128-CBC", *st.key, iv, data, st.direction == DESFIRE_SEND ? 1 : 0);
+        EXPECT_EQ(d, want) << int(st.iv_seed);
+        const Bytes &last_cipher = st.direction == DESFIRE_SEND ? d : data;
+        EXPECT_EQ(v, Bytes(last_cipher.end() - 16, last_cipher.end())) << int(st.iv_seed);
+    }
 }
 
 TEST(DesfireChaining, RoundTripsAndRefusedLengths)
