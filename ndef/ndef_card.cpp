@@ -5,6 +5,7 @@
 #include "ndef/ndef_internal.h"
 #include "zel_apdu.h"
 #include "zel_block.h"
+#include "zel_iso15693.h"
 
 namespace zel::ndef {
 
@@ -256,8 +257,21 @@ ZEL_STATUS format_iso15693(ZEL_HANDLE hnd, uint8_t type)
     case 86: size = 37; break;
     case 87: size = 32; break;
     case 88: size = 15; break;
+    case 80: {
+        // The generic tag tells its memory size in its system information.
+        uint8_t flags = 0, uid[8] = {}, dsfid = 0, afi = 0, ic = 0;
+        uint16_t memory = 0;
+        const ZEL_STATUS st = iso15693_get_system_information_no_authHnd(hnd, &flags, uid, &dsfid, &afi, &memory, &ic);
+        if (st != ZEL_OK)
+            return st;
+        if (!(flags & 0x04))
+            return ZEL_READING_ERROR;
+        const int diff = static_cast<int>(memory) - 4;
+        const int units = diff < 0 ? (memory + 3) / 8 : diff / 8;
+        size = static_cast<uint8_t>(units > 255 ? 255 : units);
+        break;
+    }
     default:
-        // The size of the generic tag comes from its system information, which this build does not read.
         return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
     }
     uint8_t b0[16] = {0xE1, 0x40, size, 0x00};
