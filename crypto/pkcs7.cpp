@@ -229,42 +229,25 @@ ZEL_STATUS hash_and_verify(EVP_PKEY *key, const Check &c, uint32_t hash_id, uint
 
 extern "C" {
 
-ZEL_API ZEL_STATUS pkcs7GetDigestAlgorithmsNodPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kEncap, &Sod::digest_algs, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetEncapContentInfoNodPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kEncap, &Sod::encap, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetCertNodPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kCerts, &Sod::certs, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignerInfosNodPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignerInfos, &Sod::signer_infos, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignerIdPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignature, &Sod::sid, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignedAttrsDigestAlgPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignature, &Sod::digest_alg, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignedAttrsPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignature, &Sod::attrs, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignatureAlgorithmPos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignature, &Sod::sig_alg, pos);
-}
-ZEL_API ZEL_STATUS pkcs7GetSignaturePos(const uint8_t *der, uint32_t len, uint32_t *pos)
-{
-    return node_pos(der, len, Stop::kSignature, &Sod::sig, pos);
-}
+// The position of each node of a signed document object, and the node its walk stops after.
+#define ZEL_PKCS7_NODE_POS(X) \
+    X(pkcs7GetDigestAlgorithmsNodPos, kEncap, digest_algs) \
+    X(pkcs7GetEncapContentInfoNodPos, kEncap, encap) \
+    X(pkcs7GetCertNodPos, kCerts, certs) \
+    X(pkcs7GetSignerInfosNodPos, kSignerInfos, signer_infos) \
+    X(pkcs7GetSignerIdPos, kSignature, sid) \
+    X(pkcs7GetSignedAttrsDigestAlgPos, kSignature, digest_alg) \
+    X(pkcs7GetSignedAttrsPos, kSignature, attrs) \
+    X(pkcs7GetSignatureAlgorithmPos, kSignature, sig_alg) \
+    X(pkcs7GetSignaturePos, kSignature, sig)
+
+#define ZEL_PKCS7_POS_FN(NAME, STOP, FIELD)                                                                    \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t len, uint32_t *pos)                                   \
+    {                                                                                                          \
+        return node_pos(der, len, Stop::STOP, &Sod::FIELD, pos);                                               \
+    }
+ZEL_PKCS7_NODE_POS(ZEL_PKCS7_POS_FN)
+#undef ZEL_PKCS7_POS_FN
 
 ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObjectPos(const uint8_t *der, uint32_t len, uint32_t *pos)
 {

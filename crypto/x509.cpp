@@ -197,73 +197,40 @@ bool cert_spki(const uint8_t *der, uint32_t der_len, const uint8_t **spki, uint3
 
 extern "C" {
 
-ZEL_API ZEL_STATUS X509GetTbsNodePos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kTbs, pos);
-}
-ZEL_API ZEL_STATUS X509GetSerialNumberPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSerial, pos);
-}
-ZEL_API ZEL_STATUS X509GetSignatureAlgFromTBSPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSigAlgTbs, pos);
-}
-ZEL_API ZEL_STATUS X509GetIssuerPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kIssuer, pos);
-}
-ZEL_API ZEL_STATUS X509GetValidityPeriodPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kValidity, pos);
-}
-ZEL_API ZEL_STATUS X509GetSubjectPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSubject, pos);
-}
-ZEL_API ZEL_STATUS X509GetPublicKeyInfoPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSpki, pos);
-}
-ZEL_API ZEL_STATUS X509GetExtensionsPos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kExtensions, pos);
-}
-ZEL_API ZEL_STATUS X509GetSignatureAlgorithmNodePos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSigAlg, pos);
-}
-ZEL_API ZEL_STATUS x509GetSignatureNodePos(const uint8_t *der, uint32_t der_len, uint32_t *pos)
-{
-    return node_pos(der, der_len, Target::kSignature, pos);
-}
+// The position of each certificate node, and the node itself with its length.
+#define ZEL_X509_NODE_POS(X) \
+    X(X509GetTbsNodePos, kTbs) \
+    X(X509GetSerialNumberPos, kSerial) \
+    X(X509GetSignatureAlgFromTBSPos, kSigAlgTbs) \
+    X(X509GetIssuerPos, kIssuer) \
+    X(X509GetValidityPeriodPos, kValidity) \
+    X(X509GetSubjectPos, kSubject) \
+    X(X509GetPublicKeyInfoPos, kSpki) \
+    X(X509GetExtensionsPos, kExtensions) \
+    X(X509GetSignatureAlgorithmNodePos, kSigAlg) \
+    X(x509GetSignatureNodePos, kSignature)
+#define ZEL_X509_NODE_SEQ(X) \
+    X(X509GetTbs, kTbs) \
+    X(X509GetIssuerSeq, kIssuer) \
+    X(X509GetValidityPeriodSeq, kValidity) \
+    X(X509GetSubjectSeq, kSubject) \
+    X(X509GetExtensionsSeq, kExtensions) \
+    X(X509GetSignatureAlgorithm, kSigAlg)
 
-ZEL_API ZEL_STATUS X509GetTbs(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kTbs, out, out_len);
-}
-ZEL_API ZEL_STATUS X509GetIssuerSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kIssuer, out, out_len);
-}
-ZEL_API ZEL_STATUS X509GetValidityPeriodSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
-                                            uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kValidity, out, out_len);
-}
-ZEL_API ZEL_STATUS X509GetSubjectSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kSubject, out, out_len);
-}
-ZEL_API ZEL_STATUS X509GetExtensionsSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kExtensions, out, out_len);
-}
-ZEL_API ZEL_STATUS X509GetSignatureAlgorithm(const uint8_t *der, uint32_t der_len, const uint8_t **out,
-                                             uint32_t *out_len)
-{
-    return node_seq(der, der_len, Target::kSigAlg, out, out_len);
-}
+#define ZEL_X509_POS_FN(NAME, TARGET)                                                                          \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, uint32_t *pos)                               \
+    {                                                                                                          \
+        return node_pos(der, der_len, Target::TARGET, pos);                                                    \
+    }
+#define ZEL_X509_SEQ_FN(NAME, TARGET)                                                                          \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)      \
+    {                                                                                                          \
+        return node_seq(der, der_len, Target::TARGET, out, out_len);                                           \
+    }
+ZEL_X509_NODE_POS(ZEL_X509_POS_FN)
+ZEL_X509_NODE_SEQ(ZEL_X509_SEQ_FN)
+#undef ZEL_X509_POS_FN
+#undef ZEL_X509_SEQ_FN
 
 ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                           uint32_t *out_len)
