@@ -248,6 +248,32 @@ TEST(T2TFrames, RefusedReplies)
     EXPECT_EQ(OriginalityCheck(nullptr, nullptr, 7, 8), ZEL_NOT_IMPLEMENTED);
 }
 
+// The random id functions copy the reply's data, less its checksum, into a 16-byte buffer.
+TEST(T2TFrames, RandomIdReplies)
+{
+    {
+        ScriptLink link;
+        link.reply(ack(0xB6, 0x13));
+        link.reply(cat(rsp(0xB6, 8), ext(seq(0x04, 7))));
+        uint8_t uid[16];
+        std::memset(uid, 0xEE, sizeof uid);
+        ASSERT_EQ(GetUIDM(&link.record, 4, nullptr, uid), ZEL_OK);
+        EXPECT_EQ(link.writes[0], cmd(0xB6, 0x13, 3, 0));
+        EXPECT_EQ(link.writes[1], ext(join({{1, 4}, zeros(16)})));
+        EXPECT_EQ(Bytes(uid, uid + 8), join({seq(0x04, 7), {0xEE}}));
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0xB6, 0x13));
+        link.reply(cat(rsp(0xB6, 18), ext(seq(0, 17))));
+        uint8_t reply[16 + 4];
+        std::memset(reply, 0xEE, sizeof reply);
+        EXPECT_EQ(GetUIDM(&link.record, 0, KEY16.data(), reply), ZEL_BUFFER_OVERFLOW);
+        EXPECT_EQ(link.writes[1], ext(join({{0, 0}, KEY16})));
+        EXPECT_TRUE(std::all_of(reply, reply + sizeof reply, [](uint8_t x) { return x == 0xEE; }));
+    }
+}
+
 // The key goes to pages 44 to 47 with the halves swapped and each group of four reversed: page by page
 // without authentication (stopping at the first failure), or in one linear write with the old key.
 TEST(T2TFrames, UltralightCKeyLayout)
