@@ -526,12 +526,17 @@ ZEL_API uint32_t crypto_postprocess_data_nl(desfire_key *key, uint8_t *ivect, co
     int p = len - 19 < 0 ? 0 : len - 19;
     uint32_t running = crc32_run(start, out, p);
     for (; p + 4 <= len; ++p) {
-        static const uint8_t status = 0x00;
-        uint32_t c = crc32_run(running, &status, 1);
-        c = crc32_run(c, out + p, 4);
-        bool tail_ok = c == 0;
+        // Padding behind the place first (cheap), then the CRC over the status byte and the four bytes.
+        bool tail_ok = true;
         for (int i = p + 4; tail_ok && i < len; ++i)
             tail_ok = out[i] == 0 || (i == p + 4 && out[i] == 0x80);
+        static const uint8_t status = 0x00;
+        uint32_t c = 0;
+        if (tail_ok) {
+            c = crc32_run(running, &status, 1);
+            c = crc32_run(c, out + p, 4);
+            tail_ok = c == 0;
+        }
         if (tail_ok) {
             crc32_global = c;
             *length = static_cast<uint8_t>(p);
