@@ -41,8 +41,7 @@ ZEL_STATUS card_id_ex(ZEL_HANDLE hnd, uint8_t cmd, uint8_t *sak, uint8_t *uid, u
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, cmd);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, cmd, 0, 0, buf, par, &ext_len);
     if (status != ZEL_OK)
         return status;
     const uint8_t len = par[1];
@@ -93,12 +92,10 @@ extern "C" ZEL_API ZEL_STATUS GetCardIdHnd(ZEL_HANDLE hnd, uint8_t *card_type, u
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdGetCardId);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    // A reply with no room for the UID in front of its checksum is malformed.
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardId, 0, 0, buf, par, &ext_len, 5);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 5)
-        return ZEL_COMMUNICATION_ERROR; // no room for the UID in front of the checksum
     // The outputs are written only once the whole reply has passed its tests.
     if (card_type)
         *card_type = par[0];
@@ -112,12 +109,9 @@ extern "C" ZEL_API ZEL_STATUS GetAtqaSakHnd(ZEL_HANDLE hnd, uint16_t *atqa, uint
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdGetCardId, 0, 1);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardId, 1, 0, buf, par, &ext_len, 3);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 3)
-        return ZEL_COMMUNICATION_ERROR;
     if (atqa)
         *atqa = static_cast<uint16_t>(buf[0] | buf[1] << 8);
     if (sak)
@@ -140,8 +134,7 @@ extern "C" ZEL_API ZEL_STATUS GetCardInfoHnd(ZEL_HANDLE hnd, uint8_t *info, uint
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdGetCardInfo, 0, 1);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardInfo, 1, 0, buf, par, &ext_len);
     if (status != ZEL_OK)
         return status;
     if (!info || !length)
@@ -205,8 +198,7 @@ extern "C" ZEL_API ZEL_STATUS GetNfcT2TVersionHnd(ZEL_HANDLE hnd, uint8_t *versi
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdGetNfcT2TVersion);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetNfcT2TVersion, 0, 0, buf, par, &ext_len);
     if (status != ZEL_OK)
         return status;
     if (ext_len != 9)

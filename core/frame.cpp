@@ -252,6 +252,16 @@ ZEL_STATUS zel::exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t 
     return ZEL_OK;
 }
 
+ZEL_STATUS zel::command_read_ext(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *buf,
+                                 uint8_t *par, uint8_t *ext_len, uint8_t min_ext)
+{
+    make_command(buf, cmd, 0, par0, par1);
+    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, ext_len);
+    if (status == ZEL_OK && *ext_len < min_ext)
+        return ZEL_COMMUNICATION_ERROR;
+    return status;
+}
+
 ZEL_STATUS zel::exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len)
 {
     const uint8_t wake = 0x00;

@@ -51,6 +51,11 @@ uint8_t auth_mode_par0(uint8_t auth_mode);
 // ext_len tells the EXT length, checksum included.
 ZEL_STATUS exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
 
+// Shape 2 in one call: the command frame (cmd, par0, par1) is made in buf first, and a reply whose EXT
+// (checksum included) is shorter than min_ext answers ZEL_COMMUNICATION_ERROR.
+ZEL_STATUS command_read_ext(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *buf,
+                            uint8_t *par, uint8_t *ext_len, uint8_t min_ext = 0);
+
 // Shape 4: one wake byte 0x00, a pause of 10 ms for a sleeping reader to come up, then shape 2.
 ZEL_STATUS exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
 

@@ -62,12 +62,10 @@ ZEL_STATUS read_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uin
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, cmd, 0, par0, par1);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status =
+        command_read_ext(hnd, cmd, par0, par1, buf, par, &ext_len, static_cast<uint8_t>(want + 1));
     if (status != ZEL_OK)
         return status;
-    if (ext_len < want + 1)
-        return ZEL_COMMUNICATION_ERROR;
     if (out)
         std::memcpy(out, buf, want);
     return ZEL_OK;
@@ -566,8 +564,7 @@ extern "C" ZEL_API ZEL_STATUS GetReaderStatusExHnd(ZEL_HANDLE hnd, uint8_t *stat
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdStatus, 0, 1, 0);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdStatus, 1, 0, buf, par, &ext_len);
     if (status != ZEL_OK)
         return status;
     // The first byte counts what follows; it must stay inside the EXT.

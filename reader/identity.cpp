@@ -38,12 +38,10 @@ ZEL_STATUS read_u32(ZEL_HANDLE hnd, uint8_t cmd, uint32_t *value)
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, cmd);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    // A reply with no room for the value in front of its checksum is malformed.
+    const ZEL_STATUS status = command_read_ext(hnd, cmd, 0, 0, buf, par, &ext_len, 5);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 5)
-        return ZEL_COMMUNICATION_ERROR; // no room for the value in front of the checksum
     if (value)
         *value = le32(buf);
     return ZEL_OK;
@@ -152,12 +150,9 @@ extern "C" ZEL_API ZEL_STATUS GetReaderSerialDescriptionHnd(ZEL_HANDLE hnd, uint
     uint8_t buf[kFrameBufLen] = {};
     uint8_t par[2];
     uint8_t ext_len = 0;
-    make_command(buf, kCmdSerialDescription);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    const ZEL_STATUS status = command_read_ext(hnd, kCmdSerialDescription, 0, 0, buf, par, &ext_len, 9);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 9)
-        return ZEL_COMMUNICATION_ERROR;
     if (serial_description)
         std::memcpy(serial_description, buf, 8);
     return ZEL_OK;
@@ -228,10 +223,7 @@ extern "C" ZEL_API ZEL_STATUS GetReaderProModeHnd(ZEL_HANDLE hnd, uint32_t *mode
     } else {
         uint8_t par[2];
         uint8_t ext_len = 0;
-        make_command(buf, kCmdGetProMode);
-        status = exchange_read_ext(hnd, buf, par, &ext_len);
-        if (status == ZEL_OK && ext_len < 3)
-            status = ZEL_COMMUNICATION_ERROR;
+        status = command_read_ext(hnd, kCmdGetProMode, 0, 0, buf, par, &ext_len, 3);
     }
     if (status != ZEL_OK)
         return status;
