@@ -123,7 +123,8 @@ TEST_F(NdefT4, FullFilesAndLyingLengthsAreRefused)
 TEST_F(NdefT4, CardsWithoutTheApplicationAreNotNdefCards)
 {
     start(R"({"cards": [{"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4",
-                         "model": "iso14443_4"}]})");
+                         "model": "iso14443_4", "setup": {"apps": [{"kind": "test", "data": "00"}],
+                                                  "contact_apps": [{"kind": "test", "data": "00"}]}}]})");
     Rec r;
     EXPECT_EQ(read(hnd, 1, 1, r), ZEL_NDEF_UNSUPPORTED_CARD_TYPE);
     EXPECT_EQ(write(hnd, 1, 1, "T", "", bytes("x")), ZEL_NDEF_UNSUPPORTED_CARD_TYPE);

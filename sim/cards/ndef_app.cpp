@@ -43,7 +43,8 @@ public:
         if (ndef_.size() >= 2) {
             ndef_[0] = static_cast<uint8_t>(n >> 8);
             ndef_[1] = static_cast<uint8_t>(n);
-            std::memcpy(ndef_.data() + 2, s.message.data(), std::min(s.message.size(), ndef_.size() - 2));
+            if (!s.message.empty())
+                std::memcpy(ndef_.data() + 2, s.message.data(), std::min(s.message.size(), ndef_.size() - 2));
         }
         read_only_ = s.read_only;
         if (!s.cc.empty()) {
