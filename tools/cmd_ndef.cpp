@@ -1,5 +1,6 @@
 // tandro ndef: the NDEF messages of the card in the field: read every record, append a URI, text or raw
 // record, erase the last record or a whole message, lay out a blank card.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -167,8 +168,9 @@ std::vector<uint8_t> uri_payload(const std::string &uri)
             best_len = n;
         }
     }
-    std::vector<uint8_t> p{best};
-    p.insert(p.end(), uri.begin() + static_cast<long>(best_len), uri.end());
+    std::vector<uint8_t> p(1 + uri.size() - best_len);
+    p[0] = best;
+    std::copy(uri.begin() + static_cast<long>(best_len), uri.end(), p.begin() + 1);
     return p;
 }
 
