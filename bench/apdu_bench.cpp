@@ -9,10 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/internal.h"
-#include "tandro.h"
-#include "transport/serial.h"
-#include "zelsim.h"
+#include "bench_link.h"
 
 namespace {
 
@@ -20,27 +17,8 @@ constexpr uint32_t kRead = 4096;
 
 std::vector<uint8_t> with_checksum(std::vector<uint8_t> b)
 {
-    uint8_t x = 0;
-    for (uint8_t v : b)
-        x ^= v;
-    b.push_back(static_cast<uint8_t>(x + 7));
+    b.push_back(zelbench::frame_checksum(b.data(), b.size()));
     return b;
-}
-
-bool read_exact(int fd, uint8_t *buf, size_t n)
-{
-    size_t got = 0;
-    while (got < n) {
-        const ssize_t r = read(fd, buf + got, n - got);
-        if (r > 0) {
-            got += static_cast<size_t>(r);
-            continue;
-        }
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 1000) <= 0)
-            return false;
-    }
-    return true;
 }
 
 struct Card {
@@ -88,9 +66,9 @@ struct RawExchange {
     bool run(int fd)
     {
         uint8_t ack[7];
-        return write(fd, frame.data(), 7) == 7 && read_exact(fd, ack, 7) &&
+        return write(fd, frame.data(), 7) == 7 && zelbench::read_exact(fd, ack, 7) &&
                write(fd, piece.data(), piece.size()) == static_cast<ssize_t>(piece.size()) &&
-               read_exact(fd, reply.data(), reply_bytes);
+               zelbench::read_exact(fd, reply.data(), reply_bytes);
     }
 };
 
@@ -104,25 +82,14 @@ void BM_ApduReadBinaryOverRawInterleaved(benchmark::State &state)
     const int fd = zel::com_fd(&card.rec);
     RawExchange raw;
     std::vector<uint8_t> out(kRead);
-    int64_t raw_ns = 0, lib_ns = 0;
-    uint64_t failures = 0;
-    for (auto _ : state) {
-        const int64_t t0 = zel::counter_ns();
-        failures += !raw.run(fd);
-        const int64_t t1 = zel::counter_ns();
-        uint32_t ne = kRead;
-        uint16_t sw = 0;
-        failures += APDUTransceiveM(&card.rec, 0x00, 0xB0, 0x00, 0x00, nullptr, 0, out.data(), &ne, 1, &sw) != ZEL_OK ||
-                    ne != kRead || sw != 0x0090;
-        const int64_t t2 = zel::counter_ns();
-        raw_ns += t1 - t0;
-        lib_ns += t2 - t1;
-    }
-    const double n = static_cast<double>(state.iterations());
-    state.counters["raw_per_s"] = raw_ns ? n * 1e9 / static_cast<double>(raw_ns) : 0;
-    state.counters["library_per_s"] = lib_ns ? n * 1e9 / static_cast<double>(lib_ns) : 0;
-    state.counters["library_over_raw"] = lib_ns ? static_cast<double>(raw_ns) / static_cast<double>(lib_ns) : 0;
-    state.counters["failures"] = static_cast<double>(failures);
+    zelbench::interleave(
+        state, "reads", [&] { return raw.run(fd); },
+        [&] {
+            uint32_t ne = kRead;
+            uint16_t sw = 0;
+            return APDUTransceiveM(&card.rec, 0x00, 0xB0, 0x00, 0x00, nullptr, 0, out.data(), &ne, 1, &sw) == ZEL_OK &&
+                   ne == kRead && sw == 0x0090;
+        });
 }
 
 BENCHMARK(BM_ApduReadBinaryOverRawInterleaved)->MinTime(2.0)->UseRealTime()->Repetitions(3);
