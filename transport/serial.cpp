@@ -67,16 +67,29 @@ IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, u
     if (fd < 0)
         return IoResult::failed;
     const int64_t deadline = now_ms() + timeout_ms;
+    // Read before waiting: within a streamed reply the bytes are usually there already, and a wait on a
+    // terminal costs more than a read that finds nothing.
+    bool wait = false;
     while (*got < count) {
-        // Wait first: the read-ahead is empty, so the line has to bring the rest. Then take all the line
-        // holds, so that the next small read of an exchange finds its bytes without a system call.
-        const Wait w = wait_ready(fd, POLLIN, deadline);
-        if (w == Wait::timeout)
-            return IoResult::short_count;
-        const ssize_t n = read(fd, ahead.buf, ahead.cap);
+        Wait w = Wait::ready;
+        if (wait) {
+            w = wait_ready(fd, POLLIN, deadline);
+            if (w == Wait::timeout)
+                return IoResult::short_count;
+        }
+        // A long remainder goes straight to the caller; a short one takes all the line holds into the
+        // read-ahead, so that the next small read of an exchange finds its bytes without a system call.
+        const uint32_t rest = count - *got;
+        const bool direct = rest >= ahead.cap;
+        const ssize_t n = direct ? read(fd, buffer + *got, rest) : read(fd, ahead.buf, ahead.cap);
         if (n > 0) {
-            *ahead.len = static_cast<uint16_t>(n);
-            *got += take_ahead(ahead, buffer + *got, count - *got);
+            if (direct) {
+                *got += static_cast<uint32_t>(n);
+            } else {
+                *ahead.len = static_cast<uint16_t>(n);
+                *got += take_ahead(ahead, buffer + *got, rest);
+            }
+            wait = false;
             continue;
         }
         if (n < 0 && errno == EINTR)
@@ -85,6 +98,7 @@ IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, u
             return IoResult::failed;
         if (w == Wait::gone)
             return IoResult::failed; // hung up, and nothing was left to take
+        wait = true; // the line has nothing more yet
     }
     return IoResult::ok;
 }
