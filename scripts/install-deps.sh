@@ -37,5 +37,7 @@ NDEF_CHECK="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/ndef_check"
 if [ -d "$NDEF_CHECK/node_modules/ndef" ]; then
   echo "install-deps: ndef package present"
 else
-  (cd "$NDEF_CHECK" && npm ci --no-audit --no-fund)
+  # Not fatal: without it the cross-check test skips and says why.
+  (cd "$NDEF_CHECK" && npm ci --no-audit --no-fund) ||
+    echo "install-deps: the npm package ndef could not be installed; the NDEF cross-check test will skip"
 fi
