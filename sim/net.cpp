@@ -61,6 +61,17 @@ struct ThreadLink : Link {
         while (read(wake[0], buf, sizeof buf) > 0) {
         }
     }
+    // Waits for the descriptor's events or a poke, up to timeout_ms (-1: no limit), and drains the poke.
+    // Gives what happened on the descriptor, or -1 when the wait broke and the thread has to end.
+    int wait_for(int fd, short events, int timeout_ms)
+    {
+        pollfd p[2] = {{wake[0], POLLIN, 0}, {fd, events, 0}};
+        if (poll(p, 2, timeout_ms) < 0)
+            return errno == EINTR ? 0 : -1;
+        if (p[0].revents & POLLIN)
+            drain_wake();
+        return p[1].revents;
+    }
     virtual void close_all() = 0;
 };
 
@@ -118,13 +129,10 @@ struct UdpLink : ThreadLink {
         std::vector<uint8_t> out;
         uint8_t buf[2048];
         while (!quit.load()) {
-            pollfd p[2] = {{wake[0], POLLIN, 0}, {fd, POLLIN, 0}};
-            const int r = poll(p, 2, link_wait_ms(sim, core));
-            if (r < 0 && errno != EINTR)
+            const int ev = wait_for(fd, POLLIN, link_wait_ms(sim, core));
+            if (ev < 0)
                 break;
-            if (p[0].revents & POLLIN)
-                drain_wake();
-            if (p[1].revents & POLLIN) {
+            if (ev & POLLIN) {
                 sockaddr_in from{};
                 socklen_t len = sizeof from;
                 const ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len);
@@ -174,16 +182,12 @@ struct TcpLink : ThreadLink {
         std::vector<uint8_t> out;
         uint8_t buf[4096];
         while (!quit.load()) {
-            pollfd p[2] = {{wake[0], POLLIN, 0}, {conn >= 0 ? conn : listener, POLLIN, 0}};
-            if (conn >= 0 && !out.empty())
-                p[1].events |= POLLOUT;
-            const int r = poll(p, 2, conn >= 0 ? link_wait_ms(sim, core) : -1);
-            if (r < 0 && errno != EINTR)
+            const short events = static_cast<short>(POLLIN | (conn >= 0 && !out.empty() ? POLLOUT : 0));
+            const int ev = wait_for(conn >= 0 ? conn : listener, events, conn >= 0 ? link_wait_ms(sim, core) : -1);
+            if (ev < 0)
                 break;
-            if (p[0].revents & POLLIN)
-                drain_wake();
             if (conn < 0) {
-                if (p[1].revents & POLLIN) {
+                if (ev & POLLIN) {
                     conn = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
                     if (conn >= 0) {
                         const int one = 1;
@@ -199,7 +203,7 @@ struct TcpLink : ThreadLink {
                 }
                 continue;
             }
-            if (p[1].revents & (POLLIN | POLLHUP | POLLERR)) {
+            if (ev & (POLLIN | POLLHUP | POLLERR)) {
                 const ssize_t n = read(conn, buf, sizeof buf);
                 if (n > 0) {
                     link_input(sim, core, buf, static_cast<size_t>(n));
@@ -240,12 +244,10 @@ struct DiscoveryLink : ThreadLink {
     {
         uint8_t buf[1024];
         while (!quit.load()) {
-            pollfd p[2] = {{wake[0], POLLIN, 0}, {fd, POLLIN, 0}};
-            if (poll(p, 2, -1) < 0 && errno != EINTR)
+            const int ev = wait_for(fd, POLLIN, -1);
+            if (ev < 0)
                 break;
-            if (p[0].revents & POLLIN)
-                drain_wake();
-            if (!(p[1].revents & POLLIN))
+            if (!(ev & POLLIN))
                 continue;
             sockaddr_in from{};
             socklen_t len = sizeof from;
@@ -291,12 +293,10 @@ struct GpioLink : ThreadLink {
     {
         char buf[256];
         while (!quit.load()) {
-            pollfd p[2] = {{wake[0], POLLIN, 0}, {fd, POLLIN, 0}};
-            if (poll(p, 2, -1) < 0 && errno != EINTR)
+            const int ev = wait_for(fd, POLLIN, -1);
+            if (ev < 0)
                 break;
-            if (p[0].revents & POLLIN)
-                drain_wake();
-            if (!(p[1].revents & POLLIN))
+            if (!(ev & POLLIN))
                 continue;
             const ssize_t n = recv(fd, buf, sizeof buf - 1, 0);
             if (n <= 0)
