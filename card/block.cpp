@@ -102,6 +102,20 @@ ZEL_STATUS common_block_write(ZEL_HANDLE hnd, uint8_t *frame, const uint8_t *hea
     return GetAndTestResponseIntroSam(hnd, frame, command);
 }
 
+// The head of a linear access EXT: address, length of this chunk, the key when the frame carries one.
+static uint32_t linear_head(uint8_t *ext, uint16_t address, uint32_t chunk, const KeyRoute &key)
+{
+    uint32_t n = 0;
+    ext[n++] = static_cast<uint8_t>(address);
+    ext[n++] = static_cast<uint8_t>(address >> 8);
+    ext[n++] = static_cast<uint8_t>(chunk);
+    ext[n++] = static_cast<uint8_t>(chunk >> 8);
+    if (key.key_len) {
+        std::memcpy(ext + n, key.key, key.key_len);
+        n += key.key_len;
+    }
+    return n;
+}
 ZEL_STATUS common_linear_read(ZEL_HANDLE hnd, uint8_t *data, uint16_t address, uint16_t length,
                               uint16_t *bytes_returned, uint8_t cmd, const KeyRoute &key)
 {
@@ -124,15 +138,7 @@ ZEL_STATUS common_linear_read(ZEL_HANDLE hnd, uint8_t *data, uint16_t address, u
         if (status != ZEL_OK)
             return status;
         uint8_t ext[32];
-        uint32_t n = 0;
-        ext[n++] = static_cast<uint8_t>(address);
-        ext[n++] = static_cast<uint8_t>(address >> 8);
-        ext[n++] = static_cast<uint8_t>(chunk);
-        ext[n++] = static_cast<uint8_t>(chunk >> 8);
-        if (key.key_len) {
-            std::memcpy(ext + n, key.key, key.key_len);
-            n += key.key_len;
-        }
+        uint32_t n = linear_head(ext, address, chunk, key);
         ext[n++] = static_cast<uint8_t>(remaining);
         ext[n++] = static_cast<uint8_t>(remaining >> 8);
         ext[n] = static_cast<uint8_t>(fold(ext, n) + 7);
@@ -191,15 +197,7 @@ ZEL_STATUS common_linear_write(ZEL_HANDLE hnd, const uint8_t *data, uint16_t add
         if (status != ZEL_OK)
             return status;
         uint8_t ext[256];
-        uint32_t n = 0;
-        ext[n++] = static_cast<uint8_t>(address);
-        ext[n++] = static_cast<uint8_t>(address >> 8);
-        ext[n++] = static_cast<uint8_t>(chunk);
-        ext[n++] = static_cast<uint8_t>(chunk >> 8);
-        if (key.key_len) {
-            std::memcpy(ext + n, key.key, key.key_len);
-            n += key.key_len;
-        }
+        uint32_t n = linear_head(ext, address, chunk, key);
         if (chunk) {
             std::memcpy(ext + n, data + *bytes_written, chunk);
             n += chunk;
