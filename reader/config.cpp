@@ -346,20 +346,8 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigHnd(ZEL_HANDLE hnd, uint32
                                                           uint32_t *prefix_enable, uint8_t *prefix, uint8_t *suffix,
                                                           uint32_t *send_removed_enable, uint32_t *baud)
 {
-    uint8_t rec[8];
-    const ZEL_STATUS status = async_get(hnd, false, rec);
-    if (status != ZEL_OK)
-        return status;
-    put_flag(send_enable, rec[0], 0);
-    put_flag(prefix_enable, rec[0], 1);
-    put_flag(send_removed_enable, rec[0], 2);
-    if (prefix)
-        *prefix = rec[1];
-    if (suffix)
-        *suffix = rec[2];
-    if (baud)
-        *baud = get32(rec + 3);
-    return ZEL_OK;
+    return GetAsyncCardIdSendConfigExHnd(hnd, send_enable, prefix_enable, prefix, suffix, send_removed_enable,
+                                         nullptr, nullptr, baud);
 }
 
 extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigExHnd(ZEL_HANDLE hnd, uint32_t *send_enable,
