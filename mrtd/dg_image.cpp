@@ -93,6 +93,21 @@ ZEL_STATUS write_image(const uint8_t *image, uint32_t image_len, uint32_t format
     return put == image_len && closed ? ZEL_OK : ZEL_FILE_SYSTEM_ERROR;
 }
 
+// Clears the outputs, checks them, and opens the data group with its tag. False when any is wrong.
+bool open_image_file(const uint8_t *dg, int32_t len, uint8_t tag, const uint8_t **image, uint32_t *image_len,
+                     uint32_t *format, Cursor *c)
+{
+    if (image)
+        *image = nullptr;
+    if (image_len)
+        *image_len = 0;
+    if (format)
+        *format = kUnknownFormat;
+    if (image == nullptr || image_len == nullptr || format == nullptr || len <= 0)
+        return false;
+    return open_file(dg, static_cast<uint32_t>(len), tag, c);
+}
+
 } // namespace
 
 } // namespace zel::mrtd
@@ -104,16 +119,8 @@ extern "C" {
 ZEL_API ZEL_STATUS MRTDGetImageFromDG2(const uint8_t *dg2, int32_t len, const uint8_t **image, uint32_t *image_len,
                                        uint32_t *format)
 {
-    if (image)
-        *image = nullptr;
-    if (image_len)
-        *image_len = 0;
-    if (format)
-        *format = zel::mrtd::kUnknownFormat;
-    if (image == nullptr || image_len == nullptr || format == nullptr || len <= 0)
-        return MRTD_EF_DG_WRONG_DATA;
     Cursor c{};
-    if (!zel::mrtd::open_file(dg2, static_cast<uint32_t>(len), 0x75, &c))
+    if (!zel::mrtd::open_image_file(dg2, len, 0x75, image, image_len, format, &c))
         return MRTD_EF_DG_WRONG_DATA;
     static const uint8_t kGroupTemplate[2] = {0x7F, 0x61};
     static const uint8_t kTemplate[2] = {0x7F, 0x60};
@@ -150,16 +157,8 @@ ZEL_API ZEL_STATUS MRTDGetImageFromDG2(const uint8_t *dg2, int32_t len, const ui
 ZEL_API ZEL_STATUS MRTDGetImageFromDG7(const uint8_t *dg7, int32_t len, const uint8_t **image, uint32_t *image_len,
                                        uint32_t *format)
 {
-    if (image)
-        *image = nullptr;
-    if (image_len)
-        *image_len = 0;
-    if (format)
-        *format = zel::mrtd::kUnknownFormat;
-    if (image == nullptr || image_len == nullptr || format == nullptr || len <= 0)
-        return MRTD_EF_DG_WRONG_DATA;
     Cursor c{};
-    if (!zel::mrtd::open_file(dg7, static_cast<uint32_t>(len), 0x67, &c))
+    if (!zel::mrtd::open_image_file(dg7, len, 0x67, image, image_len, format, &c))
         return MRTD_EF_DG_WRONG_DATA;
     static const uint8_t kSignature[2] = {0x5F, 0x43};
     uint32_t vl = 0;
