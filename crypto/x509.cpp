@@ -195,6 +195,22 @@ bool cert_spki(const uint8_t *der, uint32_t der_len, const uint8_t **spki, uint3
 
 } // namespace zel::crypto
 
+// The serial number, pointed at from its length field (the Seq form) or from its value.
+static ZEL_STATUS serial_number(const uint8_t *der, uint32_t der_len, bool from_value, const uint8_t **out,
+                                uint32_t *out_len)
+{
+    clear(out, out_len);
+    Node n;
+    const ZEL_STATUS st = cert_node(der, der_len, Target::kSerial, &n);
+    if (st != ZEL_OK)
+        return st;
+    if (out)
+        *out = der + (from_value ? n.value() : n.pos + 1);
+    if (out_len)
+        *out_len = n.vlen;
+    return ZEL_OK;
+}
+
 extern "C" {
 
 // The position of each certificate node, and the node itself with its length.
@@ -235,31 +251,13 @@ ZEL_X509_NODE_SEQ(ZEL_X509_SEQ_FN)
 ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                           uint32_t *out_len)
 {
-    clear(out, out_len);
-    Node n;
-    const ZEL_STATUS st = cert_node(der, der_len, Target::kSerial, &n);
-    if (st != ZEL_OK)
-        return st;
-    if (out)
-        *out = der + n.pos + 1; // the length field, not the value
-    if (out_len)
-        *out_len = n.vlen;
-    return ZEL_OK;
+    return serial_number(der, der_len, false, out, out_len);
 }
 
 ZEL_API ZEL_STATUS X509GetSerialNumberByteArr(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                               uint32_t *out_len)
 {
-    clear(out, out_len);
-    Node n;
-    const ZEL_STATUS st = cert_node(der, der_len, Target::kSerial, &n);
-    if (st != ZEL_OK)
-        return st;
-    if (out)
-        *out = der + n.value();
-    if (out_len)
-        *out_len = n.vlen;
-    return ZEL_OK;
+    return serial_number(der, der_len, true, out, out_len);
 }
 
 ZEL_API ZEL_STATUS X509GetVersion(const uint8_t *der, uint32_t der_len, uint8_t *version)
