@@ -208,17 +208,16 @@ Card *current_card(Reader &r)
     return r.cards.front().get();
 }
 
-// Splits a block command's EXT data into head, key and payload by its size. False for a size that fits
-// none of the forms.
-bool split_ext(const uint8_t *d, size_t len, size_t payload, const uint8_t *&key, size_t &key_len)
+// The key a block command names: its EXT data split into head, key and payload by its size, and the key
+// form of PAR0 and PAR1. 0, or the error code of a size that fits none of the forms or of a bad key form.
+uint8_t command_key(const uint8_t *f, const uint8_t *d, size_t len, size_t payload, size_t &key_len, KeySpec &k)
 {
     if (len < 4 + payload)
-        return false;
+        return E_PARAMETERS;
     key_len = len - 4 - payload;
     if (key_len != 0 && key_len != 6 && key_len != 16)
-        return false;
-    key = key_len ? d + 4 : nullptr;
-    return true;
+        return E_PARAMETERS;
+    return key_spec(f, key_len ? d + 4 : nullptr, key_len, k);
 }
 
 // The absolute block of a block command: block address, or block in sector.
@@ -238,12 +237,9 @@ uint8_t block_of(SectorMemory &m, bool in_sector, const uint8_t *head, unsigned 
 void block_read(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t len, Answer &a)
 {
     const bool in_sector = f[1] == 0x18;
-    const uint8_t *key = nullptr;
     size_t key_len = 0;
     KeySpec k;
-    if (!split_ext(d, len, 0, key, key_len))
-        return put_error(a.bytes, E_PARAMETERS);
-    if (const uint8_t e = key_spec(f, key, key_len, k))
+    if (const uint8_t e = command_key(f, d, len, 0, key_len, k))
         return put_error(a.bytes, e);
     uint8_t out[16];
     if (PageMemory *p = c.page_memory()) {
@@ -266,12 +262,9 @@ void block_read(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t l
 void block_write(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t len, Answer &a)
 {
     const bool in_sector = f[1] == 0x19;
-    const uint8_t *key = nullptr;
     size_t key_len = 0;
     KeySpec k;
-    if (!split_ext(d, len, 16, key, key_len))
-        return put_error(a.bytes, E_PARAMETERS);
-    if (const uint8_t e = key_spec(f, key, key_len, k))
+    if (const uint8_t e = command_key(f, d, len, 16, key_len, k))
         return put_error(a.bytes, e);
     const uint8_t *data = d + 4 + key_len;
     if (PageMemory *p = c.page_memory()) {
@@ -300,12 +293,9 @@ void value_command(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_
     const uint8_t cmd = f[1];
     const bool reading = cmd == 0x1D || cmd == 0x1F;
     const bool in_sector = cmd == 0x1F || cmd == 0x20 || cmd == 0x23 || cmd == 0x24;
-    const uint8_t *key = nullptr;
     size_t key_len = 0;
     KeySpec k;
-    if (!split_ext(d, len, reading ? 0 : 4, key, key_len))
-        return put_error(a.bytes, E_PARAMETERS);
-    if (const uint8_t e = key_spec(f, key, key_len, k))
+    if (const uint8_t e = command_key(f, d, len, reading ? 0 : 4, key_len, k))
         return put_error(a.bytes, e);
     SectorMemory *m = c.sector_memory();
     if (!m)
@@ -397,15 +387,12 @@ uint8_t trailer_block(SectorMemory &m, uint8_t mode, uint8_t address, unsigned &
 void trailer_write(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t len, Answer &a)
 {
     const bool raw = f[1] == 0x2F;
-    const uint8_t *key = nullptr;
     size_t key_len = 0, payload = 16;
     // The composed form carries 16-byte new keys (36 bytes) with the AES modes; the size tells.
     if (!raw && (len == 4 + 36 || len == 4 + 16 + 36))
         payload = 36;
     KeySpec k;
-    if (!split_ext(d, len, payload, key, key_len))
-        return put_error(a.bytes, E_PARAMETERS);
-    if (const uint8_t e = key_spec(f, key, key_len, k))
+    if (const uint8_t e = command_key(f, d, len, payload, key_len, k))
         return put_error(a.bytes, e);
     SectorMemory *m = c.sector_memory();
     if (!m)
@@ -433,12 +420,9 @@ void trailer_write(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_
 // 0x25: every sector's trailer gets the new keys and access codes; the count of sectors done comes back.
 void format_card(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t len, Answer &a)
 {
-    const uint8_t *key = nullptr;
     size_t key_len = 0, payload = len == 4 + 32 || len == 4 + 16 + 32 ? 32 : 12;
     KeySpec k;
-    if (!split_ext(d, len, payload, key, key_len))
-        return put_error(a.bytes, E_PARAMETERS);
-    if (const uint8_t e = key_spec(f, key, key_len, k))
+    if (const uint8_t e = command_key(f, d, len, payload, key_len, k))
         return put_error(a.bytes, e);
     SectorMemory *m = c.sector_memory();
     if (!m)
