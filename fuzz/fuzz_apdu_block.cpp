@@ -6,29 +6,8 @@
 #include "apdu/apdu_internal.h"
 #include "core/frame.h"
 #include "core/internal.h"
+#include "fuzz_link.h"
 #include "tandro.h"
-
-namespace {
-
-struct Stream {
-    const uint8_t *data;
-    size_t size;
-    size_t at;
-};
-
-uint32_t read_fn(void *ctx, uint8_t *buf, uint32_t n)
-{
-    auto *s = static_cast<Stream *>(ctx);
-    const size_t left = s->size - s->at;
-    const uint32_t take = left < n ? static_cast<uint32_t>(left) : n;
-    std::memcpy(buf, s->data + s->at, take);
-    s->at += take;
-    return take;
-}
-uint32_t write_fn(void *, const uint8_t *, uint32_t n) { return n; }
-void purge_fn(void *) {}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -43,12 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             std::abort();
         return 0;
     }
-    Stream s{data + 1, size - 1, 0};
-    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s, nullptr};
-    zel::set_link_hooks(&hooks);
-    static zel_handle_record rec;
-    zel_handle_init(&rec);
-    rec.comm.use = zel::kPortHook;
+    zelfuzz::FuzzLink link(data + 1, size - 1);
+    zel_handle_record &rec = link.record;
     const uint8_t send[8] = {0x00, 0xB0, 0x00, 0x00, 0x10, 0, 0, 0};
     uint8_t rcv[255];
     uint8_t len = 0, chained = 0;
@@ -78,6 +53,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     }
-    zel::set_link_hooks(nullptr);
     return 0;
 }

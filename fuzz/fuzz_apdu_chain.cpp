@@ -6,27 +6,10 @@
 
 #include "core/frame.h"
 #include "core/internal.h"
+#include "fuzz_link.h"
 #include "tandro.h"
 
 namespace {
-
-struct Stream {
-    const uint8_t *data;
-    size_t size;
-    size_t at;
-};
-
-uint32_t read_fn(void *ctx, uint8_t *buf, uint32_t n)
-{
-    auto *s = static_cast<Stream *>(ctx);
-    const size_t left = s->size - s->at;
-    const uint32_t take = left < n ? static_cast<uint32_t>(left) : n;
-    std::memcpy(buf, s->data + s->at, take);
-    s->at += take;
-    return take;
-}
-uint32_t write_fn(void *, const uint8_t *, uint32_t n) { return n; }
-void purge_fn(void *) {}
 
 uint32_t fake_now = 0;
 uint32_t fake_tick() { return fake_now += 50; }
@@ -37,13 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1)
         return 0;
-    Stream s{data + 1, size - 1, 0};
-    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s, nullptr};
-    zel::set_link_hooks(&hooks);
+    zelfuzz::FuzzLink link(data + 1, size - 1);
     zel::set_tick_hook(fake_tick);
-    static zel_handle_record rec;
-    zel_handle_init(&rec);
-    rec.comm.use = zel::kPortHook;
+    zel_handle_record &rec = link.record;
 
     static uint8_t cmd[4 + 31 * 20];
     for (size_t i = 0; i < sizeof cmd; ++i)
@@ -101,7 +80,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     }
-    zel::set_link_hooks(nullptr);
     zel::set_tick_hook(nullptr);
     return 0;
 }

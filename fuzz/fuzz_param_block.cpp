@@ -7,31 +7,11 @@
 
 #include "core/frame.h"
 #include "core/internal.h"
+#include "fuzz_link.h"
 #include "reader/params.h"
 #include "tandro.h"
 
 namespace {
-
-struct Stream {
-    const uint8_t *data;
-    size_t size;
-    size_t at;
-};
-
-uint32_t read_fn(void *ctx, uint8_t *buf, uint32_t n)
-{
-    auto *s = static_cast<Stream *>(ctx);
-    const size_t left = s->size - s->at;
-    const uint32_t take = left < n ? static_cast<uint32_t>(left) : n;
-    std::memcpy(buf, s->data + s->at, take);
-    s->at += take;
-    return take;
-}
-uint32_t write_fn(void *, const uint8_t *, uint32_t n)
-{
-    return n;
-}
-void purge_fn(void *) {}
 
 // Traps unless a decoded block keeps within what the caller's buffers hold.
 void check(const zel::ReaderParams &p, bool from_end)
@@ -79,12 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint8_t cmd = (mode & 0x40) ? 0xF1 : 0xF0;
     std::vector<uint8_t> wire = (mode & 0x80) ? std::vector<uint8_t>(data + 1, data + size)
                                               : reply_around(cmd, data + 1, size - 1);
-    Stream s{wire.data(), wire.size(), 0};
-    zel::LinkHooks hooks{read_fn, write_fn, purge_fn, &s, nullptr};
-    zel::set_link_hooks(&hooks);
-    static zel_handle_record rec;
-    zel_handle_init(&rec);
-    rec.comm.use = zel::kPortHook;
+    zelfuzz::FuzzLink link(wire.data(), wire.size());
+    zel_handle_record &rec = link.record;
 
     // Out buffers of exactly the documented sizes.
     uint8_t *mui = static_cast<uint8_t *>(std::malloc(ZEL_MUI_MAX_LEN));
@@ -111,6 +87,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     }
     std::free(mui);
-    zel::set_link_hooks(nullptr);
     return 0;
 }
