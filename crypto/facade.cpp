@@ -309,6 +309,30 @@ Verdict ecdsa_verify(EVP_PKEY *key, const uint8_t *digest, uint32_t digest_len, 
 
 } // namespace zel::crypto
 
+// A digest's room on the heap, after the checks of the heap forms: the outputs cleared, the subsystem
+// ready, the input within bounds, the algorithm known, both outputs given.
+static ZEL_STATUS digest_on_heap(uint32_t hash_id, uint32_t in_len, uint8_t **out, uint32_t *out_len)
+{
+    if (out)
+        *out = nullptr;
+    if (out_len)
+        *out_len = 0;
+    if (!ready())
+        return CRYPTO_SUBSYS_NOT_INITIALIZED;
+    if (in_len > ZEL_MAX_HASH_INPUT)
+        return CRYPTO_SUBSYS_MAX_HASH_INPUT_EXCEEDED;
+    const uint32_t size = getHashByteSize(hash_id);
+    if (size == 0)
+        return CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
+    if (out == nullptr || out_len == nullptr)
+        return ZEL_PARAMETERS_ERROR;
+    *out = static_cast<uint8_t *>(std::malloc(size));
+    if (*out == nullptr)
+        return ZEL_NO_MEMORY_ERROR;
+    *out_len = size;
+    return ZEL_OK;
+}
+
 extern "C" {
 
 ZEL_API void initCryptoSubsys(void)
@@ -414,24 +438,8 @@ ZEL_API ZEL_STATUS OrbGetHash(uint32_t hash_id, const uint8_t *in, uint32_t in_l
 ZEL_API ZEL_STATUS OrbGetHashToHeap(uint32_t hash_id, const uint8_t *in, uint32_t in_len, uint8_t **out,
                                     uint32_t *out_len)
 {
-    if (out)
-        *out = nullptr;
-    if (out_len)
-        *out_len = 0;
-    if (!ready())
-        return CRYPTO_SUBSYS_NOT_INITIALIZED;
-    if (in_len > ZEL_MAX_HASH_INPUT)
-        return CRYPTO_SUBSYS_MAX_HASH_INPUT_EXCEEDED;
-    const uint32_t size = getHashByteSize(hash_id);
-    if (size == 0)
-        return CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
-    if (out == nullptr || out_len == nullptr)
-        return ZEL_PARAMETERS_ERROR;
-    *out_len = size;
-    *out = static_cast<uint8_t *>(std::malloc(size));
-    if (*out == nullptr)
-        return ZEL_NO_MEMORY_ERROR;
-    return hash_into(hash_id, in, in_len, *out);
+    const ZEL_STATUS st = digest_on_heap(hash_id, in_len, out, out_len);
+    return st != ZEL_OK ? st : hash_into(hash_id, in, in_len, *out);
 }
 
 ZEL_API ZEL_STATUS OrbHashInitChunked(uint32_t hash_id)
@@ -475,22 +483,8 @@ ZEL_API ZEL_STATUS OrbHashFinishChunked(uint8_t *out, uint32_t out_len)
 
 ZEL_API ZEL_STATUS OrbHashFinishChunkedToHeap(uint8_t **out, uint32_t *out_len)
 {
-    if (out)
-        *out = nullptr;
-    if (out_len)
-        *out_len = 0;
-    if (!ready())
-        return CRYPTO_SUBSYS_NOT_INITIALIZED;
-    const uint32_t size = getHashByteSize(g_chunk_id);
-    if (size == 0)
-        return CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
-    if (out == nullptr || out_len == nullptr)
-        return ZEL_PARAMETERS_ERROR;
-    *out_len = size;
-    *out = static_cast<uint8_t *>(std::malloc(size));
-    if (*out == nullptr)
-        return ZEL_NO_MEMORY_ERROR;
-    return OrbHashFinishChunked(*out, size);
+    const ZEL_STATUS st = digest_on_heap(g_chunk_id, 0, out, out_len);
+    return st != ZEL_OK ? st : OrbHashFinishChunked(*out, *out_len);
 }
 
 ZEL_API const char *OrbGetEccCurveName(uint32_t index)
