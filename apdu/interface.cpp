@@ -93,24 +93,21 @@ extern "C" ZEL_API ZEL_STATUS SetISO14443_4_Mode_GetATSHnd(ZEL_HANDLE hnd, uint8
     // ATS length, ATS, UID length, UID, SAK: the reader may stop after any of the parts.
     const uint32_t n = ext_len ? ext_len - 1u : 0u;
     uint32_t at = 0;
-    if (at == n)
+    // A part behind its length byte, when it fits both the caller's room and the reply.
+    const auto part = [&](uint8_t *len, uint32_t max, uint8_t *out) {
+        *len = buf[at++];
+        if (*len > max)
+            return ZEL_MAX_SIZE_EXCEEDED;
+        if (n - at < *len)
+            return ZEL_COMMUNICATION_ERROR;
+        std::memcpy(out, buf + at, *len);
+        at += *len;
         return ZEL_OK;
-    *ats_len = buf[at++];
-    if (*ats_len > kAtsMax)
-        return ZEL_MAX_SIZE_EXCEEDED;
-    if (n - at < *ats_len)
-        return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(ats, buf + at, *ats_len);
-    at += *ats_len;
-    if (at == n)
-        return ZEL_OK;
-    *uid_len = buf[at++];
-    if (*uid_len > kUidMax)
-        return ZEL_MAX_SIZE_EXCEEDED;
-    if (n - at < *uid_len)
-        return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(uid, buf + at, *uid_len);
-    at += *uid_len;
+    };
+    if (at == n || (status = part(ats_len, kAtsMax, ats)) != ZEL_OK)
+        return status;
+    if (at == n || (status = part(uid_len, kUidMax, uid)) != ZEL_OK)
+        return status;
     if (at == n)
         return ZEL_OK;
     *sak = buf[at];
