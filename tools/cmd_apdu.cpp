@@ -58,32 +58,6 @@ std::string hex(const uint8_t *p, size_t n)
     return s;
 }
 
-// With the built-in simulated reader, the reader talks to the first card in the field: cards ahead of the
-// first ISO 14443-4 card (which also stands for the contact card) leave the field for this session.
-void bring_iso_card_forward(zsim *sim)
-{
-    char list[4096] = {};
-    if (zsim_command(sim, "list", list, sizeof list) != 0)
-        return;
-    std::vector<std::string> ahead;
-    const char *line = list;
-    while (*line) {
-        const char *end = std::strchr(line, '\n');
-        const std::string l(line, end ? static_cast<size_t>(end - line) : std::strlen(line));
-        if (l.size() > 11 && l.compare(l.size() - 11, 11, " iso14443_4") == 0) {
-            for (const auto &uid : ahead) {
-                char out[128];
-                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
-            }
-            return;
-        }
-        ahead.push_back(l.substr(0, l.find(' ')));
-        if (!end)
-            break;
-        line = end + 1;
-    }
-}
-
 struct Run {
     const tandro::Options &opt;
     ZEL_HANDLE hnd;
@@ -169,7 +143,9 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
     if (!session.open("apdu", opt))
         return 1;
     if (session.sim())
-        bring_iso_card_forward(session.sim());
+        // The reader talks to the first card in the field: the ISO 14443-4 card (which also stands for the
+        // contact card) comes first for this session.
+        tandro::bring_forward(session.sim(), "iso14443_4");
     ZEL_HANDLE hnd = session.hnd();
 
     // The interface: the contactless card at level 4, or the contact card.

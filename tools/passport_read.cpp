@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cards/passport.h"
+#include "tools/session.h"
 #include "zelsim.h"
 
 const char tandro::kSimulatedMrz[] =
@@ -18,25 +19,7 @@ const char tandro::kSimulatedMrz[] =
 // Removes the cards in front of the simulated passport, so that it is the card the reader activates.
 void tandro::bring_passport_forward(zsim *sim)
 {
-    char list[4096] = {};
-    if (zsim_command(sim, "list", list, sizeof list) != 0)
-        return;
-    std::vector<std::string> ahead;
-    for (const char *line = list; *line;) {
-        const char *end = std::strchr(line, '\n');
-        const std::string l(line, end ? size_t(end - line) : std::strlen(line));
-        if (l.size() > 9 && l.compare(l.size() - 9, 9, " passport") == 0) {
-            for (const auto &uid : ahead) {
-                char out[128];
-                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
-            }
-            return;
-        }
-        ahead.push_back(l.substr(0, l.find(' ')));
-        if (!end)
-            break;
-        line = end + 1;
-    }
+    bring_forward(sim, "passport");
 }
 
 tandro::SimCscaFolder::SimCscaFolder()

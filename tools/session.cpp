@@ -2,10 +2,37 @@
 #include "tools/session.h"
 
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
 #include "zelsim.h"
 
 namespace tandro {
+
+void bring_forward(zsim *sim, const char *model_prefix)
+{
+    char list[4096] = {};
+    if (!sim || zsim_command(sim, "list", list, sizeof list) != 0)
+        return;
+    // One line a card, its model name last.
+    std::vector<std::string> ahead;
+    for (const char *line = list; *line;) {
+        const char *end = std::strchr(line, '\n');
+        const std::string l(line, end ? static_cast<size_t>(end - line) : std::strlen(line));
+        const size_t space = l.rfind(' ');
+        if (space != std::string::npos && l.compare(space + 1, std::strlen(model_prefix), model_prefix) == 0) {
+            for (const auto &uid : ahead) {
+                char out[128];
+                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
+            }
+            return;
+        }
+        ahead.push_back(l.substr(0, l.find(' ')));
+        if (!end)
+            break;
+        line = end + 1;
+    }
+}
 
 const char *default_sim_scenario()
 {

@@ -15,6 +15,10 @@ namespace tandro {
 // family the simulator models has one card here, so that each command has something to work on.
 const char *default_sim_scenario();
 
+// Takes the cards in front of the first one whose model name begins with model_prefix out of the simulated
+// field, so that this card answers the commands that follow. Does nothing when no card matches.
+void bring_forward(zsim *sim, const char *model_prefix);
+
 class ReaderSession {
 public:
     ReaderSession() = default;
