@@ -1,4 +1,5 @@
 // The card's side of ISO 7816-4: APDU cases, the application host and the generic test application.
+#include <algorithm>
 #include <cstring>
 
 #include "iso7816.h"
@@ -153,7 +154,7 @@ public:
     {
         for (size_t i = 0; i < size; ++i)
             file_[i] = static_cast<uint8_t>((i & 0xFF) ^ (i >> 8));
-        std::memcpy(file_.data(), head.data(), head.size() < size ? head.size() : size);
+        std::copy_n(head.begin(), head.size() < size ? head.size() : size, file_.begin());
     }
 
     RApdu select(const Apdu &) override

@@ -18,7 +18,7 @@ const char *NTAG = R"({
              "setup": {"counters": [5, 6, 7], "password": "C0FFEE11", "pack": "9A5B",
                        "signature": "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F",
                        "tt_message": "54414D50", "tt_status": "43",
-                       "pages": [{"page": 43, "data": "08050000"}]}}]
+                       "pages": [{"page": 42, "data": "08050000"}]}}]
 })";
 
 const uint8_t FACTORY[16] = {0x49, 0x45, 0x4D, 0x4B, 0x41, 0x45, 0x52, 0x42,

@@ -26,7 +26,7 @@ struct TagKind {
     unsigned user_pages;
     uint8_t cc_size;     // byte 2 of the capability container; 0 leaves page 3 blank
     uint8_t version[8];  // GET_VERSION; a header byte of 0xFF marks a tag without it
-    unsigned cfg_page;   // first configuration page after the user area (0: none)
+    unsigned cfg_page;   // CFG0, the first configuration page (0: none); CFG1, PWD and PACK follow it
 };
 
 const TagKind ULTRALIGHT = {"ultralight", 16, 12, 0, {0xFF}, 0};
@@ -64,13 +64,15 @@ public:
             std::memcpy(m + 12, cc, 4);
         }
         if (k.cfg_page) {
-            // Dynamic lock bytes, then the configuration with its protection from AUTH0 0xFF (none).
+            // The dynamic lock bytes where the tag has them (between the user area and CFG0), then the
+            // configuration with its protection from AUTH0 0xFF (none), and the password as delivered.
             uint8_t *c = m + static_cast<size_t>(k.cfg_page) * 4;
-            c[3] = 0xBD;
-            c[4] = 0x04;
-            c[7] = 0xFF;
-            c[9] = 0x05;
-            std::memset(c + 12, 0xFF, 4);
+            if (k.cfg_page > 4 + k.user_pages)
+                c[-1] = 0xBD;
+            c[0] = 0x04;
+            c[3] = 0xFF;
+            c[5] = 0x05;
+            std::memset(c + 8, 0xFF, 4);
         }
         if (is_ulc())
             for (int i = 0; i < 16; ++i)
@@ -97,7 +99,7 @@ public:
         if (kind_.cfg_page)
             for (unsigned i = 0; i < 4; ++i) {
                 const unsigned p = (page + i) % kind_.pages;
-                if (p >= kind_.cfg_page + 3)
+                if (p >= kind_.cfg_page + 2)
                     std::memset(out + 4 * i, 0, 4);
             }
         // So do the key pages of an Ultralight C.
@@ -145,9 +147,9 @@ public:
         if (!kind_.cfg_page)
             return ET2_NOT_SUPPORTED;
         const uint8_t *c = mem_.data() + static_cast<size_t>(kind_.cfg_page) * 4;
-        if (std::memcmp(c + 12, pwd, 4) != 0)
+        if (std::memcmp(c + 8, pwd, 4) != 0)
             return ET2_AUTH;
-        std::memcpy(pack, c + 16, 2);
+        std::memcpy(pack, c + 12, 2);
         pwd_ok_ = true;
         return 0;
     }
@@ -159,7 +161,7 @@ public:
         if (counter > 2)
             return ET2_NOT_SUPPORTED;
         // ACCESS bit 3: the NFC counter of an NTAG needs the password first.
-        if (kind_.version[2] == 0x04 && counter == 2 && (mem_[kind_.cfg_page * 4 + 8] & 0x08) && !pwd_ok_)
+        if (kind_.version[2] == 0x04 && counter == 2 && (mem_[kind_.cfg_page * 4 + 4] & 0x08) && !pwd_ok_)
             return ET2_AUTH;
         value = counters_[counter];
         return 0;
@@ -277,11 +279,11 @@ private:
         if (!setup_hex(*cfg, "password", W, 4, false, b, given, err))
             return false;
         if (given && c)
-            std::memcpy(c + 12, b.data(), 4);
+            std::memcpy(c + 8, b.data(), 4);
         if (!setup_hex(*cfg, "pack", W, 2, false, b, given, err))
             return false;
         if (given && c)
-            std::memcpy(c + 16, b.data(), 2);
+            std::memcpy(c + 12, b.data(), 2);
         if (!setup_hex(*cfg, "signature", W, 32, false, b, given, err))
             return false;
         if (given)
