@@ -10,6 +10,7 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/cmd_block_common.h"
+#include "tools/ndef_print.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -99,7 +100,9 @@ bool text_record(const std::vector<uint8_t> &p, std::string &lang, std::string &
     return true;
 }
 
-int run_read(ZEL_HANDLE h, const tandro::Options &opt)
+} // namespace
+
+int tandro::print_ndef(ZEL_HANDLE h, bool json)
 {
     uint8_t messages = 0, records = 0, empty = 0, array[ZEL_NDEF_RECORD_ARRAY_LEN] = {};
     const ZEL_STATUS st = get_ndef_record_countM(h, &messages, &records, array, &empty);
@@ -110,7 +113,7 @@ int run_read(ZEL_HANDLE h, const tandro::Options &opt)
     std::vector<unsigned> from(messages + 2u, 0);
     for (unsigned m = messages; m >= 1; --m)
         from[m] = records_from(h, static_cast<uint8_t>(m), 255);
-    if (opt.json)
+    if (json)
         std::printf("{\"messages\": %u, \"empty_messages\": %u, \"records\": [", messages, empty);
     else
         std::printf("%u message(s), %u record(s), %u empty message(s)\n", messages, records, empty);
@@ -125,7 +128,7 @@ int run_read(ZEL_HANDLE h, const tandro::Options &opt)
             std::string lang, text;
             const bool is_text = rec.tnf == 1 && rec.type == "T" && text_record(rec.payload, lang, text);
             const std::string hex = tandro::to_hex(rec.payload.data(), rec.payload.size());
-            if (opt.json) {
+            if (json) {
                 std::printf("%s{\"message\": %u, \"record\": %u, \"tnf\": %u, \"type\": %s, \"id\": %s, \"payload\": \"%s\"",
                             first ? "" : ", ", m, r, rec.tnf, tandro::json_string(rec.type).c_str(),
                             tandro::json_string(rec.id).c_str(), hex.c_str());
@@ -150,10 +153,12 @@ int run_read(ZEL_HANDLE h, const tandro::Options &opt)
                 std::printf("  data  %s\n", hex.c_str());
         }
     }
-    if (opt.json)
+    if (json)
         std::printf("]}\n");
     return 0;
 }
+
+namespace {
 
 // The URI payload: the longest known prefix as its code, then the rest.
 std::vector<uint8_t> uri_payload(const std::string &uri)
@@ -275,7 +280,7 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &args)
         bring_ndef_tag_forward(session.sim());
     ZEL_HANDLE h = session.hnd();
     if (sub == "read")
-        return run_read(h, opt);
+        return tandro::print_ndef(h, opt.json);
     if (sub == "write")
         return run_write(h, opt, args);
     const ZEL_STATUS st = sub == "format" ? ndef_card_initializationM(h)
