@@ -3,6 +3,7 @@
 // its blocks cost. All state is process-wide: one thread at a time.
 #include <cstring>
 
+#include <immintrin.h>
 #include <openssl/evp.h>
 
 #include "zel_desfire_crypto.h"
@@ -42,6 +43,83 @@ uint32_t crc32_table[8][256];
 uint16_t crca_table[8][256];
 bool tables_ready = false;
 
+// CRC-32 over n bytes from a running value by table, eight bytes a step where it can.
+uint32_t crc32_table_run(uint32_t crc, const uint8_t *p, size_t n)
+{
+    while (n >= 8) {
+        const uint32_t lo = crc ^ (uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24);
+        crc = crc32_table[7][lo & 0xFF] ^ crc32_table[6][(lo >> 8) & 0xFF] ^ crc32_table[5][(lo >> 16) & 0xFF] ^
+              crc32_table[4][lo >> 24] ^ crc32_table[3][p[4]] ^ crc32_table[2][p[5]] ^ crc32_table[1][p[6]] ^
+              crc32_table[0][p[7]];
+        p += 8;
+        n -= 8;
+    }
+    while (n--)
+        crc = (crc >> 8) ^ crc32_table[0][(crc ^ *p++) & 0xFF];
+    return crc;
+}
+
+// CRC_A the same way: the 16-bit register meets the first two bytes of each step.
+uint16_t crca_table_run(uint16_t crc, const uint8_t *p, size_t n)
+{
+    while (n >= 8) {
+        const uint32_t x = crc ^ (uint32_t(p[0]) | uint32_t(p[1]) << 8);
+        crc = static_cast<uint16_t>(crca_table[7][x & 0xFF] ^ crca_table[6][x >> 8] ^ crca_table[5][p[2]] ^
+                                    crca_table[4][p[3]] ^ crca_table[3][p[4]] ^ crca_table[2][p[5]] ^
+                                    crca_table[1][p[6]] ^ crca_table[0][p[7]]);
+        p += 8;
+        n -= 8;
+    }
+    while (n--)
+        crc = static_cast<uint16_t>((crc >> 8) ^ crca_table[0][(crc ^ *p++) & 0xFF]);
+    return crc;
+}
+
+// Folding with carry-less multiplication, for the processors that have it. Both CRCs are reflected: a
+// 16-byte chunk loaded little endian holds its first (highest) coefficient in bit 0. A chunk A followed by
+// 128 more bits is congruent, modulo the polynomial, to the chunk
+//   clmul(A.low, k_low) ^ clmul(A.high, k_high)
+// where k_low and k_high are x^160 and x^96 modulo the polynomial, bit-reversed over 33 bits. What stays
+// after the last fold is a 16-byte chunk with the same CRC (from zero) as all the chunks before it, which
+// the table finishes together with the tail. The start value goes into the first bytes beforehand.
+struct Fold {
+    uint64_t k_low, k_high;
+};
+Fold crc32_fold, crca_fold;
+bool have_clmul = false;
+
+// x^e modulo the polynomial poly of degree w (in the usual, unreflected order), bit-reversed over 33 bits.
+uint64_t fold_constant(unsigned e, uint64_t poly, unsigned w)
+{
+    uint64_t r = 1;
+    for (unsigned i = 0; i < e; ++i) {
+        r <<= 1;
+        if (r >> w & 1)
+            r ^= poly;
+    }
+    uint64_t c = 0;
+    for (unsigned d = 0; d < w; ++d)
+        if (r >> d & 1)
+            c |= uint64_t{1} << (32 - d);
+    return c;
+}
+
+__attribute__((target("pclmul,sse2"))) void fold_chunks(uint32_t start, const uint8_t *p, size_t blocks, Fold k,
+                                                         uint8_t out[16])
+{
+    __m128i x = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)),
+                              _mm_cvtsi32_si128(static_cast<int>(start)));
+    const __m128i kk = _mm_set_epi64x(static_cast<long long>(k.k_high), static_cast<long long>(k.k_low));
+    for (size_t b = 1; b < blocks; ++b) {
+        const __m128i lo = _mm_clmulepi64_si128(x, kk, 0x00);
+        const __m128i hi = _mm_clmulepi64_si128(x, kk, 0x11);
+        x = _mm_xor_si128(_mm_xor_si128(lo, hi), _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * b)));
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(out), x);
+}
+
+constexpr size_t kFoldFrom = 32; // shorter runs cost less by table
+
 void make_tables()
 {
     if (tables_ready)
@@ -63,41 +141,36 @@ void make_tables()
         for (int t = 1; t < 8; ++t)
             crca_table[t][i] =
                 static_cast<uint16_t>((crca_table[t - 1][i] >> 8) ^ crca_table[0][crca_table[t - 1][i] & 0xFF]);
+    crc32_fold = {fold_constant(160, 0x104C11DB7u, 32), fold_constant(96, 0x104C11DB7u, 32)};
+    crca_fold = {fold_constant(160, 0x11021u, 16), fold_constant(96, 0x11021u, 16)};
+    __builtin_cpu_init();
+    have_clmul = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse2");
     tables_ready = true;
 }
 
-// CRC-32 over n bytes from a running value, eight bytes a step where it can.
+// CRC-32 over n bytes from a running value.
 uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n)
 {
     make_tables();
-    while (n >= 8) {
-        const uint32_t lo = crc ^ (uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24);
-        crc = crc32_table[7][lo & 0xFF] ^ crc32_table[6][(lo >> 8) & 0xFF] ^ crc32_table[5][(lo >> 16) & 0xFF] ^
-              crc32_table[4][lo >> 24] ^ crc32_table[3][p[4]] ^ crc32_table[2][p[5]] ^ crc32_table[1][p[6]] ^
-              crc32_table[0][p[7]];
-        p += 8;
-        n -= 8;
+    if (have_clmul && n >= kFoldFrom) {
+        uint8_t folded[16];
+        const size_t blocks = n / 16;
+        fold_chunks(crc, p, blocks, crc32_fold, folded);
+        return crc32_table_run(crc32_table_run(0, folded, 16), p + 16 * blocks, n - 16 * blocks);
     }
-    while (n--)
-        crc = (crc >> 8) ^ crc32_table[0][(crc ^ *p++) & 0xFF];
-    return crc;
+    return crc32_table_run(crc, p, n);
 }
 
-// CRC_A the same way: the 16-bit register meets the first two bytes of each step.
 uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n)
 {
     make_tables();
-    while (n >= 8) {
-        const uint32_t x = crc ^ (uint32_t(p[0]) | uint32_t(p[1]) << 8);
-        crc = static_cast<uint16_t>(crca_table[7][x & 0xFF] ^ crca_table[6][x >> 8] ^ crca_table[5][p[2]] ^
-                                    crca_table[4][p[3]] ^ crca_table[3][p[4]] ^ crca_table[2][p[5]] ^
-                                    crca_table[1][p[6]] ^ crca_table[0][p[7]]);
-        p += 8;
-        n -= 8;
+    if (have_clmul && n >= kFoldFrom) {
+        uint8_t folded[16];
+        const size_t blocks = n / 16;
+        fold_chunks(crc, p, blocks, crca_fold, folded);
+        return crca_table_run(crca_table_run(0, folded, 16), p + 16 * blocks, n - 16 * blocks);
     }
-    while (n--)
-        crc = static_cast<uint16_t>((crc >> 8) ^ crca_table[0][(crc ^ *p++) & 0xFF]);
-    return crc;
+    return crca_table_run(crc, p, n);
 }
 
 const uint8_t kZeroIv[16] = {};
