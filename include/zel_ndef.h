@@ -66,6 +66,43 @@ ZEL_DECLARE_FAMILY(ZEL_FAMILY_NDEF)
 ZEL_API ZEL_STATUS NDEF_ParseCC(const uint8_t *cc, uint8_t *version_major, uint8_t *version_minor,
                                 uint32_t *data_area_size, uint8_t *read_access, uint8_t *write_access);
 
+
+/* An NDEF message in a DESFire application, in the global and implementation forms only.
+ *   Zel_int_DesfireNDEFFormat        turns the card's all-zero DES master key into the all-zero AES key, formats
+ *                                    the card (with that AES key) and lays out application 000001 (AES, one key,
+ *                                    ISO id E110, name D2 76 00 00 85 01 01) with the capability container as
+ *                                    file 1 (ISO id E103) and the NDEF file as file 2 (ISO id E104) of
+ *                                    ndef_file_size bytes (0: the card's free memory less 32). Files are read
+ *                                    and written freely; with ndef_free_write set the read-and-write right is
+ *                                    key 0. A failed step gives ZEL_NDEF_CARD_FORMAT_ERROR;
+ *   Zel_int_DesfireWriteNDEFMessage  writes length bytes (the message behind its two-byte length) to the NDEF
+ *                                    file at 0; ZEL_NO_CARD without a card, ZEL_WRITING_ERROR when refused;
+ *   Zel_int_DesfireReadNDEFMessage   reads the NDEF file by ISO commands: the message without its length into
+ *                                    buffer, which must hold ZEL_DESFIRE_NDEF_MAX_MESSAGE bytes;
+ *   Zel_int_DesfireWriteNDEFPayload  writes a one-record message: a URI record with prefix code 0 and the text
+ *                                    (a C string) as it stands;
+ *   Zel_int_DesfireReadNDEFPayload   reads that record's text back, with a terminating 0, into a buffer of
+ *                                    ZEL_DESFIRE_NDEF_MAX_PAYLOAD + 1 bytes;
+ *   Zel_int_DesfireReadNDEFPayloadEx the same into a buffer of *payload_size bytes; *payload_size becomes the
+ *                                    record's payload length (the text and its terminating 0).
+ * The writers and readers try up to three times, 50 ms apart. */
+#define ZEL_DESFIRE_NDEF_MAX_MESSAGE 65535u
+#define ZEL_DESFIRE_NDEF_MAX_PAYLOAD 8192u
+
+#define ZEL_FAMILY_NDEF_DESFIRE(OP, OP0)                                                                          \
+    OP(ZEL_STATUS, Zel_int_DesfireNDEFFormat, (uint32_t ndef_file_size, uint8_t ndef_free_write),                 \
+       (ndef_file_size, ndef_free_write))                                                                         \
+    OP(ZEL_STATUS, Zel_int_DesfireWriteNDEFMessage, (const uint8_t *ndef_message, uint32_t ndef_message_length), \
+       (ndef_message, ndef_message_length))                                                                       \
+    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFMessage, (uint8_t *ndef_message, uint32_t *ndef_message_length),       \
+       (ndef_message, ndef_message_length))                                                                       \
+    OP(ZEL_STATUS, Zel_int_DesfireWriteNDEFPayload, (const char *payload), (payload))                            \
+    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFPayload, (char *payload), (payload))                                   \
+    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFPayloadEx, (char *payload, uint32_t *payload_size),                    \
+       (payload, payload_size))
+
+ZEL_DECLARE_FAMILY_NO_M(ZEL_FAMILY_NDEF_DESFIRE)
+
 #ifdef __cplusplus
 }
 #endif
