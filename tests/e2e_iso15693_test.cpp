@@ -11,10 +11,11 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// An ICODE tag of 40 blocks with its read and write passwords, and a reader that holds them at 3 and 4 (the
-// first four bytes of a key count).
+// An ICODE tag of 40 blocks with its read, write and privacy passwords, and a reader that holds them at 3, 4
+// and 5 (the first four bytes of a key count), and another password at 8.
 const char *ICODE = R"({
-  "reader": {"keys": [{"index": 3, "key": "0F0E0D0C0000"}, {"index": 4, "key": "A0A1A2A30000"}]},
+  "reader": {"keys": [{"index": 3, "key": "0F0E0D0C0000"}, {"index": 4, "key": "A0A1A2A30000"},
+                      {"index": 5, "key": "010203040000"}, {"index": 8, "key": "717273740000"}]},
   "cards": [{"uid": "E0040150A1B2C3D4", "sak": "00", "type": "50", "model": "iso15693",
              "setup": {"blocks": 40, "dsfid": "3C", "afi": "5A", "ic_reference": 1,
                        "block_data": [{"block": 2, "data": "CAFEBABE"}],
@@ -122,6 +123,31 @@ TEST_F(CardSimTest, Iso15693PasswordsAndPageProtection)
     EXPECT_EQ(icode_write_passwordM(hnd, ZEL_ICODE_PWD_READ, 3, 4), ZEL_AUTH_ERROR);
 }
 
+// The index forms reach the passwords through the reader's keys: each one succeeds with the keys holding the
+// tag's passwords and fails with another key in any of its places.
+TEST_F(CardSimTest, Iso15693IndexFormsUseTheReaderKeys)
+{
+    start(ICODE);
+    Info i;
+    EXPECT_EQ(iso15693_get_system_informationM(hnd, 3, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic), ZEL_AUTH_ERROR);
+    ASSERT_EQ(iso15693_get_system_informationM(hnd, 5, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic), ZEL_OK);
+    EXPECT_EQ(i.size, 40 * 4);
+    // Low page read-protected below block 16.
+    EXPECT_EQ(icode_protect_pageM(hnd, 4, 3, 16, 1, 0, 0, 0), ZEL_AUTH_ERROR);
+    ASSERT_EQ(icode_protect_pageM(hnd, 3, 4, 16, 1, 0, 0, 0), ZEL_OK);
+    uint8_t b[16];
+    EXPECT_NE(BlockReadM(hnd, b, 2, 0x60, 0), ZEL_OK);
+    EXPECT_EQ(BlockReadM(hnd, b, 16, 0x60, 0), ZEL_OK);
+    // The read password moves from key 3's value to key 8's; the locks follow it.
+    EXPECT_EQ(icode_write_passwordM(hnd, ZEL_ICODE_PWD_READ, 8, 3), ZEL_AUTH_ERROR);
+    ASSERT_EQ(icode_write_passwordM(hnd, ZEL_ICODE_PWD_READ, 3, 8), ZEL_OK);
+    EXPECT_EQ(icode_lock_blockM(hnd, 3, 4, 9), ZEL_AUTH_ERROR);
+    ASSERT_EQ(icode_lock_blockM(hnd, 8, 4, 9), ZEL_OK);
+    uint8_t st[256] = {};
+    ASSERT_EQ(iso15693_get_multiply_block_security_statusM(hnd, 9, 0, st), ZEL_OK);
+    EXPECT_EQ(st[0], 0x01);
+}
+
 TEST_F(CardSimTest, Em4237ProtectionAndRandomId)
 {
     start(EM);
@@ -151,6 +177,7 @@ TEST_F(CardSimTest, Em4237ProtectionAndRandomId)
     EXPECT_EQ(Bytes(after.uid, after.uid + 2), Bytes(before.uid, before.uid + 2));
     EXPECT_NE(Bytes(after.uid, after.uid + 8), Bytes(before.uid, before.uid + 8));
     EXPECT_EQ(em4237_enable_RID_M(hnd, 31), ZEL_AUTH_ERROR);
+    EXPECT_EQ(em4237_enable_RID_M(hnd, 9), ZEL_OK);
 }
 
 // A card that is not a vicinity tag, and an empty field.

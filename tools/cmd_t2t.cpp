@@ -12,7 +12,8 @@
 
 namespace {
 
-const char *USAGE = "[--uid HEX] [info | counter N | increment N BY | nfc-counter [PWD PACK] | auth PWD]";
+const char *USAGE = "[--uid HEX] [info | counter N | increment N BY | nfc-counter [PWD PACK] | auth PWD | "
+                    "auth-key INDEX | ulc-auth KEY | ulc-key NEW (OLD | factory | no-auth)]";
 
 int fail(ZEL_STATUS st)
 {
@@ -20,47 +21,114 @@ int fail(ZEL_STATUS st)
     return 1;
 }
 
-int info(ZEL_HANDLE h, bool json)
+// The product a GET_VERSION answer names: the product type (byte 2) and the storage size byte (byte 6).
+std::string product(const uint8_t v[8])
 {
+    static const struct {
+        uint8_t type, storage;
+        const char *name;
+    } known[] = {
+        {0x03, 0x0B, "Ultralight EV1, 48 bytes"}, {0x03, 0x0E, "Ultralight EV1, 128 bytes"},
+        {0x04, 0x0B, "NTAG 210"},                 {0x04, 0x0E, "NTAG 212"},
+        {0x04, 0x0F, "NTAG 213"},                 {0x04, 0x11, "NTAG 215"},
+        {0x04, 0x13, "NTAG 216"},
+    };
+    for (const auto &k : known)
+        if (v[2] == k.type && v[6] == k.storage)
+            return k.name;
+    // The storage byte: 2^n bytes of user memory, or between 2^n and 2^(n+1) when its low bit is set.
+    const unsigned n = v[6] >> 1;
+    char text[80];
+    if (n < 16)
+        std::snprintf(text, sizeof text, "product type 0x%02X, %s%u bytes", v[2], v[6] & 1 ? "over " : "", 1u << n);
+    else
+        std::snprintf(text, sizeof text, "product type 0x%02X", v[2]);
+    return text;
+}
+
+// The tag-tamper status byte as the tag reports it.
+const char *tamper_state(uint8_t status)
+{
+    switch (status) {
+    case 'C': return "closed";
+    case 'O': return "open";
+    case 'I': return "invalid";
+    default: return "unknown";
+    }
+}
+
+struct Info {
     uint8_t version[8] = {};
-    const ZEL_STATUS ver_st = GetNfcT2TVersionM(h, version);
+    ZEL_STATUS ver_st = ZEL_OK;
     uint32_t counters[3] = {};
-    ZEL_STATUS cnt_st[3];
-    for (uint8_t i = 0; i < 3; ++i)
-        cnt_st[i] = ReadCounterM(h, i, &counters[i]);
+    ZEL_STATUS cnt_st[3] = {};
     uint8_t sig[ZEL_ECC_SIGNATURE_LEN] = {}, uid[ZEL_UID_MAX_LEN] = {}, uid_len = 0, type = 0;
-    const ZEL_STATUS sig_st = ReadECCSignatureM(h, sig, uid, &uid_len, &type);
+    ZEL_STATUS sig_st = ZEL_OK;
     uint8_t tt[4] = {}, tt_status = 0;
-    const ZEL_STATUS tt_st = ReadTTStatusM(h, tt, &tt_status);
-    if (json) {
-        std::printf("{");
-        std::printf("\"version\": %s", ver_st == ZEL_OK ? ("\"" + tandro::to_hex(version, 8) + "\"").c_str() : "null");
-        std::printf(", \"counters\": [");
-        for (int i = 0; i < 3; ++i)
-            std::printf(i ? ", %s" : "%s", cnt_st[i] == ZEL_OK ? std::to_string(counters[i]).c_str() : "null");
-        std::printf("]");
-        if (sig_st == ZEL_OK)
-            std::printf(", \"signature\": \"%s\", \"uid\": \"%s\"", tandro::to_hex(sig, sizeof sig).c_str(),
-                        tandro::to_hex(uid, uid_len).c_str());
-        else
-            std::printf(", \"signature\": null");
-        if (tt_st == ZEL_OK)
-            std::printf(", \"tt_message\": \"%s\", \"tt_status\": %u", tandro::to_hex(tt, 4).c_str(), tt_status);
-        std::printf("}\n");
-        return 0;
+    ZEL_STATUS tt_st = ZEL_OK;
+
+    void read(ZEL_HANDLE h)
+    {
+        ver_st = GetNfcT2TVersionM(h, version);
+        for (uint8_t i = 0; i < 3; ++i)
+            cnt_st[i] = ReadCounterM(h, i, &counters[i]);
+        sig_st = ReadECCSignatureM(h, sig, uid, &uid_len, &type);
+        if (uid_len > ZEL_UID_MAX_LEN)
+            uid_len = ZEL_UID_MAX_LEN;
+        tt_st = ReadTTStatusM(h, tt, &tt_status);
     }
-    std::printf("%-12s%s\n", "version", ver_st == ZEL_OK ? tandro::to_hex(version, 8).c_str() : ZEL_Status2String(ver_st));
-    for (int i = 0; i < 3; ++i) {
-        const std::string name = "counter " + std::to_string(i);
-        if (cnt_st[i] == ZEL_OK)
-            std::printf("%-12s%u\n", name.c_str(), counters[i]);
-        else
-            std::printf("%-12s%s\n", name.c_str(), ZEL_Status2String(cnt_st[i]));
+};
+
+void print_json(const Info &i, const std::vector<uint8_t> &picked)
+{
+    std::printf("{\"uid\": \"%s\"", tandro::to_hex(picked.data(), picked.size()).c_str());
+    if (i.sig_st == ZEL_OK)
+        std::printf(", \"card_type\": %s", tandro::json_string(ZEL_OrbCardType2String(i.type)).c_str());
+    if (i.ver_st == ZEL_OK)
+        std::printf(", \"version\": \"%s\", \"product\": %s", tandro::to_hex(i.version, 8).c_str(),
+                    tandro::json_string(product(i.version)).c_str());
+    else
+        std::printf(", \"version\": null");
+    std::printf(", \"counters\": [");
+    for (int c = 0; c < 3; ++c)
+        std::printf(c ? ", %s" : "%s", i.cnt_st[c] == ZEL_OK ? std::to_string(i.counters[c]).c_str() : "null");
+    std::printf("]");
+    if (i.sig_st == ZEL_OK)
+        std::printf(", \"signature\": \"%s\", \"signed_uid\": \"%s\"", tandro::to_hex(i.sig, sizeof i.sig).c_str(),
+                    tandro::to_hex(i.uid, i.uid_len).c_str());
+    else
+        std::printf(", \"signature\": null");
+    if (i.tt_st == ZEL_OK)
+        std::printf(", \"tamper\": {\"message\": \"%s\", \"status\": %u, \"state\": \"%s\"}",
+                    tandro::to_hex(i.tt, 4).c_str(), i.tt_status, tamper_state(i.tt_status));
+    std::printf("}\n");
+}
+
+void print_text(const Info &i, const std::vector<uint8_t> &picked)
+{
+    auto line = [](const char *name, const std::string &value) { std::printf("%-12s%s\n", name, value.c_str()); };
+    line("uid", tandro::to_hex(picked.data(), picked.size()));
+    if (i.sig_st == ZEL_OK)
+        line("card type", ZEL_OrbCardType2String(i.type));
+    line("version", i.ver_st == ZEL_OK ? tandro::to_hex(i.version, 8) + " (" + product(i.version) + ")"
+                                       : ZEL_Status2String(i.ver_st));
+    for (int c = 0; c < 3; ++c) {
+        const std::string name = "counter " + std::to_string(c);
+        line(name.c_str(), i.cnt_st[c] == ZEL_OK ? std::to_string(i.counters[c]) : ZEL_Status2String(i.cnt_st[c]));
     }
-    std::printf("%-12s%s\n", "signature", sig_st == ZEL_OK ? tandro::to_hex(sig, sizeof sig).c_str() : ZEL_Status2String(sig_st));
-    if (tt_st == ZEL_OK)
-        std::printf("%-12s%s, status 0x%02X\n", "tag tamper", tandro::to_hex(tt, 4).c_str(), tt_status);
-    return 0;
+    if (i.sig_st == ZEL_OK) {
+        // The signature in its two halves, r and s, of 16 bytes each.
+        line("signature", tandro::to_hex(i.sig, 16));
+        line("", tandro::to_hex(i.sig + 16, 16));
+    } else {
+        line("signature", ZEL_Status2String(i.sig_st));
+    }
+    if (i.tt_st == ZEL_OK) {
+        char status[64];
+        std::snprintf(status, sizeof status, "%s, status 0x%02X (%s)", tandro::to_hex(i.tt, 4).c_str(), i.tt_status,
+                      tamper_state(i.tt_status));
+        line("tag tamper", status);
+    }
 }
 
 int run_t2t(const tandro::Options &opt, const tandro::Args &all)
@@ -77,6 +145,23 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
     }
     const std::string what = args.empty() ? "info" : args[0];
     const size_t n = args.size();
+    // The arguments are checked before the reader is reached.
+    uint32_t a = 0, b = 0;
+    std::vector<uint8_t> p1, p2;
+    const bool ok = (what == "info" && n <= 1) ||
+                    (what == "counter" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
+                    (what == "increment" && n == 3 && tandro::parse_u32(args[1], &a) && a < 256 &&
+                     tandro::parse_u32(args[2], &b)) ||
+                    (what == "nfc-counter" && (n == 1 || (n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 4 &&
+                                                          tandro::parse_hex(args[2], p2) && p2.size() == 2))) ||
+                    (what == "auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 4) ||
+                    (what == "auth-key" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
+                    (what == "ulc-auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 16) ||
+                    (what == "ulc-key" && n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 16 &&
+                     (args[2] == "factory" || args[2] == "no-auth" ||
+                      (tandro::parse_hex(args[2], p2) && p2.size() == 16)));
+    if (!ok)
+        return tandro::usage_error("t2t", std::string("usage: tandro t2t ") + USAGE);
     tandro::ReaderSession session;
     if (!session.open("t2t", opt))
         return 1;
@@ -86,41 +171,78 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
     ZEL_STATUS st = pick.pick(want_uid, [](const uint8_t *, uint8_t, uint8_t type) { return type >= 1 && type <= 0x15; });
     if (st != ZEL_OK)
         return fail(st);
-    uint32_t a = 0, b = 0;
-    std::vector<uint8_t> p1, p2;
-    if (what == "info" && n <= 1)
-        return info(h, opt.json);
-    if (what == "counter" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) {
-        uint32_t v = 0;
-        if ((st = ReadCounterM(h, static_cast<uint8_t>(a), &v)) != ZEL_OK)
-            return fail(st);
-        std::printf("%u\n", v);
+    if (what == "info") {
+        Info i;
+        i.read(h);
+        if (opt.json)
+            print_json(i, pick.uid());
+        else
+            print_text(i, pick.uid());
         return 0;
     }
-    if (what == "increment" && n == 3 && tandro::parse_u32(args[1], &a) && a < 256 && tandro::parse_u32(args[2], &b)) {
+    if (what == "counter" || what == "nfc-counter") {
+        uint32_t v = 0;
+        if (what == "counter")
+            st = ReadCounterM(h, static_cast<uint8_t>(a), &v);
+        else if (n == 3) {
+            p1.insert(p1.end(), p2.begin(), p2.end());
+            st = ReadNFCCounterPwdAuth_PKM(h, &v, p1.data());
+        } else {
+            st = ReadNFCCounterM(h, &v);
+        }
+        if (st != ZEL_OK)
+            return fail(st);
+        const unsigned counter = what == "counter" ? a : 2;
+        if (opt.json)
+            std::printf("{\"counter\": %u, \"value\": %u}\n", counter, v);
+        else
+            std::printf("counter %u: %u\n", counter, v);
+        return 0;
+    }
+    if (what == "increment") {
         if ((st = IncrementCounterM(h, static_cast<uint8_t>(a), b)) != ZEL_OK)
             return fail(st);
-        std::printf("counter %u: +%u\n", a, b);
-        return 0;
-    }
-    if (what == "nfc-counter" && (n == 1 || (n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 4 &&
-                                             tandro::parse_hex(args[2], p2) && p2.size() == 2))) {
         uint32_t v = 0;
-        if (n == 3)
-            p1.insert(p1.end(), p2.begin(), p2.end());
-        if ((st = n == 3 ? ReadNFCCounterPwdAuth_PKM(h, &v, p1.data()) : ReadNFCCounterM(h, &v)) != ZEL_OK)
-            return fail(st);
-        std::printf("%u\n", v);
+        const bool read_back = ReadCounterM(h, static_cast<uint8_t>(a), &v) == ZEL_OK;
+        if (opt.json)
+            std::printf("{\"counter\": %u, \"increment\": %u, \"value\": %s}\n", a, b,
+                        read_back ? std::to_string(v).c_str() : "null");
+        else if (read_back)
+            std::printf("counter %u: +%u, now %u\n", a, b, v);
+        else
+            std::printf("counter %u: +%u\n", a, b);
         return 0;
     }
-    if (what == "auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 4) {
-        uint8_t pack[2] = {};
-        if ((st = T2T_PwdAuth_PKM(h, p1.data(), pack)) != ZEL_OK)
+    if (what == "ulc-auth" || what == "ulc-key") {
+        // Ultralight C keys are 16 bytes, k0 first.
+        if (what == "ulc-auth")
+            st = UlcAuth_PKM(h, p1.data());
+        else if (args[2] == "factory")
+            st = ULC_write_3des_key_factory_keyM(h, p1.data());
+        else if (args[2] == "no-auth")
+            st = ULC_write_3des_key_no_authM(h, p1.data());
+        else
+            st = ULC_write_3des_keyM(h, p1.data(), p2.data());
+        if (st != ZEL_OK)
             return fail(st);
-        std::printf("PACK %s\n", tandro::to_hex(pack, 2).c_str());
+        const char *text = what == "ulc-auth" ? "key accepted" : "key written";
+        if (opt.json)
+            std::printf("{\"uid\": \"%s\", \"result\": \"%s\"}\n",
+                        tandro::to_hex(pick.uid().data(), pick.uid().size()).c_str(), text);
+        else
+            std::printf("%s\n", text);
         return 0;
     }
-    return tandro::usage_error("t2t", std::string("usage: tandro t2t ") + USAGE);
+    // auth, auth-key
+    uint8_t pack[2] = {};
+    st = what == "auth" ? T2T_PwdAuth_PKM(h, p1.data(), pack) : T2T_PwdAuthM(h, static_cast<uint8_t>(a), pack);
+    if (st != ZEL_OK)
+        return fail(st);
+    if (opt.json)
+        std::printf("{\"pack\": \"%s\"}\n", tandro::to_hex(pack, 2).c_str());
+    else
+        std::printf("password accepted, PACK %s\n", tandro::to_hex(pack, 2).c_str());
+    return 0;
 }
 
 const tandro::Registration t2t_cmd({"t2t", USAGE,
