@@ -7,6 +7,7 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/cmd_block_common.h"
+#include "tools/ndef_print.h"
 #include "tools/passport_read.h"
 #include "tools/session.h"
 #include "zelsim.h"
@@ -83,6 +84,18 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         zsim_card_remove(sim, uid, uid_len);
     } else {
         step_failed("the card at the front", st);
+    }
+
+    // Next at the front: the NTAG with its NDEF message, a URI record.
+    tandro::bring_forward(sim, "ntag21");
+    st = GetCardIdEx(&sak, uid, &uid_len);
+    if (st == ZEL_OK) {
+        if (!json)
+            std::printf("\nNDEF message of %s %s\n", front_card_name(), tandro::to_hex(uid, uid_len).c_str());
+        rc |= tandro::print_ndef(hnd, json);
+        zsim_card_remove(sim, uid, uid_len);
+    } else {
+        step_failed("the NTAG", st);
     }
 
     // Last: the passport, read over BAC with its MRZ and validated against the simulated CSCA.
