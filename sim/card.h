@@ -15,6 +15,7 @@
 namespace zs {
 
 struct Json;
+class Iso14443Card;
 
 // Memory cards. The reader runs the card protocol itself (authentication, reads, writes, value operations)
 // and reaches a card's memory through one of these two interfaces. Authentication is a key comparison here:
@@ -103,6 +104,8 @@ public:
     // The memory the reader reaches with its block, linear and value commands; null for other cards.
     virtual SectorMemory *sector_memory() { return nullptr; }
     virtual PageMemory *page_memory() { return nullptr; }
+    // A card that is not an ISO 14443-4 model but also speaks it: the part that answers level-4 commands.
+    virtual Iso14443Card *level4_view() { return nullptr; }
 
 private:
     zsim_card id_;

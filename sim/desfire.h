@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "card.h"
+#include "iso7816.h"
 
 namespace zs {
 
@@ -89,9 +90,14 @@ class DesfireCard final : public Card {
 public:
     DesfireCard(const zsim_card &id, const DfSetup &setup);
     const char *model() const override { return "desfire"; }
-    // Every frame a DESFire card gets is the reader's DESFire engine's (desfire_reader.cpp).
-    bool wants_ext(const uint8_t *) const override { return false; }
-    bool command(const uint8_t *, const uint8_t *, size_t, std::vector<uint8_t> &) override { return false; }
+    // The reader's DESFire engine (desfire_reader.cpp) runs the native commands; the level-4 commands reach
+    // the card's ISO view (cards/desfire_iso.cpp).
+    bool wants_ext(const uint8_t *f) const override { return iso_ && iso_->wants_ext(f); }
+    bool command(const uint8_t *f, const uint8_t *ext, size_t n, std::vector<uint8_t> &out) override
+    {
+        return iso_ && iso_->command(f, ext, n, out);
+    }
+    Iso14443Card *level4_view() override { return iso_.get(); }
 
     // One native command (command byte first); the answer's first byte is the status.
     std::vector<uint8_t> native(const uint8_t *cmd, size_t n);
@@ -130,7 +136,11 @@ private:
     uint8_t auth_step_ = 0, auth_kind_cmd_ = 0, auth_keyno_ = 0;
     std::vector<uint8_t> rndb_, auth_iv_;
     std::array<uint8_t, 16> reader_id_{};
+    std::unique_ptr<Iso14443Card> iso_;
 };
+
+// The ISO view of a DESFire card: its NDEF application by ISO commands.
+std::unique_ptr<Iso14443Card> make_desfire_iso_view(DesfireCard &card);
 
 // The reader's side, called from reader.cpp and session.cpp.
 struct Reader;

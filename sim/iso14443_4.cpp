@@ -376,7 +376,12 @@ namespace {
 
 Iso14443Card *iso_card(Reader &r)
 {
-    return r.cards.empty() ? nullptr : dynamic_cast<Iso14443Card *>(r.cards.front().get());
+    if (r.cards.empty())
+        return nullptr;
+    Card *front = r.cards.front().get();
+    if (auto *c = dynamic_cast<Iso14443Card *>(front))
+        return c;
+    return front->level4_view();
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // The DESFire NDEF calls end to end: the layout made on a simulated DESFire card by the reader's DESFire engine,
-// checked with the card's own reads, and the message read back by ISO commands from a simulated NDEF
-// application (a Type 4 tag), with lying lengths and small buffers.
+// checked with the card's own reads and read back by ISO commands through the card's ISO view; lying lengths
+// and small buffers on a simulated NDEF application (a Type 4 tag) whose file says what the test wants.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -100,6 +100,10 @@ TEST_F(NdefDesfire, FormatLaysOutTheNdefApplicationAndPayloadsGoToItsFile)
     const Bytes rec = short_uri("tandro.example/df");
     want.insert(want.end(), rec.begin(), rec.end());
     EXPECT_EQ(file(2, static_cast<uint16_t>(want.size())), want);
+    // The card's ISO view gives the same record back.
+    std::string text(ZEL_DESFIRE_NDEF_MAX_PAYLOAD + 1, '#');
+    ASSERT_EQ(Zel_int_DesfireReadNDEFPayloadHnd(hnd, text.data()), ZEL_OK);
+    EXPECT_STREQ(text.c_str(), "tandro.example/df");
 
     // A text of 300 bytes takes the four-byte length: C1 01 00 00 01 2D 55 00 text, NLEN 308.
     const std::string longer(300, 'x');
@@ -107,6 +111,8 @@ TEST_F(NdefDesfire, FormatLaysOutTheNdefApplicationAndPayloadsGoToItsFile)
     const Bytes head = file(2, 10);
     EXPECT_EQ(head, (Bytes{0x01, 0x34, 0xC1, 0x01, 0x00, 0x00, 0x01, 0x2D, 0x55, 0x00}));
     EXPECT_EQ(file(2, 310)[309], 'x');
+    ASSERT_EQ(Zel_int_DesfireReadNDEFPayloadHnd(hnd, text.data()), ZEL_OK);
+    EXPECT_EQ(std::string(text.c_str()), longer);
 
     // A message given whole lands at the file's start as it is.
     const Bytes msg{0x00, 0x03, 0xD0, 0x00, 0x00};

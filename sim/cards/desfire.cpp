@@ -93,6 +93,7 @@ DesfireCard::DesfireCard(const zsim_card &id, const DfSetup &setup) : Card(id), 
     picc_.kind = setup.master_kind;
     picc_.keys.resize(1);
     picc_.keys[0].bytes = setup.master_key;
+    iso_ = make_desfire_iso_view(*this);
 }
 
 void DesfireCard::deselect()
