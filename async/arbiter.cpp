@@ -31,6 +31,7 @@ constexpr auto kHold = std::chrono::milliseconds(100);
 constexpr auto kCallWaitLimit = std::chrono::seconds(5);    // an application call never waits longer
 constexpr auto kCommandWaitLimit = std::chrono::seconds(2); // nor the event thread for its command
 constexpr uint32_t kStoreLen = 256;
+constexpr int kRescueRounds = 16; // reads of waiting bytes a purge makes at most before it drops the rest
 
 struct Gate {
     std::mutex m;
@@ -208,25 +209,34 @@ void expect_reply(zel_handle_record *hnd)
         g.reply_next = true;
 }
 
-void rescue_before_purge(zel_handle_record *hnd)
+bool rescue_before_purge(zel_handle_record *hnd)
 {
     {
         Gate &g = gate();
         std::lock_guard<std::mutex> lock(g.m);
         g.reply_next = false;
     }
-    uint32_t waiting = 0;
-    if (port_available_raw(hnd, &waiting) != ZEL_OK || waiting == 0)
-        return;
-    uint8_t buf[kStoreLen];
-    uint32_t got = 0;
-    (void)port_read_raw(hnd, buf, waiting < sizeof buf ? waiting : sizeof buf, &got);
-    const uint32_t from = first_announcement(buf, got);
-    if (from < got) {
-        Gate &g = gate();
-        std::lock_guard<std::mutex> lock(g.m);
-        store_locked(g, buf + from, got - from);
+    // Everything that waits is read here, so the purge need not drop the input: an announcement that
+    // arrives while the purge runs stays on the line for the command's reply to bring (filter_reply). A
+    // flood that does not end within a few buffers is left to the purge.
+    for (int round = 0; round < kRescueRounds; ++round) {
+        uint32_t waiting = 0;
+        if (port_available_raw(hnd, &waiting) != ZEL_OK)
+            return false;
+        if (waiting == 0)
+            return true;
+        uint8_t buf[kStoreLen];
+        uint32_t got = 0;
+        if (port_read_raw(hnd, buf, waiting < sizeof buf ? waiting : sizeof buf, &got) != ZEL_OK)
+            return false;
+        const uint32_t from = first_announcement(buf, got);
+        if (from < got) {
+            Gate &g = gate();
+            std::lock_guard<std::mutex> lock(g.m);
+            store_locked(g, buf + from, got - from);
+        }
     }
+    return false;
 }
 
 ZEL_STATUS filter_reply(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got, ZEL_STATUS status)

@@ -62,8 +62,10 @@ void port_leave(zel_handle_record *hnd, int token);
 bool is_session_port(const zel_handle_record *hnd);
 // After a write on the session's record the next read is the start of the reader's reply.
 void expect_reply(zel_handle_record *hnd);
-// Inside a purge on the session's record: announcements waiting on the port are kept for the session.
-void rescue_before_purge(zel_handle_record *hnd);
+// Inside a purge on the session's record: what waits on the port is read and its announcements are kept
+// for the session. True when the input was read to its end, so that the purge drops only the output: an
+// announcement arriving meanwhile is not lost to the purge.
+bool rescue_before_purge(zel_handle_record *hnd);
 // Inside a read on the session's record: when the first read after a write starts with announcements (the
 // reader sent them just before its reply) they are taken out and kept for the session, and the read is
 // filled up from the port. got and the returned status are those the caller sees.

@@ -286,13 +286,31 @@ TEST_F(AsyncSessionTest, CommandsOnTheSameHandleStayIntactWhileCardsComeAndGo)
         }
     });
 
+    // However a wait below ends, the application thread is stopped and joined first.
+    struct StopApp {
+        std::atomic<bool> &done;
+        std::thread &app;
+        ~StopApp()
+        {
+            done.store(true);
+            if (app.joinable())
+                app.join();
+        }
+    } stop_app{done, app};
+    auto first_failure = [&] {
+        std::lock_guard<std::mutex> lock(fail_m);
+        return failures.empty() ? std::string("none") : std::to_string(failures.size()) + ", first " + failures.front();
+    };
+
     const int kCycles = 8;
     for (int i = 0; i < kCycles; ++i) {
         const zsim_card second = card({0xB0, 0xB1, 0xB2, static_cast<uint8_t>(i)}, ORB_MIFARE_CLASSIC_1K, 0x08);
         ASSERT_EQ(zsim_card_add(sim, &second), 0);
-        ASSERT_TRUE(rec().wait([&] { return rec().detected.size() == static_cast<size_t>(i) + 2; })) << "cycle " << i;
+        ASSERT_TRUE(rec().wait([&] { return rec().detected.size() == static_cast<size_t>(i) + 2; }))
+            << "cycle " << i << "; corrupted exchanges: " << first_failure();
         ASSERT_EQ(zsim_card_remove(sim, second.uid, second.uid_len), 0);
-        ASSERT_TRUE(rec().wait([&] { return rec().removed.size() == static_cast<size_t>(i) + 1; })) << "cycle " << i;
+        ASSERT_TRUE(rec().wait([&] { return rec().removed.size() == static_cast<size_t>(i) + 1; }))
+            << "cycle " << i << "; corrupted exchanges: " << first_failure();
     }
     done.store(true);
     app.join();

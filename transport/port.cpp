@@ -264,18 +264,22 @@ extern "C" ZEL_API ZEL_STATUS PortPurge(ZEL_HANDLE hnd)
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     PortGuard guard(hnd, zel::async::PortCall::purge);
-    if (guard.session())
-        zel::async::rescue_before_purge(hnd); // announcements waiting here are the session's, not stale
+    // During a session what waits is read instead of dropped (announcements are the session's, not stale);
+    // then only the output is purged, so that nothing arriving meanwhile is lost.
+    const bool input_read = guard.session() && zel::async::rescue_before_purge(hnd);
     switch (hnd->comm.use) {
     case ZEL_PORT_SERIAL: {
         const int fd = zel::com_fd(hnd);
-        hnd->com_rx_len = 0; // what was read ahead is stale too
+        if (!input_read)
+            hnd->com_rx_len = 0; // what was read ahead is stale too
         if (fd < 0)
             return ZEL_COMMAND_FAILED;
         // Asking whether a queue holds anything costs less than flushing it; mostly neither does.
         int in_queue = 0, out_queue = 0;
         if (ioctl(fd, FIONREAD, &in_queue) != 0 || ioctl(fd, TIOCOUTQ, &out_queue) != 0)
-            return tcflush(fd, TCIOFLUSH) == 0 ? ZEL_OK : ZEL_COMMAND_FAILED;
+            return tcflush(fd, input_read ? TCOFLUSH : TCIOFLUSH) == 0 ? ZEL_OK : ZEL_COMMAND_FAILED;
+        if (input_read)
+            in_queue = 0;
         const int which = in_queue && out_queue ? TCIOFLUSH : in_queue ? TCIFLUSH : out_queue ? TCOFLUSH : -1;
         if (which >= 0 && tcflush(fd, which) != 0)
             return ZEL_COMMAND_FAILED;
@@ -284,7 +288,8 @@ extern "C" ZEL_API ZEL_STATUS PortPurge(ZEL_HANDLE hnd)
     case ZEL_PORT_FTDI: {
         if (!ftdi_ready(hnd) || !zel::d2xx().FT_Purge)
             return ZEL_FTD2XX_DLL_NOT_FOUND;
-        const zel::FT_STATUS s = zel::d2xx().FT_Purge(hnd->ftHandle, zel::FT_PURGE_RX | zel::FT_PURGE_TX);
+        const zel::FT_STATUS s =
+            zel::d2xx().FT_Purge(hnd->ftHandle, input_read ? zel::FT_PURGE_TX : zel::FT_PURGE_RX | zel::FT_PURGE_TX);
         return s == zel::FT_OK ? ZEL_OK : ft_status(s);
     }
     case ZEL_PORT_SOCKET: udp_purge(hnd); return ZEL_OK;
