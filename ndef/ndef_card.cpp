@@ -416,8 +416,14 @@ ZEL_STATUS read_card_data(ZEL_HANDLE hnd, uint8_t type, uint8_t *img, uint32_t c
         if (size > cap)
             size = cap;
         uint16_t got = 0;
-        const ZEL_STATUS st = LinearReadHnd(hnd, img, is_iso15693(type) ? 4 : 0, static_cast<uint16_t>(size), &got,
-                                            ZEL_AUTH_KEY_A, 0);
+        ZEL_STATUS st = LinearReadHnd(hnd, img, is_iso15693(type) ? 4 : 0, static_cast<uint16_t>(size), &got,
+                                      ZEL_AUTH_KEY_A, 0);
+        // Vicinity tags often leave the factory with a container whose size counts the container's own four
+        // bytes: the area then ends four bytes sooner than the size says.
+        if (st == ZEL_MAX_ADDRESS_EXCEEDED && is_iso15693(type) && size > 4) {
+            size -= 4;
+            st = LinearReadHnd(hnd, img, 4, static_cast<uint16_t>(size), &got, ZEL_AUTH_KEY_A, 0);
+        }
         if (st != ZEL_OK)
             return st;
         len = got < size ? got : size;

@@ -69,3 +69,29 @@ TEST_F(NdefIso15693, GenericTagWithoutItsMemorySizeIsNotFormatted)
 }
 
 } // namespace
+
+namespace {
+
+// A factory container whose size counts its own four bytes (E1 40 0E on a tag of 112 bytes) still reads and
+// writes; a size beyond even that is the block layer's refusal.
+TEST_F(NdefIso15693, ContainerCountingItselfStillReads)
+{
+    start(vicinity("50", R"({"blocks": 28, "block_data": [{"block": 0, "data": "E1400E00"},)"
+                         R"( {"block": 1, "data": "0309D101"}, {"block": 2, "data": "05550474"},)"
+                         R"( {"block": 3, "data": "612E6FFE"}]})"));
+    Rec r;
+    ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
+    EXPECT_EQ(r.text(), "https://ta.o");
+    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enok")), ZEL_OK);
+    Count n;
+    ASSERT_EQ(count(hnd, n), ZEL_OK);
+    EXPECT_EQ(n.records, 2);
+    TearDown();
+    hnd = nullptr;
+    sim = nullptr;
+
+    start(vicinity("50", R"({"blocks": 28, "block_data": [{"block": 0, "data": "E1401000"}, {"block": 1, "data": "0300FE00"}]})"));
+    EXPECT_EQ(count(hnd, n), ZEL_MAX_ADDRESS_EXCEEDED);
+}
+
+} // namespace
