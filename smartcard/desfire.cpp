@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include "core/frame.h"
+#include "core/internal.h"
+#include "transport/serial.h"
 #include "tandro.h"
 
 namespace zel::desfire {
@@ -150,6 +152,64 @@ ZEL_STATUS plain_op(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uin
     return ZEL_PARAMETERS_ERROR;
 }
 
+bool read_stream(MoreFn more, void *ctx, StreamBuf &sb, uint8_t *out, uint32_t cap, uint32_t *got, bool *overflow)
+{
+    // Makes k bytes lie at sb.at (k at most the buffer's size); false when the source runs dry first.
+    auto need = [&](uint32_t k) {
+        if (sb.end - sb.at >= k)
+            return true;
+        if (sb.cap - sb.at < k) {
+            std::memmove(sb.buf, sb.buf + sb.at, sb.end - sb.at);
+            sb.end -= sb.at;
+            sb.at = 0;
+        }
+        while (sb.end - sb.at < k) {
+            const uint32_t n = more(ctx, sb.buf + sb.end, sb.cap - sb.end);
+            if (n == 0 || n > sb.cap - sb.end)
+                return false;
+            sb.end += n;
+        }
+        return true;
+    };
+    // Every piece costs two bytes at least: a reader that never ends is cut off.
+    for (uint32_t pieces = 0; pieces < cap + 1024; ++pieces) {
+        if (!need(1))
+            return false;
+        if (sb.buf[sb.at++] != 0)
+            return true;
+        if (!need(1))
+            return false;
+        const uint8_t len = sb.buf[sb.at++];
+        if (!need(len))
+            return false;
+        if (len > cap - *got || !out) {
+            *overflow = *overflow || len;
+        } else {
+            std::memcpy(out + *got, sb.buf + sb.at, len);
+            *got += len;
+        }
+        sb.at += len;
+    }
+    return false;
+}
+
+namespace {
+
+struct SerialSource {
+    int fd;
+    ReadAhead ahead;
+    uint32_t timeout_ms;
+};
+
+uint32_t serial_more(void *ctx, uint8_t *dst, uint32_t max)
+{
+    auto *s = static_cast<SerialSource *>(ctx);
+    uint32_t got = 0;
+    return serial_read_some(s->fd, s->ahead, dst, max, s->timeout_ms, &got) == IoResult::ok ? got : 0;
+}
+
+} // namespace
+
 // The byte stream of 0x83 and 0x99: 0 and a counted piece, again and again, until another byte. At most cap
 // bytes land in out; more is ZEL_BUFFER_OVERFLOW after the whole reply was taken.
 ZEL_STATUS streamed(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t *ext, uint32_t n, uint8_t *out, uint32_t cap,
@@ -160,23 +220,36 @@ ZEL_STATUS streamed(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t *ext, uin
         return st;
     uint32_t got = 0;
     bool overflow = false;
-    // Every piece costs two bytes at least: a reader that never ends is cut off.
-    for (uint32_t pieces = 0; pieces < cap + 1024; ++pieces) {
-        uint8_t mark = 0xFF;
-        if (PortRead(hnd, &mark, 1) != ZEL_OK || mark != 0)
-            break;
-        uint8_t len = 0;
-        if (PortRead(hnd, &len, 1) != ZEL_OK)
-            break;
-        uint8_t piece[256];
-        if (len && PortRead(hnd, piece, len) != ZEL_OK)
-            break;
-        if (len > cap - got || !out) {
-            overflow = overflow || len;
-            continue;
+    if (hnd->comm.use == ZEL_PORT_SERIAL && !__atomic_load_n(&hnd->port_lock_on, __ATOMIC_ACQUIRE) &&
+        !zel::dp_enabled()) {
+        // A serial line with no session on it and no transfer log: the stream is read as it arrives, in as
+        // few reads as the line allows, and the bytes behind its end (the start of the closing reply) go
+        // back in front of the port's read-ahead for the reply reading below.
+        SerialSource src{com_fd(hnd), ReadAhead{hnd->com_rx_buf, sizeof hnd->com_rx_buf, &hnd->com_rx_len},
+                         hnd->com_read_timeout_ms};
+        uint8_t buf[4608];
+        StreamBuf sb{buf, sizeof buf};
+        read_stream(serial_more, &src, sb, out, cap, &got, &overflow);
+        serial_unread(src.ahead, sb.buf + sb.at, sb.end - sb.at);
+    } else {
+        // Every piece costs two bytes at least: a reader that never ends is cut off.
+        for (uint32_t pieces = 0; pieces < cap + 1024; ++pieces) {
+            uint8_t mark = 0xFF;
+            if (PortRead(hnd, &mark, 1) != ZEL_OK || mark != 0)
+                break;
+            uint8_t len = 0;
+            if (PortRead(hnd, &len, 1) != ZEL_OK)
+                break;
+            uint8_t piece[256];
+            if (len && PortRead(hnd, piece, len) != ZEL_OK)
+                break;
+            if (len > cap - got || !out) {
+                overflow = overflow || len;
+                continue;
+            }
+            std::memcpy(out + got, piece, len);
+            got += len;
         }
-        std::memcpy(out + got, piece, len);
-        got += len;
     }
     uint8_t reply[256] = {};
     uint32_t useful = 0;

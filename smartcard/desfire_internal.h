@@ -19,6 +19,18 @@ struct KeyRef {
     uint8_t auth;
 };
 
+// The streamed reply of 0x83 and 0x99 from a source of what the line holds: more(ctx, dst, max) moves 1 to
+// max bytes into dst, or 0 when nothing came in time. Pieces land in out (at most cap bytes, got counting
+// them; overflow set when a piece did not fit) through the caller's buffer, which must hold 257 bytes or
+// more; the bytes read behind the end mark stay in it from sb.at to sb.end. True when an end mark came.
+using MoreFn = uint32_t (*)(void *ctx, uint8_t *dst, uint32_t max);
+struct StreamBuf {
+    uint8_t *buf;
+    uint32_t cap;
+    uint32_t at = 0, end = 0;
+};
+bool read_stream(MoreFn more, void *ctx, StreamBuf &sb, uint8_t *out, uint32_t cap, uint32_t *got, bool *overflow);
+
 // Reads the file settings of a reply whose useful length (without the checksum) is useful.
 void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file_settings *s);
 

@@ -2,6 +2,7 @@
 // long, lying or endless.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/frame.h"
@@ -158,6 +159,75 @@ TEST(DesfireStream, ZeroLengthReadAndEndlessOrBrokenStreams)
         EXPECT_EQ(cs, 3001);
         EXPECT_EQ(et, 77);
     }
+}
+
+// The stream as a serial line delivers it: whatever has arrived, in chunks that cut pieces, counts and the
+// end mark anywhere.
+struct Chunks {
+    Bytes bytes;
+    size_t at = 0, step = 1;
+    static uint32_t more(void *ctx, uint8_t *dst, uint32_t max)
+    {
+        auto *c = static_cast<Chunks *>(ctx);
+        size_t n = c->bytes.size() - c->at;
+        n = n < c->step ? n : c->step;
+        n = n < max ? n : max;
+        std::memcpy(dst, c->bytes.data() + c->at, n);
+        c->at += n;
+        return static_cast<uint32_t>(n);
+    }
+};
+
+TEST(DesfireStream, ArrivalsCutAnywhereGiveTheSameDataAndLeaveTheReplyBehind)
+{
+    // 700 bytes in pieces of 128 (the last 60), the end mark, then the start of the closing reply.
+    Bytes data(700), stream;
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<uint8_t>(i * 29 + 5);
+    for (size_t at = 0; at < data.size(); at += 128) {
+        const size_t k = std::min<size_t>(128, data.size() - at);
+        stream.push_back(0);
+        stream.push_back(static_cast<uint8_t>(k));
+        stream.insert(stream.end(), data.begin() + static_cast<long>(at), data.begin() + static_cast<long>(at + k));
+    }
+    stream.push_back(0xDD);
+    const Bytes reply = response(0x83, results(CARD_OPERATION_OK, 9));
+    const Bytes line = cat(stream, reply);
+    for (size_t step : {size_t{1}, size_t{2}, size_t{3}, size_t{129}, size_t{130}, size_t{1000}, line.size()}) {
+        for (uint32_t room : {257u, 300u, 4608u}) {
+            Chunks src{line, 0, step};
+            Bytes buf(room);
+            zel::desfire::StreamBuf sb{buf.data(), room};
+            Bytes out(data.size(), 0xEE);
+            uint32_t got = 0;
+            bool overflow = false;
+            EXPECT_TRUE(zel::desfire::read_stream(Chunks::more, &src, sb, out.data(), 700, &got, &overflow));
+            EXPECT_EQ(out, data) << step << " " << room;
+            EXPECT_EQ(got, 700u);
+            EXPECT_FALSE(overflow);
+            // What was read behind the end mark and what is still on the line make the reply.
+            Bytes rest(buf.begin() + sb.at, buf.begin() + sb.end);
+            rest.insert(rest.end(), line.begin() + static_cast<long>(src.at), line.end());
+            EXPECT_EQ(rest, reply) << step << " " << room;
+        }
+    }
+    // Room for less than asked: the pieces that do not fit are taken and dropped; a stream that breaks off
+    // has no end mark.
+    Chunks src{line, 0, 100};
+    Bytes buf(257), out(300, 0xEE);
+    zel::desfire::StreamBuf sb{buf.data(), 257};
+    uint32_t got = 0;
+    bool overflow = false;
+    EXPECT_TRUE(zel::desfire::read_stream(Chunks::more, &src, sb, out.data(), 300, &got, &overflow));
+    EXPECT_EQ(got, 256u);
+    EXPECT_TRUE(overflow);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 256), Bytes(data.begin(), data.begin() + 256));
+    EXPECT_EQ(out[256], 0xEE);
+    Chunks cut{Bytes(stream.begin(), stream.begin() + 200), 0, 7};
+    zel::desfire::StreamBuf sb2{buf.data(), 257};
+    got = 0;
+    EXPECT_FALSE(zel::desfire::read_stream(Chunks::more, &cut, sb2, out.data(), 300, &got, &overflow));
+    EXPECT_EQ(got, 128u);
 }
 
 TEST(DesfireReplies, ApplicationIdsAreBoundedByTheReplyAndTheRoom)

@@ -103,6 +103,43 @@ IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, u
     return IoResult::ok;
 }
 
+IoResult serial_read_some(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t max, uint32_t timeout_ms, uint32_t *got)
+{
+    *got = take_ahead(ahead, buffer, max);
+    if (*got || !max)
+        return IoResult::ok;
+    if (fd < 0)
+        return IoResult::failed;
+    const int64_t deadline = now_ms() + timeout_ms;
+    for (bool wait = false;;) {
+        Wait w = Wait::ready;
+        if (wait && (w = wait_ready(fd, POLLIN, deadline)) == Wait::timeout)
+            return IoResult::short_count;
+        const ssize_t n = read(fd, buffer, max);
+        if (n > 0) {
+            *got = static_cast<uint32_t>(n);
+            return IoResult::ok;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if ((n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) || w == Wait::gone)
+            return IoResult::failed;
+        wait = true;
+    }
+}
+
+uint32_t serial_unread(ReadAhead ahead, const uint8_t *bytes, uint32_t n)
+{
+    const uint32_t have = *ahead.len <= ahead.cap ? *ahead.len : 0;
+    const uint32_t put = n < ahead.cap - have ? n : ahead.cap - have;
+    if (put) {
+        std::memmove(ahead.buf + put, ahead.buf, have);
+        std::memcpy(ahead.buf, bytes, put);
+    }
+    *ahead.len = static_cast<uint16_t>(have + put);
+    return put;
+}
+
 IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
                       int *error)
 {

@@ -18,6 +18,12 @@ struct ReadAhead {
 };
 // Reads count bytes within timeout_ms, taking what was read ahead first; got tells how many came.
 IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *got);
+// Reads what the line holds, at least one byte and at most max, within timeout_ms: what was read ahead
+// first, else one read (and a wait only when the line is empty). For a caller that parses a reply of
+// unknown length from a buffer of its own.
+IoResult serial_read_some(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t max, uint32_t timeout_ms, uint32_t *got);
+// Puts n bytes back in front of what was read ahead, as many as fit; returns how many that was.
+uint32_t serial_unread(ReadAhead ahead, const uint8_t *bytes, uint32_t n);
 // Writes count bytes within timeout_ms; on failure error holds errno.
 IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
                       int *error);
