@@ -251,6 +251,50 @@ TEST_F(NdefT2t, UidMirrorPointsTheConfigurationAtThePayload)
     EXPECT_EQ(cfg[2], 0);
 }
 
+TEST_F(NdefT2t, CounterAndTtMirrorsSetTheirBits)
+{
+    const std::vector<uint8_t> payload = uri_payload(0x04, "tandro.example/?n=000000&t=00000000");
+    uint8_t t = 1, tl = 1, il = 0, f = 0, type[2] = {'U', 0}, id[1] = {0};
+    std::vector<uint8_t> pb(payload);
+    uint32_t pl = static_cast<uint32_t>(pb.size());
+    // Where the mirror lands: payload position on the card (from page 0) plus the mirror position.
+    auto where = [&](uint32_t pos) {
+        const std::vector<uint8_t> img = user(96);
+        const auto at = std::search(img.begin(), img.end(), payload.begin(), payload.end()) - img.begin();
+        EXPECT_LT(at, 96);
+        return static_cast<unsigned>(at) + 16 + pos;
+    };
+    uint8_t cfg[16] = {}, access[16] = {};
+    {
+        SCOPED_TRACE("NTAG 215, counter");
+        start(tag("ntag215", "ORB_NTAG_215", R"({"pages": [{"page": 4, "data": "0300FE00"}]})"));
+        ASSERT_EQ(write_ndef_record_mirroringM(hnd, 1, &t, type, &tl, id, &il, pb.data(), &pl, &f, 0, 1, 18), ZEL_OK);
+        const unsigned p = where(18);
+        ASSERT_EQ(BlockRead_AKM1M(hnd, cfg, 131, 0x60), ZEL_OK);
+        ASSERT_EQ(BlockRead_AKM1M(hnd, access, 132, 0x60), ZEL_OK);
+        EXPECT_EQ(cfg[0] & 0xF0, 0x80 | (p % 4) << 4);
+        EXPECT_EQ(cfg[2], p / 4);
+        EXPECT_EQ(access[0] & 0x10, 0x10);
+        EXPECT_EQ(cfg[1] & 0x02, 0);
+        TearDown();
+        hnd = nullptr;
+        sim = nullptr;
+    }
+    {
+        SCOPED_TRACE("NTAG 213 TT, UID, counter and TT message");
+        start(tag("ntag213", "ORB_NTAG_213_TT", R"({"pages": [{"page": 4, "data": "0300FE00"}]})"));
+        ASSERT_EQ(write_ndef_record_mirroring_ttM(hnd, 1, &t, type, &tl, id, &il, pb.data(), &pl, &f, 1, 1, 1, 27),
+                  ZEL_OK);
+        const unsigned p = where(27);
+        ASSERT_EQ(BlockRead_AKM1M(hnd, cfg, 41, 0x60), ZEL_OK);
+        ASSERT_EQ(BlockRead_AKM1M(hnd, access, 42, 0x60), ZEL_OK);
+        EXPECT_EQ(cfg[0] & 0xF8, 0x20 | 0x40 | 0x80 | (p % 4) << 3);
+        EXPECT_EQ(cfg[2], p / 4);
+        EXPECT_EQ(cfg[1] & 0x02, 0x02);
+        EXPECT_EQ(access[0] & 0x10, 0x10);
+    }
+}
+
 TEST_F(NdefT2t, FormattingRefusesTheGenericTypeAndUnknownCodes)
 {
     start(tag("ultralight", "0C"));
