@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "core/internal.h"
+#include "ndef/ndef_internal.h"
 #include "zel_apdu.h"
 #include "zel_desfire.h"
 #include "zel_ndef.h"
@@ -110,50 +111,17 @@ ZEL_STATUS read_message(ZEL_HANDLE hnd, uint8_t *out, uint32_t cap, uint32_t &le
                        [](ZEL_STATUS s) { return s == ZEL_READER_PORT_NOT_OPENED || s == ZEL_BUFFER_OVERFLOW; });
 }
 
-// The text of the one-record message the payload writer makes, into payload (size bytes); size becomes the
-// record's payload length.
+// The text of the one-record message the payload writer makes, read from the card into payload.
 ZEL_STATUS read_payload_once(ZEL_HANDLE hnd, char *payload, uint32_t &size, bool sized)
 {
     std::vector<uint8_t> msg(10000, 0);
     uint32_t len = 0;
-    ZEL_STATUS st = read_message_once(hnd, msg.data(), static_cast<uint32_t>(msg.size()), len);
+    const ZEL_STATUS st = read_message_once(hnd, msg.data(), static_cast<uint32_t>(msg.size()), len);
     if (st == ZEL_BUFFER_OVERFLOW)
         return ZEL_MAX_SIZE_EXCEEDED;
     if (st != ZEL_OK)
         return st;
-    if (len == 0)
-        return ZEL_NDEF_MESSAGE_NOT_FOUND;
-    if (len > ZEL_DESFIRE_NDEF_MAX_PAYLOAD)
-        return ZEL_MAX_SIZE_EXCEEDED;
-    if (len < 3)
-        return ZEL_WRONG_NDEF_CARD_FORMAT;
-    uint32_t plen = 0, at = 0;
-    if (msg[0] & 0x10) {
-        plen = msg[2];
-        at = 5;
-        if (plen == 0)
-            return ZEL_NDEF_MESSAGE_NOT_FOUND;
-    } else {
-        if (len < 6)
-            return ZEL_WRONG_NDEF_CARD_FORMAT;
-        plen = static_cast<uint32_t>(msg[2]) << 24 | static_cast<uint32_t>(msg[3]) << 16 |
-               static_cast<uint32_t>(msg[4]) << 8 | msg[5];
-        at = 8;
-        if (plen < 2)
-            return ZEL_WRONG_NDEF_CARD_FORMAT;
-        if (plen > ZEL_DESFIRE_NDEF_MAX_PAYLOAD)
-            return ZEL_MAX_SIZE_EXCEEDED;
-    }
-    // The text (payload less its code byte) must lie within the message read.
-    const uint32_t text = plen - 1;
-    if (at + text > len)
-        return ZEL_WRONG_NDEF_CARD_FORMAT;
-    if (sized && plen > size)
-        return ZEL_BUFFER_OVERFLOW;
-    std::memcpy(payload, msg.data() + at, text);
-    payload[text] = 0;
-    size = plen;
-    return ZEL_OK;
+    return zel::ndef::desfire_payload(msg.data(), len, payload, size, sized);
 }
 
 } // namespace
@@ -269,4 +237,41 @@ extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireReadNDEFPayloadExHnd(ZEL_HANDLE hnd
     if (st == ZEL_OK)
         *payload_size = size;
     return st;
+}
+
+ZEL_STATUS zel::ndef::desfire_payload(const uint8_t *msg, uint32_t len, char *payload, uint32_t &size, bool sized)
+{
+    if (len == 0)
+        return ZEL_NDEF_MESSAGE_NOT_FOUND;
+    if (len > ZEL_DESFIRE_NDEF_MAX_PAYLOAD)
+        return ZEL_MAX_SIZE_EXCEEDED;
+    if (len < 3)
+        return ZEL_WRONG_NDEF_CARD_FORMAT;
+    uint32_t plen = 0, at = 0;
+    if (msg[0] & 0x10) {
+        plen = msg[2];
+        at = 5;
+        if (plen == 0)
+            return ZEL_NDEF_MESSAGE_NOT_FOUND;
+    } else {
+        if (len < 6)
+            return ZEL_WRONG_NDEF_CARD_FORMAT;
+        plen = static_cast<uint32_t>(msg[2]) << 24 | static_cast<uint32_t>(msg[3]) << 16 |
+               static_cast<uint32_t>(msg[4]) << 8 | msg[5];
+        at = 8;
+        if (plen < 2)
+            return ZEL_WRONG_NDEF_CARD_FORMAT;
+        if (plen > ZEL_DESFIRE_NDEF_MAX_PAYLOAD)
+            return ZEL_MAX_SIZE_EXCEEDED;
+    }
+    // The text (the payload less its code byte) must lie within the message.
+    const uint32_t text = plen - 1;
+    if (at + text > len)
+        return ZEL_WRONG_NDEF_CARD_FORMAT;
+    if (sized && plen > size)
+        return ZEL_BUFFER_OVERFLOW;
+    std::memcpy(payload, msg + at, text);
+    payload[text] = 0;
+    size = plen;
+    return ZEL_OK;
 }

@@ -99,6 +99,12 @@ using FileReader = std::function<int(uint32_t off, uint32_t n, uint8_t *out)>;
 ZEL_STATUS t4_walk(const FileReader &read, uint32_t nlen, std::vector<uint32_t> &offsets,
                    std::vector<uint8_t> &flags);
 
+// The text of a DESFire NDEF message of one URI record as the payload writer lays it out (len bytes of msg,
+// the message without its length): its payload less the code byte, then a 0, into payload. With sized, a
+// payload longer than size is ZEL_BUFFER_OVERFLOW; else payload holds ZEL_DESFIRE_NDEF_MAX_PAYLOAD bytes.
+// size becomes the record's payload length.
+ZEL_STATUS desfire_payload(const uint8_t *msg, uint32_t len, char *payload, uint32_t &size, bool sized);
+
 // ---- Card traffic (ndef_card.cpp) ----
 
 // The keys of the directory and of the NDEF sectors, and a card's transport key.
