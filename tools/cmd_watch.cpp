@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <sys/time.h>
 
@@ -14,13 +15,6 @@
 #include "zelsim.h"
 
 namespace {
-
-volatile std::sig_atomic_t g_interrupted = 0;
-
-void on_signal(int)
-{
-    g_interrupted = 1;
-}
 
 // What the callbacks need; they run on the library's threads.
 struct Watch {
@@ -114,6 +108,15 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
             return tandro::usage_error("watch", "unknown argument " + args[i]);
         }
     }
+    // Ctrl-C and SIGTERM are taken by the main thread alone, by waiting for them: blocked here, before any
+    // thread of the library or the simulated reader exists, they never interrupt a port call of the
+    // session's threads, and the session is always stopped before the tool ends.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
     tandro::ReaderSession session;
     if (!session.open("watch", opt))
         return 1;
@@ -124,11 +127,6 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
     // A session runs on the global handle.
     Zel_Hnd_SetGlobal(session.hnd());
     g_watch.json = opt.json;
-    struct sigaction sa {};
-    sa.sa_handler = on_signal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
 
     const ZEL_STATUS started = StartAsyncSession(on_detected, on_removed);
     if (started != ZEL_OK) {
@@ -143,9 +141,10 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
     auto next_change = Clock::now() + std::chrono::milliseconds(period_ms / 3);
     size_t sim_next = 0;
     bool sim_card_in = false;
-    while (!g_interrupted && (count == 0 || events_so_far() < count)) {
-        timespec pause = {0, 20 * 1000 * 1000};
-        nanosleep(&pause, nullptr);
+    while (count == 0 || events_so_far() < count) {
+        const timespec pause = {0, 20 * 1000 * 1000};
+        if (sigtimedwait(&stop_signals, nullptr, &pause) > 0)
+            break; // interrupted
         if (!sim || Clock::now() < next_change)
             continue;
         const zsim_card &c = kSimCards[sim_next % (sizeof kSimCards / sizeof kSimCards[0])];
@@ -170,7 +169,8 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration watch_cmd(
     {"watch", "[--count N] [--every MS]",
      "card arrivals and removals, one line each (time, arrived/left, UID, type), until Ctrl-C; with --sim the "
-     "tool itself puts cards on the simulated reader and takes them off every MS (1500) milliseconds",
+     "tool itself puts cards on the simulated reader and takes them off every MS (1500) milliseconds; Ctrl-C "
+     "(or SIGTERM) stops the session and ends with exit status 0",
      run_watch});
 
 } // namespace
