@@ -200,6 +200,12 @@ ZEL_STATUS t4_open(ZEL_HANDLE hnd, T4Cc &cc, uint32_t &nlen, std::vector<uint32_
     nlen = be16(nb);
     if (nlen + 2u > cc.max_size)
         return ZEL_WRONG_NDEF_CARD_FORMAT;
+    // A file of two bytes or less holds no record: it counts as empty and is written over.
+    if (nlen <= 2) {
+        offsets.clear();
+        flags.clear();
+        return ZEL_OK;
+    }
     return t4_walk(
         [hnd](uint32_t off, uint32_t n, uint8_t *out) {
             uint32_t g = 0;

@@ -120,6 +120,17 @@ TEST_F(NdefT4, FullFilesAndLyingLengthsAreRefused)
     }
 }
 
+TEST_F(NdefT4, FileOfTwoBytesOrLessIsWrittenOver)
+{
+    start(t4(R"({"message": "D100"})"));
+    ASSERT_EQ(write(hnd, 1, 1, "U", "", uri_payload(0x03, "tandro.example")), ZEL_OK);
+    const std::vector<uint8_t> f = file(5);
+    EXPECT_EQ(f, (std::vector<uint8_t>{0x00, 0x13, 0xD1, 0x01, 0x0F}));
+    Rec r;
+    ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
+    EXPECT_EQ(r.text(), "http://tandro.example");
+}
+
 TEST_F(NdefT4, CardsWithoutTheApplicationAreNotNdefCards)
 {
     start(R"({"cards": [{"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4",
