@@ -111,7 +111,9 @@ bool iso15693_reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, 
         put_error(a.bytes, e);
         return true;
     }
-    if (data.empty())
+    if (data.size() > 254) // the status of more blocks than one EXT carries
+        put_error(a.bytes, E_MAX_SIZE);
+    else if (data.empty())
         put_response(a.bytes, CMD, sub, f[5]);
     else
         put_response(a.bytes, CMD, sub, f[5], data.data(), data.size());

@@ -94,6 +94,10 @@ TEST_F(CardSimTest, Iso15693LocksAndSecurityStatus)
     EXPECT_NE(BlockWriteM(hnd, data, 5, 0x60, 0), ZEL_OK);
     EXPECT_EQ(BlockWriteM(hnd, data, 6, 0x60, 0), ZEL_OK);
     EXPECT_EQ(iso15693_get_multiply_block_security_statusM(hnd, 38, 2, st), ZEL_MAX_ADDRESS_EXCEEDED);
+    // The last of the 40 blocks alone: one byte, the ones behind it untouched.
+    std::memset(st, 0xEE, sizeof st);
+    ASSERT_EQ(iso15693_get_multiply_block_security_statusM(hnd, 39, 0, st), ZEL_OK);
+    EXPECT_EQ(Bytes(st, st + 2), (Bytes{0, 0xEE}));
     // The EM4237 form is not an ICODE command.
     EXPECT_EQ(em4237_get_multiply_block_security_statusM(hnd, 0, 0, st), ZEL_UNSUPPORTED_CARD_TYPE);
 }
@@ -178,6 +182,22 @@ TEST_F(CardSimTest, Em4237ProtectionAndRandomId)
     EXPECT_NE(Bytes(after.uid, after.uid + 8), Bytes(before.uid, before.uid + 8));
     EXPECT_EQ(em4237_enable_RID_M(hnd, 31), ZEL_AUTH_ERROR);
     EXPECT_EQ(em4237_enable_RID_M(hnd, 9), ZEL_OK);
+}
+
+// A tag of 256 blocks: the status of all of them does not fit one reply, and the reader says so; 254 do.
+TEST_F(CardSimTest, Iso15693SecurityStatusOfMoreBlocksThanAReplyHolds)
+{
+    start(R"({"cards": [{"uid": "E0040150A1B2C3D5", "sak": "00", "type": "50", "model": "iso15693",
+                         "setup": {"blocks": 256, "locked": [0, 253, 254]}}]})");
+    uint8_t st[256];
+    std::memset(st, 0xEE, sizeof st);
+    EXPECT_EQ(iso15693_get_multiply_block_security_statusM(hnd, 0, 255, st), ZEL_MAX_SIZE_EXCEEDED);
+    EXPECT_EQ(st[0], 0xEE);
+    ASSERT_EQ(iso15693_get_multiply_block_security_statusM(hnd, 0, 253, st), ZEL_OK);
+    EXPECT_EQ(st[0], 0x01);
+    EXPECT_EQ(st[252], 0x00);
+    EXPECT_EQ(st[253], 0x01);
+    EXPECT_EQ(st[254], 0xEE);
 }
 
 // A card that is not a vicinity tag, and an empty field.
