@@ -16,8 +16,7 @@ namespace {
 
 const char *USAGE = "[--uid HEX] [info [PWD] | status FIRST [COUNT] | em-status FIRST [COUNT] | lock BLOCK [RPWD WPWD] | "
                     "protect PAGE RPWD WPWD LR LW HR HW | password ID CURRENT NEW | em-protect PAGE PWD STATUS | "
-                    "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, destroy, "
-                    "eas-afi or a number)";
+                    "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, ...)";
 
 bool number(const std::string &s, uint8_t &out)
 {
