@@ -9,7 +9,10 @@
 //     kHoldMs (a command's calls follow each other within that time);
 //   - the event thread runs its command once the application's command is over: no call in progress and
 //     either kHoldMs of quiet or the application waiting at the start (the purge) of its next command;
-//   - while the event thread runs its command, calls of other threads wait.
+//   - while the event thread runs its command, calls of other threads wait;
+//   - the polling thread also keeps away while a command's reply is still due (its write was made and its
+//     frame or the EXT that frame announced not yet read), for at most kReplyHold after the last call, so
+//     that a caller held up between the calls of one command never finds its reply taken.
 // Announcements that reach the port while a command runs (before its purge, or in front of its reply) are
 // kept in a store and delivered by the polling thread, instead of being lost with the purge.
 #include <cctype>
@@ -19,6 +22,7 @@
 #include <mutex>
 
 #include "async/internal.h"
+#include "core/frame.h"
 #include "core/internal.h"
 #include "zel_status.h"
 
@@ -28,6 +32,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kHold = std::chrono::milliseconds(100);
+constexpr auto kReplyHold = std::chrono::milliseconds(2000); // longer than any read time-out of a reply
 constexpr auto kCallWaitLimit = std::chrono::seconds(5);    // an application call never waits longer
 constexpr auto kCommandWaitLimit = std::chrono::seconds(2); // nor the event thread for its command
 constexpr uint32_t kStoreLen = 256;
@@ -46,6 +51,7 @@ struct Gate {
     pthread_t command_thread{};
     Clock::time_point last_end{};
     bool reply_next = false; // the next read starts a reply
+    uint32_t reply_left = 0; // bytes of a reply's EXT not yet read
     uint8_t store[kStoreLen] = {};
     uint32_t store_len = 0;
 };
@@ -79,6 +85,14 @@ void store_locked(Gate &g, const uint8_t *data, uint32_t len)
     const uint32_t n = len < room ? len : room;
     std::memcpy(g.store + g.store_len, data, n);
     g.store_len += n;
+}
+
+// Whether the polling thread has to keep off the port; the caller holds the gate's lock.
+bool port_taken(const Gate &g)
+{
+    const auto quiet = Clock::now() - g.last_end;
+    return g.inside > 0 || g.wanting > 0 || g.command_wanted || g.command_owned || quiet < kHold ||
+           ((g.reply_next || g.reply_left > 0) && quiet < kReplyHold);
 }
 
 // Where announcements start in bytes taken from the port: the first mark or boot sequence, else nowhere.
@@ -128,6 +142,7 @@ void gate_open(zel_handle_record *hnd)
     g.poller_inside = g.command_wanted = g.command_owned = false;
     g.last_end = Clock::time_point{};
     g.reply_next = false;
+    g.reply_left = 0;
     g.store_len = 0;
 }
 
@@ -205,8 +220,10 @@ void expect_reply(zel_handle_record *hnd)
 {
     Gate &g = gate();
     std::lock_guard<std::mutex> lock(g.m);
-    if (g.hnd == hnd)
+    if (g.hnd == hnd) {
         g.reply_next = true;
+        g.reply_left = 0;
+    }
 }
 
 bool rescue_before_purge(zel_handle_record *hnd)
@@ -215,6 +232,7 @@ bool rescue_before_purge(zel_handle_record *hnd)
         Gate &g = gate();
         std::lock_guard<std::mutex> lock(g.m);
         g.reply_next = false;
+        g.reply_left = 0;
     }
     // Everything that waits is read here, so the purge need not drop the input: an announcement that
     // arrives while the purge runs stays on the line for the command's reply to bring (filter_reply). A
@@ -239,15 +257,12 @@ bool rescue_before_purge(zel_handle_record *hnd)
     return false;
 }
 
-ZEL_STATUS filter_reply(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got, ZEL_STATUS status)
+namespace {
+
+// Takes announcements off the front of the first read of a reply and fills the read up from the port.
+ZEL_STATUS take_announcements(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got,
+                              ZEL_STATUS status)
 {
-    {
-        Gate &g = gate();
-        std::lock_guard<std::mutex> lock(g.m);
-        if (!g.reply_next)
-            return status;
-        g.reply_next = false;
-    }
     if (*got == 0 || buffer[0] != kMark || count > kReadBufLen)
         return status;
     // A reply frame never starts with the mark: what stands in front of it was announced by the reader.
@@ -288,14 +303,59 @@ ZEL_STATUS filter_reply(zel_handle_record *hnd, uint8_t *buffer, uint32_t count,
     return status;
 }
 
+// What is still due of a reply after a read of it; the caller holds the gate's lock.
+void account_reply(Gate &g, bool first, const uint8_t *buffer, uint32_t got, ZEL_STATUS status)
+{
+    if (status != ZEL_OK) {
+        g.reply_next = false; // the command failed: nothing more of it is read
+        g.reply_left = 0;
+        return;
+    }
+    if (!first) {
+        g.reply_left -= got < g.reply_left ? got : g.reply_left;
+        return;
+    }
+    g.reply_next = false;
+    g.reply_left = 0;
+    if (got < zel::kFrameLen)
+        return;
+    if (buffer[zel::kHeader] == zel::kRspHeader && buffer[zel::kTrailer] == zel::kRspTrailer) {
+        const uint32_t ext = buffer[zel::kExtLen];
+        const uint32_t read = got - zel::kFrameLen;
+        g.reply_left = ext > read ? ext - read : 0;
+    } else if (buffer[zel::kHeader] == zel::kInterimHeader) {
+        g.reply_next = true; // the reader is still working: its frame is still to come
+    }
+}
+
+} // namespace
+
+ZEL_STATUS filter_reply(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got, ZEL_STATUS status)
+{
+    bool first = false;
+    {
+        Gate &g = gate();
+        std::lock_guard<std::mutex> lock(g.m);
+        if (!g.reply_next && g.reply_left == 0)
+            return status;
+        first = g.reply_next;
+    }
+    if (first)
+        status = take_announcements(hnd, buffer, count, got, status);
+    Gate &g = gate();
+    std::lock_guard<std::mutex> lock(g.m);
+    account_reply(g, first, buffer, *got, status);
+    return status;
+}
+
+
 bool poller_must_wait(const zel_handle_record *hnd)
 {
     Gate &g = gate();
     std::lock_guard<std::mutex> lock(g.m);
     if (g.hnd != hnd)
         return false; // no session on this record: nothing to arbitrate
-    return g.inside > 0 || g.wanting > 0 || g.command_wanted || g.command_owned ||
-           Clock::now() - g.last_end < kHold;
+    return port_taken(g);
 }
 
 bool poller_enter(zel_handle_record *hnd)
@@ -304,7 +364,7 @@ bool poller_enter(zel_handle_record *hnd)
     std::lock_guard<std::mutex> lock(g.m);
     if (g.hnd != hnd)
         return true; // a step called outside a session has the port to itself
-    if (g.inside > 0 || g.wanting > 0 || g.command_wanted || g.command_owned || Clock::now() - g.last_end < kHold)
+    if (port_taken(g))
         return false;
     g.poller_inside = true;
     return true;

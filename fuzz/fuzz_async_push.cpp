@@ -1,7 +1,8 @@
 // What a reader pushes by itself during an asynchronous session, on arbitrary bytes: the first-frame reader
 // and the splitter of kept announcements on a buffer of exactly the input's size, then one polling step and
-// the synchronous partial form on a link that claims any count of waiting bytes. The first input byte
-// picks the path and, for the link, how many bytes it claims beyond what it holds.
+// the synchronous partial form on a link that claims any count of waiting bytes, and a command's reply read
+// on the session's link with announcements in front of it. The first input byte picks the path and, for
+// the link, how many bytes it claims beyond what it holds.
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -84,7 +85,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     setCardDetectedCallback(on_detected);
     setCardRemovedCallback(on_removed);
 
-    if ((mode & 3) == 1) {
+    if ((mode & 3) == 3) {
+        // A command's reply on the session's link: announcements in front of it are taken off and kept,
+        // the reply's frame and EXT are followed, and a purge reads what is left.
+        zel::async::gate_open(&rec);
+        zel::async::expect_reply(&rec);
+        for (int i = 0; i < 4; ++i) {
+            uint8_t reply[300] = {};
+            const uint32_t want = i == 0 ? 7u : (mode >> 2) % 32u + 1u;
+            uint32_t got = 0;
+            ZEL_STATUS status = zel::port_read_raw(&rec, reply, want, &got);
+            status = zel::async::filter_reply(&rec, reply, want, &got, status);
+            if (got > want)
+                __builtin_trap();
+        }
+        (void)zel::async::rescue_before_purge(&rec);
+        uint8_t kept[256];
+        const uint32_t n = zel::async::take_stored(kept, sizeof kept);
+        zel::async::Parsed out[16];
+        if (n > sizeof kept || zel::async::split_stored(kept, n, out, 16) > 16)
+            __builtin_trap();
+        zel::async::gate_close(&rec);
+    } else if ((mode & 3) == 1) {
         for (int i = 0; i < 4 && link.at < link.size; ++i)
             (void)readAsyncUID(&rec);
         zel_async_uid_event e{};
