@@ -293,6 +293,26 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
         zel_desfire_file_settings s;
         if (int e = outcome("file-settings", zdf_get_file_settings(c.hnd, c.key, aid, f, &s, &c.cs, &c.et), c))
             return e;
+        if (j) {
+            std::printf("{\"file\": %u, \"type\": \"%s\", \"communication\": %u, \"keys\": {\"read\": %u, "
+                        "\"write\": %u, \"read_write\": %u, \"change\": %u}",
+                        f, file_type_name(s.file_type), s.communication_settings, s.read_key_no, s.write_key_no,
+                        s.read_write_key_no, s.change_key_no);
+            if (s.file_type <= 1)
+                std::printf(", \"size\": %u", s.file_size);
+            else if (s.file_type == 2)
+                std::printf(", \"lower_limit\": %d, \"upper_limit\": %d, \"limited_credit\": %s, "
+                            "\"limited_credit_value\": %u",
+                            s.lower_limit, s.upper_limit, s.limited_credit_enabled ? "true" : "false",
+                            s.limited_credit_value);
+            else if (s.file_type <= 4)
+                std::printf(", \"record_size\": %u, \"records\": %u, \"max_records\": %u", s.record_size,
+                            s.current_records, s.max_records);
+            else
+                std::printf(", \"key_type\": %u, \"key_version\": %u", s.tmac_key_type, s.tmac_key_version);
+            std::printf("}\n");
+            return 0;
+        }
         std::printf("file %u: %s, communication %u, keys read %u write %u read-write %u change %u\n", f,
                     file_type_name(s.file_type), s.communication_settings, s.read_key_no, s.write_key_no,
                     s.read_write_key_no, s.change_key_no);
@@ -390,8 +410,17 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
                                                         data.data(), &c.cs, &c.et),
                             c))
             return e;
-        for (uint32_t i = 0; i < n3; ++i)
-            std::printf("record %u: %s\n", i, hex(data.data() + static_cast<size_t>(i) * n1, n1).c_str());
+        if (j)
+            std::printf("{\"records\": [");
+        for (uint32_t i = 0; i < n3; ++i) {
+            const std::string r = hex(data.data() + static_cast<size_t>(i) * n1, n1);
+            if (j)
+                std::printf("%s\"%s\"", i ? ", " : "", r.c_str());
+            else
+                std::printf("record %u: %s\n", i, r.c_str());
+        }
+        if (j)
+            std::printf("]}\n");
         return 0;
     }
     if (sub == "records-clear")
