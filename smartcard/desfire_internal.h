@@ -31,6 +31,10 @@ struct StreamBuf {
 };
 bool read_stream(MoreFn more, void *ctx, StreamBuf &sb, uint8_t *out, uint32_t cap, uint32_t *got, bool *overflow);
 
+// Test seam of the host kit: false makes the CRCs run by table alone, true gives back the carry-less
+// folding where the processor has it; returns whether folding is on.
+bool crc_folding(bool on);
+
 // Reads the file settings of a reply whose useful length (without the checksum) is useful.
 void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file_settings *s);
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "zel_desfire_crypto.h"
+#include "smartcard/desfire_internal.h"
 #include "zel_status.h"
 
 namespace {
@@ -208,31 +209,36 @@ TEST(DesfireCrc, CrcAOfEveryLengthMatchesTheBitwiseDefinition)
 
 TEST(DesfireCrc, BothCrcsOfEveryLengthAndRunningStartMatchTheirReferences)
 {
-    // Every length a byte can give, each from a fresh start and from a running value left by an odd-sized
-    // prefix (the start value enters the first bytes of a long run), against zlib and the bitwise CRC_A.
-    Bytes data(300);
-    for (size_t i = 0; i < data.size(); ++i)
-        data[i] = static_cast<uint8_t>(i * 151 + (i >> 3) + 29);
-    auto crca_bits = [](uint16_t c, const uint8_t *d, size_t n) {
-        for (size_t i = 0; i < n; ++i) {
-            c ^= d[i];
-            for (int b = 0; b < 8; ++b)
-                c = static_cast<uint16_t>(c & 1 ? (c >> 1) ^ 0x8408 : c >> 1);
-        }
-        return c;
-    };
-    for (size_t prefix : {size_t{0}, size_t{7}, size_t{33}}) {
-        for (size_t n = 1; n <= 255; ++n) {
-            uint32_t c32 = 0;
-            desfire_crc32(data.data(), static_cast<uint8_t>(prefix), &c32, 1);
-            desfire_crc32(data.data() + prefix, static_cast<uint8_t>(n), &c32, 0);
-            EXPECT_EQ(c32, jamcrc(Bytes(data.begin(), data.begin() + static_cast<long>(prefix + n))))
-                << prefix << "+" << n;
-            uint16_t ca = 0;
-            if (prefix)
-                iso14443a_crc_nl(data.data(), static_cast<uint8_t>(prefix), &ca, 1);
-            iso14443a_crc_nl(data.data() + prefix, static_cast<uint8_t>(n), &ca, prefix ? 0 : 1);
-            EXPECT_EQ(ca, crca_bits(0x6363, data.data(), prefix + n)) << prefix << "+" << n;
+    // Both ways of computing: by table alone, then folding where the processor has it.
+    for (bool fold : {false, true}) {
+        zel::desfire::crc_folding(fold);
+        SCOPED_TRACE(fold ? "folding where offered" : "by table");
+        // Every length a byte can give, each from a fresh start and from a running value left by an odd-sized
+        // prefix (the start value enters the first bytes of a long run), against zlib and the bitwise CRC_A.
+        Bytes data(300);
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = static_cast<uint8_t>(i * 151 + (i >> 3) + 29);
+        auto crca_bits = [](uint16_t c, const uint8_t *d, size_t n) {
+            for (size_t i = 0; i < n; ++i) {
+                c ^= d[i];
+                for (int b = 0; b < 8; ++b)
+                    c = static_cast<uint16_t>(c & 1 ? (c >> 1) ^ 0x8408 : c >> 1);
+            }
+            return c;
+        };
+        for (size_t prefix : {size_t{0}, size_t{7}, size_t{33}}) {
+            for (size_t n = 1; n <= 255; ++n) {
+                uint32_t c32 = 0;
+                desfire_crc32(data.data(), static_cast<uint8_t>(prefix), &c32, 1);
+                desfire_crc32(data.data() + prefix, static_cast<uint8_t>(n), &c32, 0);
+                EXPECT_EQ(c32, jamcrc(Bytes(data.begin(), data.begin() + static_cast<long>(prefix + n))))
+                    << prefix << "+" << n;
+                uint16_t ca = 0;
+                if (prefix)
+                    iso14443a_crc_nl(data.data(), static_cast<uint8_t>(prefix), &ca, 1);
+                iso14443a_crc_nl(data.data() + prefix, static_cast<uint8_t>(n), &ca, prefix ? 0 : 1);
+                EXPECT_EQ(ca, crca_bits(0x6363, data.data(), prefix + n)) << prefix << "+" << n;
+            }
         }
     }
 }
