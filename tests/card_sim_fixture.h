@@ -14,16 +14,21 @@ namespace zeltest {
 
 class CardSimTest : public ::testing::Test {
 protected:
-    void TearDown() override
+    void TearDown() override { stop(); }
+    // Closes the handle and the reader; a test may start another one after.
+    void stop()
     {
         if (hnd)
             Zel_Hnd_Destroy(hnd);
         if (sim)
             zsim_free(sim);
+        hnd = nullptr;
+        sim = nullptr;
     }
-    // Starts the reader with the scenario and opens a handle on it.
+    // Starts the reader with the scenario and opens a handle on it, after closing any started before.
     void start(const std::string &scenario)
     {
+        stop();
         sim = zsim_new();
         ASSERT_NE(sim, nullptr);
         char err[256] = {};

@@ -124,9 +124,7 @@ TEST_F(NdefClassic, DirectoryRefusals)
         start(card("classic_1k", "ORB_MIFARE_CLASSIC_1K", c.setup));
         Rec r;
         EXPECT_EQ(read(hnd, 1, 1, r), c.want) << c.what;
-        TearDown();
-        hnd = nullptr;
-        sim = nullptr;
+        stop();
     }
 }
 

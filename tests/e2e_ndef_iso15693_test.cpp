@@ -54,9 +54,7 @@ TEST_F(NdefIso15693, FormatBySizeThenAppendAndErase)
         ASSERT_EQ(erase_last_ndef_recordM(hnd, 1), ZEL_OK);
         img = blocks(48);
         EXPECT_EQ(img[6], 0xD1);
-        TearDown();
-        hnd = nullptr;
-        sim = nullptr;
+        stop();
     }
 }
 
@@ -86,9 +84,7 @@ TEST_F(NdefIso15693, ContainerCountingItselfStillReads)
     Count n;
     ASSERT_EQ(count(hnd, n), ZEL_OK);
     EXPECT_EQ(n.records, 2);
-    TearDown();
-    hnd = nullptr;
-    sim = nullptr;
+    stop();
 
     start(vicinity("50", R"({"blocks": 28, "block_data": [{"block": 0, "data": "E1401000"}, {"block": 1, "data": "0300FE00"}]})"));
     EXPECT_EQ(count(hnd, n), ZEL_MAX_ADDRESS_EXCEEDED);

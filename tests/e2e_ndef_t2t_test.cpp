@@ -232,9 +232,7 @@ TEST_F(NdefT2t, LyingLengthsAreRefusedNotFollowed)
         EXPECT_EQ(read(hnd, 1, 1, r), c.read) << c.what;
         Count n;
         EXPECT_EQ(count(hnd, n), c.count) << c.what;
-        TearDown();
-        hnd = nullptr;
-        sim = nullptr;
+        stop();
     }
 }
 
@@ -309,9 +307,7 @@ TEST_F(NdefT2t, CounterAndTtMirrorsSetTheirBits)
         EXPECT_EQ(cfg[2], p / 4);
         EXPECT_EQ(access[0] & 0x10, 0x10);
         EXPECT_EQ(cfg[1] & 0x02, 0);
-        TearDown();
-        hnd = nullptr;
-        sim = nullptr;
+        stop();
     }
     {
         SCOPED_TRACE("NTAG 213 TT, UID, counter and TT message");

@@ -114,9 +114,7 @@ TEST_F(NdefT4, FullFilesAndLyingLengthsAreRefused)
             EXPECT_EQ(st, ZEL_NDEF_MESSAGE_NOT_FOUND) << c.what; // the file stayed empty
         else
             EXPECT_EQ(st, c.read) << c.what;
-        TearDown();
-        hnd = nullptr;
-        sim = nullptr;
+        stop();
     }
 }
 
