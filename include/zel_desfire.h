@@ -71,6 +71,33 @@ typedef struct zel_desfire_file_settings {
     uint8_t tmac_key_version;
 } zel_desfire_file_settings;
 
+/* What DesfireGetFileSettingsSdm reads of a standard file: its settings, and with SDM on, the SDM settings.
+ * A field the card did not send stays 0. A file of another type gives card_status
+ * ZEL_DESFIRE_NOT_STANDARD_FILE. */
+#define ZEL_DESFIRE_NOT_STANDARD_FILE 3011u
+#define ZEL_DESFIRE_SDM_UID_MIRROR 0x80u
+#define ZEL_DESFIRE_SDM_READ_CTR_MIRROR 0x40u
+#define ZEL_DESFIRE_SDM_READ_CTR_LIMIT 0x20u
+#define ZEL_DESFIRE_SDM_ENC_FILE_DATA 0x10u
+#define ZEL_DESFIRE_SDM_TT_STATUS 0x08u
+typedef struct zel_desfire_sdm_file_settings {
+    uint8_t file_type;
+    uint8_t communication_settings; /* 2 bits */
+    uint8_t sdm_enabled;            /* 1 bit */
+    uint8_t read_key_no, write_key_no, read_write_key_no, change_key_no;
+    uint8_t sdm_options;            /* ZEL_DESFIRE_SDM_* bits, and 0x01 */
+    uint8_t meta_read_key_no, file_read_key_no, read_ctr_key_no; /* 14 plain, 15 none */
+    uint32_t uid_offset, read_ctr_offset;  /* meta read key 14, with the mirror */
+    uint32_t picc_data_offset;             /* meta read key 0 to 13 */
+    uint32_t mac_input_offset, mac_offset; /* file read key not 15 */
+    uint32_t enc_offset, enc_length;       /* and ZEL_DESFIRE_SDM_ENC_FILE_DATA */
+    uint32_t read_ctr_limit;               /* ZEL_DESFIRE_SDM_READ_CTR_LIMIT */
+} zel_desfire_sdm_file_settings;
+
+/* DesfireSetConfigurationEx sends the card's SetConfiguration with an option byte and its data, at the card
+ * level when aid is 0, else in that application. The most data it carries: */
+#define ZEL_DESFIRE_MAX_CONFIG_DATA 200u
+
 /* ---- Form generators. A row macro R(OP, Name, Impl, Key, KeyParams, KeyArgs, Params, Args) receives each
  * form; ZDF_R_PUB turns it into an OP row of a family list. Key is the key reference the implementation
  * gets, in the implementation's own terms. */
@@ -143,6 +170,9 @@ typedef struct zel_desfire_file_settings {
     ZDF_NO_NOAUTH(R, OP, GetDesfireUid, , , , , zdf_get_uid,                                                   \
                   (uint32_t aid, uint8_t aid_key_nr, uint8_t *card_uid, uint8_t *card_uid_len, ZDF_CS),        \
                   (aid, aid_key_nr, card_uid, card_uid_len, ZDF_CA))                                           \
+    ZDF_NO_NOAUTH(R, OP, DesfireSetConfigurationEx, , , , , zdf_set_configuration_ex,                          \
+                  (uint32_t aid, uint8_t option, const uint8_t *data, uint8_t data_length, ZDF_CS),            \
+                  (aid, option, data, data_length, ZDF_CA))                                                    \
     ZDF_F_AES_ONLY(R, OP, DesfireSetTransactionTimer, , , , , zdf_set_transaction_timer,                      \
                    (uint8_t timer_value, ZDF_CS), (timer_value, ZDF_CA))                                       \
     ZDF_ALL15(R, OP, DesfireGetKeySettings, , , , , zdf_get_key_settings,                                      \
@@ -218,6 +248,9 @@ typedef struct zel_desfire_file_settings {
     ZDF_NO_PLAIN_PK(R, OP, DesfireGetFileSettings, , , , , zdf_get_file_settings,                              \
                     (uint32_t aid, uint8_t file_id, zel_desfire_file_settings *settings, ZDF_CS),              \
                     (aid, file_id, settings, ZDF_CA))                                                          \
+    ZDF_F_AES_ONLY(R, OP, DesfireGetFileSettingsSdm, , , , , zdf_get_file_settings_sdm,                       \
+                   (uint32_t aid, uint8_t file_id, zel_desfire_sdm_file_settings *settings, ZDF_CS),          \
+                   (aid, file_id, settings, ZDF_CA))                                                           \
     ZDF_NO_PLAIN_PK(R, OP, DesfireGetStdFileSize, , , , , zdf_get_std_file_size,                              \
                     (uint32_t aid, uint8_t file_id, uint32_t *file_size, ZDF_CS), (aid, file_id, file_size, ZDF_CA)) \
     ZDF_TYPED_SAM_TYPEDPK(R, OP, DesfireChangeFileSettings, , , , , zdf_change_file_settings,                  \

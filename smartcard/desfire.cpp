@@ -367,15 +367,32 @@ ZEL_STATUS zdf_set_configuration(ZEL_HANDLE hnd, KeyRef k, uint8_t random_uid, u
     return plain_op(hnd, kCmdSetConfig, par0_of(k), 0, ext, at + 2, cs, et);
 }
 
+// The card's SetConfiguration with an option and its data: parameter 1 is 1 at the card level, 2 with the
+// application's AID behind the data.
+ZEL_STATUS zdf_set_configuration_ex(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t option, const uint8_t *data,
+                                    uint8_t data_length, uint16_t *cs, uint16_t *et)
+{
+    if (data_length > ZEL_DESFIRE_MAX_CONFIG_DATA || (data_length && !data))
+        return ZEL_PARAMETERS_ERROR;
+    uint8_t ext[256];
+    uint32_t at = head(ext, k, false, 0);
+    ext[at] = option;
+    ext[at + 1] = data_length;
+    if (data_length)
+        std::memcpy(ext + at + 2, data, data_length);
+    at += 2u + data_length;
+    if (aid) {
+        put24(ext + at, aid);
+        at += 3;
+    }
+    return plain_op(hnd, kCmdSetConfig, par0_of(k), aid ? 2 : 1, ext, at, cs, et);
+}
+
 ZEL_STATUS zdf_set_transaction_timer(ZEL_HANDLE hnd, KeyRef k, uint8_t timer_value, uint16_t *cs, uint16_t *et)
 {
-    uint8_t ext[256];
-    const uint32_t at = head(ext, k, false, 0);
-    ext[at] = 5;       // option: the transaction timer
-    ext[at + 1] = 10;  // data length
-    std::memset(ext + at + 2, 0, 10);
-    ext[at + 2 + 5] = timer_value;
-    return plain_op(hnd, kCmdSetConfig, par0_of(k), 1, ext, at + 12, cs, et);
+    uint8_t data[10] = {};
+    data[5] = timer_value;
+    return zdf_set_configuration_ex(hnd, k, 0, 5, data, sizeof data, cs, et);
 }
 
 ZEL_STATUS zdf_get_uid(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_nr, uint8_t *uid, uint8_t *uid_len,
@@ -755,6 +772,87 @@ ZEL_STATUS zdf_get_file_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t
                                  zel_desfire_file_settings *settings, uint16_t *cs, uint16_t *et)
 {
     return file_settings(hnd, k, aid, file_id, settings, cs, et);
+}
+
+// Reads the settings of a standard file with SDM of a reply (the two results first): file type, file
+// option, access rights, and with SDM on the options, the SDM access rights and the offsets that apply.
+void parse_sdm_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_sdm_file_settings *s)
+{
+    std::memset(s, 0, sizeof *s);
+    if (useful < 5)
+        return;
+    s->file_type = reply[4];
+    if (useful < 6)
+        return;
+    s->communication_settings = reply[5] & 3;
+    s->sdm_enabled = reply[5] >> 6 & 1;
+    if (useful < 8)
+        return;
+    const uint32_t a = get16(reply + 6);
+    s->read_key_no = static_cast<uint8_t>(a >> 12 & 0x0F);
+    s->write_key_no = static_cast<uint8_t>(a >> 8 & 0x0F);
+    s->read_write_key_no = static_cast<uint8_t>(a >> 4 & 0x0F);
+    s->change_key_no = static_cast<uint8_t>(a & 0x0F);
+    if (!s->sdm_enabled || useful < 11)
+        return;
+    const uint8_t opt = reply[8];
+    const uint32_t sa = get16(reply + 9);
+    s->sdm_options = opt;
+    s->read_ctr_key_no = static_cast<uint8_t>(sa & 0x0F);
+    s->file_read_key_no = static_cast<uint8_t>(sa >> 8 & 0x0F);
+    s->meta_read_key_no = static_cast<uint8_t>(sa >> 12 & 0x0F);
+    uint32_t at = 11;
+    // The next offset when the card sent it; a missing one leaves the rest at 0.
+    auto next = [&](uint32_t *field) {
+        if (at + 3 > useful)
+            return false;
+        *field = get24(reply + at);
+        at += 3;
+        return true;
+    };
+    if (s->meta_read_key_no == 14) {
+        if ((opt & ZEL_DESFIRE_SDM_UID_MIRROR) && !next(&s->uid_offset))
+            return;
+        if ((opt & ZEL_DESFIRE_SDM_READ_CTR_MIRROR) && !next(&s->read_ctr_offset))
+            return;
+    } else if (s->meta_read_key_no != 15 && !next(&s->picc_data_offset)) {
+        return;
+    }
+    if (s->file_read_key_no != 15) {
+        if (!next(&s->mac_input_offset))
+            return;
+        if ((opt & ZEL_DESFIRE_SDM_ENC_FILE_DATA) && (!next(&s->enc_offset) || !next(&s->enc_length)))
+            return;
+        if (!next(&s->mac_offset))
+            return;
+    }
+    if (opt & ZEL_DESFIRE_SDM_READ_CTR_LIMIT)
+        next(&s->read_ctr_limit);
+}
+
+ZEL_STATUS zdf_get_file_settings_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id,
+                                     zel_desfire_sdm_file_settings *settings, uint16_t *cs, uint16_t *et)
+{
+    if (settings)
+        std::memset(settings, 0, sizeof *settings);
+    uint8_t ext[256];
+    const uint32_t at = head(ext, k, true, aid);
+    ext[at] = file_id;
+    ext[at + 1] = k.auth;
+    uint8_t reply[256] = {};
+    uint32_t useful = 0;
+    const ZEL_STATUS st = transact(hnd, kCmdFileSettings, par0_of(k), 0, ext, at + 2, reply, &useful);
+    if (st != ZEL_OK)
+        return st;
+    uint16_t status = 0;
+    results(reply, useful, &status, et);
+    if (status == kCardOk && useful >= 5 && reply[4] != ZEL_DESFIRE_FILE_STANDARD)
+        status = ZEL_DESFIRE_NOT_STANDARD_FILE;
+    else if (status == kCardOk && settings)
+        parse_sdm_file_settings(reply, useful, settings);
+    if (cs)
+        *cs = status;
+    return ZEL_OK;
 }
 
 ZEL_STATUS zdf_get_std_file_size(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint32_t *file_size,

@@ -37,6 +37,8 @@ bool crc_folding(bool on);
 
 // Reads the file settings of a reply whose useful length (without the checksum) is useful.
 void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file_settings *s);
+// Reads the settings of a standard file with SDM the same way.
+void parse_sdm_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_sdm_file_settings *s);
 
 ZEL_STATUS zdf_format_card(ZEL_HANDLE hnd, KeyRef k, uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_get_uid(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_nr, uint8_t *uid, uint8_t *uid_len,
@@ -68,6 +70,10 @@ ZEL_STATUS zdf_create_cyclic_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_
 ZEL_STATUS zdf_delete_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_get_file_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id,
                                  zel_desfire_file_settings *settings, uint16_t *cs, uint16_t *et);
+ZEL_STATUS zdf_get_file_settings_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id,
+                                     zel_desfire_sdm_file_settings *settings, uint16_t *cs, uint16_t *et);
+ZEL_STATUS zdf_set_configuration_ex(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t option, const uint8_t *data,
+                                    uint8_t data_length, uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_read_std(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_nr, uint8_t file_id, uint16_t offset,
                         uint16_t length, uint8_t comm, uint8_t *data, uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_write_std(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_nr, uint8_t file_id, uint16_t offset,

@@ -518,4 +518,138 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
     }
 }
 
+TEST(DesfireCard, ConfigurationOptionsAtTheCardLevelAndInAnApplication)
+{
+    const Bytes data = {0x11, 0x22, 0x33};
+    {
+        ScriptLink link;
+        link.reply(ack(0x8B));
+        link.reply(response(0x8B, results(CARD_OPERATION_OK)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireSetConfigurationEx_PKM(&link.record, kKey, 0, 0x0B, data.data(), 3, &cs, &et), ZEL_OK);
+        EXPECT_EQ(cs, CARD_OPERATION_OK);
+        EXPECT_EQ(link.writes[0][4], ZEL_DESFIRE_WIRE_AES << 4);
+        EXPECT_EQ(link.writes[0][5], 1) << "card level";
+        const Bytes &e = link.writes[1];
+        ASSERT_EQ(e.size(), 21 + data.size());
+        EXPECT_EQ(e[18], 0x0B);
+        EXPECT_EQ(e[19], 3);
+        EXPECT_EQ(Bytes(e.begin() + 20, e.begin() + 23), data);
+    }
+    {
+        // In an application the AID goes behind the data; a 3K3DES key field is 8 longer.
+        ScriptLink link;
+        link.reply(ack(0x8B));
+        link.reply(response(0x8B, results(3072 + 0x9E)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireSetConfigurationEx_3k3desM(&link.record, 4, 0xA1B2C3, 0x0B, data.data(), 3, &cs, &et),
+                  ZEL_OK);
+        EXPECT_EQ(cs, 3072 + 0x9E);
+        EXPECT_EQ(link.writes[0][4], ZEL_DESFIRE_WIRE_3K3DES << 4);
+        EXPECT_EQ(link.writes[0][5], 2) << "with an AID";
+        const Bytes &e = link.writes[1];
+        ASSERT_EQ(e.size(), 8 + 21 + data.size() + 3);
+        EXPECT_EQ(e[0], ZEL_DESFIRE_KEY_READER);
+        EXPECT_EQ(e[1], 4);
+        EXPECT_EQ(e[26], 0x0B);
+        EXPECT_EQ(Bytes(e.begin() + 28, e.begin() + 31), data);
+        EXPECT_EQ(e[31] | e[32] << 8 | e[33] << 16, 0xA1B2C3);
+    }
+    {
+        // The transaction timer is option 5 with ten bytes, the timer value at the sixth.
+        ScriptLink link;
+        link.reply(ack(0x8B));
+        link.reply(response(0x8B, results(CARD_OPERATION_OK)));
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_SAM_DesfireSetTransactionTimerAesAuthM(&link.record, 2, 0x47, &cs, &et), ZEL_OK);
+        const Bytes &e = link.writes[1];
+        ASSERT_EQ(e.size(), 31u);
+        EXPECT_EQ(e[0], ZEL_DESFIRE_KEY_SAM);
+        EXPECT_EQ(Bytes(e.begin() + 18, e.begin() + 30), (Bytes{5, 10, 0, 0, 0, 0, 0, 0x47, 0, 0, 0, 0}));
+    }
+    ScriptLink link;
+    uint16_t cs = 0, et = 0;
+    Bytes big(ZEL_DESFIRE_MAX_CONFIG_DATA + 1);
+    EXPECT_EQ(Zel_int_DesfireSetConfigurationExM(&link.record, 1, 0, 1, big.data(), static_cast<uint8_t>(big.size()),
+                                                 &cs, &et),
+              ZEL_PARAMETERS_ERROR);
+    EXPECT_EQ(Zel_int_DesfireSetConfigurationExM(&link.record, 1, 0, 1, nullptr, 2, &cs, &et), ZEL_PARAMETERS_ERROR);
+    EXPECT_TRUE(link.writes.empty());
+}
+
+TEST(DesfireFiles, SdmFileSettingsReadTheOffsetsThatApply)
+{
+    struct Case {
+        const char *what;
+        Bytes settings; // behind the two results, file type first
+        uint32_t uid, ctr, picc, mac_in, enc_off, enc_len, mac, limit;
+    } cases[] = {
+        {"plain mirrors, MAC over encrypted data, counter limit",
+         {0x00, 0x43, 0xE0, 0xEE, 0xF1, 0x02, 0xE3,     // type, SDM + enciphered, access, options, SDM access
+          0x10, 0x00, 0x00, 0x20, 0x00, 0x00,           // UID, counter
+          0x30, 0x00, 0x00, 0x40, 0x00, 0x00, 0x20, 0x00, 0x00, 0x70, 0x00, 0x00, // MAC input, enc, MAC
+          0xE8, 0x03, 0x00},                            // limit
+         0x10, 0x20, 0, 0x30, 0x40, 0x20, 0x70, 1000},
+        {"enciphered PICC data and a MAC",
+         {0x00, 0x40, 0xE0, 0xEE, 0xC1, 0x00, 0x22, 0x2A, 0x00, 0x00, 0x50, 0x00, 0x00, 0x80, 0x01, 0x00},
+         0, 0, 0x2A, 0x50, 0, 0, 0x180, 0},
+        {"nothing mirrored", {0x00, 0x40, 0xE0, 0xEE, 0xC1, 0x00, 0xFF}, 0, 0, 0, 0, 0, 0, 0, 0},
+        {"cut in the middle of the MAC offset",
+         {0x00, 0x40, 0xE0, 0xEE, 0xC1, 0x00, 0x22, 0x2A, 0x00, 0x00, 0x50, 0x00, 0x00, 0x80, 0x01},
+         0, 0, 0x2A, 0x50, 0, 0, 0, 0},
+    };
+    for (const Case &c : cases) {
+        ScriptLink link;
+        link.reply(ack(0xC6));
+        link.reply(response(0xC6, cat(results(CARD_OPERATION_OK), c.settings)));
+        zel_desfire_sdm_file_settings s;
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aes_PKM(&link.record, kKey, 0x010203, 2, &s, &cs, &et), ZEL_OK)
+            << c.what;
+        EXPECT_EQ(cs, CARD_OPERATION_OK) << c.what;
+        EXPECT_EQ(link.writes[1].size(), 24u);
+        EXPECT_EQ(s.file_type, 0);
+        EXPECT_EQ(s.sdm_enabled, 1) << c.what;
+        EXPECT_EQ(s.read_key_no, 14) << c.what;
+        EXPECT_EQ(s.change_key_no, 0) << c.what;
+        const uint32_t got[] = {s.uid_offset, s.read_ctr_offset, s.picc_data_offset, s.mac_input_offset,
+                                s.enc_offset, s.enc_length,      s.mac_offset,       s.read_ctr_limit};
+        const uint32_t want[] = {c.uid, c.ctr, c.picc, c.mac_in, c.enc_off, c.enc_len, c.mac, c.limit};
+        EXPECT_EQ(Bytes(reinterpret_cast<const uint8_t *>(got), reinterpret_cast<const uint8_t *>(got + 8)),
+                  Bytes(reinterpret_cast<const uint8_t *>(want), reinterpret_cast<const uint8_t *>(want + 8)))
+            << c.what;
+    }
+    {
+        ScriptLink link;
+        link.reply(ack(0xC6));
+        link.reply(response(0xC6, cat(results(CARD_OPERATION_OK), {0x00, 0x43, 0xE0, 0xEE, 0xF1, 0x02, 0xE3, 1, 2})));
+        zel_desfire_sdm_file_settings s;
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_SAM_DesfireGetFileSettingsSdmAesAuthM(&link.record, 3, 0x010203, 2, &s, &cs, &et), ZEL_OK);
+        EXPECT_EQ(s.communication_settings, ZEL_DESFIRE_COMM_ENCIPHERED);
+        EXPECT_EQ(s.sdm_options, 0xF1);
+        EXPECT_EQ(s.meta_read_key_no, 14);
+        EXPECT_EQ(s.file_read_key_no, 3);
+        EXPECT_EQ(s.read_ctr_key_no, 2);
+        EXPECT_EQ(s.uid_offset, 0u) << "an offset of two bytes is not taken";
+    }
+    {
+        // Another file type, and the card's refusal, leave the settings empty.
+        ScriptLink link;
+        link.reply(ack(0xC6));
+        link.reply(response(0xC6, cat(results(CARD_OPERATION_OK), {0x02, 0x40, 0xE0, 0xEE})));
+        link.reply(ack(0xC6));
+        link.reply(response(0xC6, results(3072 + 0xF0)));
+        zel_desfire_sdm_file_settings s;
+        std::memset(&s, 0x5A, sizeof s);
+        uint16_t cs = 0, et = 0;
+        ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aesM(&link.record, 1, 0x010203, 5, &s, &cs, &et), ZEL_OK);
+        EXPECT_EQ(cs, ZEL_DESFIRE_NOT_STANDARD_FILE);
+        EXPECT_EQ(s.file_type, 0);
+        EXPECT_EQ(s.read_key_no, 0);
+        ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aesM(&link.record, 1, 0x010203, 5, &s, &cs, &et), ZEL_OK);
+        EXPECT_EQ(cs, 3072 + 0xF0);
+    }
+}
+
 } // namespace

@@ -498,6 +498,14 @@ TEST_F(DesfireSim, UidAndConfiguration)
     EXPECT_EQ(cs, DESFIRE_CARD_PERMISSION_DENIED);
     ASSERT_EQ(Zel_int_DesfireSetTransactionTimer_aes_PKM(hnd, kPiccAes, 3, &cs, &et), ZEL_OK);
     EXPECT_EQ(cs, OK);
+    // The option form: option 0 with format allowed again, then an option the card does not know.
+    const uint8_t allow_format = 0x00;
+    ASSERT_EQ(Zel_int_DesfireSetConfigurationEx_PKM(hnd, kPiccAes, 0, 0, &allow_format, 1, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, OK);
+    ASSERT_EQ(Zel_int_DesfireFormatCard_PKM(hnd, kPiccAes, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, OK);
+    ASSERT_EQ(Zel_int_DesfireSetConfigurationEx_PKM(hnd, kPiccAes, 0, 0x0A, &allow_format, 1, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, DESFIRE_CARD_PARAMETER_ERROR);
 }
 
 // The frames the reader receives, for the forms whose layout differs.

@@ -18,8 +18,8 @@ using Bytes = std::vector<uint8_t>;
 
 const char *kUsage =
     "[--key HEX|--key-nr N|--sam N|--no-auth] [--key-type T] [--aid-key N] [--comm N] [--access R,W,RW,C] "
-    "free|uid|format|apps|app-create|app-delete|key-settings|file-settings|file-create|file-delete|read|write|"
-    "value|credit|debit|records|record-write|records-clear|change-key ...";
+    "free|uid|format|config|apps|app-create|app-delete|key-settings|file-settings|sdm-settings|file-create|"
+    "file-delete|read|write|value|credit|debit|records|record-write|records-clear|change-key ...";
 
 bool parse_hex(const std::string &s, Bytes &out)
 {
@@ -73,30 +73,53 @@ const char *file_type_name(uint8_t t)
     return t < 6 ? names[t] : "unknown";
 }
 
-// With the built-in simulated reader the DESFire card comes first in the field for this session.
-void bring_desfire_forward(zsim *sim)
+// The settings of a standard file with SDM, with the offsets the card reported.
+void print_sdm_settings(uint8_t f, const zel_desfire_sdm_file_settings &s, bool json)
 {
-    char list[4096] = {};
-    if (zsim_command(sim, "list", list, sizeof list) != 0)
-        return;
-    std::vector<std::string> ahead;
-    for (const char *line = list; *line;) {
-        const char *end = std::strchr(line, '\n');
-        const std::string l(line, end ? static_cast<size_t>(end - line) : std::strlen(line));
-        if (l.size() > 8 && l.compare(l.size() - 8, 8, " desfire") == 0) {
-            for (const auto &uid : ahead) {
-                char out[128];
-                zsim_command(sim, ("remove " + uid).c_str(), out, sizeof out);
-            }
-            return;
+    const struct {
+        const char *name;
+        uint32_t value;
+        bool on;
+    } offsets[] = {
+        {"uid_offset", s.uid_offset, s.meta_read_key_no == 14 && (s.sdm_options & ZEL_DESFIRE_SDM_UID_MIRROR)},
+        {"read_ctr_offset", s.read_ctr_offset,
+         s.meta_read_key_no == 14 && (s.sdm_options & ZEL_DESFIRE_SDM_READ_CTR_MIRROR)},
+        {"picc_data_offset", s.picc_data_offset, s.meta_read_key_no < 14},
+        {"mac_input_offset", s.mac_input_offset, s.file_read_key_no != 15},
+        {"enc_offset", s.enc_offset, s.file_read_key_no != 15 && (s.sdm_options & ZEL_DESFIRE_SDM_ENC_FILE_DATA)},
+        {"enc_length", s.enc_length, s.file_read_key_no != 15 && (s.sdm_options & ZEL_DESFIRE_SDM_ENC_FILE_DATA)},
+        {"mac_offset", s.mac_offset, s.file_read_key_no != 15},
+        {"read_ctr_limit", s.read_ctr_limit, (s.sdm_options & ZEL_DESFIRE_SDM_READ_CTR_LIMIT) != 0},
+    };
+    if (json) {
+        std::printf("{\"file\": %u, \"communication\": %u, \"keys\": {\"read\": %u, \"write\": %u, "
+                    "\"read_write\": %u, \"change\": %u}, \"sdm\": %s",
+                    f, s.communication_settings, s.read_key_no, s.write_key_no, s.read_write_key_no, s.change_key_no,
+                    s.sdm_enabled ? "true" : "false");
+        if (s.sdm_enabled) {
+            std::printf(", \"sdm_options\": %u, \"sdm_keys\": {\"meta_read\": %u, \"file_read\": %u, "
+                        "\"read_ctr\": %u}",
+                        s.sdm_options, s.meta_read_key_no, s.file_read_key_no, s.read_ctr_key_no);
+            for (const auto &o : offsets)
+                if (o.on)
+                    std::printf(", \"%s\": %u", o.name, o.value);
         }
-        ahead.push_back(l.substr(0, l.find(' ')));
-        if (!end)
-            break;
-        line = end + 1;
+        std::printf("}\n");
+        return;
     }
+    std::printf("file %u: communication %u, keys read %u write %u read-write %u change %u, SDM %s\n", f,
+                s.communication_settings, s.read_key_no, s.write_key_no, s.read_write_key_no, s.change_key_no,
+                s.sdm_enabled ? "on" : "off");
+    if (!s.sdm_enabled)
+        return;
+    std::printf("  SDM options %02X, keys meta read %u file read %u counter %u\n", s.sdm_options, s.meta_read_key_no,
+                s.file_read_key_no, s.read_ctr_key_no);
+    for (const auto &o : offsets)
+        if (o.on)
+            std::printf("  %s %u\n", o.name, o.value);
 }
 
+// With the built-in simulated reader the DESFire card comes first in the field for this session.
 struct Ctx {
     ZEL_HANDLE hnd;
     KeyRef key{ZEL_DESFIRE_KEY_PROVIDED, 0, nullptr, ZEL_DESFIRE_WIRE_AES, 1};
@@ -210,7 +233,7 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
     if (!session.open("desfire", opt))
         return 1;
     if (session.sim())
-        bring_desfire_forward(session.sim());
+        tandro::bring_forward(session.sim(), "desfire");
     c.hnd = session.hnd();
     using namespace zel::desfire;
     const bool j = opt.json;
@@ -284,6 +307,16 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
             std::printf("key settings %02X, %u %s key%s\n", s, m & 0x0F, kt, (m & 0x0F) == 1 ? "" : "s");
         return 0;
     }
+    if (sub == "config") {
+        // config OPTION HEX [AID]: the card's configuration option with its data, in the application if given.
+        Bytes data;
+        if (!arg_num(1, n1) || n1 > 255 || args.size() < 3 || !parse_hex(args[2], data) ||
+            data.size() > ZEL_DESFIRE_MAX_CONFIG_DATA || (args.size() > 3 && !arg_aid(3, aid)))
+            return tandro::usage_error("desfire", "config takes OPTION, the data in hex and an AID if any");
+        return outcome("config", zdf_set_configuration_ex(c.hnd, c.key, aid, static_cast<uint8_t>(n1), data.data(),
+                                                          static_cast<uint8_t>(data.size()), &c.cs, &c.et),
+                       c);
+    }
     if (!arg_aid(1, aid) || !arg_num(2, fid) || fid > 31)
         return tandro::usage_error("desfire", sub + " takes an AID and a file id (0 to 31)");
     const uint8_t f = static_cast<uint8_t>(fid);
@@ -325,6 +358,20 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
             std::printf("  records of %u bytes: %u of %u\n", s.record_size, s.current_records, s.max_records);
         else
             std::printf("  key type %u, version %u\n", s.tmac_key_type, s.tmac_key_version);
+        return 0;
+    }
+    if (sub == "sdm-settings") {
+        if (c.key.type != ZEL_DESFIRE_WIRE_AES)
+            return tandro::usage_error("desfire", "sdm-settings authenticates with an AES key");
+        zel_desfire_sdm_file_settings s;
+        const ZEL_STATUS st = zdf_get_file_settings_sdm(c.hnd, c.key, aid, f, &s, &c.cs, &c.et);
+        if (st == ZEL_OK && c.cs == ZEL_DESFIRE_NOT_STANDARD_FILE) {
+            std::fprintf(stderr, "tandro desfire sdm-settings: file %u is not a standard data file\n", f);
+            return 1;
+        }
+        if (int e = outcome("sdm-settings", st, c))
+            return e;
+        print_sdm_settings(f, s, j);
         return 0;
     }
     if (sub == "file-delete")
