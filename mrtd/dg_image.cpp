@@ -170,7 +170,12 @@ ZEL_API ZEL_STATUS MRTDGetImageFromDG7(const uint8_t *dg7, int32_t len, const ui
     return ZEL_OK;
 }
 
-ZEL_API ZEL_STATUS MRTDGetImageFromDG2ToFile(const uint8_t *dg2, uint32_t len, const char *path)
+namespace {
+
+using ImageFinder = ZEL_STATUS (*)(const uint8_t *, int32_t, const uint8_t **, uint32_t *, uint32_t *);
+
+// The image of a data group, found by find, into path with the extension of its format.
+ZEL_STATUS image_to_file(ImageFinder find, const uint8_t *dg, uint32_t len, const char *path)
 {
     if (path == nullptr)
         return ZEL_PARAMETERS_ERROR;
@@ -180,26 +185,22 @@ ZEL_API ZEL_STATUS MRTDGetImageFromDG2ToFile(const uint8_t *dg2, uint32_t len, c
         return MRTD_EF_DG_WRONG_DATA;
     const uint8_t *image = nullptr;
     uint32_t image_len = 0, format = 0;
-    const ZEL_STATUS st = MRTDGetImageFromDG2(dg2, static_cast<int32_t>(len), &image, &image_len, &format);
+    const ZEL_STATUS st = find(dg, static_cast<int32_t>(len), &image, &image_len, &format);
     if (st != ZEL_OK)
         return st;
     return zel::mrtd::write_image(image, image_len, format, path);
 }
 
+} // namespace
+
+ZEL_API ZEL_STATUS MRTDGetImageFromDG2ToFile(const uint8_t *dg2, uint32_t len, const char *path)
+{
+    return image_to_file(MRTDGetImageFromDG2, dg2, len, path);
+}
+
 ZEL_API ZEL_STATUS MRTDGetImageFromDG7ToFile(const uint8_t *dg7, uint32_t len, const char *path)
 {
-    if (path == nullptr)
-        return ZEL_PARAMETERS_ERROR;
-    if (std::strlen(path) + 5 > 4096)
-        return ZEL_MAX_SIZE_EXCEEDED;
-    if (len > INT32_MAX)
-        return MRTD_EF_DG_WRONG_DATA;
-    const uint8_t *image = nullptr;
-    uint32_t image_len = 0, format = 0;
-    const ZEL_STATUS st = MRTDGetImageFromDG7(dg7, static_cast<int32_t>(len), &image, &image_len, &format);
-    if (st != ZEL_OK)
-        return st;
-    return zel::mrtd::write_image(image, image_len, format, path);
+    return image_to_file(MRTDGetImageFromDG7, dg7, len, path);
 }
 
 ZEL_API uint32_t image_base64_encode(const uint8_t *in, uint64_t in_len, char *out, uint64_t out_cap,

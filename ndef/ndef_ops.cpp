@@ -648,7 +648,11 @@ extern "C" ZEL_API ZEL_STATUS get_ndef_record_countHnd(ZEL_HANDLE hnd, uint8_t *
     return ZEL_OK;
 }
 
-extern "C" ZEL_API ZEL_STATUS erase_last_ndef_recordHnd(ZEL_HANDLE hnd, uint8_t message_nr)
+namespace {
+
+// Erases the last record (all = 0) or every record (all = 1): on a Type 4 card through its NDEF file, on
+// the others in the card's image.
+ZEL_STATUS erase_records(ZEL_HANDLE hnd, uint8_t message_nr, uint8_t all)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -657,19 +661,18 @@ extern "C" ZEL_API ZEL_STATUS erase_last_ndef_recordHnd(ZEL_HANDLE hnd, uint8_t 
     if (st != ZEL_OK)
         return st;
     if (type == 17 || type == 18 || type == 64)
-        return erase_last_t4(hnd);
-    return erase_memory_card(hnd, message_nr, 0);
+        return all ? format_card_for_ndef(hnd, type) : erase_last_t4(hnd);
+    return erase_memory_card(hnd, message_nr, all);
+}
+
+} // namespace
+
+extern "C" ZEL_API ZEL_STATUS erase_last_ndef_recordHnd(ZEL_HANDLE hnd, uint8_t message_nr)
+{
+    return erase_records(hnd, message_nr, 0);
 }
 
 extern "C" ZEL_API ZEL_STATUS erase_all_ndef_recordsHnd(ZEL_HANDLE hnd, uint8_t message_nr)
 {
-    if (!hnd)
-        return ZEL_DEVICE_WRONG_HANDLE;
-    uint8_t type = 0;
-    const ZEL_STATUS st = GetOrbCardTypeHnd(hnd, &type);
-    if (st != ZEL_OK)
-        return st;
-    if (type == 17 || type == 18 || type == 64)
-        return format_card_for_ndef(hnd, type);
-    return erase_memory_card(hnd, message_nr, 1);
+    return erase_records(hnd, message_nr, 1);
 }

@@ -328,6 +328,20 @@ int start(zsim *sim, std::unique_ptr<L> link)
     return 0;
 }
 
+// Starts the link on its bound socket fd (closed when the start fails); the port it serves, or -1.
+template <typename L>
+int launch(zsim *sim, std::unique_ptr<L> link, int fd, uint16_t *bound)
+{
+    const uint16_t p = bound_port_of(fd);
+    if (start(sim, std::move(link)) != 0) {
+        close(fd);
+        return -1;
+    }
+    if (bound)
+        *bound = p;
+    return p;
+}
+
 void note_frame_link(zsim *sim, const char *host, uint16_t port, uint8_t protocol)
 {
     std::lock_guard<std::mutex> lock(sim->mu);
@@ -352,14 +366,10 @@ int serve_udp(zsim *sim, const char *host, uint16_t port, uint16_t *bound)
     auto link = std::make_unique<UdpLink>();
     link->fd = fd;
     link->core.datagram = true;
-    const uint16_t p = bound_port_of(fd);
-    if (start(sim, std::move(link)) != 0) {
-        close(fd);
+    const int p = launch(sim, std::move(link), fd, bound);
+    if (p < 0)
         return -1;
-    }
-    note_frame_link(sim, host, p, 'U');
-    if (bound)
-        *bound = p;
+    note_frame_link(sim, host, static_cast<uint16_t>(p), 'U');
     return 0;
 }
 
@@ -375,14 +385,10 @@ int serve_tcp(zsim *sim, const char *host, uint16_t port, uint16_t *bound)
     auto link = std::make_unique<TcpLink>();
     link->listener = fd;
     link->core.stream_started = false;
-    const uint16_t p = bound_port_of(fd);
-    if (start(sim, std::move(link)) != 0) {
-        close(fd);
+    const int p = launch(sim, std::move(link), fd, bound);
+    if (p < 0)
         return -1;
-    }
-    note_frame_link(sim, host, p, 'T');
-    if (bound)
-        *bound = p;
+    note_frame_link(sim, host, static_cast<uint16_t>(p), 'T');
     return 0;
 }
 
@@ -394,14 +400,7 @@ int serve_discovery(zsim *sim, const char *host, uint16_t port, bool short_form,
     auto link = std::make_unique<DiscoveryLink>();
     link->fd = fd;
     link->short_form = short_form;
-    const uint16_t p = bound_port_of(fd);
-    if (start(sim, std::move(link)) != 0) {
-        close(fd);
-        return -1;
-    }
-    if (bound)
-        *bound = p;
-    return 0;
+    return launch(sim, std::move(link), fd, bound) < 0 ? -1 : 0;
 }
 
 int serve_gpio(zsim *sim, const char *path, uint32_t pin)

@@ -86,16 +86,24 @@ void parameters(const Reader &r, const uint8_t *f, Answer &a)
     put_response(a.bytes, f[1], 0, 0, d.data(), d.size());
 }
 
+// The address and count in front of an EEPROM access whose data starts at head: 0 when the EXT holds
+// exactly the count announced (at most 128), else the error to answer.
+uint8_t eeprom_head(const uint8_t *ext, size_t len, size_t head, uint32_t &addr, uint32_t &count)
+{
+    if (len < head)
+        return E_PARAMETERS;
+    addr = get_u32(ext) & 0x7FFFFFFF;
+    count = get_u32(ext + 4);
+    if (count > 128)
+        return E_MAX_SIZE;
+    return len == count + head ? 0 : E_PARAMETERS;
+}
+
 void eeprom_read(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
 {
-    if (len < 8)
-        return put_error(a.bytes, E_PARAMETERS);
-    const uint32_t addr = get_u32(ext) & 0x7FFFFFFF;
-    const uint32_t count = get_u32(ext + 4);
-    if (count > 128)
-        return put_error(a.bytes, E_MAX_SIZE);
-    if (len != count + 8)
-        return put_error(a.bytes, E_PARAMETERS);
+    uint32_t addr = 0, count = 0;
+    if (const uint8_t e = eeprom_head(ext, len, 8, addr, count))
+        return put_error(a.bytes, e);
     if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)
         return put_error(a.bytes, E_MAX_ADDRESS);
     if (count == 0)
@@ -105,14 +113,9 @@ void eeprom_read(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, An
 
 void eeprom_write(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answer &a)
 {
-    if (len < 16)
-        return put_error(a.bytes, E_PARAMETERS);
-    const uint32_t addr = get_u32(ext) & 0x7FFFFFFF;
-    const uint32_t count = get_u32(ext + 4);
-    if (count > 128)
-        return put_error(a.bytes, E_MAX_SIZE);
-    if (len != count + 16)
-        return put_error(a.bytes, E_PARAMETERS);
+    uint32_t addr = 0, count = 0;
+    if (const uint8_t e = eeprom_head(ext, len, 16, addr, count))
+        return put_error(a.bytes, e);
     if (!password_ok(r, ext + 8))
         return put_error(a.bytes, E_WRONG_PASSWORD);
     if (addr > EEPROM_SIZE || count > EEPROM_SIZE - addr)

@@ -696,6 +696,17 @@ ZEL_STATUS zdf_delete_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_
 
 namespace zel::desfire {
 
+// The four key numbers of the access rights at p into the settings s.
+template <typename S>
+void unpack_access(const uint8_t *p, S *s)
+{
+    const uint32_t a = get16(p);
+    s->read_key_no = static_cast<uint8_t>(a >> 12 & 0x0F);
+    s->write_key_no = static_cast<uint8_t>(a >> 8 & 0x0F);
+    s->read_write_key_no = static_cast<uint8_t>(a >> 4 & 0x0F);
+    s->change_key_no = static_cast<uint8_t>(a & 0x0F);
+}
+
 // Reads the file settings of a reply (the two results first). Exposed for the fuzz target.
 void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file_settings *s)
 {
@@ -707,11 +718,7 @@ void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file
     if (have(6))
         s->communication_settings = reply[5] & 3;
     if (have(8)) {
-        const uint32_t a = get16(reply + 6);
-        s->read_key_no = static_cast<uint8_t>(a >> 12 & 0x0F);
-        s->write_key_no = static_cast<uint8_t>(a >> 8 & 0x0F);
-        s->read_write_key_no = static_cast<uint8_t>(a >> 4 & 0x0F);
-        s->change_key_no = static_cast<uint8_t>(a & 0x0F);
+        unpack_access(reply + 6, s);
     }
     switch (s->file_type) {
     case ZEL_DESFIRE_FILE_STANDARD:
@@ -748,18 +755,25 @@ void parse_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_file
     }
 }
 
+// The reply of the file settings command (0xC6) for one file into reply (256 bytes).
+ZEL_STATUS settings_reply(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t file_id, uint8_t *reply,
+                          uint32_t *useful)
+{
+    uint8_t ext[256];
+    const uint32_t at = head(ext, k, true, aid);
+    ext[at] = file_id;
+    ext[at + 1] = k.auth;
+    return transact(hnd, kCmdFileSettings, par0_of(k), 0, ext, at + 2, reply, useful);
+}
+
 ZEL_STATUS file_settings(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t file_id,
                          zel_desfire_file_settings *s, uint16_t *cs, uint16_t *et)
 {
     if (s)
         std::memset(s, 0, sizeof *s);
-    uint8_t ext[256];
-    const uint32_t at = head(ext, k, true, aid);
-    ext[at] = file_id;
-    ext[at + 1] = k.auth;
     uint8_t reply[256] = {};
     uint32_t useful = 0;
-    const ZEL_STATUS st = transact(hnd, kCmdFileSettings, par0_of(k), 0, ext, at + 2, reply, &useful);
+    const ZEL_STATUS st = settings_reply(hnd, k, aid, file_id, reply, &useful);
     if (st != ZEL_OK)
         return st;
     results(reply, useful, cs, et);
@@ -788,11 +802,7 @@ void parse_sdm_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_
     s->sdm_enabled = reply[5] >> 6 & 1;
     if (useful < 8)
         return;
-    const uint32_t a = get16(reply + 6);
-    s->read_key_no = static_cast<uint8_t>(a >> 12 & 0x0F);
-    s->write_key_no = static_cast<uint8_t>(a >> 8 & 0x0F);
-    s->read_write_key_no = static_cast<uint8_t>(a >> 4 & 0x0F);
-    s->change_key_no = static_cast<uint8_t>(a & 0x0F);
+    unpack_access(reply + 6, s);
     if (!s->sdm_enabled || useful < 11)
         return;
     const uint8_t opt = reply[8];
@@ -835,13 +845,9 @@ ZEL_STATUS zdf_get_file_settings_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uin
 {
     if (settings)
         std::memset(settings, 0, sizeof *settings);
-    uint8_t ext[256];
-    const uint32_t at = head(ext, k, true, aid);
-    ext[at] = file_id;
-    ext[at + 1] = k.auth;
     uint8_t reply[256] = {};
     uint32_t useful = 0;
-    const ZEL_STATUS st = transact(hnd, kCmdFileSettings, par0_of(k), 0, ext, at + 2, reply, &useful);
+    const ZEL_STATUS st = settings_reply(hnd, k, aid, file_id, reply, &useful);
     if (st != ZEL_OK)
         return st;
     uint16_t status = 0;

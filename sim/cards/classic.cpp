@@ -306,12 +306,10 @@ bool SectorCard::setup(const Json *cfg, std::string &err)
         return false;
     if (!cfg || cfg->kind == Json::NUL)
         return true;
+    if (!setup_memory(*cfg, "setup", mem_, err))
+        return false;
     bool given = false;
     std::vector<uint8_t> bytes;
-    if (!setup_hex(*cfg, "memory", "setup", mem_.size(), true, bytes, given, err))
-        return false;
-    if (given)
-        std::memcpy(mem_.data(), bytes.data(), bytes.size());
     if (!setup_bool(*cfg, "stream", "setup", stream_, err))
         return false;
     if (const Json *list = cfg->get("sectors")) {

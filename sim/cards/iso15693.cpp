@@ -277,11 +277,9 @@ bool VicinityCard::setup(const Json *cfg, std::string &err)
         !setup_byte(*cfg, "ic_reference", W, ic_ref_, err) || !setup_byte(*cfg, "info_flags", W, info_flags_, err) ||
         !setup_pw(*cfg, "password", W, em_pw_, err))
         return false;
-    std::vector<uint8_t> bytes;
-    if (!setup_hex(*cfg, "memory", W, mem_.size(), true, bytes, given, err))
+    if (!setup_memory(*cfg, W, mem_, err))
         return false;
-    if (given)
-        std::memcpy(mem_.data(), bytes.data(), bytes.size());
+    std::vector<uint8_t> bytes;
     if (const Json *list = cfg->get("block_data")) {
         if (list->kind != Json::ARRAY) {
             err = "setup.block_data: a list is expected";

@@ -75,4 +75,15 @@ bool setup_bool(const Json &o, const char *name, const std::string &where, bool 
     return true;
 }
 
+bool setup_memory(const Json &o, const std::string &where, std::vector<uint8_t> &mem, std::string &err)
+{
+    bool given = false;
+    std::vector<uint8_t> bytes;
+    if (!setup_hex(o, "memory", where, mem.size(), true, bytes, given, err))
+        return false;
+    if (given)
+        std::copy(bytes.begin(), bytes.end(), mem.begin());
+    return true;
+}
+
 } // namespace zs

@@ -19,6 +19,8 @@ bool setup_hex(const Json &o, const char *name, const std::string &where, size_t
 // A whole number from lo to hi (JSON number, or hex digits in a string for values from 0).
 bool setup_int(const Json &o, const char *name, const std::string &where, int64_t lo, int64_t hi, int64_t &out,
                bool &given, std::string &err);
+// The "memory" member: hex bytes laid over the start of mem, at most all of it.
+bool setup_memory(const Json &o, const std::string &where, std::vector<uint8_t> &mem, std::string &err);
 bool setup_bool(const Json &o, const char *name, const std::string &where, bool &out, std::string &err);
 
 } // namespace zs

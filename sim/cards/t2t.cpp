@@ -221,12 +221,10 @@ public:
             return false;
         if (!cfg || cfg->kind == Json::NUL)
             return true;
+        if (!setup_memory(*cfg, "setup", mem_, err))
+            return false;
         bool given = false;
         std::vector<uint8_t> bytes;
-        if (!setup_hex(*cfg, "memory", "setup", mem_.size(), true, bytes, given, err))
-            return false;
-        if (given)
-            std::memcpy(mem_.data(), bytes.data(), bytes.size());
         if (const Json *list = cfg->get("pages")) {
             if (list->kind != Json::ARRAY) {
                 err = "setup.pages: a list is expected";
