@@ -1,4 +1,4 @@
-// A simulated reader on a pseudo-terminal with a handle attached, loaded from a scenario, for the card tests.
+// A simulated reader on a pseudo-terminal with a handle attached, empty or loaded from a scenario.
 #ifndef ZEL_TESTS_CARD_SIM_FIXTURE_H
 #define ZEL_TESTS_CARD_SIM_FIXTURE_H
 
@@ -25,6 +25,18 @@ protected:
         hnd = nullptr;
         sim = nullptr;
     }
+    // Serves the reader (a new one with an empty field unless the test made one) on a pseudo-terminal and
+    // opens a handle on it with the given time-out.
+    void serve(uint32_t timeout_ms = 500)
+    {
+        if (!sim)
+            sim = zsim_new();
+        ASSERT_NE(sim, nullptr);
+        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
+        hnd = Zel_Hnd_Create();
+        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
+        PortSetTimeout(hnd, timeout_ms);
+    }
     // Starts the reader with the scenario and opens a handle on it, after closing any started before.
     void start(const std::string &scenario)
     {
@@ -33,15 +45,12 @@ protected:
         ASSERT_NE(sim, nullptr);
         char err[256] = {};
         ASSERT_EQ(zsim_load_scenario(sim, scenario.c_str(), err, sizeof err), 0) << err;
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 500);
+        serve();
     }
     // The last command the reader took: frame and EXT.
     std::vector<uint8_t> last_request()
     {
-        uint8_t buf[300];
+        uint8_t buf[512];
         const size_t n = zsim_last_request(sim, buf, sizeof buf);
         return std::vector<uint8_t>(buf, buf + n);
     }

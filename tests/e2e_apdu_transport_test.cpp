@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "card_sim_fixture.h"
 #include "tandro.h"
 #include "transport/serial.h"
 #include "zelsim.h"
@@ -20,23 +21,17 @@ const zsim_card kCard = {{0x04, 0x51, 0x62, 0x73, 0x84, 0x95, 0xA6}, 7, 0x20, 0x
 // Byte i of the test application's file, as its setup describes it.
 uint8_t file_byte(size_t i) { return static_cast<uint8_t>((i & 0xFF) ^ (i >> 8)); }
 
-class ApduE2E : public ::testing::Test {
+class ApduE2E : public zeltest::CardSimTest {
 protected:
-    void SetUp() override { start(R"({"block_size": 32})"); }
-    void start(const char *setup)
+    void SetUp() override { start_card(R"({"block_size": 32})"); }
+    // A reader whose field holds the test card with this setup, in place of any before.
+    void start_card(const char *setup)
     {
+        stop();
         sim = zsim_new();
         ASSERT_NE(sim, nullptr);
         ASSERT_EQ(zsim_card_add_model(sim, &kCard, "iso14443_4", setup), 0);
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 300);
-    }
-    void TearDown() override
-    {
-        Zel_Hnd_Destroy(hnd);
-        zsim_free(sim);
+        serve(300);
     }
     void select_test_app()
     {
@@ -52,10 +47,6 @@ protected:
         EXPECT_EQ(fci[0], 0x6F);
         EXPECT_EQ(Bytes(fci + 4, fci + ne), kAid);
     }
-
-    zsim *sim = nullptr;
-    char path[256] = {};
-    ZEL_HANDLE hnd = nullptr;
 };
 
 TEST_F(ApduE2E, ActivationGivesAtsUidAndSak)
@@ -265,7 +256,7 @@ TEST_F(ApduE2E, RawFrontEndAndRawMode)
 
 class ApduSlowCardE2E : public ApduE2E {
 protected:
-    void SetUp() override { start(R"({"interim_frames": 4, "apps": [{"kind": "test", "size": 64}]})"); }
+    void SetUp() override { start_card(R"({"interim_frames": 4, "apps": [{"kind": "test", "size": 64}]})"); }
 };
 
 TEST_F(ApduSlowCardE2E, InterimFramesBeforeTheAnswer)

@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include "card_sim_fixture.h"
 #include "core/internal.h"
 #include "reader/line.h"
 #include "transport/reset.h"
@@ -61,32 +62,20 @@ const Bytes PW(kPassword, kPassword + 8);
 
 zsim *g_sim = nullptr;
 
-class SimConfig : public ::testing::Test {
+class SimConfig : public zeltest::CardSimTest {
 protected:
     void SetUp() override
     {
         zel::set_sleep_hook([](uint32_t) {});
-        sim = zsim_new();
-        ASSERT_NE(sim, nullptr);
+        serve(300);
         g_sim = sim;
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 300);
     }
     void TearDown() override
     {
-        Zel_Hnd_Destroy(hnd);
-        zsim_free(sim);
+        stop();
         g_sim = nullptr;
         zel::set_sleep_hook(nullptr);
         zel::set_pin_command_hook(nullptr);
-    }
-    Bytes last_request()
-    {
-        uint8_t buf[300];
-        const size_t n = zsim_last_request(sim, buf, sizeof buf);
-        return Bytes(buf, buf + n);
     }
     // 0x70 has no reply: the call returns once the bytes are written, so wait until the reader took them.
     void wait_for_exchange(uint64_t count)
@@ -113,10 +102,6 @@ protected:
         zsim_get_password(sim, p);
         return Bytes(p, p + 8);
     }
-
-    zsim *sim = nullptr;
-    char path[256] = {};
-    ZEL_HANDLE hnd = nullptr;
 };
 
 template <typename Fn>

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "card_sim_fixture.h"
 #include "core/frame.h"
 #include "desfire.h" // the simulated card, for checks on the card's side
 #include "tandro.h"
@@ -28,32 +29,13 @@ const uint8_t kReadKey[16] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x
 const uint8_t kWriteKey[16] = {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10, 0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78};
 constexpr uint32_t kAid = 0x00A1B2;
 
-class DesfireSim : public ::testing::Test {
+class DesfireSim : public zeltest::CardSimTest {
 protected:
-    void SetUp() override
-    {
-        sim = zsim_new();
-        ASSERT_NE(sim, nullptr);
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 500);
-    }
-    void TearDown() override
-    {
-        Zel_Hnd_Destroy(hnd);
-        zsim_free(sim);
-    }
+    void SetUp() override { serve(); }
     void add_card(const char *setup = R"({"master_key": "512A930CE47D16BF28C15AF38C25BE47", "master_key_type": "aes"})")
     {
         const zsim_card c = {{0x04, 0x51, 0x62, 0x73, 0x84, 0x95, 0xA6}, 7, 0x20, 0x0344, 0x29};
         ASSERT_EQ(zsim_card_add_model(sim, &c, "desfire", setup), 0);
-    }
-    Bytes last_request()
-    {
-        Bytes b(400);
-        b.resize(zsim_last_request(sim, b.data(), b.size()));
-        return b;
     }
     // An AES application with five AES keys: key 0 kAppKey0, 1 kReadKey, 2 kWriteKey, 3 and 4 zero.
     void make_app()
@@ -68,9 +50,6 @@ protected:
         ASSERT_EQ(cs, OK);
     }
 
-    zsim *sim = nullptr;
-    char path[256] = {};
-    ZEL_HANDLE hnd = nullptr;
     uint16_t cs = 0, et = 0;
 };
 

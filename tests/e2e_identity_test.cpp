@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "card_sim_fixture.h"
 #include "reader/params.h"
 #include "tandro.h"
 #include "transport/serial.h"
@@ -19,37 +20,14 @@ using Bytes = std::vector<uint8_t>;
 const Bytes kSimMui = {0x5A, 0x53, 0x49, 0x4D, 0x00, 0x01, 0x02, 0x03,
                        0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B};
 
-class SimIdentity : public ::testing::Test {
+class SimIdentity : public zeltest::CardSimTest {
 protected:
-    void SetUp() override
-    {
-        sim = zsim_new();
-        ASSERT_NE(sim, nullptr);
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 300);
-    }
-    void TearDown() override
-    {
-        Zel_Hnd_Destroy(hnd);
-        zsim_free(sim);
-    }
+    void SetUp() override { serve(300); }
     void load(const char *json)
     {
         char err[200] = {};
         ASSERT_EQ(zsim_load_scenario(sim, json, err, sizeof err), 0) << err;
     }
-    Bytes last_request()
-    {
-        uint8_t buf[300];
-        const size_t n = zsim_last_request(sim, buf, sizeof buf);
-        return Bytes(buf, buf + n);
-    }
-
-    zsim *sim = nullptr;
-    char path[256] = {};
-    ZEL_HANDLE hnd = nullptr;
 };
 
 // A command frame as the host must send it, checksum included.

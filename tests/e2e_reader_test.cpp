@@ -4,6 +4,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "card_sim_fixture.h"
 #include "core/frame.h"
 #include "tandro.h"
 #include "transport/serial.h"
@@ -11,29 +12,17 @@
 
 namespace {
 
-class SimReaderTest : public ::testing::Test {
+// Opening comes with its own sequence; here the port is set on the record directly.
+class SimReaderTest : public zeltest::CardSimTest {
 protected:
     void SetUp() override
     {
         sim = zsim_new();
         ASSERT_NE(sim, nullptr);
         zsim_set_reader_type(sim, 0x01020304);
-        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-        hnd = Zel_Hnd_Create();
-        // Opening comes with its own sequence; here the port is set on the record directly.
-        ASSERT_EQ(zel::serial_open(hnd, path, 1000000, true), ZEL_OK);
-        PortSetTimeout(hnd, 300);
-    }
-    void TearDown() override
-    {
-        Zel_Hnd_Destroy(hnd);
-        zsim_free(sim);
+        serve(300);
     }
     size_t last_request(uint8_t *buf, size_t len) { return zsim_last_request(sim, buf, len); }
-
-    zsim *sim = nullptr;
-    char path[256] = {};
-    ZEL_HANDLE hnd = nullptr;
 };
 
 TEST_F(SimReaderTest, ReaderTypeThroughEveryForm)

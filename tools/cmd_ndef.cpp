@@ -263,21 +263,28 @@ std::vector<uint8_t> uri_payload(const std::string &uri)
     return p;
 }
 
+// The one message of a DESFire card's NDEF application, its records and where each header byte is.
+ZEL_STATUS desfire_records(ZEL_HANDLE h, uint8_t message, std::vector<uint8_t> &msg,
+                           std::vector<zel::ndef::Record> &recs, std::vector<uint32_t> &at)
+{
+    if (message != 1)
+        return ZEL_NDEF_MESSAGE_NOT_FOUND;
+    const ZEL_STATUS st = desfire_message(h, msg);
+    if (st != ZEL_OK)
+        return st;
+    return message_records(msg, recs, at) ? ZEL_OK : ZEL_WRONG_NDEF_CARD_FORMAT;
+}
+
 // Appends a record to the message of a DESFire card's NDEF application, which holds one message: the
 // records before it lose ME (the first keeps MB), the new one has ME (and MB in an empty message).
 ZEL_STATUS desfire_append(ZEL_HANDLE h, uint8_t message, uint8_t tnf, const std::string &type, const std::string &id,
                           const std::vector<uint8_t> &payload)
 {
-    if (message != 1)
-        return ZEL_NDEF_MESSAGE_NOT_FOUND;
     std::vector<uint8_t> msg;
-    ZEL_STATUS st = desfire_message(h, msg);
-    if (st != ZEL_OK)
-        return st;
     std::vector<zel::ndef::Record> recs;
     std::vector<uint32_t> at;
-    if (!message_records(msg, recs, at))
-        return ZEL_WRONG_NDEF_CARD_FORMAT;
+    if (ZEL_STATUS st = desfire_records(h, message, msg, recs, at); st != ZEL_OK)
+        return st;
     for (size_t i = 0; i < at.size(); ++i)
         msg[at[i]] = static_cast<uint8_t>((msg[at[i]] & 0x3F) | (i == 0 ? 0x80 : 0));
     std::vector<uint8_t> rec;
@@ -300,16 +307,11 @@ ZEL_STATUS desfire_append(ZEL_HANDLE h, uint8_t message, uint8_t tnf, const std:
 // Erases the last record, or every record, of a DESFire card's NDEF message.
 ZEL_STATUS desfire_erase(ZEL_HANDLE h, uint8_t message, bool all)
 {
-    if (message != 1)
-        return ZEL_NDEF_MESSAGE_NOT_FOUND;
     std::vector<uint8_t> msg;
-    ZEL_STATUS st = desfire_message(h, msg);
-    if (st != ZEL_OK)
-        return st;
     std::vector<zel::ndef::Record> recs;
     std::vector<uint32_t> at;
-    if (!message_records(msg, recs, at))
-        return ZEL_WRONG_NDEF_CARD_FORMAT;
+    if (ZEL_STATUS st = desfire_records(h, message, msg, recs, at); st != ZEL_OK)
+        return st;
     if (recs.empty())
         return all ? ZEL_OK : ZEL_NDEF_MESSAGE_NOT_FOUND;
     std::vector<uint8_t> out(2, 0);
