@@ -85,6 +85,7 @@ typedef struct zel_desfire_sdm_file_settings {
     uint8_t communication_settings; /* 2 bits */
     uint8_t sdm_enabled;            /* 1 bit */
     uint8_t read_key_no, write_key_no, read_write_key_no, change_key_no;
+    uint32_t file_size;
     uint8_t sdm_options;            /* ZEL_DESFIRE_SDM_* bits, and 0x01 */
     uint8_t meta_read_key_no, file_read_key_no, read_ctr_key_no; /* 14 plain, 15 none */
     uint32_t uid_offset, read_ctr_offset;  /* meta read key 14, with the mirror */

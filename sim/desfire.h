@@ -49,6 +49,8 @@ struct DfFile {
     std::array<uint8_t, 16> tmac_key{};
     uint8_t tmac_version = 0;
     uint32_t tmac_counter = 0;
+    std::vector<uint8_t> sdm; // standard file with SDM on: options, SDM access rights, offsets
+
     // The transaction: changes wait here until a commit.
     bool dirty = false;
     std::vector<uint8_t> p_data;

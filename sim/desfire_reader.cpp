@@ -489,12 +489,21 @@ bool desfire_reader_command(Reader &r, const uint8_t frame[7], const uint8_t *ex
         if (op.select(h.aid) && (!f[1] || auth(0)) && op.run({0xF5, f[0]}))
             extra = op.last;
         break;
-    case 0xCA: // change file settings
+    case 0xCA: { // change file settings; SDM settings behind their length go to the card as they stand
         if (!need(4))
             return true;
+        std::vector<uint8_t> c{0x5F, f[0]};
+        if (fl >= 5 && f[4]) {
+            if (!need(5u + f[4]))
+                return true;
+            c.insert(c.end(), f + 5, f + 5 + f[4]);
+        } else {
+            c.insert(c.end(), f + 1, f + 4);
+        }
         if (op.select(h.aid) && auth(0))
-            op.run({0x5F, f[0], f[1], f[2], f[3]});
+            op.run(c);
         break;
+    }
     case 0x83:   // read data, streamed
     case 0x99: { // read records, streamed
         if (!need(cmd == 0x83 ? 8 : 10))

@@ -789,7 +789,8 @@ ZEL_STATUS zdf_get_file_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t
 }
 
 // Reads the settings of a standard file with SDM of a reply (the two results first): file type, file
-// option, access rights, and with SDM on the options, the SDM access rights and the offsets that apply.
+// option, access rights and file size as for any standard file, then with SDM on the options, the SDM
+// access rights and the offsets that apply.
 void parse_sdm_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_sdm_file_settings *s)
 {
     std::memset(s, 0, sizeof *s);
@@ -803,15 +804,18 @@ void parse_sdm_file_settings(const uint8_t *reply, uint32_t useful, zel_desfire_
     if (useful < 8)
         return;
     unpack_access(reply + 6, s);
-    if (!s->sdm_enabled || useful < 11)
+    if (useful < 11)
         return;
-    const uint8_t opt = reply[8];
-    const uint32_t sa = get16(reply + 9);
+    s->file_size = get24(reply + 8);
+    if (!s->sdm_enabled || useful < 14)
+        return;
+    const uint8_t opt = reply[11];
+    const uint32_t sa = get16(reply + 12);
     s->sdm_options = opt;
     s->read_ctr_key_no = static_cast<uint8_t>(sa & 0x0F);
     s->file_read_key_no = static_cast<uint8_t>(sa >> 8 & 0x0F);
     s->meta_read_key_no = static_cast<uint8_t>(sa >> 12 & 0x0F);
-    uint32_t at = 11;
+    uint32_t at = 14;
     // The next offset when the card sent it; a missing one leaves the rest at 0.
     auto next = [&](uint32_t *field) {
         if (at + 3 > useful)

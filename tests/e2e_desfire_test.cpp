@@ -487,6 +487,62 @@ TEST_F(DesfireSim, UidAndConfiguration)
     EXPECT_EQ(cs, DESFIRE_CARD_PARAMETER_ERROR);
 }
 
+// Secure Dynamic Messaging settings of a standard file: set through the change with SDM data, read back with
+// the offsets that apply; the card checks their length and the file type.
+TEST_F(DesfireSim, SdmSettingsOfAStandardFile)
+{
+    add_card();
+    make_app();
+    ASSERT_EQ(Zel_int_DesfireCreateStdDataFile_aes_PKM(hnd, kAppKey0, kAid, 1, 256, 14, 0, 0, 0, 0, &cs, &et), ZEL_OK);
+    ASSERT_EQ(cs, OK);
+    zel_desfire_sdm_file_settings s;
+    ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aes_PKM(hnd, kAppKey0, kAid, 1, &s, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, OK);
+    EXPECT_EQ(s.sdm_enabled, 0);
+    EXPECT_EQ(s.file_size, 256u);
+    EXPECT_EQ(s.read_key_no, 14);
+
+    // Plain UID and counter mirrors, a MAC with the file read key 2, counter key 1.
+    const Bytes sdm = {0x40, 0x00, 0xE0, 0xC1, 0xF1, 0xE2, 0x20, 0x00, 0x00, 0x40, 0x00, 0x00,
+                       0x50, 0x00, 0x00, 0x60, 0x00, 0x00};
+    ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(hnd, kAppKey0, kAid, 1, 0, 14, 0, 0, 0, sdm.data(),
+                                                       static_cast<uint8_t>(sdm.size()), &cs, &et),
+              ZEL_OK);
+    EXPECT_EQ(cs, OK);
+    ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aes_PKM(hnd, kAppKey0, kAid, 1, &s, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, OK);
+    EXPECT_EQ(s.sdm_enabled, 1);
+    EXPECT_EQ(s.file_size, 256u);
+    EXPECT_EQ(s.sdm_options, 0xC1);
+    EXPECT_EQ(s.meta_read_key_no, 14);
+    EXPECT_EQ(s.file_read_key_no, 2);
+    EXPECT_EQ(s.read_ctr_key_no, 1);
+    EXPECT_EQ(s.uid_offset, 0x20u);
+    EXPECT_EQ(s.read_ctr_offset, 0x40u);
+    EXPECT_EQ(s.mac_input_offset, 0x50u);
+    EXPECT_EQ(s.mac_offset, 0x60u);
+    // The ordinary settings read sees the same file.
+    zel_desfire_file_settings plain;
+    ASSERT_EQ(Zel_int_DesfireGetFileSettings_aes_PKM(hnd, kAppKey0, kAid, 1, &plain, &cs, &et), ZEL_OK);
+    EXPECT_EQ(plain.file_size, 256u);
+
+    // One offset short, and SDM on a value file, are refused by the card.
+    ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(hnd, kAppKey0, kAid, 1, 0, 14, 0, 0, 0, sdm.data(),
+                                                       static_cast<uint8_t>(sdm.size() - 3), &cs, &et),
+              ZEL_OK);
+    EXPECT_EQ(cs, DESFIRE_CARD_LENGTH_ERROR);
+    ASSERT_EQ(Zel_int_DesfireCreateValueFile_PKM(hnd, kAppKey0, kAid, 2, 0, 100, 0, 0, 0, 0, 0, 0, 0, &cs, &et),
+              ZEL_OK);
+    ASSERT_EQ(cs, OK);
+    ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(hnd, kAppKey0, kAid, 2, 0, 14, 0, 0, 0, sdm.data(),
+                                                       static_cast<uint8_t>(sdm.size()), &cs, &et),
+              ZEL_OK);
+    EXPECT_EQ(cs, DESFIRE_CARD_PARAMETER_ERROR);
+    ASSERT_EQ(Zel_int_DesfireGetFileSettingsSdm_aes_PKM(hnd, kAppKey0, kAid, 2, &s, &cs, &et), ZEL_OK);
+    EXPECT_EQ(cs, ZEL_DESFIRE_NOT_STANDARD_FILE);
+    EXPECT_EQ(s.file_size, 0u);
+}
+
 // The frames the reader receives, for the forms whose layout differs.
 TEST_F(DesfireSim, FramesOfTheKeyForms)
 {

@@ -93,9 +93,9 @@ void print_sdm_settings(uint8_t f, const zel_desfire_sdm_file_settings &s, bool 
     };
     if (json) {
         std::printf("{\"file\": %u, \"communication\": %u, \"keys\": {\"read\": %u, \"write\": %u, "
-                    "\"read_write\": %u, \"change\": %u}, \"sdm\": %s",
+                    "\"read_write\": %u, \"change\": %u}, \"size\": %u, \"sdm\": %s",
                     f, s.communication_settings, s.read_key_no, s.write_key_no, s.read_write_key_no, s.change_key_no,
-                    s.sdm_enabled ? "true" : "false");
+                    s.file_size, s.sdm_enabled ? "true" : "false");
         if (s.sdm_enabled) {
             std::printf(", \"sdm_options\": %u, \"sdm_keys\": {\"meta_read\": %u, \"file_read\": %u, "
                         "\"read_ctr\": %u}",
@@ -107,9 +107,9 @@ void print_sdm_settings(uint8_t f, const zel_desfire_sdm_file_settings &s, bool 
         std::printf("}\n");
         return;
     }
-    std::printf("file %u: communication %u, keys read %u write %u read-write %u change %u, SDM %s\n", f,
+    std::printf("file %u: communication %u, keys read %u write %u read-write %u change %u, %u bytes, SDM %s\n", f,
                 s.communication_settings, s.read_key_no, s.write_key_no, s.read_write_key_no, s.change_key_no,
-                s.sdm_enabled ? "on" : "off");
+                s.file_size, s.sdm_enabled ? "on" : "off");
     if (!s.sdm_enabled)
         return;
     std::printf("  SDM options %02X, keys meta read %u file read %u counter %u\n", s.sdm_options, s.meta_read_key_no,

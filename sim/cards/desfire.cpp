@@ -75,6 +75,25 @@ std::vector<uint8_t> st(uint8_t s) { return {s}; }
 
 constexpr size_t MAX_APPS = 28, MAX_FILES = 32, APP_COST = 64;
 
+// The bytes of the SDM part of a file option that the options and SDM access rights at p call for: the
+// mirrors read in plain (meta read key 14) or the PICC data, the MAC input, encrypted data and MAC
+// offsets when the file read key is set, and the counter limit.
+size_t sdm_length(const uint8_t *p)
+{
+    const uint8_t opt = p[0];
+    const unsigned file_read = p[2] & 0x0F, meta_read = p[2] >> 4;
+    size_t len = 3;
+    if (meta_read == 14)
+        len += ((opt & 0x80) ? 3 : 0) + ((opt & 0x40) ? 3 : 0);
+    else if (meta_read != 15)
+        len += 3;
+    if (file_read != 15)
+        len += 6 + ((opt & 0x10) ? 6 : 0);
+    if (opt & 0x20)
+        len += 3;
+    return len;
+}
+
 } // namespace
 
 size_t DfFile::cost() const
@@ -532,12 +551,16 @@ std::vector<uint8_t> DesfireCard::run(const uint8_t *c, size_t n)
             return st(DF_PERMISSION_DENIED);
         std::vector<uint8_t> out = st(DF_OK);
         out.push_back(f->type);
-        out.push_back(f->comm);
+        // SDM shows once it has its settings.
+        out.push_back(f->sdm.empty() ? static_cast<uint8_t>(f->comm & ~0x40) : f->comm);
         out.push_back(static_cast<uint8_t>(f->access));
         out.push_back(static_cast<uint8_t>(f->access >> 8));
         switch (f->type) {
         case 0:
-        case 1: p24(out, static_cast<uint32_t>(f->data.size())); break;
+        case 1:
+            p24(out, static_cast<uint32_t>(f->data.size()));
+            out.insert(out.end(), f->sdm.begin(), f->sdm.end());
+            break;
         case 2:
             p32(out, static_cast<uint32_t>(f->lower));
             p32(out, static_cast<uint32_t>(f->upper));
@@ -557,14 +580,19 @@ std::vector<uint8_t> DesfireCard::run(const uint8_t *c, size_t n)
         }
         return out;
     }
-    case 0x5F: // change file settings: fid comm access(2)
-        if (n != 5)
+    case 0x5F: { // change file settings: fid option access(2) [SDM options, SDM access rights(2), offsets]
+        const bool sdm = n > 2 && (c[2] & 0x40) != 0;
+        if (sdm ? n < 8 || n - 5 != sdm_length(c + 5) : n != 5)
             return st(DF_LENGTH);
+        if (sdm && f->type != 0)
+            return st(DF_PARAMETER);
         if (!may(ch))
             return st(DF_PERMISSION_DENIED);
         f->comm = c[2];
         f->access = static_cast<uint16_t>(c[3] | c[4] << 8);
+        f->sdm.assign(c + 5, c + n);
         return st(DF_OK);
+    }
     case 0xBD: { // read data: fid offset(3) length(3)
         if (n != 8)
             return st(DF_LENGTH);
