@@ -309,6 +309,18 @@ Verdict ecdsa_verify(EVP_PKEY *key, const uint8_t *digest, uint32_t digest_len, 
 
 } // namespace zel::crypto
 
+// The checks every hash call makes first: the subsystem ready, the input within bounds, the algorithm known;
+// its digest size into *size.
+static ZEL_STATUS hash_checks(uint32_t hash_id, uint32_t in_len, uint32_t *size)
+{
+    if (!ready())
+        return CRYPTO_SUBSYS_NOT_INITIALIZED;
+    if (in_len > ZEL_MAX_HASH_INPUT)
+        return CRYPTO_SUBSYS_MAX_HASH_INPUT_EXCEEDED;
+    *size = getHashByteSize(hash_id);
+    return *size ? ZEL_OK : CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
+}
+
 // A digest's room on the heap, after the checks of the heap forms: the outputs cleared, the subsystem
 // ready, the input within bounds, the algorithm known, both outputs given.
 static ZEL_STATUS digest_on_heap(uint32_t hash_id, uint32_t in_len, uint8_t **out, uint32_t *out_len)
@@ -317,13 +329,9 @@ static ZEL_STATUS digest_on_heap(uint32_t hash_id, uint32_t in_len, uint8_t **ou
         *out = nullptr;
     if (out_len)
         *out_len = 0;
-    if (!ready())
-        return CRYPTO_SUBSYS_NOT_INITIALIZED;
-    if (in_len > ZEL_MAX_HASH_INPUT)
-        return CRYPTO_SUBSYS_MAX_HASH_INPUT_EXCEEDED;
-    const uint32_t size = getHashByteSize(hash_id);
-    if (size == 0)
-        return CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
+    uint32_t size = 0;
+    if (const ZEL_STATUS st = hash_checks(hash_id, in_len, &size); st != ZEL_OK)
+        return st;
     if (out == nullptr || out_len == nullptr)
         return ZEL_PARAMETERS_ERROR;
     *out = static_cast<uint8_t *>(std::malloc(size));
@@ -421,13 +429,9 @@ ZEL_STATUS hash_into(uint32_t hash_id, const uint8_t *in, uint32_t in_len, uint8
 
 ZEL_API ZEL_STATUS OrbGetHash(uint32_t hash_id, const uint8_t *in, uint32_t in_len, uint8_t *out, uint32_t out_len)
 {
-    if (!ready())
-        return CRYPTO_SUBSYS_NOT_INITIALIZED;
-    if (in_len > ZEL_MAX_HASH_INPUT)
-        return CRYPTO_SUBSYS_MAX_HASH_INPUT_EXCEEDED;
-    const uint32_t size = getHashByteSize(hash_id);
-    if (size == 0)
-        return CRYPTO_SUBSYS_INVALID_HASH_ALGORITHM;
+    uint32_t size = 0;
+    if (const ZEL_STATUS st = hash_checks(hash_id, in_len, &size); st != ZEL_OK)
+        return st;
     if (size != out_len)
         return CRYPTO_SUBSYS_WRONG_HASH_OUTPUT_LENGTH;
     if (out == nullptr)

@@ -148,30 +148,23 @@ void make_tables()
     tables_ready = true;
 }
 
-// CRC-32 over n bytes from a running value.
-uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n)
+// A CRC over n bytes from a running value: whole 16-byte blocks folded where the processor can, the folded
+// remainder and the tail by table.
+template <typename T>
+T crc_run(T crc, const uint8_t *p, size_t n, const Fold &fold, T (*table_run)(T, const uint8_t *, size_t))
 {
     make_tables();
     if (have_clmul && n >= kFoldFrom) {
         uint8_t folded[16];
         const size_t blocks = n / 16;
-        fold_chunks(crc, p, blocks, crc32_fold, folded);
-        return crc32_table_run(crc32_table_run(0, folded, 16), p + 16 * blocks, n - 16 * blocks);
+        fold_chunks(crc, p, blocks, fold, folded);
+        return table_run(table_run(0, folded, 16), p + 16 * blocks, n - 16 * blocks);
     }
-    return crc32_table_run(crc, p, n);
+    return table_run(crc, p, n);
 }
 
-uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n)
-{
-    make_tables();
-    if (have_clmul && n >= kFoldFrom) {
-        uint8_t folded[16];
-        const size_t blocks = n / 16;
-        fold_chunks(crc, p, blocks, crca_fold, folded);
-        return crca_table_run(crca_table_run(0, folded, 16), p + 16 * blocks, n - 16 * blocks);
-    }
-    return crca_table_run(crc, p, n);
-}
+uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n) { return crc_run(crc, p, n, crc32_fold, crc32_table_run); }
+uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n) { return crc_run(crc, p, n, crca_fold, crca_table_run); }
 
 const uint8_t kZeroIv[16] = {};
 
