@@ -436,11 +436,4 @@ uint32_t take_stored(uint8_t *out, uint32_t cap)
     return n;
 }
 
-void store_bytes(const uint8_t *data, uint32_t len)
-{
-    Gate &g = gate();
-    std::lock_guard<std::mutex> lock(g.m);
-    store_locked(g, data, len);
-}
-
 } // namespace zel::async
