@@ -3,6 +3,7 @@
 // reader's fixed EEPROM addresses instead.
 #include <cstring>
 
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
 #include "reader/line.h"
@@ -33,16 +34,8 @@ constexpr uint32_t kEeWriteMax = 184;
 constexpr uint8_t kSpeedMark = 0x50;
 constexpr uint32_t kKeyCount = 32;
 
-void put32(uint8_t *p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-uint32_t get32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
+constexpr auto put32 = put_le32;
+constexpr auto get32 = get_le32;
 bool routed(ZEL_HANDLE hnd)
 {
     return hnd && hnd->ee_route;
@@ -59,15 +52,12 @@ ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, con
 // Shape 2 whose EXT must carry at least `want` data bytes; they go to out.
 ZEL_STATUS read_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *out, uint32_t want)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status =
-        command_read_ext(hnd, cmd, par0, par1, buf, par, &ext_len, static_cast<uint8_t>(want + 1));
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, cmd, par0, par1, r, static_cast<uint8_t>(want + 1));
     if (status != ZEL_OK)
         return status;
     if (out)
-        std::memcpy(out, buf, want);
+        std::memcpy(out, r.buf, want);
     return ZEL_OK;
 }
 
@@ -527,41 +517,37 @@ extern "C" ZEL_API ZEL_STATUS ReaderRfResetHnd(ZEL_HANDLE hnd, uint8_t mode)
 extern "C" ZEL_API ZEL_STATUS GetReaderStatusHnd(ZEL_HANDLE hnd, uint32_t *reader_state, uint32_t *card_state,
                                                  uint32_t *emulation_state, uint8_t *sleep_mode)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    make_command(buf, kCmdStatus);
-    const ZEL_STATUS status = exchange_wake_read_ext(hnd, buf, par, &ext_len);
+    Reply r;
+    make_command(r.buf, kCmdStatus);
+    const ZEL_STATUS status = exchange_wake_reply(hnd, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 5)
+    if (r.ext_len < 5)
         return ZEL_COMMUNICATION_ERROR;
     if (reader_state)
-        *reader_state = buf[0];
+        *reader_state = r.buf[0];
     if (card_state)
-        *card_state = buf[1];
+        *card_state = r.buf[1];
     if (emulation_state)
-        *emulation_state = buf[2];
+        *emulation_state = r.buf[2];
     if (sleep_mode)
-        *sleep_mode = buf[3];
+        *sleep_mode = r.buf[3];
     return ZEL_OK;
 }
 
 extern "C" ZEL_API ZEL_STATUS GetReaderStatusExHnd(ZEL_HANDLE hnd, uint8_t *status_out, uint8_t *status_len)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdStatus, 1, 0, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdStatus, 1, 0, r);
     if (status != ZEL_OK)
         return status;
     // The first byte counts what follows; it must stay inside the EXT.
-    if (ext_len < 2 || buf[0] > ext_len - 2u)
+    if (r.ext_len < 2 || r.buf[0] > r.ext_len - 2u)
         return ZEL_COMMUNICATION_ERROR;
     if (status_out)
-        std::memcpy(status_out, buf + 1, buf[0]);
+        std::memcpy(status_out, r.buf + 1, r.buf[0]);
     if (status_len)
-        *status_len = buf[0];
+        *status_len = r.buf[0];
     return ZEL_OK;
 }
 
