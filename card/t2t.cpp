@@ -23,14 +23,12 @@ constexpr uint8_t kUlcFactoryKey[16] = {0x49, 0x45, 0x4D, 0x4B, 0x41, 0x45, 0x52
 ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t p0, uint8_t p1, const uint8_t *data, uint8_t len,
                     uint8_t *reply = nullptr, uint8_t *reply_ext_len = nullptr)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, cmd, 0, p0, p1);
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, data, len, nullptr, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, cmd, p0, p1, data, len, r);
     if (reply_ext_len)
-        *reply_ext_len = ext_len;
-    if (status == ZEL_OK && reply && ext_len)
-        std::memcpy(reply, frame, ext_len);
+        *reply_ext_len = r.ext_len;
+    if (status == ZEL_OK && reply && r.ext_len)
+        std::memcpy(reply, r.buf, r.ext_len);
     return status;
 }
 
@@ -40,19 +38,17 @@ ZEL_STATUS signature_reply(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t
 {
     if (!signature || !signature_len)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, kCmdSignature, 0, p0, p1);
-    uint8_t par[2] = {}, ext_len = 0;
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, data, len, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdSignature, p0, p1, data, len, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len == 0)
+    if (r.ext_len == 0)
         return ZEL_BUFFER_OVERFLOW;
-    const uint8_t n = static_cast<uint8_t>(ext_len - 1);
-    if (n > ZEL_ECC_SIGNATURE_MAX_LEN || par[0] > n)
+    const uint8_t n = static_cast<uint8_t>(r.ext_len - 1);
+    if (n > ZEL_ECC_SIGNATURE_MAX_LEN || r.par[0] > n)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(signature, frame, n);
-    *signature_len = par[0];
+    std::memcpy(signature, r.buf, n);
+    *signature_len = r.par[0];
     return ZEL_OK;
 }
 
@@ -77,8 +73,7 @@ ZEL_STATUS read_counter(ZEL_HANDLE hnd, uint8_t address, uint8_t mode, uint8_t k
             std::memcpy(d, six, 6);
             len = 6;
         }
-        make_command(r.buf, kCmdReadCounter, 0, mode, address);
-        status = exchange_write_ext(hnd, r.buf, d, len, nullptr, &r.ext_len);
+        status = command_write_reply(hnd, kCmdReadCounter, mode, address, d, len, r);
     }
     if (status != ZEL_OK)
         return status;

@@ -333,6 +333,13 @@ ZEL_STATUS zel::exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const
     return GetAndTestResponseData(hnd, len, frame);
 }
 
+ZEL_STATUS zel::command_write_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1,
+                                    const uint8_t *data, uint8_t len, Reply &r)
+{
+    make_command(r.buf, cmd, 0, par0, par1);
+    return exchange_write_ext(hnd, r.buf, data, len, r.par, &r.ext_len);
+}
+
 ZEL_STATUS zel::read_block_data(zel_handle_record *hnd, uint8_t ext_len, uint8_t expected_len, uint8_t *data)
 {
     if (ext_len != expected_len || ext_len == 0)

@@ -89,6 +89,12 @@ ZEL_STATUS exchange_wake_reply(zel_handle_record *hnd, Reply &r);
 ZEL_STATUS exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const uint8_t *ext_data, uint8_t ext_data_len,
                               uint8_t *reply_par, uint8_t *reply_ext_len);
 
+// Shape 3 with the reply in r: the command frame (cmd, par0, par1) is made in r.buf, data (len bytes) go as
+// its EXT, and the response's PAR0, PAR1 and EXT come back in r. r.ext_len tells the response's EXT_LEN
+// also when reading that EXT failed.
+ZEL_STATUS command_write_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, const uint8_t *data,
+                               uint8_t len, Reply &r);
+
 // Reads a block reply of ext_len bytes whose data goes to data and whose checksum byte is read apart:
 // ZEL_COMMUNICATION_ERROR when ext_len is not expected_len or the checksum is wrong.
 ZEL_STATUS read_block_data(zel_handle_record *hnd, uint8_t ext_len, uint8_t expected_len, uint8_t *data);

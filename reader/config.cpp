@@ -188,16 +188,13 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
     put32(ext, address);
     put32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t reply_len = 0;
-    make_command(frame, kCmdEepromRead);
-    const ZEL_STATUS status =
-        exchange_write_ext(hnd, frame, ext, static_cast<uint8_t>(8 + size), nullptr, &reply_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdEepromRead, 0, 0, ext, static_cast<uint8_t>(8 + size), r);
     if (status != ZEL_OK)
         return status;
-    if (reply_len != size + 1)
+    if (r.ext_len != size + 1)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(data, frame, size);
+    std::memcpy(data, r.buf, size);
     return ZEL_OK;
 }
 
@@ -560,17 +557,15 @@ extern "C" ZEL_API ZEL_STATUS EE_ReadHnd(ZEL_HANDLE hnd, uint32_t address, uint3
     uint8_t ext[8];
     put32(ext, address);
     put32(ext + 4, size);
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t reply_len = 0;
-    make_command(frame, kCmdEeRead);
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, ext, sizeof ext, nullptr, &reply_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdEeRead, 0, 0, ext, sizeof ext, r);
     if (status != ZEL_OK)
         return status;
-    if (reply_len == 0)
+    if (r.ext_len == 0)
         return ZEL_COMMUNICATION_ERROR;
-    if (reply_len - 1u > size)
+    if (r.ext_len - 1u > size)
         return ZEL_BUFFER_OVERFLOW; // more than was asked for does not fit the caller's buffer
-    std::memcpy(data, frame, reply_len - 1u);
+    std::memcpy(data, r.buf, r.ext_len - 1u);
     return ZEL_OK;
 }
 
