@@ -342,6 +342,28 @@ TEST(Shapes, ReplyTakesParsAndExtByItsReadingRule)
     }
 }
 
+TEST(Shapes, WriteReplySendsTheDataAndKeepsTheLengthOfAFailedReply)
+{
+    const uint8_t data[3] = {1, 2, 3};
+    for (const bool good : {true, false}) {
+        ScriptLink link;
+        link.reply(ack(0x41, 4));
+        link.reply(cat(rsp(0x41, 3, 0x07, 0x08), good ? ext({0xAB, 0xCD}) : Bytes{0xAB, 0xCD, 0x00}));
+        zel::Reply r;
+        EXPECT_EQ(zel::command_write_reply(&link.record, 0x41, 0x21, 0x22, data, 3, r),
+                  good ? ZEL_OK : ZEL_COMMUNICATION_ERROR);
+        ASSERT_EQ(link.writes.size(), 2u);
+        EXPECT_EQ(link.writes[0], cmd(0x41, 4, 0x21, 0x22));
+        EXPECT_EQ(link.writes[1], ext({1, 2, 3}));
+        EXPECT_EQ(r.ext_len, 3); // told even when the EXT did not hold
+        EXPECT_EQ(r.par[0], 0x07);
+        EXPECT_EQ(r.par[1], 0x08);
+        if (good) {
+            EXPECT_EQ(Bytes(r.buf, r.buf + r.data_len()), (Bytes{0xAB, 0xCD}));
+        }
+    }
+}
+
 TEST(BlockData, ChecksumReadApartAndSizeChecked)
 {
     ScriptLink link;
