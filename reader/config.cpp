@@ -34,8 +34,6 @@ constexpr uint32_t kEeWriteMax = 184;
 constexpr uint8_t kSpeedMark = 0x50;
 constexpr uint32_t kKeyCount = 32;
 
-constexpr auto put32 = put_le32;
-constexpr auto get32 = get_le32;
 bool routed(ZEL_HANDLE hnd)
 {
     return hnd && hnd->ee_route;
@@ -75,7 +73,7 @@ void async_record(uint8_t *rec, uint8_t flags, uint8_t prefix, uint8_t suffix, u
     rec[0] = flags;
     rec[1] = prefix;
     rec[2] = suffix;
-    put32(rec + 3, baud);
+    put_le32(rec + 3, baud);
     rec[7] = static_cast<uint8_t>(GetChecksumFragment(0, rec, 7) + 7);
 }
 
@@ -185,8 +183,8 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
         address |= kEeRouteBit;
     // The request carries as many bytes as it asks for: whatever the caller's buffer holds.
     uint8_t ext[8 + kEepromMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
     Reply r;
     const ZEL_STATUS status = command_write_reply(hnd, kCmdEepromRead, 0, 0, ext, static_cast<uint8_t>(8 + size), r);
@@ -208,8 +206,8 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t
     if (routed(hnd))
         address |= kEeRouteBit;
     uint8_t ext[16 + kEepromMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, password, 8);
     if (size)
         std::memcpy(ext + 16, data, size);
@@ -276,14 +274,14 @@ extern "C" ZEL_API ZEL_STATUS ChangeReaderJobIdHnd(ZEL_HANDLE hnd, uint16_t job_
 extern "C" ZEL_API ZEL_STATUS SubscribeSectorHnd(ZEL_HANDLE hnd, uint8_t index, uint32_t value)
 {
     uint8_t ext[4];
-    put32(ext, value);
+    put_le32(ext, value);
     return send_ext(hnd, kCmdSubscribe, 2, index, ext, sizeof ext);
 }
 
 extern "C" ZEL_API ZEL_STATUS SubscribeBlockHnd(ZEL_HANDLE hnd, uint8_t index, uint32_t value)
 {
     uint8_t ext[4];
-    put32(ext, value);
+    put_le32(ext, value);
     return send_ext(hnd, kCmdSubscribe, 1, index, ext, sizeof ext);
 }
 
@@ -357,7 +355,7 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigExHnd(ZEL_HANDLE hnd, uint
     if (suffix)
         *suffix = rec[2];
     if (baud)
-        *baud = get32(rec + 3);
+        *baud = get_le32(rec + 3);
     return ZEL_OK;
 }
 
@@ -371,7 +369,7 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardJsonSendConfigHnd(ZEL_HANDLE hnd, uint
     put_flag(send_enable, rec[0], 0);
     put_flag(send_removed_enable, rec[0], 1);
     if (baud)
-        *baud = get32(rec + 3);
+        *baud = get_le32(rec + 3);
     return ZEL_OK;
 }
 
@@ -434,7 +432,7 @@ extern "C" ZEL_API ZEL_STATUS SetUartSpeedHnd(ZEL_HANDLE hnd, uint32_t baud)
     if (status != ZEL_OK)
         return status;
     uint8_t ext[5];
-    put32(ext, baud);
+    put_le32(ext, baud);
     CalcChecksum(ext, sizeof ext);
     if ((status = PortWrite(hnd, ext, sizeof ext)) != ZEL_OK)
         return status;
@@ -555,8 +553,8 @@ extern "C" ZEL_API ZEL_STATUS EE_ReadHnd(ZEL_HANDLE hnd, uint32_t address, uint3
     if (!data)
         return ZEL_NO_MEMORY_ERROR;
     uint8_t ext[8];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     Reply r;
     const ZEL_STATUS status = command_write_reply(hnd, kCmdEeRead, 0, 0, ext, sizeof ext, r);
     if (status != ZEL_OK)
@@ -576,8 +574,8 @@ extern "C" ZEL_API ZEL_STATUS EE_WriteHnd(ZEL_HANDLE hnd, uint32_t address, uint
     if (size > kEeWriteMax)
         return ZEL_MAX_SIZE_EXCEEDED;
     uint8_t ext[8 + kEeWriteMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
     return send_ext(hnd, kCmdEeWrite, 0, 0, ext, static_cast<uint8_t>(8 + size));
 }
