@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "apdu/apdu_internal.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "tandro.h"
 #include "zel_apdu.h"
@@ -18,8 +19,7 @@ bool zel::block_reply_parse(const uint8_t *ext, uint32_t ext_len, bool has_chain
     const uint8_t length = ext[head - 1];
     if (ext_len != head + length + 1u) // the checksum closes the block
         return false;
-    out.status = static_cast<uint32_t>(ext[0]) | static_cast<uint32_t>(ext[1]) << 8 |
-                 static_cast<uint32_t>(ext[2]) << 16 | static_cast<uint32_t>(ext[3]) << 24;
+    out.status = get_le32(ext);
     out.chained = has_chained_flag ? ext[4] : 0;
     out.length = length;
     out.block = ext + head;

@@ -12,37 +12,21 @@ namespace {
 
 constexpr uint32_t kAtsMax = 25, kUidMax = 10;
 
-// Reads the EXT of a reply frame whose EXT_LEN is ext_len into buf (kFrameBufLen). The checksum is that of
-// the data before it, so an EXT of the checksum alone (no data) holds too.
-ZEL_STATUS read_ext(zel_handle_record *hnd, uint8_t ext_len, uint8_t *buf)
-{
-    if (ext_len == 0)
-        return ZEL_OK;
-    const ZEL_STATUS status = PortRead(hnd, buf, ext_len);
-    if (status != ZEL_OK)
-        return status;
-    const uint8_t want = static_cast<uint8_t>(GetChecksumFragment(0, buf, ext_len - 1u) + 7);
-    return buf[ext_len - 1] == want ? ZEL_OK : ZEL_COMMUNICATION_ERROR;
-}
-
 ZEL_STATUS open_iso7816(zel_handle_record *hnd, uint8_t *atr, uint32_t *atr_len, uint8_t par0)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     if (!atr || !atr_len)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
-    make_command(buf, kCmdContactOpen, 0, par0, 0);
-    ZEL_STATUS status = InitialHandshaking(hnd, buf, &ext_len);
+    // The interface replies may come without an EXT, or with its checksum alone.
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdContactOpen, par0, 0, r, 0, ExtRead::optional_bare);
     if (status != ZEL_OK)
         return status;
-    if ((status = read_ext(hnd, ext_len, buf)) != ZEL_OK)
-        return status;
-    const uint32_t n = ext_len ? ext_len - 1u : 0u;
+    const uint32_t n = r.data_len();
     if (n > *atr_len)
         return ZEL_NO_MEMORY_ERROR; // the caller's buffer is too small for the ATR
-    std::memcpy(atr, buf, n);
+    std::memcpy(atr, r.buf, n);
     *atr_len = n;
     return ZEL_OK;
 }
@@ -51,14 +35,10 @@ ZEL_STATUS send_icfg(zel_handle_record *hnd, uint8_t first, uint8_t second, uint
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
+    Reply r;
     // Byte 3 takes the record's first byte, byte 4 its third, byte 5 its second.
-    make_command(buf, kCmdBlock7F, first, third, second);
-    const ZEL_STATUS status = InitialHandshaking(hnd, buf, &ext_len);
-    if (status != ZEL_OK)
-        return status;
-    return read_ext(hnd, ext_len, buf);
+    make_command(r.buf, kCmdBlock7F, first, third, second);
+    return exchange_reply(hnd, r, ExtRead::optional_bare);
 }
 
 } // namespace
@@ -82,16 +62,13 @@ extern "C" ZEL_API ZEL_STATUS SetISO14443_4_Mode_GetATSHnd(ZEL_HANDLE hnd, uint8
     *ats_len = 0;
     *uid_len = 0;
     *sak = 0;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
-    make_command(buf, kCmdLevel4, 0, 7, 0);
-    ZEL_STATUS status = InitialHandshaking(hnd, buf, &ext_len);
+    Reply r;
+    ZEL_STATUS status = command_reply(hnd, kCmdLevel4, 7, 0, r, 0, ExtRead::optional_bare);
     if (status != ZEL_OK)
         return status;
-    if ((status = read_ext(hnd, ext_len, buf)) != ZEL_OK)
-        return status;
+    const uint8_t *buf = r.buf;
     // ATS length, ATS, UID length, UID, SAK: the reader may stop after any of the parts.
-    const uint32_t n = ext_len ? ext_len - 1u : 0u;
+    const uint32_t n = r.data_len();
     uint32_t at = 0;
     // A part behind its length byte, when it fits both the caller's room and the reply.
     const auto part = [&](uint8_t *len, uint32_t max, uint8_t *out) {

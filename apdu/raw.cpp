@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "apdu/apdu_internal.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "tandro.h"
 #include "zel_apdu.h"
@@ -13,12 +14,6 @@ namespace {
 
 const char kExitText[] = "exit from transceive mode"; // sent without its terminator
 constexpr uint32_t kExitLen = sizeof kExitText - 1;
-
-void put_u32(uint8_t *p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
 
 } // namespace
 
@@ -37,19 +32,18 @@ extern "C" ZEL_API ZEL_STATUS pn512_transceiveHnd(ZEL_HANDLE hnd, uint8_t flag1,
     const uint8_t flags = static_cast<uint8_t>((flag1 ? 0x01 : 0) | (flag2 ? 0x02 : 0) | (flag3 ? 0x04 : 0) |
                                                (flag4 ? 0x08 : 0) | (flag5 ? 0x10 : 0));
     uint8_t ext[256];
-    put_u32(ext, param);
+    put_le32(ext, param);
     ext[4] = send_len;
     if (send_len)
         std::memcpy(ext + 5, send, send_len);
     ext[5 + send_len] = 0;
-    uint8_t buf[kFrameBufLen] = {};
-    make_command(buf, kCmdFrontEnd, 0, flags, 0);
-    uint8_t reply_len = 0;
-    const ZEL_STATUS status = exchange_write_ext(hnd, buf, ext, static_cast<uint8_t>(send_len + 6), nullptr, &reply_len);
+    Reply r;
+    const ZEL_STATUS status =
+        command_write_reply(hnd, kCmdFrontEnd, flags, 0, ext, static_cast<uint8_t>(send_len + 6), r);
     if (status != ZEL_OK)
         return status;
-    const uint32_t n = reply_len ? reply_len - 1u : 0u;
-    std::memcpy(recv, buf, n);
+    const uint32_t n = r.data_len();
+    std::memcpy(recv, r.buf, n);
     *recv_len = n;
     return ZEL_OK;
 }
@@ -68,7 +62,7 @@ extern "C" ZEL_API ZEL_STATUS pn512_transceive_mode_startHnd(ZEL_HANDLE hnd, uin
         return ZEL_DEVICE_WRONG_HANDLE;
     const uint8_t flags = static_cast<uint8_t>(0x02 | (flag1 ? 0x04 : 0) | (flag2 ? 0x08 : 0));
     uint8_t ext[5];
-    put_u32(ext, param);
+    put_le32(ext, param);
     ext[4] = 0;
     uint8_t buf[kFrameBufLen] = {};
     make_command(buf, kCmdFrontEnd, 0, flags, 0);

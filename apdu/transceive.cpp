@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "apdu/apdu_internal.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "tandro.h"
 #include "zel_apdu.h"
@@ -262,43 +263,6 @@ namespace {
 // The reply text of APDUHexStrTransceive, shared by every caller until the next call.
 char g_hex_reply[ZEL_APDU_HEX_MAX_REPLY];
 
-int hex_value(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-// Hex digits in pairs; blanks, ':' and '-' between bytes are skipped. False for anything else.
-bool hex_to_bytes(const char *text, uint8_t *out, uint32_t cap, uint32_t *n)
-{
-    *n = 0;
-    int high = -1;
-    for (const char *p = text; *p; ++p) {
-        if (*p == ' ' || *p == '\t' || *p == ':' || *p == '-' || *p == '\n' || *p == '\r') {
-            if (high >= 0)
-                return false;
-            continue;
-        }
-        const int v = hex_value(*p);
-        if (v < 0)
-            return false;
-        if (high < 0) {
-            high = v;
-            continue;
-        }
-        if (*n == cap)
-            return false;
-        out[(*n)++] = static_cast<uint8_t>(high << 4 | v);
-        high = -1;
-    }
-    return high < 0;
-}
-
 } // namespace
 
 extern "C" ZEL_API ZEL_STATUS APDUHexStrTransceiveHnd(ZEL_HANDLE hnd, const char *c_apdu, char **r_apdu)
@@ -311,7 +275,7 @@ extern "C" ZEL_API ZEL_STATUS APDUHexStrTransceiveHnd(ZEL_HANDLE hnd, const char
         return ZEL_MAX_SIZE_EXCEEDED;
     uint8_t cmd[ZEL_APDU_HEX_MAX_INPUT / 2];
     uint32_t len = 0;
-    if (!hex_to_bytes(c_apdu, cmd, sizeof cmd, &len) || len < ZEL_APDU_MIN_COMMAND)
+    if (!hex_decode(c_apdu, cmd, sizeof cmd, &len) || len < ZEL_APDU_MIN_COMMAND)
         return ZEL_PARAMETERS_ERROR;
     // The reply must fit the text: two characters a byte and the terminating null.
     static thread_local uint8_t reply[ZEL_APDU_HEX_MAX_REPLY];
@@ -321,12 +285,7 @@ extern "C" ZEL_API ZEL_STATUS APDUHexStrTransceiveHnd(ZEL_HANDLE hnd, const char
     dp(12, "--------HexStr->PlainTrans | status = %02X\n", status);
     if (status != ZEL_OK)
         return status;
-    static const char digits[] = "0123456789ABCDEF";
-    for (uint32_t i = 0; i < n; ++i) {
-        g_hex_reply[2 * i] = digits[reply[i] >> 4];
-        g_hex_reply[2 * i + 1] = digits[reply[i] & 0x0F];
-    }
-    g_hex_reply[2 * n] = '\0';
+    hex_encode(reply, n, g_hex_reply);
     *r_apdu = g_hex_reply;
     return ZEL_OK;
 }

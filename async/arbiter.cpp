@@ -15,13 +15,13 @@
 //     that a caller held up between the calls of one command never finds its reply taken.
 // Announcements that reach the port while a command runs (before its purge, or in front of its reply) are
 // kept in a store and delivered by the polling thread, instead of being lost with the purge.
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
 
 #include "async/internal.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
 #include "zel_status.h"
@@ -117,7 +117,7 @@ uint32_t announcement_at_front(const uint8_t *data, uint32_t len, bool *more)
     for (uint32_t i = 1; i < len; ++i) {
         if (data[i] == kMark)
             return i + 1;
-        if (i > kUidTextMax || !std::isxdigit(data[i]))
+        if (i > kUidTextMax || !is_hex_digit(data[i]))
             return 0;
     }
     *more = len <= kUidTextMax + 1;
@@ -434,13 +434,6 @@ uint32_t take_stored(uint8_t *out, uint32_t cap)
     std::memmove(g.store, g.store + n, g.store_len - n);
     g.store_len -= n;
     return n;
-}
-
-void store_bytes(const uint8_t *data, uint32_t len)
-{
-    Gate &g = gate();
-    std::lock_guard<std::mutex> lock(g.m);
-    store_locked(g, data, len);
 }
 
 } // namespace zel::async

@@ -1,10 +1,9 @@
 // What the reader sends by itself during a session: card announcements, removals and its boot bytes; and the
 // ring that carries UIDs from the polling thread to the event thread.
-#include <cctype>
-#include <cstdlib>
 #include <cstring>
 
 #include "async/internal.h"
+#include "core/bytes.h"
 
 namespace zel::async {
 
@@ -15,9 +14,21 @@ bool starts_with_boot(const uint8_t *data, uint32_t len)
     return len >= sizeof kBoot && std::memcmp(data, kBoot, sizeof kBoot) == 0;
 }
 
-bool is_hex(uint8_t c)
+// One pair of the reader's UID text, read as the reader's text has always been read: blanks, then a sign,
+// then as many hex digits as stand there. A pair without digits is 0; a minus sign negates modulo 256.
+uint8_t uid_pair(char a, char b)
 {
-    return std::isxdigit(c) != 0;
+    const char pair[2] = {a, b};
+    int i = 0;
+    while (i < 2 && (pair[i] == ' ' || (pair[i] >= '\t' && pair[i] <= '\r')))
+        ++i;
+    bool negative = false;
+    if (i < 2 && (pair[i] == '+' || pair[i] == '-'))
+        negative = pair[i++] == '-';
+    uint32_t v = 0;
+    for (; i < 2 && is_hex_digit(static_cast<unsigned char>(pair[i])); ++i)
+        v = v << 4 | static_cast<uint32_t>(hex_value(static_cast<unsigned char>(pair[i])));
+    return static_cast<uint8_t>(negative ? 0u - v : v);
 }
 
 Parsed uid_event(const char *text, uint32_t text_len)
@@ -63,20 +74,14 @@ uint32_t hex_text_to_bytes(const char *text, uint32_t len, uint8_t *out, uint32_
 {
     uint32_t n = 0;
     for (uint32_t i = 0; i + 1 < len && n < cap; i += 2) {
-        const char pair[3] = {text[i], text[i + 1], 0};
-        out[n++] = static_cast<uint8_t>(std::strtoul(pair, nullptr, 16));
+        out[n++] = uid_pair(text[i], text[i + 1]);
     }
     return n;
 }
 
 void uid_to_text(const uint8_t *uid, uint32_t n, char *text)
 {
-    static const char kDigits[] = "0123456789ABCDEF";
-    for (uint32_t i = 0; i < n; ++i) {
-        text[2 * i] = kDigits[uid[i] >> 4];
-        text[2 * i + 1] = kDigits[uid[i] & 0x0F];
-    }
-    text[2 * n] = 0;
+    hex_encode(uid, n, text);
 }
 
 Parsed parse_read(const uint8_t *data, uint32_t len)
@@ -111,7 +116,7 @@ uint32_t split_stored(const uint8_t *data, uint32_t len, Parsed *out, uint32_t c
         if (data[i] != kMark) {
             // The tail of a frame whose start was taken elsewhere: its digits and its closing mark go.
             uint32_t j = i;
-            while (j < len && is_hex(data[j]))
+            while (j < len && is_hex_digit(data[j]))
                 ++j;
             if (j == i)
                 i = j + 1; // a byte that belongs to no announcement
@@ -127,7 +132,7 @@ uint32_t split_stored(const uint8_t *data, uint32_t len, Parsed *out, uint32_t c
             continue;
         }
         uint32_t j = i + 1;
-        while (j < len && j - i - 1 <= kUidTextMax && is_hex(data[j]))
+        while (j < len && j - i - 1 <= kUidTextMax && is_hex_digit(data[j]))
             ++j;
         if (j >= len)
             break; // unfinished at the end: dropped

@@ -85,8 +85,6 @@ bool command_begin(zel_handle_record *hnd);
 void command_end(zel_handle_record *hnd);
 // Announcements kept for the session, taken out in the order they came (at most cap bytes).
 uint32_t take_stored(uint8_t *out, uint32_t cap);
-// Adds bytes to the store (what does not fit is dropped); for the tests and the fuzz target.
-void store_bytes(const uint8_t *data, uint32_t len);
 
 } // namespace zel::async
 

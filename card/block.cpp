@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "card/memory_frames.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "zel_block.h"
 #include "zel_port.h"
@@ -255,17 +256,15 @@ ZEL_STATUS block_write(ZEL_HANDLE hnd, uint8_t cmd, Head head, const KeyRoute &k
     return status;
 }
 
+// Value blocks hold a signed 32-bit value, little-endian.
 void put_i32(uint8_t *p, int32_t v)
 {
-    const uint32_t u = static_cast<uint32_t>(v);
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<uint8_t>(u >> (8 * i));
+    put_le32(p, static_cast<uint32_t>(v));
 }
 
 int32_t get_i32(const uint8_t *p)
 {
-    return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-                                static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24);
+    return static_cast<int32_t>(get_le32(p));
 }
 
 // The operations, each once, with the key route already made.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "card/card_tables.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "zel_card.h"
 #include "zel_port.h"
@@ -29,41 +30,33 @@ constexpr uint8_t kCmdGetCardInfo = 0xEB;
 // The size of the list the last enumeration announced: one for the whole library, shared by every handle.
 std::atomic<uint8_t> g_list_size{0};
 
-uint32_t le32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
 // The extended card id of cmd: SAK, length, UID; four-byte UIDs on the reversal list come reversed.
 ZEL_STATUS card_id_ex(ZEL_HANDLE hnd, uint8_t cmd, uint8_t *sak, uint8_t *uid, uint8_t *uid_size)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, cmd, 0, 0, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, cmd, 0, 0, r);
     if (status != ZEL_OK)
         return status;
-    const uint8_t len = par[1];
+    const uint8_t len = r.par[1];
     if (len > ZEL_UID_MAX_LEN)
         return ZEL_BUFFER_OVERFLOW;
-    if (len > ext_len - 1u)
+    if (len > r.ext_len - 1u)
         return ZEL_COMMUNICATION_ERROR; // the reply does not hold the UID it announces
     if (!sak || !uid || !uid_size)
         return ZEL_PARAMETERS_ERROR;
     if (len == 4) {
-        const uint32_t v = le32(buf);
+        const uint32_t v = get_le32(r.buf);
         if (uid_on_reversal_list(v)) {
-            buf[0] = static_cast<uint8_t>(v >> 24);
-            buf[1] = static_cast<uint8_t>(v >> 16);
-            buf[2] = static_cast<uint8_t>(v >> 8);
-            buf[3] = static_cast<uint8_t>(v);
+            r.buf[0] = static_cast<uint8_t>(v >> 24);
+            r.buf[1] = static_cast<uint8_t>(v >> 16);
+            r.buf[2] = static_cast<uint8_t>(v >> 8);
+            r.buf[3] = static_cast<uint8_t>(v);
         }
     }
-    *sak = par[0];
+    *sak = r.par[0];
     *uid_size = len;
     std::memset(uid, 0, ZEL_UID_MAX_LEN);
-    std::memcpy(uid, buf, len);
+    std::memcpy(uid, r.buf, len);
     return ZEL_OK;
 }
 
@@ -89,33 +82,29 @@ ZEL_STATUS plain_command(ZEL_HANDLE hnd, uint8_t cmd, uint8_t *par = nullptr)
 
 extern "C" ZEL_API ZEL_STATUS GetCardIdHnd(ZEL_HANDLE hnd, uint8_t *card_type, uint32_t *card_serial)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
+    Reply r;
     // A reply with no room for the UID in front of its checksum is malformed.
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardId, 0, 0, buf, par, &ext_len, 5);
+    const ZEL_STATUS status = command_reply(hnd, kCmdGetCardId, 0, 0, r, 5);
     if (status != ZEL_OK)
         return status;
     // The outputs are written only once the whole reply has passed its tests.
     if (card_type)
-        *card_type = par[0];
+        *card_type = r.par[0];
     if (card_serial)
-        *card_serial = le32(buf);
+        *card_serial = get_le32(r.buf);
     return ZEL_OK;
 }
 
 extern "C" ZEL_API ZEL_STATUS GetAtqaSakHnd(ZEL_HANDLE hnd, uint16_t *atqa, uint8_t *sak)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardId, 1, 0, buf, par, &ext_len, 3);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdGetCardId, 1, 0, r, 3);
     if (status != ZEL_OK)
         return status;
     if (atqa)
-        *atqa = static_cast<uint16_t>(buf[0] | buf[1] << 8);
+        *atqa = static_cast<uint16_t>(get_le16(r.buf));
     if (sak)
-        *sak = par[0];
+        *sak = r.par[0];
     return ZEL_OK;
 }
 
@@ -131,31 +120,27 @@ extern "C" ZEL_API ZEL_STATUS GetLastCardIdExHnd(ZEL_HANDLE hnd, uint8_t *sak, u
 
 extern "C" ZEL_API ZEL_STATUS GetCardInfoHnd(ZEL_HANDLE hnd, uint8_t *info, uint32_t *length)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetCardInfo, 1, 0, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdGetCardInfo, 1, 0, r);
     if (status != ZEL_OK)
         return status;
     if (!info || !length)
         return ZEL_PARAMETERS_ERROR;
-    if (*length < ext_len)
+    if (*length < r.ext_len)
         return ZEL_BUFFER_OVERFLOW;
-    std::memcpy(info, buf, ext_len); // the checksum byte too
-    *length = ext_len;
+    std::memcpy(info, r.buf, r.ext_len); // the checksum byte too
+    *length = r.ext_len;
     return ZEL_OK;
 }
 
 extern "C" ZEL_API ZEL_STATUS GetOrbCardTypeHnd(ZEL_HANDLE hnd, uint8_t *card_type)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
-    make_command(frame, kCmdGetOrbCardType);
-    const ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
+    uint8_t par[2];
+    const ZEL_STATUS status = handshake(hnd, kCmdGetOrbCardType, 0, 0, par);
     if (status != ZEL_OK)
         return status;
     if (card_type)
-        *card_type = frame[kPar0];
+        *card_type = par[0];
     return ZEL_OK;
 }
 
@@ -195,17 +180,15 @@ extern "C" ZEL_API ZEL_STATUS GetNfcT2TVersionHnd(ZEL_HANDLE hnd, uint8_t *versi
 {
     if (version)
         std::memset(version, 0, 8);
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdGetNfcT2TVersion, 0, 0, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdGetNfcT2TVersion, 0, 0, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len != 9)
+    if (r.ext_len != 9)
         return ZEL_BUFFER_OVERFLOW;
     if (!version)
         return ZEL_PARAMETERS_ERROR;
-    std::memcpy(version, buf, 8);
+    std::memcpy(version, r.buf, 8);
     return ZEL_OK;
 }
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "card/t2t_parse.h"
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
 #include "tandro.h"
@@ -18,24 +19,16 @@ constexpr uint8_t kCmdReadCounter = 0xB1, kCmdIncrementCounter = 0xB2, kCmdTTSta
 constexpr uint8_t kUlcFactoryKey[16] = {0x49, 0x45, 0x4D, 0x4B, 0x41, 0x45, 0x52, 0x42,
                                         0x21, 0x4E, 0x41, 0x43, 0x55, 0x4F, 0x59, 0x46};
 
-uint32_t le32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
 // A command with an EXT whose reply carries at most a header: its status.
 ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t p0, uint8_t p1, const uint8_t *data, uint8_t len,
                     uint8_t *reply = nullptr, uint8_t *reply_ext_len = nullptr)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, cmd, 0, p0, p1);
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, data, len, nullptr, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, cmd, p0, p1, data, len, r);
     if (reply_ext_len)
-        *reply_ext_len = ext_len;
-    if (status == ZEL_OK && reply && ext_len)
-        std::memcpy(reply, frame, ext_len);
+        *reply_ext_len = r.ext_len;
+    if (status == ZEL_OK && reply && r.ext_len)
+        std::memcpy(reply, r.buf, r.ext_len);
     return status;
 }
 
@@ -45,19 +38,17 @@ ZEL_STATUS signature_reply(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t
 {
     if (!signature || !signature_len)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, kCmdSignature, 0, p0, p1);
-    uint8_t par[2] = {}, ext_len = 0;
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, data, len, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdSignature, p0, p1, data, len, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len == 0)
+    if (r.ext_len == 0)
         return ZEL_BUFFER_OVERFLOW;
-    const uint8_t n = static_cast<uint8_t>(ext_len - 1);
-    if (n > ZEL_ECC_SIGNATURE_MAX_LEN || par[0] > n)
+    const uint8_t n = static_cast<uint8_t>(r.ext_len - 1);
+    if (n > ZEL_ECC_SIGNATURE_MAX_LEN || r.par[0] > n)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(signature, frame, n);
-    *signature_len = par[0];
+    std::memcpy(signature, r.buf, n);
+    *signature_len = r.par[0];
     return ZEL_OK;
 }
 
@@ -67,13 +58,10 @@ ZEL_STATUS read_counter(ZEL_HANDLE hnd, uint8_t address, uint8_t mode, uint8_t k
 {
     if (!value)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
+    Reply r;
     ZEL_STATUS status;
     if (mode == 0) {
-        make_command(buf, kCmdReadCounter, 0, 0, address);
-        uint8_t par[2];
-        status = exchange_read_ext(hnd, buf, par, &ext_len);
+        status = command_reply(hnd, kCmdReadCounter, 0, address, r);
     } else {
         uint8_t d[6] = {};
         uint8_t len = 2;
@@ -85,14 +73,13 @@ ZEL_STATUS read_counter(ZEL_HANDLE hnd, uint8_t address, uint8_t mode, uint8_t k
             std::memcpy(d, six, 6);
             len = 6;
         }
-        make_command(buf, kCmdReadCounter, 0, mode, address);
-        status = exchange_write_ext(hnd, buf, d, len, nullptr, &ext_len);
+        status = command_write_reply(hnd, kCmdReadCounter, mode, address, d, len, r);
     }
     if (status != ZEL_OK)
         return status;
-    if (ext_len != 5)
+    if (r.ext_len != 5)
         return ZEL_BUFFER_OVERFLOW;
-    *value = le32(buf);
+    *value = get_le32(r.buf);
     return ZEL_OK;
 }
 
@@ -133,21 +120,19 @@ ZEL_API ZEL_STATUS ReadECCSignatureHnd(ZEL_HANDLE hnd, uint8_t *signature, uint8
 {
     if (!signature || !uid || !uid_len || !card_type)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2] = {}, ext_len = 0;
-    make_command(buf, kCmdSignature);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdSignature, 0, 0, r);
     if (status != ZEL_OK)
         return status;
-    *card_type = par[0];
-    *uid_len = par[1];
-    if (ext_len != ZEL_ECC_SIGNATURE_LEN + ZEL_UID_MAX_LEN + 1)
+    *card_type = r.par[0];
+    *uid_len = r.par[1];
+    if (r.ext_len != ZEL_ECC_SIGNATURE_LEN + ZEL_UID_MAX_LEN + 1)
         return ZEL_BUFFER_OVERFLOW;
-    if (par[1] > ZEL_UID_MAX_LEN)
+    if (r.par[1] > ZEL_UID_MAX_LEN)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(signature, buf, ZEL_ECC_SIGNATURE_LEN);
+    std::memcpy(signature, r.buf, ZEL_ECC_SIGNATURE_LEN);
     std::memset(uid, 0, ZEL_UID_MAX_LEN);
-    std::memcpy(uid, buf + ZEL_ECC_SIGNATURE_LEN, par[1]);
+    std::memcpy(uid, r.buf + ZEL_ECC_SIGNATURE_LEN, r.par[1]);
     return ZEL_OK;
 }
 
@@ -156,15 +141,13 @@ ZEL_API ZEL_STATUS ReadECCSignatureExtHnd(ZEL_HANDLE hnd, uint8_t *signature, ui
 {
     if (!signature || !signature_len || !uid || !uid_len || !card_type)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2] = {}, ext_len = 0;
-    make_command(buf, kCmdSignature, 0, 1, 0);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdSignature, 1, 0, r);
     if (status != ZEL_OK)
         return status;
-    *card_type = par[0];
-    *uid_len = par[1];
-    if (ext_len == 0 || !parse_signature_ext(buf, ext_len - 1u, par[1], signature, signature_len, uid))
+    *card_type = r.par[0];
+    *uid_len = r.par[1];
+    if (r.ext_len == 0 || !parse_signature_ext(r.buf, r.ext_len - 1u, r.par[1], signature, signature_len, uid))
         return ZEL_COMMUNICATION_ERROR;
     return ZEL_OK;
 }
@@ -194,9 +177,7 @@ ZEL_API ZEL_STATUS ReadECCSignatureDesfireHnd(ZEL_HANDLE hnd, uint8_t key_source
         if (k3)
             std::memcpy(d + 23, key + 16, 8);
     }
-    d[18] = static_cast<uint8_t>(aid);
-    d[19] = static_cast<uint8_t>(aid >> 8);
-    d[20] = static_cast<uint8_t>(aid >> 16);
+    put_le24(d + 18, aid);
     d[21] = aid_key_nr;
     d[22] = option;
     return signature_reply(hnd, static_cast<uint8_t>(key_type | 3), 0, d, k3 ? 31 : 23, signature, signature_len);
@@ -238,8 +219,8 @@ ZEL_API ZEL_STATUS ReadNFCCounterPwdAuth_PKHnd(ZEL_HANDLE hnd, uint32_t *value, 
 
 ZEL_API ZEL_STATUS IncrementCounterHnd(ZEL_HANDLE hnd, uint8_t counter_address, uint32_t increment)
 {
-    const uint8_t d[4] = {static_cast<uint8_t>(increment), static_cast<uint8_t>(increment >> 8),
-                          static_cast<uint8_t>(increment >> 16), static_cast<uint8_t>(increment >> 24)};
+    uint8_t d[4];
+    put_le32(d, increment);
     return send_ext(hnd, kCmdIncrementCounter, 0, counter_address, d, sizeof d);
 }
 
@@ -247,16 +228,14 @@ ZEL_API ZEL_STATUS ReadTTStatusHnd(ZEL_HANDLE hnd, uint8_t *tt_message, uint8_t 
 {
     if (!tt_message || !tt_status)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2] = {}, ext_len = 0;
-    make_command(buf, kCmdTTStatus);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdTTStatus, 0, 0, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len != 6)
+    if (r.ext_len != 6)
         return ZEL_BUFFER_OVERFLOW;
-    std::memcpy(tt_message, buf, 4);
-    *tt_status = buf[4];
+    std::memcpy(tt_message, r.buf, 4);
+    *tt_status = r.buf[4];
     return ZEL_OK;
 }
 

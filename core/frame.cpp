@@ -252,12 +252,37 @@ ZEL_STATUS zel::exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t 
     return ZEL_OK;
 }
 
-ZEL_STATUS zel::command_read_ext(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *buf,
-                                 uint8_t *par, uint8_t *ext_len, uint8_t min_ext)
+ZEL_STATUS zel::exchange_reply(zel_handle_record *hnd, Reply &r, ExtRead how)
 {
-    make_command(buf, cmd, 0, par0, par1);
-    const ZEL_STATUS status = exchange_read_ext(hnd, buf, par, ext_len);
-    if (status == ZEL_OK && *ext_len < min_ext)
+    if (how == ExtRead::tested)
+        return exchange_read_ext(hnd, r.buf, r.par, &r.ext_len);
+    uint8_t len = 0;
+    ZEL_STATUS status = InitialHandshaking(hnd, r.buf, &len);
+    if (status != ZEL_OK)
+        return status;
+    r.par[0] = r.buf[kPar0];
+    r.par[1] = r.buf[kPar1];
+    r.ext_len = 0;
+    if (len == 0)
+        return ZEL_OK;
+    if (how == ExtRead::optional) {
+        status = GetAndTestResponseData(hnd, len, r.buf);
+    } else if ((status = PortRead(hnd, r.buf, len)) == ZEL_OK) {
+        const uint8_t want = static_cast<uint8_t>(GetChecksumFragment(0, r.buf, len - 1u) + 7);
+        status = r.buf[len - 1] == want ? ZEL_OK : ZEL_COMMUNICATION_ERROR;
+    }
+    if (status != ZEL_OK)
+        return status;
+    r.ext_len = len;
+    return ZEL_OK;
+}
+
+ZEL_STATUS zel::command_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, Reply &r,
+                              uint8_t min_ext, ExtRead how)
+{
+    make_command(r.buf, cmd, 0, par0, par1);
+    const ZEL_STATUS status = exchange_reply(hnd, r, how);
+    if (status == ZEL_OK && r.ext_len < min_ext)
         return ZEL_COMMUNICATION_ERROR;
     return status;
 }
@@ -270,6 +295,11 @@ ZEL_STATUS zel::exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uin
         return status;
     os_sleep(10);
     return exchange_read_ext(hnd, buf, par, ext_len);
+}
+
+ZEL_STATUS zel::exchange_wake_reply(zel_handle_record *hnd, Reply &r)
+{
+    return exchange_wake_read_ext(hnd, r.buf, r.par, &r.ext_len);
 }
 
 ZEL_STATUS zel::exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const uint8_t *ext_data,
@@ -301,6 +331,13 @@ ZEL_STATUS zel::exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const
     if (len == 0)
         return ZEL_OK;
     return GetAndTestResponseData(hnd, len, frame);
+}
+
+ZEL_STATUS zel::command_write_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1,
+                                    const uint8_t *data, uint8_t len, Reply &r)
+{
+    make_command(r.buf, cmd, 0, par0, par1);
+    return exchange_write_ext(hnd, r.buf, data, len, r.par, &r.ext_len);
 }
 
 ZEL_STATUS zel::read_block_data(zel_handle_record *hnd, uint8_t ext_len, uint8_t expected_len, uint8_t *data)

@@ -51,18 +51,49 @@ uint8_t auth_mode_par0(uint8_t auth_mode);
 // ext_len tells the EXT length, checksum included.
 ZEL_STATUS exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
 
-// Shape 2 in one call: the command frame (cmd, par0, par1) is made in buf first, and a reply whose EXT
+// A reply of shape 2: the reply frame's PAR0 and PAR1, and its EXT (checksum included) at the front of buf,
+// where the command frame was before.
+struct Reply {
+    uint8_t buf[kFrameBufLen] = {};
+    uint8_t par[2] = {};
+    uint8_t ext_len = 0;
+    // The EXT's data bytes, without the checksum.
+    uint32_t data_len() const { return ext_len ? ext_len - 1u : 0u; }
+};
+
+// How the EXT of a reply is read.
+enum class ExtRead : uint8_t {
+    // Read and tested whatever EXT_LEN says: a reply without data (EXT_LEN 0 or 1) fails the test.
+    tested,
+    // EXT_LEN 0 means no EXT and holds; any other is read and tested as above.
+    optional,
+    // EXT_LEN 0 means no EXT; the checksum is that of the data before it, so the checksum alone (7) holds.
+    optional_bare,
+};
+
+// Shape 2 for the command frame already in r.buf: the reply's PAR0, PAR1 and EXT go to r.
+ZEL_STATUS exchange_reply(zel_handle_record *hnd, Reply &r, ExtRead how = ExtRead::tested);
+
+// Shape 2 in one call: the command frame (cmd, par0, par1) is made in r.buf first, and a reply whose EXT
 // (checksum included) is shorter than min_ext answers ZEL_COMMUNICATION_ERROR.
-ZEL_STATUS command_read_ext(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *buf,
-                            uint8_t *par, uint8_t *ext_len, uint8_t min_ext = 0);
+ZEL_STATUS command_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, Reply &r,
+                         uint8_t min_ext = 0, ExtRead how = ExtRead::tested);
 
 // Shape 4: one wake byte 0x00, a pause of 10 ms for a sleeping reader to come up, then shape 2.
 ZEL_STATUS exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);
+// Shape 4 for the command frame already in r.buf.
+ZEL_STATUS exchange_wake_reply(zel_handle_record *hnd, Reply &r);
 
 // Shape 3: a command with an EXT of ext_data_len data bytes (its checksum is added), then the response.
 // The response frame is left in frame and its EXT, if any, is read into frame as well, tested.
 ZEL_STATUS exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const uint8_t *ext_data, uint8_t ext_data_len,
                               uint8_t *reply_par, uint8_t *reply_ext_len);
+
+// Shape 3 with the reply in r: the command frame (cmd, par0, par1) is made in r.buf, data (len bytes) go as
+// its EXT, and the response's PAR0, PAR1 and EXT come back in r. r.ext_len tells the response's EXT_LEN
+// also when reading that EXT failed.
+ZEL_STATUS command_write_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, const uint8_t *data,
+                               uint8_t len, Reply &r);
 
 // Reads a block reply of ext_len bytes whose data goes to data and whose checksum byte is read apart:
 // ZEL_COMMUNICATION_ERROR when ext_len is not expected_len or the checksum is wrong.

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "core/bytes.h"
 #include "core/internal.h"
 #include "zel_port.h"
 
@@ -103,8 +104,11 @@ void dp_hex_line(int level, const uint8_t *bytes, uint32_t length, bool eol)
     uint32_t i = 0;
     do {
         size_t pos = 0;
-        for (uint32_t n = 0; n < 64 && i < length; ++n, ++i)
-            pos += static_cast<size_t>(std::snprintf(text + pos, sizeof text - pos, "%02X ", bytes[i]));
+        for (uint32_t n = 0; n < 64 && i < length; ++n, ++i) {
+            text[pos++] = zel::hex_digit(bytes[i] >> 4);
+            text[pos++] = zel::hex_digit(bytes[i]);
+            text[pos++] = ' ';
+        }
         if (eol && i >= length)
             text[pos++] = '\n';
         text[pos] = 0;

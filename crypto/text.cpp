@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/bytes.h"
 #include "zel_crypto.h"
 #include "zel_status.h"
 
@@ -249,7 +250,6 @@ ZEL_API void hexsprintf(char *out, uint32_t out_size, const uint8_t *bytes, uint
     out[0] = '\0';
     if (bytes == nullptr && n != 0)
         return;
-    static const char kHex[] = "0123456789ABCDEF";
     uint32_t take = n;
     bool cut = false;
     if (uint64_t(n) * 2 > out_size - 1u) {
@@ -258,8 +258,8 @@ ZEL_API void hexsprintf(char *out, uint32_t out_size, const uint8_t *bytes, uint
     }
     uint32_t pos = 0;
     for (uint32_t i = 0; i < take; ++i) {
-        out[pos++] = kHex[bytes[i] >> 4];
-        out[pos++] = kHex[bytes[i] & 0x0F];
+        out[pos++] = zel::hex_digit(bytes[i] >> 4);
+        out[pos++] = zel::hex_digit(bytes[i]);
     }
     out[pos] = '\0';
     if (cut) {

@@ -3,6 +3,7 @@
 // reader's fixed EEPROM addresses instead.
 #include <cstring>
 
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
 #include "reader/line.h"
@@ -33,16 +34,6 @@ constexpr uint32_t kEeWriteMax = 184;
 constexpr uint8_t kSpeedMark = 0x50;
 constexpr uint32_t kKeyCount = 32;
 
-void put32(uint8_t *p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-uint32_t get32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
 bool routed(ZEL_HANDLE hnd)
 {
     return hnd && hnd->ee_route;
@@ -59,15 +50,12 @@ ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, con
 // Shape 2 whose EXT must carry at least `want` data bytes; they go to out.
 ZEL_STATUS read_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *out, uint32_t want)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status =
-        command_read_ext(hnd, cmd, par0, par1, buf, par, &ext_len, static_cast<uint8_t>(want + 1));
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, cmd, par0, par1, r, static_cast<uint8_t>(want + 1));
     if (status != ZEL_OK)
         return status;
     if (out)
-        std::memcpy(out, buf, want);
+        std::memcpy(out, r.buf, want);
     return ZEL_OK;
 }
 
@@ -85,7 +73,7 @@ void async_record(uint8_t *rec, uint8_t flags, uint8_t prefix, uint8_t suffix, u
     rec[0] = flags;
     rec[1] = prefix;
     rec[2] = suffix;
-    put32(rec + 3, baud);
+    put_le32(rec + 3, baud);
     rec[7] = static_cast<uint8_t>(GetChecksumFragment(0, rec, 7) + 7);
 }
 
@@ -195,19 +183,16 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
         address |= kEeRouteBit;
     // The request carries as many bytes as it asks for: whatever the caller's buffer holds.
     uint8_t ext[8 + kEepromMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t reply_len = 0;
-    make_command(frame, kCmdEepromRead);
-    const ZEL_STATUS status =
-        exchange_write_ext(hnd, frame, ext, static_cast<uint8_t>(8 + size), nullptr, &reply_len);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdEepromRead, 0, 0, ext, static_cast<uint8_t>(8 + size), r);
     if (status != ZEL_OK)
         return status;
-    if (reply_len != size + 1)
+    if (r.ext_len != size + 1)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(data, frame, size);
+    std::memcpy(data, r.buf, size);
     return ZEL_OK;
 }
 
@@ -221,8 +206,8 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t
     if (routed(hnd))
         address |= kEeRouteBit;
     uint8_t ext[16 + kEepromMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, password, 8);
     if (size)
         std::memcpy(ext + 16, data, size);
@@ -289,14 +274,14 @@ extern "C" ZEL_API ZEL_STATUS ChangeReaderJobIdHnd(ZEL_HANDLE hnd, uint16_t job_
 extern "C" ZEL_API ZEL_STATUS SubscribeSectorHnd(ZEL_HANDLE hnd, uint8_t index, uint32_t value)
 {
     uint8_t ext[4];
-    put32(ext, value);
+    put_le32(ext, value);
     return send_ext(hnd, kCmdSubscribe, 2, index, ext, sizeof ext);
 }
 
 extern "C" ZEL_API ZEL_STATUS SubscribeBlockHnd(ZEL_HANDLE hnd, uint8_t index, uint32_t value)
 {
     uint8_t ext[4];
-    put32(ext, value);
+    put_le32(ext, value);
     return send_ext(hnd, kCmdSubscribe, 1, index, ext, sizeof ext);
 }
 
@@ -370,7 +355,7 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigExHnd(ZEL_HANDLE hnd, uint
     if (suffix)
         *suffix = rec[2];
     if (baud)
-        *baud = get32(rec + 3);
+        *baud = get_le32(rec + 3);
     return ZEL_OK;
 }
 
@@ -384,7 +369,7 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardJsonSendConfigHnd(ZEL_HANDLE hnd, uint
     put_flag(send_enable, rec[0], 0);
     put_flag(send_removed_enable, rec[0], 1);
     if (baud)
-        *baud = get32(rec + 3);
+        *baud = get_le32(rec + 3);
     return ZEL_OK;
 }
 
@@ -447,7 +432,7 @@ extern "C" ZEL_API ZEL_STATUS SetUartSpeedHnd(ZEL_HANDLE hnd, uint32_t baud)
     if (status != ZEL_OK)
         return status;
     uint8_t ext[5];
-    put32(ext, baud);
+    put_le32(ext, baud);
     CalcChecksum(ext, sizeof ext);
     if ((status = PortWrite(hnd, ext, sizeof ext)) != ZEL_OK)
         return status;
@@ -527,41 +512,37 @@ extern "C" ZEL_API ZEL_STATUS ReaderRfResetHnd(ZEL_HANDLE hnd, uint8_t mode)
 extern "C" ZEL_API ZEL_STATUS GetReaderStatusHnd(ZEL_HANDLE hnd, uint32_t *reader_state, uint32_t *card_state,
                                                  uint32_t *emulation_state, uint8_t *sleep_mode)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    make_command(buf, kCmdStatus);
-    const ZEL_STATUS status = exchange_wake_read_ext(hnd, buf, par, &ext_len);
+    Reply r;
+    make_command(r.buf, kCmdStatus);
+    const ZEL_STATUS status = exchange_wake_reply(hnd, r);
     if (status != ZEL_OK)
         return status;
-    if (ext_len < 5)
+    if (r.ext_len < 5)
         return ZEL_COMMUNICATION_ERROR;
     if (reader_state)
-        *reader_state = buf[0];
+        *reader_state = r.buf[0];
     if (card_state)
-        *card_state = buf[1];
+        *card_state = r.buf[1];
     if (emulation_state)
-        *emulation_state = buf[2];
+        *emulation_state = r.buf[2];
     if (sleep_mode)
-        *sleep_mode = buf[3];
+        *sleep_mode = r.buf[3];
     return ZEL_OK;
 }
 
 extern "C" ZEL_API ZEL_STATUS GetReaderStatusExHnd(ZEL_HANDLE hnd, uint8_t *status_out, uint8_t *status_len)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdStatus, 1, 0, buf, par, &ext_len);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdStatus, 1, 0, r);
     if (status != ZEL_OK)
         return status;
     // The first byte counts what follows; it must stay inside the EXT.
-    if (ext_len < 2 || buf[0] > ext_len - 2u)
+    if (r.ext_len < 2 || r.buf[0] > r.ext_len - 2u)
         return ZEL_COMMUNICATION_ERROR;
     if (status_out)
-        std::memcpy(status_out, buf + 1, buf[0]);
+        std::memcpy(status_out, r.buf + 1, r.buf[0]);
     if (status_len)
-        *status_len = buf[0];
+        *status_len = r.buf[0];
     return ZEL_OK;
 }
 
@@ -572,19 +553,17 @@ extern "C" ZEL_API ZEL_STATUS EE_ReadHnd(ZEL_HANDLE hnd, uint32_t address, uint3
     if (!data)
         return ZEL_NO_MEMORY_ERROR;
     uint8_t ext[8];
-    put32(ext, address);
-    put32(ext + 4, size);
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t reply_len = 0;
-    make_command(frame, kCmdEeRead);
-    const ZEL_STATUS status = exchange_write_ext(hnd, frame, ext, sizeof ext, nullptr, &reply_len);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
+    Reply r;
+    const ZEL_STATUS status = command_write_reply(hnd, kCmdEeRead, 0, 0, ext, sizeof ext, r);
     if (status != ZEL_OK)
         return status;
-    if (reply_len == 0)
+    if (r.ext_len == 0)
         return ZEL_COMMUNICATION_ERROR;
-    if (reply_len - 1u > size)
+    if (r.ext_len - 1u > size)
         return ZEL_BUFFER_OVERFLOW; // more than was asked for does not fit the caller's buffer
-    std::memcpy(data, frame, reply_len - 1u);
+    std::memcpy(data, r.buf, r.ext_len - 1u);
     return ZEL_OK;
 }
 
@@ -595,8 +574,8 @@ extern "C" ZEL_API ZEL_STATUS EE_WriteHnd(ZEL_HANDLE hnd, uint32_t address, uint
     if (size > kEeWriteMax)
         return ZEL_MAX_SIZE_EXCEEDED;
     uint8_t ext[8 + kEeWriteMax];
-    put32(ext, address);
-    put32(ext + 4, size);
+    put_le32(ext, address);
+    put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
     return send_ext(hnd, kCmdEeWrite, 0, 0, ext, static_cast<uint8_t>(8 + size));
 }

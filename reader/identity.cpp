@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "reader/params.h"
 #include "zel_esp.h"
@@ -26,40 +27,30 @@ constexpr uint8_t kCmdParametersDefault = 0xF1;
 constexpr uint32_t kEeSerialDescription = 0;
 constexpr uint32_t kEeProMode = 660;
 
-uint32_t le32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
 // Shape 2 with a u32 in front of the EXT's checksum.
 ZEL_STATUS read_u32(ZEL_HANDLE hnd, uint8_t cmd, uint32_t *value)
 {
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
+    Reply r;
     // A reply with no room for the value in front of its checksum is malformed.
-    const ZEL_STATUS status = command_read_ext(hnd, cmd, 0, 0, buf, par, &ext_len, 5);
+    const ZEL_STATUS status = command_reply(hnd, cmd, 0, 0, r, 5);
     if (status != ZEL_OK)
         return status;
     if (value)
-        *value = le32(buf);
+        *value = get_le32(r.buf);
     return ZEL_OK;
 }
 
 // Shape 1: the reply's PAR0 and PAR1 are the result.
 ZEL_STATUS read_pars(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *out0, uint8_t *out1)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    uint8_t ext_len = 0;
-    make_command(frame, cmd, 0, par0, par1);
-    const ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
+    uint8_t par[2];
+    const ZEL_STATUS status = handshake(hnd, cmd, par0, par1, par);
     if (status != ZEL_OK)
         return status;
     if (out0)
-        *out0 = frame[kPar0];
+        *out0 = par[0];
     if (out1)
-        *out1 = frame[kPar1];
+        *out1 = par[1];
     return ZEL_OK;
 }
 
@@ -147,14 +138,12 @@ extern "C" ZEL_API ZEL_STATUS GetReaderSerialDescriptionHnd(ZEL_HANDLE hnd, uint
 {
     if (hnd && hnd->ee_route)
         return EE_ReadHnd(hnd, kEeSerialDescription, 8, serial_description);
-    uint8_t buf[kFrameBufLen] = {};
-    uint8_t par[2];
-    uint8_t ext_len = 0;
-    const ZEL_STATUS status = command_read_ext(hnd, kCmdSerialDescription, 0, 0, buf, par, &ext_len, 9);
+    Reply r;
+    const ZEL_STATUS status = command_reply(hnd, kCmdSerialDescription, 0, 0, r, 9);
     if (status != ZEL_OK)
         return status;
     if (serial_description)
-        std::memcpy(serial_description, buf, 8);
+        std::memcpy(serial_description, r.buf, 8);
     return ZEL_OK;
 }
 
@@ -216,21 +205,18 @@ extern "C" ZEL_API ZEL_STATUS GetReaderProModeHnd(ZEL_HANDLE hnd, uint32_t *mode
 {
     if (mode)
         *mode = 0;
-    uint8_t buf[kFrameBufLen] = {};
+    Reply r;
     ZEL_STATUS status;
-    if (hnd && hnd->ee_route) {
-        status = EE_ReadHnd(hnd, kEeProMode, 2, buf);
-    } else {
-        uint8_t par[2];
-        uint8_t ext_len = 0;
-        status = command_read_ext(hnd, kCmdGetProMode, 0, 0, buf, par, &ext_len, 3);
-    }
+    if (hnd && hnd->ee_route)
+        status = EE_ReadHnd(hnd, kEeProMode, 2, r.buf);
+    else
+        status = command_reply(hnd, kCmdGetProMode, 0, 0, r, 3);
     if (status != ZEL_OK)
         return status;
     if (mode)
-        *mode = buf[0] & 0x07u;
+        *mode = r.buf[0] & 0x07u;
     if (raw)
-        *raw = static_cast<uint16_t>(buf[0] | buf[1] << 8);
+        *raw = static_cast<uint16_t>(get_le16(r.buf));
     return ZEL_OK;
 }
 
@@ -238,8 +224,8 @@ extern "C" ZEL_API ZEL_STATUS SetReaderProModeHnd(ZEL_HANDLE hnd, uint32_t mode)
 {
     uint8_t frame[kFrameBufLen] = {};
     // The mode as a u32 and four reserved zero bytes.
-    const uint8_t ext[8] = {static_cast<uint8_t>(mode), static_cast<uint8_t>(mode >> 8),
-                            static_cast<uint8_t>(mode >> 16), static_cast<uint8_t>(mode >> 24)};
+    uint8_t ext[8] = {};
+    put_le32(ext, mode);
     make_command(frame, kCmdSetProMode);
     return exchange_write_ext(hnd, frame, ext, sizeof ext, nullptr, nullptr);
 }

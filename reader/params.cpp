@@ -3,15 +3,10 @@
 
 #include <cstring>
 
+#include "core/bytes.h"
 #include "zel_status.h"
 
 namespace {
-
-uint32_t le32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
 
 struct TypeName {
     uint32_t code;
@@ -62,7 +57,7 @@ ZEL_STATUS zel::decode_parameter_block(const uint8_t *ext, uint32_t len, ReaderP
     p.fw_build = long_form ? ext[len - 2] : 0;
     p.fw_minor = ext[len - 3 + shift];
     p.fw_major = ext[len - 4 + shift];
-    p.device_type = le32(ext + len - 8 + shift);
+    p.device_type = zel::get_le32(ext + len - 8 + shift);
     p.hw_ver = ext[len - 9 + shift];
     p.hw_type = ext[len - 10 + shift];
     std::memcpy(p.serial, ext + len - 18 + shift, 8);
@@ -92,7 +87,7 @@ ZEL_STATUS zel::decode_parameter_block2(const uint8_t *ext, uint32_t len, Reader
     std::memcpy(p.serial, ext + 16, 8);
     p.hw_type = ext[24];
     p.hw_ver = ext[25];
-    p.device_type = le32(ext + 26);
+    p.device_type = zel::get_le32(ext + 26);
     p.fw_major = ext[30];
     p.fw_minor = ext[31];
     p.fw_build = ext[32];

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
 #include "transport/serial.h"
@@ -25,24 +26,9 @@ constexpr uint16_t kCardOk = CARD_OPERATION_OK;
 // Internal: a refusal without the operation's own bytes (the caller's outputs stay as they were).
 constexpr ZEL_STATUS ZEL_CARD_REFUSED_SHORT = 0xFFFFFFFFu;
 
-void put16(uint8_t *p, uint32_t v)
-{
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-void put24(uint8_t *p, uint32_t v)
-{
-    put16(p, v);
-    p[2] = static_cast<uint8_t>(v >> 16);
-}
-void put32(uint8_t *p, uint32_t v)
-{
-    put24(p, v);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
-uint32_t get16(const uint8_t *p) { return p[0] | static_cast<uint32_t>(p[1]) << 8; }
-uint32_t get24(const uint8_t *p) { return get16(p) | static_cast<uint32_t>(p[2]) << 16; }
-uint32_t get32(const uint8_t *p) { return get24(p) | static_cast<uint32_t>(p[3]) << 24; }
+// The file's short names for its little-endian fields.
+constexpr auto put16 = put_le16, put24 = put_le24, put32 = put_le32;
+constexpr auto get16 = get_le16, get24 = get_le24, get32 = get_le32;
 
 uint32_t key_len(uint8_t wire_type)
 {

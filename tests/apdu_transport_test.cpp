@@ -17,16 +17,11 @@ using zeltest::Bytes;
 using zeltest::cat;
 using zeltest::ext;
 using zeltest::frame;
+using zeltest::response;
 using zeltest::ScriptLink;
 
 constexpr uint8_t CMD = 0x55, CTR = 0xAA, ACK = 0xAC, ACT = 0xCA, RSP = 0xDE, RST = 0xED;
 
-Bytes response(uint8_t cmd, const Bytes &data, uint8_t par1 = 0)
-{
-    if (data.empty())
-        return frame(RSP, cmd, RST, 0, 0, par1);
-    return cat(frame(RSP, cmd, RST, static_cast<uint8_t>(data.size() + 1), 0, par1), ext(data));
-}
 
 Bytes pattern(size_t n, uint8_t seed = 0)
 {

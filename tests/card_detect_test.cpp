@@ -12,9 +12,6 @@ using namespace zeltest;
 
 namespace {
 
-Bytes cmd(uint8_t code, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0) { return frame(0x55, code, 0xAA, ext_len, p0, p1); }
-Bytes rsp(uint8_t code, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0) { return frame(0xDE, code, 0xED, ext_len, p0, p1); }
-Bytes ack(uint8_t code, uint8_t ext_len = 0) { return frame(0xAC, code, 0xCA, ext_len); }
 
 // A GetCardIdEx reply with the UID in a 10-byte EXT.
 Bytes card_id_reply(uint8_t sak, uint8_t len, const Bytes &uid)

@@ -14,40 +14,14 @@ namespace {
 
 using zeltest::Bytes;
 using zeltest::ScriptLink;
+using zeltest::ack;
+using zeltest::cat;
+using zeltest::checksum;
+using zeltest::frame;
+using zeltest::response;
 
-uint8_t sum(const Bytes &b, size_t n)
-{
-    uint8_t x = 0;
-    for (size_t i = 0; i < n; ++i)
-        x ^= b[i];
-    return static_cast<uint8_t>(x + 7);
-}
-
-Bytes frame(uint8_t h, uint8_t cmd, uint8_t t, uint8_t ext_len)
-{
-    Bytes f = {h, cmd, t, ext_len, 0, 0, 0};
-    f[6] = sum(f, 6);
-    return f;
-}
-
-Bytes ack(uint8_t cmd) { return frame(0xAC, cmd, 0xCA, 0); }
-
-// A response frame with its extended data.
-Bytes response(uint8_t cmd, Bytes data)
-{
-    Bytes r = frame(0xDE, cmd, 0xED, static_cast<uint8_t>(data.size() + 1));
-    data.push_back(sum(data, data.size()));
-    r.insert(r.end(), data.begin(), data.end());
-    return r;
-}
-
+// The card status and error tail of a reply's data.
 Bytes results(uint16_t cs, uint16_t et = 9) { return {static_cast<uint8_t>(cs), static_cast<uint8_t>(cs >> 8), static_cast<uint8_t>(et), 0}; }
-
-Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 const uint8_t kKey[16] = {0x3A, 0x4B, 0x5C, 0x6D, 0x7E, 0x8F, 0x90, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0x07, 0x18, 0x29};
 
@@ -82,7 +56,7 @@ TEST(DesfireWrite, DataGoesInPiecesOf160AfterEachPrompt)
         EXPECT_EQ(ext[26], static_cast<uint8_t>(c.len));
         EXPECT_EQ(ext[27], c.len >> 8);
         EXPECT_EQ(Bytes(ext.begin() + 29, ext.begin() + 29 + first), Bytes(data.begin(), data.begin() + first));
-        EXPECT_EQ(ext.back(), sum(ext, ext.size() - 1));
+        EXPECT_EQ(ext.back(), checksum(Bytes(ext.begin(), ext.end() - 1)));
         size_t at = first;
         for (size_t i = 0; i < c.pieces.size(); ++i) {
             const Bytes &p = link.writes[2 + i];
@@ -478,7 +452,7 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
         EXPECT_EQ(e[23] | e[24] << 8, 0xE0F1) << "read 14, write 0, read-write 15, change 1";
         EXPECT_EQ(e[25], sdm.size());
         EXPECT_EQ(Bytes(e.begin() + 26, e.end() - 1), sdm);
-        EXPECT_EQ(e.back(), sum(e, e.size() - 1));
+        EXPECT_EQ(e.back(), checksum(Bytes(e.begin(), e.end() - 1)));
     }
     {
         // The reader key form names the key by number, the SAM form by its number in the SAM.

@@ -11,6 +11,7 @@
 
 #include "card_sim_fixture.h"
 #include "core/internal.h"
+#include "frame_helpers.h"
 #include "reader/line.h"
 #include "transport/reset.h"
 #include "tandro.h"
@@ -19,44 +20,14 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeltest::Bytes;
+using zeltest::cat;
+using zeltest::checksum;
+using zeltest::le32;
+using zeltest::request;
 
 const uint8_t kPassword[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
 const uint8_t kWrong[8] = {'1', '1', '1', '1', '1', '1', '1', '2'};
-
-uint8_t checksum(const Bytes &b)
-{
-    uint8_t x = 0;
-    for (uint8_t v : b)
-        x ^= v;
-    return static_cast<uint8_t>(x + 7);
-}
-
-// The command frame and, when data is given, the EXT block after it, as the host must send them.
-Bytes request(uint8_t cmd, uint8_t par0, uint8_t par1, const Bytes &data = {})
-{
-    Bytes f = {0x55, cmd, 0xAA, static_cast<uint8_t>(data.empty() ? 0 : data.size() + 1), par0, par1};
-    f.push_back(checksum(f));
-    if (!data.empty()) {
-        f.insert(f.end(), data.begin(), data.end());
-        f.push_back(checksum(data));
-    }
-    return f;
-}
-
-Bytes le32(uint32_t v)
-{
-    return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
-            static_cast<uint8_t>(v >> 24)};
-}
-
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
 
 const Bytes PW(kPassword, kPassword + 8);
 

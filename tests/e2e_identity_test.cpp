@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "card_sim_fixture.h"
+#include "frame_helpers.h"
 #include "reader/params.h"
 #include "tandro.h"
 #include "transport/serial.h"
@@ -14,7 +15,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeltest::Bytes;
+using zeltest::cmd;
+using zeltest::request;
 
 // The default identity of the simulated reader, as it was built to present itself.
 const Bytes kSimMui = {0x5A, 0x53, 0x49, 0x4D, 0x00, 0x01, 0x02, 0x03,
@@ -29,17 +32,6 @@ protected:
         ASSERT_EQ(zsim_load_scenario(sim, json, err, sizeof err), 0) << err;
     }
 };
-
-// A command frame as the host must send it, checksum included.
-Bytes command(uint8_t cmd, uint8_t ext_len = 0, uint8_t par0 = 0, uint8_t par1 = 0)
-{
-    Bytes f = {0x55, cmd, 0xAA, ext_len, par0, par1};
-    uint8_t x = 0;
-    for (uint8_t b : f)
-        x ^= b;
-    f.push_back(static_cast<uint8_t>(x + 7));
-    return f;
-}
 
 // Runs fn with the handle copied into the global record, so that the plain forms reach the simulator.
 template <typename Fn>
@@ -79,23 +71,23 @@ TEST_F(SimIdentity, SmallQueriesThroughBothForms)
     uint32_t type = 0, serial = 0;
     ASSERT_EQ(GetReaderTypeM(hnd, &type), ZEL_OK);
     EXPECT_EQ(type, 0xD1180022u);
-    EXPECT_EQ(last_request(), command(0x10));
+    EXPECT_EQ(last_request(), cmd(0x10));
     ASSERT_EQ(GetReaderSerialNumberM(hnd, &serial), ZEL_OK);
     EXPECT_EQ(serial, 0x00C0FFEEu);
-    EXPECT_EQ(last_request(), command(0x11));
+    EXPECT_EQ(last_request(), cmd(0x11));
 
     uint8_t major = 0, minor = 0, build = 0, hw_type = 0, hw_ver = 0;
     ASSERT_EQ(GetReaderFirmwareVersionM(hnd, &major, &minor), ZEL_OK);
     EXPECT_EQ(major, 5);
     EXPECT_EQ(minor, 3);
-    EXPECT_EQ(last_request(), command(0x29));
+    EXPECT_EQ(last_request(), cmd(0x29));
     ASSERT_EQ(GetBuildNumberM(hnd, &build), ZEL_OK);
     EXPECT_EQ(build, 71);
-    EXPECT_EQ(last_request(), command(0x2B));
+    EXPECT_EQ(last_request(), cmd(0x2B));
     ASSERT_EQ(GetReaderHardwareVersionM(hnd, &hw_type, &hw_ver), ZEL_OK);
     EXPECT_EQ(hw_type, 0x0B);
     EXPECT_EQ(hw_ver, 0x04);
-    EXPECT_EQ(last_request(), command(0x2A, 0, 0x11, 0x22)); // the pair that asks for the version
+    EXPECT_EQ(last_request(), cmd(0x2A, 0, 0x11, 0x22)); // the pair that asks for the version
 
     // The plain forms reach the same reader through the global record.
     on_global(hnd, [&] {
@@ -119,21 +111,14 @@ TEST_F(SimIdentity, SerialDescriptionFromTheCommandAndFromTheEeprom)
     uint8_t sd[8] = {};
     ASSERT_EQ(GetReaderSerialDescriptionM(hnd, sd), ZEL_OK);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(sd), 8), "ZQ123456");
-    EXPECT_EQ(last_request(), command(0x40));
+    EXPECT_EQ(last_request(), cmd(0x40));
 
     // The EEPROM route reads the same 8 characters at address 0 with the plain EEPROM read.
     hnd->ee_route = 1;
     std::memset(sd, 0, sizeof sd);
     ASSERT_EQ(GetReaderSerialDescriptionM(hnd, sd), ZEL_OK);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(sd), 8), "ZQ123456");
-    Bytes want = command(0xE2, 9);
-    const Bytes ext = {0, 0, 0, 0, 8, 0, 0, 0};
-    want.insert(want.end(), ext.begin(), ext.end());
-    uint8_t x = 0;
-    for (uint8_t b : ext)
-        x ^= b;
-    want.push_back(static_cast<uint8_t>(x + 7));
-    EXPECT_EQ(last_request(), want);
+    EXPECT_EQ(last_request(), request(0xE2, 0, 0, {0, 0, 0, 0, 8, 0, 0, 0}));
     hnd->ee_route = 0;
 
     // Setting is left to the factory: nothing reaches the reader and it keeps its text.
@@ -153,7 +138,7 @@ TEST_F(SimIdentity, LongParameterBlockOfCurrentFirmware)
     zsim_set_hardware(sim, 1, 2);
     Params p;
     ASSERT_EQ(params_m(hnd, p), ZEL_OK);
-    EXPECT_EQ(last_request(), command(0xF0, 0, 1, 0));
+    EXPECT_EQ(last_request(), cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(p.serial_text(), "ZS000001");
     EXPECT_EQ(p.hw_type, 1);
     EXPECT_EQ(p.hw_ver, 2);
@@ -170,7 +155,7 @@ TEST_F(SimIdentity, LongParameterBlockOfCurrentFirmware)
     ASSERT_EQ(GetReaderParameters2M(hnd, q.mui, &q.serial, &q.hw_type, &q.hw_ver, &q.device_type, &q.major,
                                     &q.minor, &q.build),
               ZEL_OK);
-    EXPECT_EQ(last_request(), command(0xF0, 0, 1, 0));
+    EXPECT_EQ(last_request(), cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(q.mui_bytes(16), kSimMui);
     EXPECT_EQ(q.serial_text(), "ZS000001");
     EXPECT_EQ((Bytes{q.hw_type, q.hw_ver, q.major, q.minor, q.build}), (Bytes{1, 2, 5, 0, 60}));
@@ -181,7 +166,7 @@ TEST_F(SimIdentity, LongParameterBlockOfCurrentFirmware)
     ASSERT_EQ(GetReaderParametersDefaultBaudrateM(hnd, r.mui, &r.serial, &r.hw_type, &r.hw_ver, &r.device_type,
                                                   &r.major, &r.minor, &r.build),
               ZEL_OK);
-    EXPECT_EQ(last_request(), command(0xF1, 0, 1, 0));
+    EXPECT_EQ(last_request(), cmd(0xF1, 0, 1, 0));
     EXPECT_EQ(r.mui_bytes(16), want);
     EXPECT_EQ(r.build, 60);
 
@@ -222,7 +207,7 @@ TEST_F(SimIdentity, BlockLengths29And30TurnTheBuildOnAndOff)
     load(R"({"reader": {"parameter_block": "short"}})");
     Params q;
     ASSERT_EQ(params_m(hnd, q), ZEL_OK);
-    EXPECT_EQ(last_request(), command(0xF0, 0, 0, 0));
+    EXPECT_EQ(last_request(), cmd(0xF0, 0, 0, 0));
     EXPECT_EQ(q.mui_bytes(12), mui12);
     EXPECT_EQ((Bytes{q.major, q.minor, q.build}), (Bytes{4, 9, 0}));
     EXPECT_EQ((Bytes{q.hw_type, q.hw_ver}), (Bytes{7, 3}));
@@ -234,14 +219,14 @@ TEST_F(SimIdentity, BlockLengths29And30TurnTheBuildOnAndOff)
     EXPECT_EQ(GetReaderParameters2M(hnd, r.mui, &r.serial, &r.hw_type, &r.hw_ver, &r.device_type, &r.major,
                                     &r.minor, &r.build),
               ZEL_COMMAND_NOT_SUPPORTED);
-    EXPECT_EQ(last_request(), command(0xF0, 0, 1, 0));
+    EXPECT_EQ(last_request(), cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(r.hw_type, 0);
 
     // A reader without the block: the second try's refusal reaches the caller.
     load(R"({"reader": {"parameter_block": "none"}})");
     Params s;
     EXPECT_EQ(params_m(hnd, s), ZEL_COMMAND_NOT_SUPPORTED);
-    EXPECT_EQ(last_request(), command(0xF0, 0, 0, 0));
+    EXPECT_EQ(last_request(), cmd(0xF0, 0, 0, 0));
     EXPECT_EQ(s.mui[0], 0xEE);
 }
 
@@ -262,7 +247,7 @@ TEST_F(SimIdentity, NetworkModuleIdentifierIsSixBytes)
 TEST_F(SimIdentity, ProModeOnTheWireAndThroughTheEeprom)
 {
     ASSERT_EQ(SetReaderProModeM(hnd, 0x010D), ZEL_OK);
-    Bytes want = command(0x43, 9);
+    Bytes want = cmd(0x43, 9);
     const Bytes ext = {0x0D, 0x01, 0, 0, 0, 0, 0, 0};
     want.insert(want.end(), ext.begin(), ext.end());
     want.push_back(static_cast<uint8_t>((0x0D ^ 0x01) + 7));
@@ -274,7 +259,7 @@ TEST_F(SimIdentity, ProModeOnTheWireAndThroughTheEeprom)
     uint32_t mode = 0xFFFFFFFF;
     uint16_t raw = 0;
     ASSERT_EQ(GetReaderProModeM(hnd, &mode, &raw), ZEL_OK);
-    EXPECT_EQ(last_request(), command(0x42));
+    EXPECT_EQ(last_request(), cmd(0x42));
     EXPECT_EQ(mode, 5u); // the low three bits
     EXPECT_EQ(raw, 0x010D);
 
@@ -370,7 +355,7 @@ TEST_F(SimIdentity, InfoTextOfThePlainReader)
     const std::string want = std::string(zel::reader_model_name(0xD1180022)) + " (Firmware Type: " +
                              zel::firmware_type_name(0xD1) + ", Firmware Version: 5.1.9, Hardware Version: 1.4)";
     EXPECT_EQ(std::string(info), want);
-    EXPECT_EQ(last_request(), command(0x10));
+    EXPECT_EQ(last_request(), cmd(0x10));
     on_global(hnd, [&] {
         const char *g = nullptr;
         EXPECT_EQ(GetReaderInfoStr(&g), ZEL_OK);

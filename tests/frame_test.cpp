@@ -295,6 +295,75 @@ TEST(Shapes, WakeByteComesFirstAndThePauseGoesThroughTheSleepSeam)
     EXPECT_EQ(buf[3], 4);
 }
 
+TEST(Shapes, ReplyTakesParsAndExtByItsReadingRule)
+{
+    using zel::ExtRead;
+    const ZEL_STATUS comm = ZEL_COMMUNICATION_ERROR;
+    struct Case {
+        const char *what;
+        Bytes reply;
+        ZEL_STATUS tested, optional, bare; // the status under each rule
+    } cases[] = {
+        {"data and checksum", cat(rsp(0x41, 4, 0x12, 0x34), ext({9, 8, 7})), ZEL_OK, ZEL_OK, ZEL_OK},
+        {"a wrong checksum", cat(rsp(0x41, 4, 0x12, 0x34), Bytes{9, 8, 7, 0}), comm, comm, comm},
+        {"the checksum alone", cat(rsp(0x41, 1, 0x12, 0x34), ext({})), comm, comm, ZEL_OK},
+        {"a wrong lone checksum", cat(rsp(0x41, 1, 0x12, 0x34), Bytes{0x08}), comm, comm, comm},
+        {"no EXT", rsp(0x41, 0, 0x12, 0x34), comm, ZEL_OK, ZEL_OK},
+        {"an error frame: its code", err(0x05), 0x05, 0x05, 0x05},
+    };
+    for (const Case &c : cases) {
+        const ExtRead rules[] = {ExtRead::tested, ExtRead::optional, ExtRead::optional_bare};
+        const ZEL_STATUS want[] = {c.tested, c.optional, c.bare};
+        for (int i = 0; i < 3; ++i) {
+            ScriptLink link;
+            link.reply(c.reply);
+            zel::Reply r;
+            EXPECT_EQ(zel::command_reply(&link.record, 0x41, 0xA0, 0x0B, r, 0, rules[i]), want[i])
+                << c.what << ", rule " << i;
+            ASSERT_EQ(link.writes.size(), 1u);
+            EXPECT_EQ(link.writes[0], cmd(0x41, 0, 0xA0, 0x0B)) << c.what;
+            if (want[i] != ZEL_OK) {
+                EXPECT_EQ(r.ext_len, 0) << c.what << ", rule " << i; // no length of a reply that failed
+                continue;
+            }
+            EXPECT_EQ(r.par[0], 0x12);
+            EXPECT_EQ(r.par[1], 0x34);
+            const Bytes data(c.reply.begin() + 7, c.reply.end() - (c.reply.size() > 7 ? 1 : 0));
+            EXPECT_EQ(r.data_len(), data.size()) << c.what;
+            EXPECT_EQ(Bytes(r.buf, r.buf + r.data_len()), data) << c.what;
+        }
+    }
+    // A reply shorter than the caller needs is a communication error; one just long enough holds.
+    for (const uint8_t min_ext : {4, 5}) {
+        ScriptLink link;
+        link.reply(cat(rsp(0x41, 4), ext({1, 2, 3})));
+        zel::Reply r;
+        EXPECT_EQ(zel::command_reply(&link.record, 0x41, 0, 0, r, min_ext), min_ext == 4 ? ZEL_OK : comm);
+    }
+}
+
+TEST(Shapes, WriteReplySendsTheDataAndKeepsTheLengthOfAFailedReply)
+{
+    const uint8_t data[3] = {1, 2, 3};
+    for (const bool good : {true, false}) {
+        ScriptLink link;
+        link.reply(ack(0x41, 4));
+        link.reply(cat(rsp(0x41, 3, 0x07, 0x08), good ? ext({0xAB, 0xCD}) : Bytes{0xAB, 0xCD, 0x00}));
+        zel::Reply r;
+        EXPECT_EQ(zel::command_write_reply(&link.record, 0x41, 0x21, 0x22, data, 3, r),
+                  good ? ZEL_OK : ZEL_COMMUNICATION_ERROR);
+        ASSERT_EQ(link.writes.size(), 2u);
+        EXPECT_EQ(link.writes[0], cmd(0x41, 4, 0x21, 0x22));
+        EXPECT_EQ(link.writes[1], ext({1, 2, 3}));
+        EXPECT_EQ(r.ext_len, 3); // told even when the EXT did not hold
+        EXPECT_EQ(r.par[0], 0x07);
+        EXPECT_EQ(r.par[1], 0x08);
+        if (good) {
+            EXPECT_EQ(Bytes(r.buf, r.buf + r.data_len()), (Bytes{0xAB, 0xCD}));
+        }
+    }
+}
+
 TEST(BlockData, ChecksumReadApartAndSizeChecked)
 {
     ScriptLink link;

@@ -14,10 +14,8 @@ using namespace zeltest;
 
 namespace {
 
-Bytes cmd(uint8_t ext_len, uint8_t p0, uint8_t p1) { return frame(0x55, 0xB5, 0xAA, ext_len, p0, p1); }
-Bytes ack(uint8_t ext_len) { return frame(0xAC, 0xB5, 0xCA, ext_len); }
-Bytes rsp(uint8_t ext_len = 0, uint8_t p0 = 0) { return frame(0xDE, 0xB5, 0xED, ext_len, p0); }
-Bytes err(uint8_t code) { return frame(0xEC, code, 0xCE); }
+// Every frame here is of command 0xB5.
+constexpr uint8_t B5 = 0xB5;
 
 const uint8_t PW_A[4] = {0x11, 0x22, 0x33, 0x44};
 const uint8_t PW_B[4] = {0xA1, 0xB2, 0xC3, 0xD4};
@@ -69,11 +67,11 @@ TEST(Iso15693Frames, EveryFormOnTheWire)
     for (const Case &c : cases) {
         ScriptLink link;
         const uint8_t len = static_cast<uint8_t>(c.data.size() + 1);
-        link.reply(ack(len));
-        link.reply(rsp(0, c.p0));
+        link.reply(ack(B5, len));
+        link.reply(rsp(B5, 0, c.p0));
         EXPECT_EQ(c.call(&link.record), ZEL_OK) << c.what;
         ASSERT_EQ(link.writes.size(), 2u) << c.what;
-        EXPECT_EQ(link.writes[0], cmd(len, c.p0, c.p1)) << c.what;
+        EXPECT_EQ(link.writes[0], cmd(B5, len, c.p0, c.p1)) << c.what;
         EXPECT_EQ(link.writes[1], ext(c.data)) << c.what;
     }
     // The three system information forms: PAR1 1 with the index, 0x61 with the password, 0x60 with nothing.
@@ -92,11 +90,11 @@ TEST(Iso15693Frames, EveryFormOnTheWire)
     };
     for (const InfoCase &c : infos) {
         ScriptLink link;
-        link.reply(ack(6));
-        link.reply(cat(rsp(static_cast<uint8_t>(info.size()), 5), info));
+        link.reply(ack(B5, 6));
+        link.reply(cat(rsp(B5, static_cast<uint8_t>(info.size()), 5), info));
         EXPECT_EQ(c.call(&link.record), ZEL_OK);
         ASSERT_EQ(link.writes.size(), 2u);
-        EXPECT_EQ(link.writes[0], cmd(6, 5, c.p1));
+        EXPECT_EQ(link.writes[0], cmd(B5, 6, 5, c.p1));
         EXPECT_EQ(link.writes[1], ext(c.data));
     }
 }
@@ -107,14 +105,14 @@ TEST(Iso15693Frames, AcknowledgeAndErrors)
 {
     {
         ScriptLink link;
-        link.reply(ack(0));
+        link.reply(ack(B5, 0));
         EXPECT_EQ(em4237_enable_RID_M(&link.record, 1), ZEL_COMMUNICATION_ERROR);
         EXPECT_EQ(link.writes.size(), 1u); // no EXT went out
     }
     {
         uint8_t out[256];
         ScriptLink link;
-        link.reply(ack(0));
+        link.reply(ack(B5, 0));
         EXPECT_EQ(iso15693_get_multiply_block_security_statusM(&link.record, 0, 1, out), ZEL_COMMUNICATION_ERROR);
     }
     {
@@ -124,7 +122,7 @@ TEST(Iso15693Frames, AcknowledgeAndErrors)
     }
     {
         ScriptLink link;
-        link.reply(ack(12));
+        link.reply(ack(B5, 12));
         link.reply(err(17));
         EXPECT_EQ(icode_lock_blockM(&link.record, 0, 1, 2), ZEL_UNSUPPORTED_CARD_TYPE);
     }
@@ -137,16 +135,16 @@ TEST(Iso15693Frames, SecurityStatusCopiesWhatCame)
     {
         ScriptLink link;
         const Bytes st = ext({1, 0, 0, 1});
-        link.reply(ack(3));
-        link.reply(cat(rsp(static_cast<uint8_t>(st.size()), 4), st));
+        link.reply(ack(B5, 3));
+        link.reply(cat(rsp(B5, static_cast<uint8_t>(st.size()), 4), st));
         std::memset(out, 0xEE, sizeof out);
         ASSERT_EQ(iso15693_get_multiply_block_security_statusM(&link.record, 7, 3, out), ZEL_OK);
         EXPECT_EQ(Bytes(out, out + 5), (Bytes{1, 0, 0, 1, 0xEE}));
     }
     {
         ScriptLink link;
-        link.reply(ack(3));
-        link.reply(rsp(0, 4));
+        link.reply(ack(B5, 3));
+        link.reply(rsp(B5, 0, 4));
         std::memset(out, 0xEE, sizeof out);
         ASSERT_EQ(em4237_get_multiply_block_security_statusM(&link.record, 7, 3, out), ZEL_OK);
         for (uint8_t b : out)
@@ -156,8 +154,8 @@ TEST(Iso15693Frames, SecurityStatusCopiesWhatCame)
         ScriptLink link;
         Bytes st = ext({1, 1});
         st.back() ^= 0x40;
-        link.reply(ack(3));
-        link.reply(cat(rsp(static_cast<uint8_t>(st.size()), 4), st));
+        link.reply(ack(B5, 3));
+        link.reply(cat(rsp(B5, static_cast<uint8_t>(st.size()), 4), st));
         EXPECT_EQ(iso15693_get_multiply_block_security_statusM(&link.record, 0, 1, out), ZEL_COMMUNICATION_ERROR);
     }
 }
@@ -176,8 +174,8 @@ TEST(Iso15693SystemInfo, FlagsDriveTheFields)
     auto run = [&](const Bytes &data, Outputs &o) {
         ScriptLink link;
         const Bytes e = ext(data);
-        link.reply(ack(6));
-        link.reply(cat(rsp(static_cast<uint8_t>(e.size()), 5), e));
+        link.reply(ack(B5, 6));
+        link.reply(cat(rsp(B5, static_cast<uint8_t>(e.size()), 5), e));
         return iso15693_get_system_information_no_authM(&link.record, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size,
                                                         &o.ic);
     };
@@ -223,8 +221,8 @@ TEST(Iso15693SystemInfo, FlagsDriveTheFields)
         EXPECT_EQ(run({0x00, 1, 2, 3}, o), ZEL_COMMUNICATION_ERROR);
         EXPECT_EQ(o.flags, 0xEE);
         ScriptLink link;
-        link.reply(ack(6));
-        link.reply(rsp(0, 5));
+        link.reply(ack(B5, 6));
+        link.reply(rsp(B5, 0, 5));
         EXPECT_EQ(iso15693_get_system_information_no_authM(&link.record, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size,
                                                            &o.ic),
                   ZEL_COMMUNICATION_ERROR);

@@ -13,15 +13,6 @@ constexpr uint8_t ACK = 0xAC, ACK_T = 0xCA, RSP = 0xDE, RSP_T = 0xED, ERR = 0xEC
 const uint8_t PW[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
 const Bytes PWB(PW, PW + 8);
 
-Bytes cmd(uint8_t code, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0)
-{
-    return frame(0x55, code, 0xAA, ext_len, p0, p1);
-}
-Bytes le32(uint32_t v)
-{
-    return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
-            static_cast<uint8_t>(v >> 24)};
-}
 // The acknowledge and the plain response of a command with an EXT.
 void ack_ok(ScriptLink &link, uint8_t code, uint8_t ext_len)
 {

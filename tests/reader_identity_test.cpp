@@ -14,10 +14,6 @@ namespace {
 
 constexpr uint8_t ACK = 0xAC, ACK_T = 0xCA, RSP = 0xDE, RSP_T = 0xED, ERR = 0xEC, ERR_T = 0xCE;
 
-Bytes cmd(uint8_t code, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0)
-{
-    return frame(0x55, code, 0xAA, ext_len, p0, p1);
-}
 
 // A block of n data bytes numbered from 0x40, with the fixed fields written from its end.
 Bytes block(uint32_t data_len, bool long_form, uint8_t hw_type)

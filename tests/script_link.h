@@ -8,11 +8,10 @@
 #include <vector>
 
 #include "core/internal.h"
+#include "frame_helpers.h"
 #include "zel_handle.h"
 
 namespace zeltest {
-
-using Bytes = std::vector<uint8_t>;
 
 class ScriptLink {
 public:
@@ -76,32 +75,6 @@ private:
     std::deque<Bytes> replies_;
     std::deque<uint8_t> pending_;
 };
-
-// A frame of kind (header, trailer) with its checksum.
-inline Bytes frame(uint8_t header, uint8_t cmd, uint8_t trailer, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0)
-{
-    Bytes f{header, cmd, trailer, ext_len, p0, p1, 0};
-    uint8_t x = 0;
-    for (int i = 0; i < 6; ++i)
-        x ^= f[i];
-    f[6] = static_cast<uint8_t>(x + 7);
-    return f;
-}
-// Data followed by its checksum.
-inline Bytes ext(const Bytes &data)
-{
-    Bytes e = data;
-    uint8_t x = 0;
-    for (uint8_t b : data)
-        x ^= b;
-    e.push_back(static_cast<uint8_t>(x + 7));
-    return e;
-}
-inline Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 } // namespace zeltest
 

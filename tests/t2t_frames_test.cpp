@@ -14,9 +14,6 @@ using namespace zeltest;
 
 namespace {
 
-Bytes cmd(uint8_t code, uint8_t ext_len, uint8_t p0, uint8_t p1) { return frame(0x55, code, 0xAA, ext_len, p0, p1); }
-Bytes ack(uint8_t code, uint8_t ext_len) { return frame(0xAC, code, 0xCA, ext_len); }
-Bytes rsp(uint8_t code, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0) { return frame(0xDE, code, 0xED, ext_len, p0, p1); }
 Bytes err(uint8_t code) { return frame(0xEC, code, 0xCE); }
 Bytes seq(uint8_t from, size_t n)
 {

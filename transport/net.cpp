@@ -16,6 +16,7 @@
 
 #include <atomic>
 
+#include "core/bytes.h"
 #include "core/internal.h"
 #include "zel_net.h"
 #include "zel_port.h"
@@ -124,7 +125,7 @@ bool zel::parse_discovery_reply(const uint8_t *data, size_t len, DiscoveryReply 
         return false;
     *out = DiscoveryReply{};
     std::snprintf(out->address, sizeof out->address, "%d.%d.%d.%d", data[0], data[1], data[2], data[3]);
-    out->port = static_cast<uint32_t>(data[4]) | static_cast<uint32_t>(data[5]) << 8;
+    out->port = get_le16(data + 4);
     out->protocol = data[6];
     if (len == 28) {
         std::memcpy(out->serial, data + 19, 8); // a zero among them ends the text early, as printing it would

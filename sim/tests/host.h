@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "../../tests/frame_helpers.h"
+
 struct RawHost {
     int fd = -1;
     explicit RawHost(const char *path)
@@ -68,22 +70,13 @@ struct RawHost {
 // A command frame with its checksum.
 inline std::vector<uint8_t> cmd_frame(uint8_t cmd, uint8_t ext_len = 0, uint8_t p0 = 0, uint8_t p1 = 0)
 {
-    std::vector<uint8_t> f = {0x55, cmd, 0xAA, ext_len, p0, p1};
-    uint8_t x = 0;
-    for (uint8_t b : f)
-        x ^= b;
-    f.push_back(static_cast<uint8_t>(x + 7));
-    return f;
+    return zeltest::cmd(cmd, ext_len, p0, p1);
 }
 
 // Data followed by its checksum, as an EXT block.
-inline std::vector<uint8_t> ext_block(std::vector<uint8_t> d)
+inline std::vector<uint8_t> ext_block(const std::vector<uint8_t> &d)
 {
-    uint8_t x = 0;
-    for (uint8_t b : d)
-        x ^= b;
-    d.push_back(static_cast<uint8_t>(x + 7));
-    return d;
+    return zeltest::ext(d);
 }
 
 #endif

@@ -18,24 +18,10 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+using zeltest::cat;
+using zeltest::rsp;
 
 Bytes text(const std::string &s) { return Bytes(s.begin(), s.end()); }
-
-// A response frame with its checksum.
-Bytes rsp(uint8_t cmd, uint8_t ext_len, uint8_t p0, uint8_t p1)
-{
-    Bytes f = {0xDE, cmd, 0xED, ext_len, p0, p1};
-    uint8_t x = 0;
-    for (uint8_t b : f)
-        x ^= b;
-    f.push_back(static_cast<uint8_t>(x + 7));
-    return f;
-}
 
 const Bytes PW = text("11111111");
 
