@@ -13,8 +13,6 @@ extern "C" {
 
 /* EspSetTransparentReader: what the host sends from now on reaches reader unit n (from 1). */
 
-/* Without an explicit-handle form: the session form (ZEL_ESP_SELF ends it) and the number of units. */
-
 #include "zel_esp_forms.h"
 
 #ifdef __cplusplus

@@ -14,6 +14,8 @@ ZEL_API ZEL_STATUS EspReaderResetHnd(ZEL_HANDLE hnd);
 ZEL_API ZEL_STATUS EspSetTransparentReader(uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderM(ZEL_HANDLE hnd, uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderHnd(ZEL_HANDLE hnd, uint8_t reader_no);
+
+/* Without an explicit-handle form: the session form (ZEL_ESP_SELF ends it) and the number of units. */
 ZEL_API ZEL_STATUS EspSetTransparentReaderSession(uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderSessionHnd(ZEL_HANDLE hnd, uint8_t reader_no);
 ZEL_API ZEL_STATUS EspGetTransparentReaders(uint8_t *count);

@@ -33,10 +33,7 @@ extern "C" {
 #define ZEL_ICODE_PWD_DESTROY 0x08
 #define ZEL_ICODE_PWD_EAS_AFI 0x10
 
-/* Operations whose handle form is XM. */
-
-/* Operations whose handle form is X_M: the _PK forms and em4237_enable_RID. */
-
+/* The operations, declared in zel_iso15693_forms.h (generated from api/iso15693.forms). */
 #include "zel_iso15693_forms.h"
 
 #ifdef __cplusplus

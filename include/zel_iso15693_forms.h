@@ -8,6 +8,8 @@
 extern "C" {
 #endif
 
+
+/* Operations whose handle form is XM. */
 ZEL_API ZEL_STATUS icode_write_password(uint8_t pwd_ident, uint8_t current_pwd_key_index, uint8_t new_pwd_key_index);
 ZEL_API ZEL_STATUS icode_write_passwordM(ZEL_HANDLE hnd, uint8_t pwd_ident, uint8_t current_pwd_key_index, uint8_t new_pwd_key_index);
 ZEL_API ZEL_STATUS icode_write_passwordHnd(ZEL_HANDLE hnd, uint8_t pwd_ident, uint8_t current_pwd_key_index, uint8_t new_pwd_key_index);
@@ -35,6 +37,8 @@ ZEL_API ZEL_STATUS em4237_protect_pageHnd(ZEL_HANDLE hnd, uint8_t key_index, uin
 ZEL_API ZEL_STATUS em4237_get_multiply_block_security_status(uint8_t first_block, uint8_t number_of_blocks, uint8_t *block_data);
 ZEL_API ZEL_STATUS em4237_get_multiply_block_security_statusM(ZEL_HANDLE hnd, uint8_t first_block, uint8_t number_of_blocks, uint8_t *block_data);
 ZEL_API ZEL_STATUS em4237_get_multiply_block_security_statusHnd(ZEL_HANDLE hnd, uint8_t first_block, uint8_t number_of_blocks, uint8_t *block_data);
+
+/* Operations whose handle form is X_M: the _PK forms and em4237_enable_RID. */
 ZEL_API ZEL_STATUS icode_write_password_PK(uint8_t pwd_ident, const uint8_t *current_pwd, const uint8_t *new_pwd);
 ZEL_API ZEL_STATUS icode_write_password_PK_M(ZEL_HANDLE hnd, uint8_t pwd_ident, const uint8_t *current_pwd, const uint8_t *new_pwd);
 ZEL_API ZEL_STATUS icode_write_password_PKHnd(ZEL_HANDLE hnd, uint8_t pwd_ident, const uint8_t *current_pwd, const uint8_t *new_pwd);

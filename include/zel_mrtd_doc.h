@@ -21,8 +21,10 @@ extern "C" {
 #define MRTD_FILE_COM 0x011Eu
 #define MRTD_FILE_SOD 0x011Du
 
-/* Families whose XHnd takes other arguments than the X form (declared apart, below the list): the list
- * declares X and XM, or X alone. */
+/* The operations below are declared in zel_mrtd_doc_forms.h, generated from api/mrtd_doc.forms. MRTDValidate
+ * and the document session give their XHnd other arguments than X: those XHnd are declared here by hand,
+ * and the list declares X and XM of MRTDValidate and X alone of the session. */
+#include "zel_mrtd_doc_forms.h"
 
 /* ---- BAC and file reads on a reader ----
  * MRTDAppSelectAndAuthenticateBac: SELECT of the document application, GET CHALLENGE, EXTERNAL AUTHENTICATE
@@ -55,8 +57,6 @@ ZEL_API ZEL_STATUS MRTDValidateHnd(ZEL_HANDLE hnd, const char *cert_folder, char
  * adds the verdict of MRTDValidate with the folder "./csca" and answers its status.
  * MRTD_ReadDocumentData is the Ex form with flat and validate 1 and no filter.
  * MRTD_SessionClose forgets the keys and deselects the card. */
-
-#include "zel_mrtd_doc_forms.h"
 ZEL_API ZEL_STATUS MRTD_SessionInitHnd(ZEL_HANDLE hnd, const char *doc_number, const char *date_of_birth,
                                        const char *date_of_expiry);
 ZEL_API ZEL_STATUS MRTD_ReadDocumentDataHnd(ZEL_HANDLE hnd, char *out, uint32_t *out_len, uint32_t flat,

@@ -24,7 +24,8 @@ The list format (one item per line, '#' starts a comment line, fields of a line 
   keyset NAME = FORM FORM ...      a named set of key forms
   forms X XM Hnd                   the forms of the rows that follow: X, XM or X_M, Hnd (declared here;
                                    without it XHnd is declared by hand)
-  doc TEXT                         a comment line in the generated header
+  doc TEXT                         a comment line in the generated header (consecutive lines make one
+                                   comment)
   RET NAME(PARAMS) [| OPTION VALUE ...]
                                    one operation. Options: call (ARGS) the arguments XHnd gets after the
                                    handle (default: the parameters' names); keys SET with impl NAME and
@@ -250,10 +251,18 @@ class FormsList:
                "#ifndef " + self.guard(), "#define " + self.guard(), "",
                '#include "zel_types.h"', "",
                "#ifdef __cplusplus", 'extern "C" {', "#endif", ""]
-        for kind, item in self.items:
+        doc = []
+        for kind, item in self.items + [("end", None)]:
             if kind == "doc":
-                out.append("/* " + item + " */" if item else "")
+                doc.append(item)
                 continue
+            if doc:
+                # Consecutive doc lines make one comment, set apart from the declarations above it.
+                out += ["", "/* " + doc[0]] + [(" * " + d).rstrip() for d in doc[1:]]
+                out[-1] += " */"
+                doc = []
+            if kind == "end":
+                break
             op = item
             params = op.public_params()
             out.append("ZEL_API %s %s(%s);" % (op.ret, op.name, join_params(params)))
