@@ -131,12 +131,12 @@ extern "C" ZEL_API ZEL_STATUS GetReaderInfoStrM(ZEL_HANDLE hnd, const char **tex
     dp(0, "API begin: %s()", __func__);
     return GetReaderInfoStrHnd(hnd, text);
 }
-extern "C" ZEL_API const char * GetReaderDescription(void)
+extern "C" ZEL_API const char *GetReaderDescription(void)
 {
     dp(0, "API begin: %s()", __func__);
     return GetReaderDescriptionHnd(&zel_global);
 }
-extern "C" ZEL_API const char * GetReaderDescriptionM(ZEL_HANDLE hnd)
+extern "C" ZEL_API const char *GetReaderDescriptionM(ZEL_HANDLE hnd)
 {
     dp(0, "API begin: %s()", __func__);
     return GetReaderDescriptionHnd(hnd);

@@ -75,6 +75,11 @@ def param_name(param):
     return m.group(2)
 
 
+def typed(ret, name):
+    """A return type and a name as C spells them: 'const char *f', 'ZEL_STATUS f'."""
+    return ret + name if ret.endswith("*") else ret + " " + name
+
+
 def join_params(*lists):
     joined = [p for lst in lists for p in lst]
     return ", ".join(joined) if joined else "void"
@@ -265,13 +270,13 @@ class FormsList:
                 break
             op = item
             params = op.public_params()
-            out.append("ZEL_API %s %s(%s);" % (op.ret, op.name, join_params(params)))
+            out.append("ZEL_API %s(%s);" % (typed(op.ret, op.name), join_params(params)))
             hnd_params = ["ZEL_HANDLE hnd"] + params
             for suffix in ("M", "_M"):
                 if "X" + suffix in op.forms:
-                    out.append("ZEL_API %s %s%s(%s);" % (op.ret, op.name, suffix, join_params(hnd_params)))
+                    out.append("ZEL_API %s(%s);" % (typed(op.ret, op.name + suffix), join_params(hnd_params)))
             if "Hnd" in op.forms or op.impl is not None:
-                out.append("ZEL_API %s %sHnd(%s);" % (op.ret, op.name, join_params(hnd_params)))
+                out.append("ZEL_API %s(%s);" % (typed(op.ret, op.name + "Hnd"), join_params(hnd_params)))
         out += ["", "#ifdef __cplusplus", "}", "#endif", "#endif", ""]
         return "\n".join(out)
 
@@ -289,8 +294,7 @@ class FormsList:
             out.append("// The shared implementations of the key forms.")
             out.append("namespace %s {" % self.namespace)
             for impl, (ret, params) in impls.items():
-                out.append("%s %s(%s);" % (ret, impl, join_params(["ZEL_HANDLE hnd", self.keyref + " key"],
-                                                                   params)))
+                out.append("%s(%s);" % (typed(ret, impl), join_params(["ZEL_HANDLE hnd", self.keyref + " key"], params)))
             out.append("} // namespace %s" % self.namespace)
             out.append("")
         for op in self.ops():
@@ -298,18 +302,18 @@ class FormsList:
             hnd_params = ["ZEL_HANDLE hnd"] + params
             call = op.public_call()
             target = op.name + "Hnd"
-            out += ['extern "C" ZEL_API %s %s(%s)' % (op.ret, op.name, join_params(params)), "{",
+            out += ['extern "C" ZEL_API %s(%s)' % (typed(op.ret, op.name), join_params(params)), "{",
                     '    dp(0, "API begin: %s()", __func__);',
                     "    return %s(%s);" % (target, ", ".join(["&zel_global"] + call)), "}"]
             for suffix in ("M", "_M"):
                 if "X" + suffix in op.forms:
-                    out += ['extern "C" ZEL_API %s %s%s(%s)' % (op.ret, op.name, suffix, join_params(hnd_params)),
+                    out += ['extern "C" ZEL_API %s(%s)' % (typed(op.ret, op.name + suffix), join_params(hnd_params)),
                             "{", '    dp(0, "API begin: %s()", __func__);',
                             "    return %s(%s);" % (target, ", ".join(["hnd"] + call)), "}"]
             if op.impl is not None:
                 ref = "%s::%s%s" % (self.namespace, self.keyref, op.keyref)
                 args = ["hnd", ref] + [param_name(p) for p in op.params]
-                out += ['extern "C" ZEL_API %s %s(%s)' % (op.ret, target, join_params(hnd_params)), "{",
+                out += ['extern "C" ZEL_API %s(%s)' % (typed(op.ret, target), join_params(hnd_params)), "{",
                         "    return %s::%s(%s);" % (self.namespace, op.impl, ", ".join(args)), "}"]
         out.append("")
         return "\n".join(out)
