@@ -30,7 +30,12 @@ The list format (one item per line, '#' starts a comment line, fields of a line 
                                    one operation. Options: call (ARGS) the arguments XHnd gets after the
                                    handle (default: the parameters' names); keys SET with impl NAME and
                                    the name parts int, sam, samend, tail: every form of the set; key FORM
-                                   with impl NAME: one key form under the row's own name.
+                                   with impl NAME: one key form under the row's own name. A key row always
+                                   gets its generated XHnd; the family defines the implementation as
+                                   RET NAME(ZEL_HANDLE hnd, KeyType key, PARAMS) in its namespace (the
+                                   generated source declares it, so a different signature fails the link).
+Run it from anywhere; --check writes into a temporary folder and fails (status 1) on any difference from the
+checked-in files; a malformed list fails with status 2 and its file and line.
 """
 
 import argparse
