@@ -1,5 +1,5 @@
-// Memory cards: blocks, the linear space, sector trailers and value blocks, in every key form. The reader
-// owns the card protocol; here the key is encoded, long transfers are cut into frames and every piece is
+// Memory cards: blocks, the linear space, sector trailers and value blocks, each operation once for all its
+// key forms. The reader owns the card protocol; here the key is encoded, long transfers are cut into frames and every piece is
 // carried with its checksum.
 #include <cstring>
 
@@ -380,104 +380,154 @@ ZEL_STATUS value_write(ZEL_HANDLE h, uint8_t cmd, const KeyRoute &k, int32_t val
 
 } // namespace
 
-// The forms. Each macro line makes the five (or four) members of one operation from its one body.
+// The shared implementations the generated key forms call (card/block_forms.cpp, from api/block.forms).
+// Each routes its key by its rule; the SAM form routes every operation by the plain rule.
 
-#define ZEL_KEY_FORMS(Name, Params, Rule, Body)                                                                    \
-    extern "C" ZEL_API ZEL_STATUS Name##Hnd(ZEL_HANDLE hnd, ZEL_EXPAND Params, uint8_t auth_mode, uint8_t key_index) \
-    {                                                                                                              \
-        KeyRoute k;                                                                                                \
-        const ZEL_STATUS s = key_route(KeyForm::Reader, auth_mode, key_index, nullptr, Rule, k);                   \
-        return s != ZEL_OK ? s : (Body);                                                                           \
-    }                                                                                                              \
-    extern "C" ZEL_API ZEL_STATUS Name##_AKM1Hnd(ZEL_HANDLE hnd, ZEL_EXPAND Params, uint8_t auth_mode)             \
-    {                                                                                                              \
-        KeyRoute k;                                                                                                \
-        const ZEL_STATUS s = key_route(KeyForm::Akm1, auth_mode, 0, nullptr, Rule, k);                             \
-        return s != ZEL_OK ? s : (Body);                                                                           \
-    }                                                                                                              \
-    extern "C" ZEL_API ZEL_STATUS Name##_AKM2Hnd(ZEL_HANDLE hnd, ZEL_EXPAND Params, uint8_t auth_mode)             \
-    {                                                                                                              \
-        KeyRoute k;                                                                                                \
-        const ZEL_STATUS s = key_route(KeyForm::Akm2, auth_mode, 0, nullptr, Rule, k);                             \
-        return s != ZEL_OK ? s : (Body);                                                                           \
-    }                                                                                                              \
-    extern "C" ZEL_API ZEL_STATUS Name##_PKHnd(ZEL_HANDLE hnd, ZEL_EXPAND Params, uint8_t auth_mode,               \
-                                               const uint8_t *key)                                                 \
-    {                                                                                                              \
-        KeyRoute k;                                                                                                \
-        const ZEL_STATUS s = key_route(KeyForm::Provided, auth_mode, 0, key, Rule, k);                             \
-        return s != ZEL_OK ? s : (Body);                                                                           \
+namespace {
+
+template <typename Body>
+ZEL_STATUS routed(const KeyCall &key, unsigned rule, Body body)
+{
+    KeyRoute k;
+    const unsigned r = key.form == KeyForm::Sam ? KeyRule::Plain : rule;
+    const ZEL_STATUS s = key_route(key.form, key.auth_mode, key.key_index, key.key, r, k);
+    return s != ZEL_OK ? s : body(k);
+}
+
+} // namespace
+
+namespace zel {
+
+ZEL_STATUS mem_block_read(ZEL_HANDLE hnd, KeyCall key, uint8_t *data, uint8_t block_address)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) { return op_block_read(hnd, k, data, block_address); });
+}
+ZEL_STATUS mem_block_in_sector_read(ZEL_HANDLE hnd, KeyCall key, uint8_t *data, uint8_t sector_address,
+                                    uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return op_block_in_sector_read(hnd, k, data, sector_address, block_in_sector_address);
+    });
+}
+ZEL_STATUS mem_block_write(ZEL_HANDLE hnd, KeyCall key, const uint8_t *data, uint8_t block_address)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) { return op_block_write(hnd, k, data, block_address); });
+}
+ZEL_STATUS mem_block_in_sector_write(ZEL_HANDLE hnd, KeyCall key, const uint8_t *data, uint8_t sector_address,
+                                     uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return op_block_in_sector_write(hnd, k, data, sector_address, block_in_sector_address);
+    });
+}
+ZEL_STATUS mem_linear_read(ZEL_HANDLE hnd, KeyCall key, uint8_t *data, uint16_t linear_address, uint16_t length,
+                           uint16_t *bytes_returned)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return common_linear_read(hnd, data, linear_address, length, bytes_returned, 0x14, k);
+    });
+}
+ZEL_STATUS mem_lin_row_read(ZEL_HANDLE hnd, KeyCall key, uint8_t *data, uint16_t linear_address, uint16_t length,
+                            uint16_t *bytes_returned)
+{
+    return routed(key, KeyRule::NibbleSixByteKey, [&](const KeyRoute &k) {
+        return common_linear_read(hnd, data, linear_address, length, bytes_returned, 0x45, k);
+    });
+}
+ZEL_STATUS mem_linear_write(ZEL_HANDLE hnd, KeyCall key, const uint8_t *data, uint16_t linear_address,
+                            uint16_t length, uint16_t *bytes_written)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return common_linear_write(hnd, data, linear_address, length, bytes_written, 0x15, k);
+    });
+}
+ZEL_STATUS mem_linear_format_card(ZEL_HANDLE hnd, KeyCall key, const uint8_t *new_key_A, uint8_t blocks_access_bits,
+                                  uint8_t sector_trailers_access_bits, uint8_t sector_trailers_byte9,
+                                  const uint8_t *new_key_B, uint8_t *sectors_formatted)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return op_linear_format(hnd, k, key.auth_mode, new_key_A, blocks_access_bits, sector_trailers_access_bits,
+                                sector_trailers_byte9, new_key_B, sectors_formatted);
+    });
+}
+ZEL_STATUS mem_sector_trailer_write(ZEL_HANDLE hnd, KeyCall key, uint8_t addressing_mode, uint8_t address,
+                                    const uint8_t *new_key_A, uint8_t block0_access_bits, uint8_t block1_access_bits,
+                                    uint8_t block2_access_bits, uint8_t sector_trailer_access_bits,
+                                    uint8_t sector_trailer_byte9, const uint8_t *new_key_B)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return op_trailer_write(hnd, k, key.auth_mode, addressing_mode, address, new_key_A, block0_access_bits,
+                                block1_access_bits, block2_access_bits, sector_trailer_access_bits,
+                                sector_trailer_byte9, new_key_B);
+    });
+}
+ZEL_STATUS mem_sector_trailer_write_unsafe(ZEL_HANDLE hnd, KeyCall key, uint8_t addressing_mode, uint8_t address,
+                                           const uint8_t *sector_trailer)
+{
+    return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
+        return op_trailer_write_unsafe(hnd, k, addressing_mode, address, sector_trailer);
+    });
+}
+ZEL_STATUS mem_value_block_read(ZEL_HANDLE hnd, KeyCall key, int32_t *value, uint8_t *value_addr,
+                                uint8_t block_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_read(hnd, 0x1D, k, value, value_addr, Head{{block_address, 0, 0, 0}});
+    });
+}
+ZEL_STATUS mem_value_block_in_sector_read(ZEL_HANDLE hnd, KeyCall key, int32_t *value, uint8_t *value_addr,
+                                          uint8_t sector_address, uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_read(hnd, 0x1F, k, value, value_addr, Head{{block_in_sector_address, sector_address, 0, 0}});
+    });
+}
+ZEL_STATUS mem_value_block_write(ZEL_HANDLE hnd, KeyCall key, int32_t value, uint8_t value_addr,
+                                 uint8_t block_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_write(hnd, 0x1E, k, value, Head{{block_address, 0, 0, value_addr}});
+    });
+}
+ZEL_STATUS mem_value_block_in_sector_write(ZEL_HANDLE hnd, KeyCall key, int32_t value, uint8_t value_addr,
+                                           uint8_t sector_address, uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_write(hnd, 0x20, k, value, Head{{block_in_sector_address, sector_address, 0, value_addr}});
+    });
+}
+ZEL_STATUS mem_value_block_increment(ZEL_HANDLE hnd, KeyCall key, int32_t increment_value, uint8_t block_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_write(hnd, 0x21, k, increment_value, Head{{block_address, 0, 0, 0}});
+    });
+}
+ZEL_STATUS mem_value_block_in_sector_increment(ZEL_HANDLE hnd, KeyCall key, int32_t increment_value,
+                                               uint8_t sector_address, uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_write(hnd, 0x23, k, increment_value, Head{{block_in_sector_address, sector_address, 0, 0}});
+    });
+}
+// The one operation whose SAM form takes any auth mode: 0x60 goes as 0x10, everything else as 0x11.
+ZEL_STATUS mem_value_block_decrement(ZEL_HANDLE hnd, KeyCall key, int32_t decrement_value, uint8_t block_address)
+{
+    auto body = [&](const KeyRoute &k) {
+        return value_write(hnd, 0x22, k, decrement_value, Head{{block_address, 0, 0, 0}});
+    };
+    if (key.form == KeyForm::Sam) {
+        KeyRoute k;
+        const ZEL_STATUS s = key_route(key.form, key.auth_mode, key.key_index, key.key, KeyRule::AnyMode, k);
+        return s != ZEL_OK ? s : body(k);
     }
+    return routed(key, KeyRule::Nibble, body);
+}
+ZEL_STATUS mem_value_block_in_sector_decrement(ZEL_HANDLE hnd, KeyCall key, int32_t decrement_value,
+                                               uint8_t sector_address, uint8_t block_in_sector_address)
+{
+    return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
+        return value_write(hnd, 0x24, k, decrement_value, Head{{block_in_sector_address, sector_address, 0, 0}});
+    });
+}
 
-#define ZEL_SAM_FORM(Name, Params, SamRule, Body)                                                                 \
-    extern "C" ZEL_API ZEL_STATUS Name##SamKeyHnd(ZEL_HANDLE hnd, ZEL_EXPAND Params, uint8_t auth_mode,            \
-                                                  uint8_t key_index)                                               \
-    {                                                                                                              \
-        KeyRoute k;                                                                                                \
-        const ZEL_STATUS s = key_route(KeyForm::Sam, auth_mode, key_index, nullptr, SamRule, k);                   \
-        return s != ZEL_OK ? s : (Body);                                                                           \
-    }
-
-#define ZEL_EXPAND(...) __VA_ARGS__
-
-#define ZEL_ALL_FORMS(Name, Params, Rule, Body) \
-    ZEL_KEY_FORMS(Name, Params, Rule, Body)     \
-    ZEL_SAM_FORM(Name, Params, KeyRule::Plain, Body)
-
-ZEL_ALL_FORMS(BlockRead, (uint8_t * data, uint8_t block_address), KeyRule::Plain,
-              op_block_read(hnd, k, data, block_address))
-ZEL_ALL_FORMS(BlockInSectorRead, (uint8_t * data, uint8_t sector_address, uint8_t block_in_sector_address),
-              KeyRule::Plain, op_block_in_sector_read(hnd, k, data, sector_address, block_in_sector_address))
-ZEL_ALL_FORMS(BlockWrite, (const uint8_t *data, uint8_t block_address), KeyRule::Plain,
-              op_block_write(hnd, k, data, block_address))
-ZEL_ALL_FORMS(BlockInSectorWrite, (const uint8_t *data, uint8_t sector_address, uint8_t block_in_sector_address),
-              KeyRule::Plain, op_block_in_sector_write(hnd, k, data, sector_address, block_in_sector_address))
-ZEL_ALL_FORMS(LinearRead, (uint8_t * data, uint16_t linear_address, uint16_t length, uint16_t *bytes_returned),
-              KeyRule::Plain, common_linear_read(hnd, data, linear_address, length, bytes_returned, 0x14, k))
-ZEL_KEY_FORMS(LinRowRead, (uint8_t * data, uint16_t linear_address, uint16_t length, uint16_t *bytes_returned),
-              KeyRule::NibbleSixByteKey,
-              common_linear_read(hnd, data, linear_address, length, bytes_returned, 0x45, k))
-ZEL_ALL_FORMS(LinearWrite,
-              (const uint8_t *data, uint16_t linear_address, uint16_t length, uint16_t *bytes_written),
-              KeyRule::Plain, common_linear_write(hnd, data, linear_address, length, bytes_written, 0x15, k))
-ZEL_KEY_FORMS(LinearFormatCard,
-              (const uint8_t *new_key_A, uint8_t blocks_access_bits, uint8_t sector_trailers_access_bits,
-               uint8_t sector_trailers_byte9, const uint8_t *new_key_B, uint8_t *sectors_formatted),
-              KeyRule::Plain,
-              op_linear_format(hnd, k, auth_mode, new_key_A, blocks_access_bits, sector_trailers_access_bits,
-                               sector_trailers_byte9, new_key_B, sectors_formatted))
-ZEL_ALL_FORMS(SectorTrailerWrite,
-              (uint8_t addressing_mode, uint8_t address, const uint8_t *new_key_A, uint8_t block0_access_bits,
-               uint8_t block1_access_bits, uint8_t block2_access_bits, uint8_t sector_trailer_access_bits,
-               uint8_t sector_trailer_byte9, const uint8_t *new_key_B),
-              KeyRule::Plain,
-              op_trailer_write(hnd, k, auth_mode, addressing_mode, address, new_key_A, block0_access_bits,
-                               block1_access_bits, block2_access_bits, sector_trailer_access_bits,
-                               sector_trailer_byte9, new_key_B))
-ZEL_KEY_FORMS(SectorTrailerWriteUnsafe, (uint8_t addressing_mode, uint8_t address, const uint8_t *sector_trailer),
-              KeyRule::Plain, op_trailer_write_unsafe(hnd, k, addressing_mode, address, sector_trailer))
-ZEL_ALL_FORMS(ValueBlockRead, (int32_t * value, uint8_t *value_addr, uint8_t block_address), KeyRule::Nibble,
-              value_read(hnd, 0x1D, k, value, value_addr, Head{{block_address, 0, 0, 0}}))
-ZEL_ALL_FORMS(ValueBlockInSectorRead,
-              (int32_t * value, uint8_t *value_addr, uint8_t sector_address, uint8_t block_in_sector_address),
-              KeyRule::Nibble,
-              value_read(hnd, 0x1F, k, value, value_addr, Head{{block_in_sector_address, sector_address, 0, 0}}))
-ZEL_ALL_FORMS(ValueBlockWrite, (int32_t value, uint8_t value_addr, uint8_t block_address), KeyRule::Nibble,
-              value_write(hnd, 0x1E, k, value, Head{{block_address, 0, 0, value_addr}}))
-ZEL_ALL_FORMS(ValueBlockInSectorWrite,
-              (int32_t value, uint8_t value_addr, uint8_t sector_address, uint8_t block_in_sector_address),
-              KeyRule::Nibble,
-              value_write(hnd, 0x20, k, value, Head{{block_in_sector_address, sector_address, 0, value_addr}}))
-ZEL_ALL_FORMS(ValueBlockIncrement, (int32_t increment_value, uint8_t block_address), KeyRule::Nibble,
-              value_write(hnd, 0x21, k, increment_value, Head{{block_address, 0, 0, 0}}))
-ZEL_ALL_FORMS(ValueBlockInSectorIncrement,
-              (int32_t increment_value, uint8_t sector_address, uint8_t block_in_sector_address), KeyRule::Nibble,
-              value_write(hnd, 0x23, k, increment_value, Head{{block_in_sector_address, sector_address, 0, 0}}))
-ZEL_KEY_FORMS(ValueBlockDecrement, (int32_t decrement_value, uint8_t block_address), KeyRule::Nibble,
-              value_write(hnd, 0x22, k, decrement_value, Head{{block_address, 0, 0, 0}}))
-// The one member that takes any auth mode: 0x60 goes as 0x10, everything else as 0x11.
-ZEL_SAM_FORM(ValueBlockDecrement, (int32_t decrement_value, uint8_t block_address), KeyRule::AnyMode,
-             value_write(hnd, 0x22, k, decrement_value, Head{{block_address, 0, 0, 0}}))
-ZEL_ALL_FORMS(ValueBlockInSectorDecrement,
-              (int32_t decrement_value, uint8_t sector_address, uint8_t block_in_sector_address), KeyRule::Nibble,
-              value_write(hnd, 0x24, k, decrement_value, Head{{block_in_sector_address, sector_address, 0, 0}}))
+} // namespace zel

@@ -29,6 +29,15 @@ struct KeyRoute {
     uint8_t key_len = 0;
 };
 
+// The key of one call as the caller named it: the form, the auth mode, the key index (reader and SAM
+// forms) and the key bytes (the provided form). The generated XHnd of every key form passes one.
+struct KeyCall {
+    KeyForm form;
+    uint8_t auth_mode;
+    uint8_t key_index;
+    const uint8_t *key;
+};
+
 // ZEL_PARAMETERS_ERROR for an auth mode outside the five (or a provided key that is null).
 ZEL_STATUS key_route(KeyForm form, uint8_t auth_mode, uint8_t key_index, const uint8_t *key, unsigned rule,
                      KeyRoute &out);

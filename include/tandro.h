@@ -12,7 +12,6 @@
 #include "zel_desfire_crypto.h"
 #include "zel_devices.h"
 #include "zel_esp.h"
-#include "zel_forms.h"
 #include "zel_frame.h"
 #include "zel_ftdi.h"
 #include "zel_handle.h"

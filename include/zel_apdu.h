@@ -8,7 +8,7 @@
 #ifndef ZEL_APDU_H
 #define ZEL_APDU_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -40,26 +40,6 @@ extern "C" {
  *   close_ISO7816_interface_no_APDU            contact interface off;
  *   APDU_switch_to_ISO14443_4_interface        APDUs go to ISO 14443-4;
  *   APDU_switch_off_from_ISO7816_interface     APDU traffic leaves the contact interface. */
-#define ZEL_FAMILY_APDU_INTERFACE(OP, OP0)                                                                 \
-    OP0(ZEL_STATUS, SetISO14443_4_Mode)                                                                     \
-    OP(ZEL_STATUS, SetISO14443_4_Mode_GetATS,                                                               \
-       (uint8_t *ats, uint8_t *ats_len, uint8_t *uid, uint8_t *uid_len, uint8_t *sak),                      \
-       (ats, ats_len, uid, uid_len, sak))                                                                   \
-    OP0(ZEL_STATUS, SetISO14443_4_OrbStorage)                                                               \
-    OP(ZEL_STATUS, s_block_deselect, (uint8_t timeout), (timeout))                                          \
-    OP0(ZEL_STATUS, card_halt_enable)                                                                       \
-    OP(ZEL_STATUS, Zel_DESFIRE_SendICFG, (const uint8_t *icfg), (icfg))                                     \
-    OP0(ZEL_STATUS, Zel_APDU_Start)                                                                         \
-    OP0(ZEL_STATUS, Zel_APDU_Stop)                                                                          \
-    OP0(ZEL_STATUS, Zel_DESFIRE_Start)                                                                      \
-    OP0(ZEL_STATUS, Zel_DESFIRE_Stop)                                                                       \
-    OP(ZEL_STATUS, open_ISO7816_interface, (uint8_t *atr, uint32_t *atr_len), (atr, atr_len))               \
-    OP(ZEL_STATUS, Open_ISO7816_Generic, (uint8_t *atr, uint32_t *atr_len), (atr, atr_len))                 \
-    OP0(ZEL_STATUS, APDU_switch_to_ISO7816_interface)                                                       \
-    OP0(ZEL_STATUS, close_ISO7816_interface_APDU_ISO14443_4)                                                \
-    OP0(ZEL_STATUS, close_ISO7816_interface_no_APDU)                                                        \
-    OP0(ZEL_STATUS, APDU_switch_to_ISO14443_4_interface)                                                    \
-    OP0(ZEL_STATUS, APDU_switch_off_from_ISO7816_interface)
 
 /* APDUs carried by the reader.
  *   APDUPlainTransceive        command bytes (4 to 0x10008) in, the card's whole reply (data, SW1, SW2) out.
@@ -75,25 +55,6 @@ extern "C" {
  *                              the next such call on any reader (not to be freed);
  *   Zel_APDU_Transceive        a short APDU over host-run I- and R-blocks; data_out (capacity max_out) gets the
  *                              data and the two status bytes, which *ne counts, and sw gets a copy of those. */
-#define ZEL_FAMILY_APDU(OP, OP0)                                                                           \
-    OP(ZEL_STATUS, APDUPlainTransceive,                                                                     \
-       (const uint8_t *c_apdu, uint32_t c_len, uint8_t *r_apdu, uint32_t *r_len), (c_apdu, c_len, r_apdu, r_len)) \
-    OP(ZEL_STATUS, APDUPlainTransceiveToHeap,                                                               \
-       (const uint8_t *c_apdu, uint32_t c_len, uint8_t **r_apdu, uint32_t *r_len),                          \
-       (c_apdu, c_len, r_apdu, r_len))                                                                      \
-    OP(ZEL_STATUS, APDUTransceive,                                                                          \
-       (uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data_in, uint32_t nc,              \
-        uint8_t *data_out, uint32_t *ne, uint8_t send_le, uint16_t *sw),                                    \
-       (cla, ins, p1, p2, data_in, nc, data_out, ne, send_le, sw))                                          \
-    OP(ZEL_STATUS, APDUTransceiveForceExtended,                                                             \
-       (uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data_in, uint32_t nc,              \
-        uint8_t *data_out, uint32_t *ne, uint8_t send_le, uint16_t *sw),                                    \
-       (cla, ins, p1, p2, data_in, nc, data_out, ne, send_le, sw))                                          \
-    OP(ZEL_STATUS, APDUHexStrTransceive, (const char *c_apdu, char **r_apdu), (c_apdu, r_apdu))             \
-    OP(ZEL_STATUS, Zel_APDU_Transceive,                                                                     \
-       (uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data_in, uint8_t nc,               \
-        uint8_t *data_out, uint32_t max_out, uint32_t *ne, uint8_t send_le, uint8_t *sw),                   \
-       (cla, ins, p1, p2, data_in, nc, data_out, max_out, ne, send_le, sw))
 
 /* Blocks run by the host. The received block (its PCB first) goes to rcv_data, which holds 255 bytes;
  * status is the exchange's status as the reader reports it; chained tells that the card has more blocks.
@@ -101,18 +62,6 @@ extern "C" {
  *   Zel_i_block_transceive   the same over command 0x7F, whose reply has no chained flag;
  *   r_block_transceive       an R-block: ACK when ack is not 0, NAK otherwise.
  * A reader that answers status 115 has its data read, and 115 is returned with the outputs untouched. */
-#define ZEL_FAMILY_APDU_BLOCKS(OP, OP0)                                                                    \
-    OP(ZEL_STATUS, i_block_trans_rcv_chain,                                                                 \
-       (uint8_t chaining, uint8_t timeout, uint8_t block_length, const uint8_t *snd_data, uint8_t *rcv_length, \
-        uint8_t *rcv_data, uint8_t *chained, uint32_t *status),                                              \
-       (chaining, timeout, block_length, snd_data, rcv_length, rcv_data, chained, status))                   \
-    OP(ZEL_STATUS, Zel_i_block_transceive,                                                                  \
-       (uint8_t chaining, uint8_t timeout, uint8_t block_length, const uint8_t *snd_data, uint64_t *rcv_length, \
-        uint8_t *rcv_data, uint32_t *status),                                                                \
-       (chaining, timeout, block_length, snd_data, rcv_length, rcv_data, status))                            \
-    OP(ZEL_STATUS, r_block_transceive,                                                                      \
-       (uint8_t ack, uint8_t timeout, uint8_t *rcv_length, uint8_t *rcv_data, uint8_t *chained, uint32_t *status), \
-       (ack, timeout, rcv_length, rcv_data, chained, status))
 
 /* The implementations under the block operations, by the names of the reader's commands: command 0x90 and
  * command 0x7F. */
@@ -131,29 +80,8 @@ ZEL_API ZEL_STATUS i_block_transmitHnd(ZEL_HANDLE hnd, uint8_t chaining, uint8_t
  *                   uart_transceive talks to the card and no framed command works; sets the port time-out;
  *   card_transceive_mode_stop (pn512_transceive_mode_stop)  the way back: the reader answers "OK";
  *   uart_transceive  writes the bytes and reads what comes back within the port time-out, up to capacity. */
-#define ZEL_FAMILY_APDU_RAW(OP, OP0)                                                                       \
-    OP(ZEL_STATUS, card_transceive,                                                                         \
-       (uint8_t flag1, uint8_t flag2, uint8_t flag3, uint8_t flag4, uint8_t flag5, uint32_t param,          \
-        const uint8_t *send, uint8_t send_len, uint8_t *recv, uint32_t *recv_len),                          \
-       (flag1, flag2, flag3, flag4, flag5, param, send, send_len, recv, recv_len))                          \
-    OP(ZEL_STATUS, pn512_transceive,                                                                        \
-       (uint8_t flag1, uint8_t flag2, uint8_t flag3, uint8_t flag4, uint8_t flag5, uint32_t param,          \
-        const uint8_t *send, uint8_t send_len, uint8_t *recv, uint32_t *recv_len),                          \
-       (flag1, flag2, flag3, flag4, flag5, param, send, send_len, recv, recv_len))                          \
-    OP(ZEL_STATUS, card_transceive_mode_start, (uint8_t flag1, uint8_t flag2, uint32_t param, uint32_t timeout_ms), \
-       (flag1, flag2, param, timeout_ms))                                                                   \
-    OP(ZEL_STATUS, pn512_transceive_mode_start, (uint8_t flag1, uint8_t flag2, uint32_t param, uint32_t timeout_ms), \
-       (flag1, flag2, param, timeout_ms))                                                                   \
-    OP0(ZEL_STATUS, card_transceive_mode_stop)                                                              \
-    OP0(ZEL_STATUS, pn512_transceive_mode_stop)                                                             \
-    OP(ZEL_STATUS, uart_transceive,                                                                         \
-       (const uint8_t *send, uint8_t send_len, uint8_t *recv, uint32_t capacity, uint32_t *recv_len),       \
-       (send, send_len, recv, capacity, recv_len))
 
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_APDU_INTERFACE)
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_APDU)
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_APDU_BLOCKS)
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_APDU_RAW)
+#include "zel_apdu_forms.h"
 
 #ifdef __cplusplus
 }

@@ -3,7 +3,7 @@
 #define ZEL_CARD_H
 
 #include "zel_card_types.h"
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -33,26 +33,8 @@ typedef struct t2t_version_t {
  * and the length on return. GetCardSize: linear and raw sizes of the card type in the field.
  * GetCardManufacturer: the name of the IC maker of the first UID byte (ZEL_MANUFACTURER_NAME_MAX bytes).
  * Anti-collision: the reader's multi-card mode, the enumeration, its list and the selection of one card. */
-#define ZEL_FAMILY_CARD_DETECT(OP, OP0)                                                                        \
-    OP(ZEL_STATUS, GetCardId, (uint8_t *card_type, uint32_t *card_serial), (card_type, card_serial))           \
-    OP(ZEL_STATUS, GetAtqaSak, (uint16_t *atqa, uint8_t *sak), (atqa, sak))                                    \
-    OP(ZEL_STATUS, GetCardIdEx, (uint8_t *sak, uint8_t *uid, uint8_t *uid_size), (sak, uid, uid_size))         \
-    OP(ZEL_STATUS, GetLastCardIdEx, (uint8_t *sak, uint8_t *uid, uint8_t *uid_size), (sak, uid, uid_size))     \
-    OP(ZEL_STATUS, GetCardInfo, (uint8_t *info, uint32_t *length), (info, length))                             \
-    OP(ZEL_STATUS, GetOrbCardType, (uint8_t *card_type), (card_type))                                          \
-    OP(ZEL_STATUS, GetCardSize, (uint32_t *linear_size, uint32_t *raw_size), (linear_size, raw_size))          \
-    OP(ZEL_STATUS, GetCardManufacturer, (char *name), (name))                                                  \
-    OP(ZEL_STATUS, GetNfcT2TVersion, (uint8_t *version), (version))                                            \
-    OP0(ZEL_STATUS, EnableAntiCollision)                                                                       \
-    OP0(ZEL_STATUS, DisableAntiCollision)                                                                      \
-    OP(ZEL_STATUS, EnumCards, (uint8_t *card_count, uint8_t *list_size), (card_count, list_size))              \
-    OP(ZEL_STATUS, ListCards, (uint8_t *list, uint8_t list_size), (list, list_size))                           \
-    OP(ZEL_STATUS, SelectCard, (const uint8_t *uid, uint8_t uid_size, uint8_t *card_type),                     \
-       (uid, uid_size, card_type))                                                                             \
-    OP0(ZEL_STATUS, DeslectCard)                                                                               \
-    OP(ZEL_STATUS, GetAntiCollisionStatus, (uint8_t *is_enabled, uint8_t *is_selected), (is_enabled, is_selected))
 
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_CARD_DETECT)
+#include "zel_card_forms.h"
 
 /* The IC maker's name for a manufacturer code, into name (ZEL_MANUFACTURER_NAME_MAX bytes, not bounded). */
 ZEL_API void getCardManufacturer(uint8_t code, char *name);

@@ -3,7 +3,7 @@
 #ifndef ZEL_FRAME_H
 #define ZEL_FRAME_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -43,13 +43,8 @@ ZEL_API int VRT_ReceiveAnswerBoot(void);
 /* Raw exchange of a frame the caller built: writes the frame; with an EXT reads the 7-byte acknowledge
  * and writes the EXT; reads the 7-byte reply and, when its EXT_LEN is not 0, that many bytes into
  * reply_ext (which holds 255 bytes at least). Nothing is tested. */
-#define ZEL_FAMILY_FRAME(OP, OP0)                                                                          \
-    OP(ZEL_STATUS, COMTransceive,                                                                           \
-       (const uint8_t *frame, uint32_t frame_len, const uint8_t *ext, uint32_t ext_len, uint8_t *reply,     \
-        uint32_t *reply_len, uint8_t *reply_ext, uint32_t *reply_ext_len),                                  \
-       (frame, frame_len, ext, ext_len, reply, reply_len, reply_ext, reply_ext_len))
 
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_FRAME)
+#include "zel_frame_forms.h"
 
 #ifdef __cplusplus
 }

@@ -21,7 +21,7 @@
 #ifndef ZEL_ISO15693_H
 #define ZEL_ISO15693_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -33,59 +33,8 @@ extern "C" {
 #define ZEL_ICODE_PWD_DESTROY 0x08
 #define ZEL_ICODE_PWD_EAS_AFI 0x10
 
-/* Operations whose handle form is XM. */
-#define ZEL_FAMILY_ISO15693(OP, OP0)                                                                           \
-    OP(ZEL_STATUS, icode_write_password, (uint8_t pwd_ident, uint8_t current_pwd_key_index, uint8_t new_pwd_key_index), \
-       (pwd_ident, current_pwd_key_index, new_pwd_key_index))                                                  \
-    OP(ZEL_STATUS, icode_protect_page,                                                                         \
-       (uint8_t read_pwd_key_index, uint8_t write_pwd_key_index, uint8_t page, uint8_t low_read,               \
-        uint8_t low_write, uint8_t high_read, uint8_t high_write),                                             \
-       (read_pwd_key_index, write_pwd_key_index, page, low_read, low_write, high_read, high_write))            \
-    OP(ZEL_STATUS, icode_lock_block, (uint8_t read_pwd_key_index, uint8_t write_pwd_key_index, uint8_t block), \
-       (read_pwd_key_index, write_pwd_key_index, block))                                                       \
-    OP(ZEL_STATUS, iso15693_lock_block_no_auth, (uint8_t block), (block))                                      \
-    OP(ZEL_STATUS, iso15693_get_multiply_block_security_status,                                                \
-       (uint8_t first_block, uint8_t number_of_blocks, uint8_t *block_data),                                   \
-       (first_block, number_of_blocks, block_data))                                                            \
-    OP(ZEL_STATUS, iso15693_get_system_information,                                                            \
-       (uint8_t key_index, uint8_t *info_flags, uint8_t *uid, uint8_t *dsfid, uint8_t *afi,                    \
-        uint16_t *memory_size, uint8_t *ic_reference),                                                         \
-       (key_index, info_flags, uid, dsfid, afi, memory_size, ic_reference))                                    \
-    OP(ZEL_STATUS, iso15693_get_system_information_no_auth,                                                    \
-       (uint8_t *info_flags, uint8_t *uid, uint8_t *dsfid, uint8_t *afi, uint16_t *memory_size,                \
-        uint8_t *ic_reference),                                                                                \
-       (info_flags, uid, dsfid, afi, memory_size, ic_reference))                                               \
-    OP(ZEL_STATUS, em4237_protect_page, (uint8_t key_index, uint8_t page, uint8_t status),                     \
-       (key_index, page, status))                                                                              \
-    OP(ZEL_STATUS, em4237_get_multiply_block_security_status,                                                  \
-       (uint8_t first_block, uint8_t number_of_blocks, uint8_t *block_data),                                   \
-       (first_block, number_of_blocks, block_data))
-
-/* Operations whose handle form is X_M: the _PK forms and em4237_enable_RID. */
-#define ZEL_FAMILY_ISO15693_UNDERSCORE_M(OP, OP0)                                                              \
-    OP(ZEL_STATUS, icode_write_password_PK,                                                                    \
-       (uint8_t pwd_ident, const uint8_t *current_pwd, const uint8_t *new_pwd), (pwd_ident, current_pwd, new_pwd)) \
-    OP(ZEL_STATUS, icode_protect_page_PK,                                                                      \
-       (const uint8_t *read_pwd, const uint8_t *write_pwd, uint8_t page, uint8_t low_read, uint8_t low_write,  \
-        uint8_t high_read, uint8_t high_write),                                                                \
-       (read_pwd, write_pwd, page, low_read, low_write, high_read, high_write))                                \
-    OP(ZEL_STATUS, icode_lock_block_PK, (const uint8_t *read_pwd, const uint8_t *write_pwd, uint8_t block),    \
-       (read_pwd, write_pwd, block))                                                                           \
-    OP(ZEL_STATUS, iso15693_get_system_information_PK,                                                         \
-       (const uint8_t *pwd, uint8_t *info_flags, uint8_t *uid, uint8_t *dsfid, uint8_t *afi,                   \
-        uint16_t *memory_size, uint8_t *ic_reference),                                                         \
-       (pwd, info_flags, uid, dsfid, afi, memory_size, ic_reference))                                          \
-    OP(ZEL_STATUS, em4237_protect_page_PK, (const uint8_t *pwd, uint8_t page, uint8_t status), (pwd, page, status)) \
-    OP(ZEL_STATUS, em4237_enable_RID, (uint8_t key_index), (key_index))                                        \
-    OP(ZEL_STATUS, em4237_enable_RID_PK, (const uint8_t *pwd), (pwd))
-
-#define ZEL_DECLARE_FORMS_UNDERSCORE_M(Ret, Name, Params, Args) \
-    ZEL_API Ret Name Params;                                    \
-    ZEL_API Ret Name##_M ZEL_FORMS_HND_PARAMS Params;           \
-    ZEL_API Ret Name##Hnd ZEL_FORMS_HND_PARAMS Params;
-
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_ISO15693)
-ZEL_FAMILY_ISO15693_UNDERSCORE_M(ZEL_DECLARE_FORMS_UNDERSCORE_M, ZEL_DECLARE_FORMS0)
+/* The operations, declared in zel_iso15693_forms.h (generated from api/iso15693.forms). */
+#include "zel_iso15693_forms.h"
 
 #ifdef __cplusplus
 }

@@ -10,7 +10,7 @@
 
 #include <stdio.h>
 
-#include "zel_forms.h"
+#include "zel_types.h"
 #include "zel_types.h"
 
 #ifdef __cplusplus
@@ -21,37 +21,16 @@ extern "C" {
 #define MRTD_FILE_COM 0x011Eu
 #define MRTD_FILE_SOD 0x011Du
 
-/* Families whose XHnd takes other arguments than the X form (declared apart, below the list): the list
- * declares X and XM, or X alone. */
-#define ZEL_DECLARE_FORMS_X_XM(Ret, Name, Params, Args) \
-    ZEL_API Ret Name Params;                            \
-    ZEL_API Ret Name##M ZEL_FORMS_HND_PARAMS Params;
-#define ZEL_DECLARE_FORMS0_X_XM(Ret, Name) \
-    ZEL_API Ret Name(void);                \
-    ZEL_API Ret Name##M(ZEL_HANDLE hnd);
-#define ZEL_DECLARE_FAMILY_X_XM(LIST) LIST(ZEL_DECLARE_FORMS_X_XM, ZEL_DECLARE_FORMS0_X_XM)
-#define ZEL_DECLARE_FORMS_X(Ret, Name, Params, Args) ZEL_API Ret Name Params;
-#define ZEL_DECLARE_FORMS0_X(Ret, Name) ZEL_API Ret Name(void);
-#define ZEL_DECLARE_FAMILY_X(LIST) LIST(ZEL_DECLARE_FORMS_X, ZEL_DECLARE_FORMS0_X)
+/* The operations below are declared in zel_mrtd_doc_forms.h, generated from api/mrtd_doc.forms. MRTDValidate
+ * and the document session give their XHnd other arguments than X: those XHnd are declared here by hand,
+ * and the list declares X and XM of MRTDValidate and X alone of the session. */
+#include "zel_mrtd_doc_forms.h"
 
 /* ---- BAC and file reads on a reader ----
  * MRTDAppSelectAndAuthenticateBac: SELECT of the document application, GET CHALLENGE, EXTERNAL AUTHENTICATE
  * with the keys of the 24-character MRZ proto key; gives the session keys and the starting SSC.
  * MRTDFileReadBacToHeap: reads a whole file (file_id: two bytes) under secure messaging into an allocated
  * buffer; a failure in the middle still hands over the partial buffer. */
-#define ZEL_FAMILY_MRTD_BAC(OP, OP0)                                                                         \
-    OP(ZEL_STATUS, MRTDAppSelectAndAuthenticateBac,                                                          \
-       (const char *mrz_proto_key, uint8_t *ks_enc, uint8_t *ks_mac, uint64_t *ssc),                          \
-       (mrz_proto_key, ks_enc, ks_mac, ssc))                                                                 \
-    OP(ZEL_STATUS, MRTDFileReadBacToHeap,                                                                    \
-       (const uint8_t *file_id, uint8_t **out, uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac, \
-        uint64_t *ssc),                                                                                      \
-       (file_id, out, out_len, ks_enc, ks_mac, ssc))                                                         \
-    OP(ZEL_STATUS, MRTD_SOD_CertToHeap,                                                                      \
-       (uint8_t **cert, uint32_t *cert_len, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc),       \
-       (cert, cert_len, ks_enc, ks_mac, ssc))
-
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_MRTD_BAC)
 
 /* ---- Passive authentication ----
  * Reads EF.COM, EF.SOD and the data groups, compares the stored hashes, checks the signed attributes and
@@ -64,14 +43,7 @@ ZEL_DECLARE_FAMILY(ZEL_FAMILY_MRTD_BAC)
 /* Where the X and XM forms keep the two truth values. */
 extern uint8_t zel_mrtd_validation_flags[2];
 #endif
-#define ZEL_FAMILY_MRTD_VALIDATE(OP, OP0)                                                                    \
-    OP(ZEL_STATUS, MRTDValidate,                                                                             \
-       (const char *cert_folder, char **text, const char *eol, uint32_t verbosity, const uint8_t *ks_enc,      \
-        const uint8_t *ks_mac, uint64_t *ssc),                                                               \
-       (cert_folder, text, eol, verbosity, ks_enc, ks_mac, ssc, zel_mrtd_validation_flags,                     \
-        zel_mrtd_validation_flags + 1))
 
-ZEL_DECLARE_FAMILY_X_XM(ZEL_FAMILY_MRTD_VALIDATE)
 ZEL_API ZEL_STATUS MRTDValidateHnd(ZEL_HANDLE hnd, const char *cert_folder, char **text, const char *eol,
                                    uint32_t verbosity, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc,
                                    uint8_t *document_integrity, uint8_t *csca_root_validity);
@@ -85,16 +57,6 @@ ZEL_API ZEL_STATUS MRTDValidateHnd(ZEL_HANDLE hnd, const char *cert_folder, char
  * adds the verdict of MRTDValidate with the folder "./csca" and answers its status.
  * MRTD_ReadDocumentData is the Ex form with flat and validate 1 and no filter.
  * MRTD_SessionClose forgets the keys and deselects the card. */
-#define ZEL_FAMILY_MRTD_SESSION(OP, OP0)                                                                     \
-    OP(ZEL_STATUS, MRTD_SessionInit, (const char *doc_number, const char *date_of_birth, const char *date_of_expiry), \
-       (doc_number, date_of_birth, date_of_expiry))                                                          \
-    OP(ZEL_STATUS, MRTD_ReadDocumentData, (char *out, uint32_t *out_len), (out, out_len, 1u, 1u, ""))         \
-    OP(ZEL_STATUS, MRTD_ReadDocumentDataEx,                                                                  \
-       (char *out, uint32_t *out_len, uint32_t flat, uint32_t validate, const char *filter),                  \
-       (out, out_len, flat, validate, filter))                                                               \
-    OP0(ZEL_STATUS, MRTD_SessionClose)
-
-ZEL_DECLARE_FAMILY_X(ZEL_FAMILY_MRTD_SESSION)
 ZEL_API ZEL_STATUS MRTD_SessionInitHnd(ZEL_HANDLE hnd, const char *doc_number, const char *date_of_birth,
                                        const char *date_of_expiry);
 ZEL_API ZEL_STATUS MRTD_ReadDocumentDataHnd(ZEL_HANDLE hnd, char *out, uint32_t *out_len, uint32_t flat,

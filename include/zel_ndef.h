@@ -19,7 +19,7 @@
 #ifndef ZEL_NDEF_H
 #define ZEL_NDEF_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -28,44 +28,11 @@ extern "C" {
 #define ZEL_NDEF_PAYLOAD_SLACK 30
 #define ZEL_NDEF_RECORD_ARRAY_LEN 256
 
-#define ZEL_FAMILY_NDEF(OP, OP0)                                                                                  \
-    OP0(ZEL_STATUS, ndef_card_initialization)                                                                     \
-    OP(ZEL_STATUS, read_ndef_record,                                                                              \
-       (uint8_t message_nr, uint8_t record_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length,          \
-        uint8_t *id, uint8_t *id_length, uint8_t *payload, uint32_t *payload_length),                             \
-       (message_nr, record_nr, tnf, type_record, type_length, id, id_length, payload, payload_length))            \
-    OP(ZEL_STATUS, write_ndef_record,                                                                             \
-       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
-        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated),                  \
-       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated))        \
-    OP(ZEL_STATUS, write_ndef_record_mirroring,                                                                   \
-       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
-        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated,                   \
-        int use_uid_ascii_mirror, int use_counter_ascii_mirror, uint32_t payload_mirroring_pos),                  \
-       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated,         \
-        use_uid_ascii_mirror, use_counter_ascii_mirror, payload_mirroring_pos))                                   \
-    OP(ZEL_STATUS, write_ndef_record_mirroring_tt,                                                                \
-       (uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,                \
-        uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated,                   \
-        int use_uid_ascii_mirror, int use_counter_ascii_mirror, int use_tt_message_mirror,                        \
-        uint32_t payload_mirroring_pos),                                                                          \
-       (message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length, card_formated,         \
-        use_uid_ascii_mirror, use_counter_ascii_mirror, use_tt_message_mirror, payload_mirroring_pos))            \
-    OP(ZEL_STATUS, get_ndef_record_count,                                                                         \
-       (uint8_t *ndef_message_cnt, uint8_t *ndef_record_cnt, uint8_t *ndef_record_array,                          \
-        uint8_t *empty_ndef_message_cnt),                                                                         \
-       (ndef_message_cnt, ndef_record_cnt, ndef_record_array, empty_ndef_message_cnt))                           \
-    OP(ZEL_STATUS, erase_last_ndef_record, (uint8_t message_nr), (message_nr))                                    \
-    OP(ZEL_STATUS, erase_all_ndef_records, (uint8_t message_nr), (message_nr))
-
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_NDEF)
-
 /* A Type 2 or ISO 15693 capability container (4 bytes): mapping version, data area size (byte 2 times 8),
  * read allowed (byte 3 below 16) and write allowed (low nibble of byte 3 is 0). Without the magic byte E1
  * every output is zeroed and ZEL_WRONG_NDEF_CARD_FORMAT is returned. */
 ZEL_API ZEL_STATUS NDEF_ParseCC(const uint8_t *cc, uint8_t *version_major, uint8_t *version_minor,
                                 uint32_t *data_area_size, uint8_t *read_access, uint8_t *write_access);
-
 
 /* An NDEF message in a DESFire application, in the global and implementation forms only.
  *   Zel_int_DesfireNDEFFormat        turns the card's all-zero DES master key into the all-zero AES key, formats
@@ -89,19 +56,7 @@ ZEL_API ZEL_STATUS NDEF_ParseCC(const uint8_t *cc, uint8_t *version_major, uint8
 #define ZEL_DESFIRE_NDEF_MAX_MESSAGE 65535u
 #define ZEL_DESFIRE_NDEF_MAX_PAYLOAD 8192u
 
-#define ZEL_FAMILY_NDEF_DESFIRE(OP, OP0)                                                                          \
-    OP(ZEL_STATUS, Zel_int_DesfireNDEFFormat, (uint32_t ndef_file_size, uint8_t ndef_free_write),                 \
-       (ndef_file_size, ndef_free_write))                                                                         \
-    OP(ZEL_STATUS, Zel_int_DesfireWriteNDEFMessage, (const uint8_t *ndef_message, uint32_t ndef_message_length), \
-       (ndef_message, ndef_message_length))                                                                       \
-    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFMessage, (uint8_t *ndef_message, uint32_t *ndef_message_length),       \
-       (ndef_message, ndef_message_length))                                                                       \
-    OP(ZEL_STATUS, Zel_int_DesfireWriteNDEFPayload, (const char *payload), (payload))                            \
-    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFPayload, (char *payload), (payload))                                   \
-    OP(ZEL_STATUS, Zel_int_DesfireReadNDEFPayloadEx, (char *payload, uint32_t *payload_size),                    \
-       (payload, payload_size))
-
-ZEL_DECLARE_FAMILY_NO_M(ZEL_FAMILY_NDEF_DESFIRE)
+#include "zel_ndef_forms.h"
 
 #ifdef __cplusplus
 }

@@ -3,7 +3,7 @@
 #define ZEL_OPEN_H
 
 #include "zel_devices.h"
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -16,18 +16,8 @@ extern "C" {
 /* Level 1 lets the reader run, level 0 holds it in reset. ReaderHwReset pulses the line without waiting
  * for the boot sequence; ReaderReset waits for it. ReaderStillConnected sets *connected to 1 when the
  * reader answered. */
-#define ZEL_FAMILY_READER_RESET(OP, OP0)                                                   \
-    OP0(ZEL_STATUS, ReaderReset)                                                           \
-    OP0(ZEL_STATUS, ReaderResetNoWaitFW)                                                   \
-    OP0(ZEL_STATUS, ReaderHwReset)                                                         \
-    OP0(ZEL_STATUS, ReaderResetOn)                                                         \
-    OP0(ZEL_STATUS, ReaderResetOff)                                                        \
-    OP(ZEL_STATUS, ReaderResetSet, (uint32_t level), (level))                              \
-    OP(ZEL_STATUS, ReaderWaitForBootSeq, (uint8_t wait_finish), (wait_finish))             \
-    OP(ZEL_STATUS, ReaderStillConnected, (uint32_t *connected), (connected))               \
-    OP0(ZEL_STATUS, ReaderSoftRestart)
 
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_READER_RESET)
+#include "zel_open_forms.h"
 
 /* The same pulse as ReaderHwReset, under its implementation's name. */
 ZEL_API ZEL_STATUS ReaderHwRestartHnd(ZEL_HANDLE hnd);

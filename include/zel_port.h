@@ -3,7 +3,7 @@
 #ifndef ZEL_PORT_H
 #define ZEL_PORT_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 #include "zel_handle.h"
 
 #ifdef __cplusplus
@@ -52,10 +52,8 @@ ZEL_API int LoadFTD2XXLibrary(const char *file_name);
 ZEL_API void UnloadFTD2XXLibrary(void *module);
 
 /* Reader open and close. */
-#define ZEL_FAMILY_READER_CLOSE(OP, OP0) \
-    OP0(ZEL_STATUS, ReaderClose)
 
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_READER_CLOSE)
+#include "zel_port_forms.h"
 
 #ifdef __cplusplus
 }

@@ -27,7 +27,7 @@
 #ifndef ZEL_T2T_H
 #define ZEL_T2T_H
 
-#include "zel_forms.h"
+#include "zel_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -36,44 +36,7 @@ extern "C" {
 #define ZEL_ECC_SIGNATURE_LEN 32
 #define ZEL_ECC_SIGNATURE_MAX_LEN 56
 
-#define ZEL_FAMILY_T2T(OP, OP0)                                                                                \
-    OP(ZEL_STATUS, ReadECCSignature, (uint8_t *signature, uint8_t *uid, uint8_t *uid_len, uint8_t *card_type), \
-       (signature, uid, uid_len, card_type))                                                                   \
-    OP(ZEL_STATUS, ReadECCSignatureExt,                                                                        \
-       (uint8_t *signature, uint8_t *signature_len, uint8_t *uid, uint8_t *uid_len, uint8_t *card_type),       \
-       (signature, signature_len, uid, uid_len, card_type))                                                    \
-    OP(ZEL_STATUS, nt4h_rid_read_ecc_signature,                                                                \
-       (uint8_t auth_key_nr, uint8_t key_no, uint8_t *signature, uint8_t *signature_len),                      \
-       (auth_key_nr, key_no, signature, signature_len))                                                        \
-    OP(ZEL_STATUS, nt4h_rid_read_ecc_signature_pk,                                                             \
-       (const uint8_t *auth_key, uint8_t key_no, uint8_t *signature, uint8_t *signature_len),                  \
-       (auth_key, key_no, signature, signature_len))                                                           \
-    OP(ZEL_STATUS, ReadCounter, (uint8_t counter_address, uint32_t *value), (counter_address, value))          \
-    OP(ZEL_STATUS, ReadNFCCounter, (uint32_t *value), (value))                                                 \
-    OP(ZEL_STATUS, ReadNFCCounterPwdAuth_RK, (uint32_t *value, uint8_t reader_key_index), (value, reader_key_index)) \
-    OP(ZEL_STATUS, ReadNFCCounterPwdAuth_PK, (uint32_t *value, const uint8_t *pwd_pack), (value, pwd_pack))    \
-    OP(ZEL_STATUS, IncrementCounter, (uint8_t counter_address, uint32_t increment), (counter_address, increment)) \
-    OP(ZEL_STATUS, ReadTTStatus, (uint8_t *tt_message, uint8_t *tt_status), (tt_message, tt_status))           \
-    OP(ZEL_STATUS, T2T_PwdAuth, (uint8_t reader_key_index, uint8_t *pack), (reader_key_index, pack))           \
-    OP(ZEL_STATUS, T2T_PwdAuth_PK, (const uint8_t *pwd, uint8_t *pack), (pwd, pack))                           \
-    OP(ZEL_STATUS, UlcAuth, (uint8_t key_index), (key_index))                                                  \
-    OP(ZEL_STATUS, UlcAuth_PK, (const uint8_t *key), (key))                                                    \
-    OP(ZEL_STATUS, ULC_ExternalAuth_PK, (const uint8_t *key), (key))                                           \
-    OP(ZEL_STATUS, MifareAuthKeyA, (uint8_t block, uint8_t key_index), (block, key_index))                     \
-    OP(ZEL_STATUS, MifareAuthKeyB, (uint8_t block, uint8_t key_index), (block, key_index))                     \
-    OP(ZEL_STATUS, MifareAuthKeyA_PK, (uint8_t block, const uint8_t *key), (block, key))                       \
-    OP(ZEL_STATUS, MifareAuthKeyB_PK, (uint8_t block, const uint8_t *key), (block, key))                       \
-    OP(ZEL_STATUS, SetRID, (uint8_t key_index, uint8_t *reply), (key_index, reply))                            \
-    OP(ZEL_STATUS, SetRID_Key, (const uint8_t *key, uint8_t *reply), (key, reply))                             \
-    OP(ZEL_STATUS, GetUID, (uint8_t key_index, const uint8_t *key, uint8_t *uid), (key_index, key, uid))       \
-    OP(ZEL_STATUS, ULC_write_3des_key, (const uint8_t *new_key, const uint8_t *old_key), (new_key, old_key))   \
-    OP(ZEL_STATUS, ULC_write_3des_key_no_auth, (const uint8_t *new_key), (new_key))                            \
-    OP(ZEL_STATUS, ULC_write_3des_key_factory_key, (const uint8_t *new_key), (new_key))                        \
-    OP(ZEL_STATUS, OriginalityCheck,                                                                           \
-       (const uint8_t *signature, const uint8_t *uid, uint8_t uid_len, uint8_t card_type),                     \
-       (signature, uid, uid_len, card_type))
-
-ZEL_DECLARE_FAMILY(ZEL_FAMILY_T2T)
+#include "zel_t2t_forms.h"
 
 /* The implementations that the forms above share, exported as they are. */
 ZEL_API ZEL_STATUS ReadECCSignatureNtagDnaHnd(ZEL_HANDLE hnd, uint8_t key_source, uint8_t key_nr, const uint8_t *key,

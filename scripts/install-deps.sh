@@ -10,6 +10,7 @@ PACKAGES=(
   clang libclang-rt-14-dev
   ccache
   nodejs
+  python3
 )
 
 missing=()

@@ -1,6 +1,6 @@
 // The DESFire command family: one frame per operation to the reader's DESFire engine. The implementations
-// here build the frame's extended data and read the reply; the many public names come from the form
-// generators of zel_desfire.h, each a thin call of one implementation with its key reference.
+// here build the frame's extended data and read the reply; the many public names come from the key form
+// sets of api/desfire.forms, each a thin generated call of one implementation with its key reference.
 #include "smartcard/desfire_internal.h"
 
 #include <cstring>
@@ -1217,19 +1217,8 @@ ZEL_STATUS switch_master_type(ZEL_HANDLE hnd, uint8_t from, uint8_t to)
 using namespace zel;
 using namespace zel::desfire;
 
-// Every form's implementation: its key reference and a call of the operation.
-#define ZDF_R_HND(OP, Name, Impl, Key, KP, KA, P, A)                                                       \
-    extern "C" ZEL_API ZEL_STATUS Name##Hnd(ZEL_HANDLE hnd, ZDF_ID KP ZDF_ID P)                             \
-    {                                                                                                      \
-        return Impl(hnd, KeyRef{ZDF_ID Key}, ZDF_ID A);                                                    \
-    }
-
-ZDF_LIST_CARD(ZDF_R_HND, _)
-ZDF_LIST_APPS(ZDF_R_HND, _)
-ZDF_LIST_FILES(ZDF_R_HND, _)
-ZDF_LIST_DATA(ZDF_R_HND, _)
-
-ZDF_LIST_KEYS(ZDF_R_HND, _)
+// The XHnd of every key form is generated (smartcard/desfire_forms.cpp from api/desfire.forms): each calls
+// one of the zdf_ implementations above with its key reference.
 
 extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireFreeMemHnd(ZEL_HANDLE hnd, uint32_t *free_mem_byte, uint16_t *cs,
                                                         uint16_t *et)
