@@ -57,5 +57,8 @@ run(desfire_value 0 "^value 100\n$" desfire --key-type aes --key 000000000000000
 run(desfire_unknown 2 "^tandro desfire: unknown subcommand 'bogus'" desfire bogus)
 run(desfire_no_sub 2 "^tandro desfire: names no subcommand" desfire --no-auth)
 run(desfire_file_id 2 "^tandro desfire: read takes an AID and a file id \\(0 to 31\\)" desfire read A1B2C3 40)
-run(desfire_no_form 2 "^tandro desfire: format needs a key" desfire --no-auth format)
+run(desfire_uid_keyed 0 "^UID 04D35F1E6A2B80\n$" desfire uid)
+run(desfire_uid_without_auth 0 "^UID 04D35F1E6A2B80\n$" desfire --no-auth uid)
+run(desfire_sdm_by_aes_only 2 "^tandro desfire: sdm-settings authenticates with an AES key"
+    desfire --key-type des sdm-settings A1B2C3 1)
 run(desfire_value_limit 2 "^tandro desfire: file-create: std\\|backup SIZE" desfire file-create A1B2C3 5 value 0 x 1)

@@ -187,11 +187,16 @@ struct Ctx {
 template <typename... A, typename... B>
 ZEL_STATUS run_form(Ctx &c, const Forms<A...> &f, B... args)
 {
+    static const uint8_t kZeroKey[24] = {};
     const Key &k = c.key;
     const uint8_t t = k.type & 3;
     if (!k.auth) {
+        // An operation whose frame has no word on authentication goes out as with a given all-zero AES key,
+        // which is what such a frame without a key holds.
         if (f.none)
             return f.none(c.hnd, args..., &c.cs, &c.et);
+        if (f.given[ZEL_DESFIRE_WIRE_AES])
+            return f.given[ZEL_DESFIRE_WIRE_AES](c.hnd, kZeroKey, args..., &c.cs, &c.et);
     } else if (k.source == ZEL_DESFIRE_KEY_READER) {
         if (f.reader[t])
             return f.reader[t](c.hnd, k.number, args..., &c.cs, &c.et);
@@ -209,8 +214,7 @@ ZEL_STATUS run_form(Ctx &c, const Forms<A...> &f, B... args)
 int outcome(const char *what, ZEL_STATUS st, const Ctx &c)
 {
     if (c.no_form)
-        return tandro::usage_error("desfire", std::string(what) + " needs a key (--key, --key-nr or --sam)" +
-                                                  (c.key.auth ? " of another type" : ""));
+        return tandro::usage_error("desfire", std::string(what) + " has no form for this key");
     if (st != ZEL_OK) {
         std::fprintf(stderr, "tandro desfire %s: %s\n", what, ZEL_Status2String(st));
         return 1;
