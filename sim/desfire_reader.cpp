@@ -327,6 +327,11 @@ struct Job {
         return false;
     }
     bool auth(uint8_t keyno) { return op.authenticate(keyno, h.key); }
+    // Selects the application and, when asked to, authenticates with key keyno of it.
+    bool enter(uint32_t aid, bool authenticate, uint8_t keyno)
+    {
+        return op.select(aid) && (!authenticate || auth(keyno));
+    }
 };
 
 // A handler runs the operation on the card; true when it has answered itself, false when the answer is the
@@ -340,7 +345,7 @@ bool card_uid(Job &j)
     if (!j.need(1))
         return true;
     Op &op = j.op;
-    if (op.select(j.h.aid) && j.auth(j.f[0]) && op.run({0x51}) && op.last.size() == 7) {
+    if (j.enter(j.h.aid, true, j.f[0]) && op.run({0x51}) && op.last.size() == 7) {
         std::vector<uint8_t> d = op.last;
         const uint16_t et = static_cast<uint16_t>(op.steps * 3 + 2);
         d.insert(d.end(), {static_cast<uint8_t>(CS_OK & 0xFF), static_cast<uint8_t>(CS_OK >> 8),
@@ -353,7 +358,7 @@ bool card_uid(Job &j)
 
 bool format(Job &j)
 {
-    if (j.op.select(0) && j.auth(0))
+    if (j.enter(0, true, 0))
         j.op.run({0xFC});
     return false;
 }
@@ -366,7 +371,7 @@ bool configuration(Job &j)
     if (j.frame[5] == 0) {
         if (!j.need(2))
             return true;
-        if (j.op.select(0) && j.auth(0))
+        if (j.enter(0, true, 0))
             j.op.run({0x5C, 0x00, static_cast<uint8_t>((f[1] ? 1 : 0) | (f[0] ? 2 : 0))});
         return false;
     }
@@ -375,14 +380,14 @@ bool configuration(Job &j)
     const uint32_t aid = j.frame[5] == 2 && j.fl >= 5u + f[1] ? g24(f + 2 + f[1]) : 0;
     std::vector<uint8_t> c{0x5C, f[0]};
     c.insert(c.end(), f + 2, f + 2 + f[1]);
-    if (j.op.select(aid) && j.auth(0))
+    if (j.enter(aid, true, 0))
         j.op.run(c);
     return false;
 }
 
 bool key_settings(Job &j)
 {
-    if (j.op.select(j.h.aid) && ((j.frame[4] & 1) || j.auth(0)) && j.op.run({0x45}))
+    if (j.enter(j.h.aid, !(j.frame[4] & 1), 0) && j.op.run({0x45}))
         j.extra = j.op.last;
     return false;
 }
@@ -391,7 +396,7 @@ bool change_key_settings(Job &j)
 {
     if (!j.need(1))
         return true;
-    if (j.op.select(j.h.aid) && j.auth(0))
+    if (j.enter(j.h.aid, true, 0))
         j.op.run({0x54, j.f[0]});
     return false;
 }
@@ -416,7 +421,7 @@ bool create_application(Job &j)
         const size_t len = f[5] < avail ? f[5] : avail;
         c.insert(c.end(), f + 6, f + 6 + len);
     }
-    if (j.op.select(0) && (!f[0] || j.auth(0)))
+    if (j.enter(0, f[0], 0))
         j.op.run(c);
     return false;
 }
@@ -426,7 +431,7 @@ bool delete_application(Job &j)
 {
     std::vector<uint8_t> c{0xDA};
     a24(c, j.h.aid);
-    if (j.op.select((j.frame[4] & 1) ? j.h.aid : 0) && j.auth(0))
+    if (j.enter((j.frame[4] & 1) ? j.h.aid : 0, true, 0))
         j.op.run(c);
     return false;
 }
@@ -435,7 +440,7 @@ bool application_ids(Job &j)
 {
     if (!j.need(1))
         return true;
-    if (j.op.select(0) && (!j.f[0] || j.auth(0)) && j.op.run({0x6A})) {
+    if (j.enter(0, j.f[0], 0) && j.op.run({0x6A})) {
         j.extra.push_back(static_cast<uint8_t>(j.op.last.size() / 3));
         j.extra.insert(j.extra.end(), j.op.last.begin(), j.op.last.end());
     }
@@ -454,7 +459,7 @@ bool create_data_file(Job &j)
     a24(c, g32(f + 3));
     if ((j.frame[4] & 0x80) && j.fl >= 11)
         c.insert(c.end(), f + 9, f + 11);
-    if (j.op.select(j.h.aid) && (!f[7] || j.auth(0)))
+    if (j.enter(j.h.aid, f[7], 0))
         j.op.run(c);
     return false;
 }
@@ -467,7 +472,7 @@ bool create_value_file(Job &j)
     std::vector<uint8_t> c{0xCC, f[0], f[17], f[1], f[2]};
     c.insert(c.end(), f + 3, f + 15);
     c.push_back(f[15]);
-    if (j.op.select(j.h.aid) && (!f[16] || j.auth(0)))
+    if (j.enter(j.h.aid, f[16], 0))
         j.op.run(c);
     return false;
 }
@@ -481,7 +486,7 @@ bool create_record_file(Job &j)
     std::vector<uint8_t> c{static_cast<uint8_t>(j.frame[5] == 0xC0 ? 0xC0 : 0xC1), f[0], f[12], f[1], f[2]};
     a24(c, g32(f + 3));
     a24(c, g32(f + 7));
-    if (j.op.select(j.h.aid) && (!f[11] || j.auth(0)))
+    if (j.enter(j.h.aid, f[11], 0))
         j.op.run(c);
     return false;
 }
@@ -495,7 +500,7 @@ bool create_tmac_file(Job &j)
     std::vector<uint8_t> c{0xCE, f[0], f[1], f[2], static_cast<uint8_t>(f[3] | 0x0F), 0x02};
     c.insert(c.end(), f + 4, f + 20);
     c.push_back(0);
-    if (j.op.select(j.h.aid) && j.auth(0))
+    if (j.enter(j.h.aid, true, 0))
         j.op.run(c);
     return false;
 }
@@ -504,7 +509,7 @@ bool delete_file(Job &j)
 {
     if (!j.need(2))
         return true;
-    if (j.op.select(j.h.aid) && (!j.f[1] || j.auth(0)))
+    if (j.enter(j.h.aid, j.f[1], 0))
         j.op.run({0xDF, j.f[0]});
     return false;
 }
@@ -513,7 +518,7 @@ bool file_settings(Job &j)
 {
     if (!j.need(2))
         return true;
-    if (j.op.select(j.h.aid) && (!j.f[1] || j.auth(0)) && j.op.run({0xF5, j.f[0]}))
+    if (j.enter(j.h.aid, j.f[1], 0) && j.op.run({0xF5, j.f[0]}))
         j.extra = j.op.last;
     return false;
 }
@@ -532,7 +537,7 @@ bool change_file_settings(Job &j)
     } else {
         c.insert(c.end(), f + 1, f + 4);
     }
-    if (j.op.select(j.h.aid) && j.auth(0))
+    if (j.enter(j.h.aid, true, 0))
         j.op.run(c);
     return false;
 }
@@ -550,7 +555,7 @@ bool read_streamed(Job &j)
     a24(c, g16(f + 3));
     a24(c, g16(f + 5));
     std::vector<uint8_t> data;
-    if (j.op.select(j.h.aid) && (!f[2] || j.auth(f[0])) && j.op.run(c))
+    if (j.enter(j.h.aid, f[2], f[0]) && j.op.run(c))
         data = j.op.last;
     stream(j.a, data);
     reply(j.a, j.cmd(), &j.op, j.op.status);
@@ -585,7 +590,7 @@ bool read_value(Job &j)
 {
     if (!j.need(4))
         return true;
-    if (j.op.select(j.h.aid) && (!j.f[2] || j.auth(j.f[0])) && j.op.run({0x6C, j.f[1]}))
+    if (j.enter(j.h.aid, j.f[2], j.f[0]) && j.op.run({0x6C, j.f[1]}))
         j.extra = j.op.last;
     return false;
 }
@@ -599,7 +604,7 @@ bool credit_debit(Job &j)
     std::vector<uint8_t> c{static_cast<uint8_t>(j.cmd() == 0x9B ? 0x0C : 0xDC), f[1]};
     c.insert(c.end(), f + 4, f + 8);
     std::vector<uint8_t> tmac;
-    if (j.op.select(j.h.aid) && (!f[2] || j.auth(f[0])) && j.op.run(c))
+    if (j.enter(j.h.aid, f[2], f[0]) && j.op.run(c))
         finish_transaction(j.r, j.op, j.frame[5], tmac);
     if (j.frame[5] && j.op.status == CS_OK)
         j.extra = tmac;
@@ -612,7 +617,7 @@ bool clear_records(Job &j)
     if (!j.need(3))
         return true;
     std::vector<uint8_t> tmac;
-    if (j.op.select(j.h.aid) && (!j.f[1] || j.auth(j.f[2])) && j.op.run({0xEB, j.f[0]}))
+    if (j.enter(j.h.aid, j.f[1], j.f[2]) && j.op.run({0xEB, j.f[0]}))
         finish_transaction(j.r, j.op, j.frame[5], tmac);
     if (j.frame[5] && j.op.status == CS_OK)
         j.extra = tmac;

@@ -369,13 +369,25 @@ void key_write(Reader &r, const Request &q, Answer &a)
     ok(a, q.f[1]);
 }
 
+// Whether the EXT holds exactly len bytes with the password at pw_at; else the error is answered.
+bool password_passes(const Reader &r, const Request &q, Answer &a, size_t len, size_t pw_at)
+{
+    if (q.len != len) {
+        put_error(a.bytes, E_PARAMETERS);
+        return false;
+    }
+    if (!password_ok(r, q.ext + pw_at)) {
+        put_error(a.bytes, E_WRONG_PASSWORD);
+        return false;
+    }
+    return true;
+}
+
 // Keys lock (0x27) and unlock (0x28), by the password.
 void keys_lock(Reader &r, const Request &q, Answer &a)
 {
-    if (q.len != 8)
-        return put_error(a.bytes, E_PARAMETERS);
-    if (!password_ok(r, q.ext))
-        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (!password_passes(r, q, a, 8, 0))
+        return;
     r.keys_locked = q.f[1] == 0x27;
     ok(a, q.f[1]);
 }
@@ -383,10 +395,8 @@ void keys_lock(Reader &r, const Request &q, Answer &a)
 // A write the password guards: the EXT is the password, then exactly n bytes for to.
 void password_write(Reader &r, const Request &q, Answer &a, uint8_t *to, size_t n)
 {
-    if (q.len != 8 + n)
-        return put_error(a.bytes, E_PARAMETERS);
-    if (!password_ok(r, q.ext))
-        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (!password_passes(r, q, a, 8 + n, 0))
+        return;
     std::memcpy(to, q.ext + 8, n);
     ok(a, q.f[1]);
 }
@@ -397,10 +407,10 @@ void password_change(Reader &r, const Request &q, Answer &a) { password_write(r,
 // Key lock by the EEPROM commands: 1 locks, 0 unlocks; the password after it.
 void ee_keys_lock(Reader &r, const Request &q, Answer &a)
 {
-    if (q.len != 9 || q.ext[0] > 1)
+    if (q.len == 9 && q.ext[0] > 1)
         return put_error(a.bytes, E_PARAMETERS);
-    if (!password_ok(r, q.ext + 1))
-        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (!password_passes(r, q, a, 9, 1))
+        return;
     r.keys_locked = q.ext[0] == 1;
     ok(a, q.f[1]);
 }
@@ -408,10 +418,8 @@ void ee_keys_lock(Reader &r, const Request &q, Answer &a)
 // Job id: u16, then the password.
 void job_id(Reader &r, const Request &q, Answer &a)
 {
-    if (q.len != 10)
-        return put_error(a.bytes, E_PARAMETERS);
-    if (!password_ok(r, q.ext + 2))
-        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (!password_passes(r, q, a, 10, 2))
+        return;
     std::memcpy(r.eeprom + EE_JOB_ID, q.ext, 2);
     ok(a, q.f[1]);
 }
@@ -419,10 +427,8 @@ void job_id(Reader &r, const Request &q, Answer &a)
 // A bus admin card: password, then three bytes of the value.
 void bus_admin(Reader &r, const Request &q, Answer &a)
 {
-    if (q.len != 11)
-        return put_error(a.bytes, E_PARAMETERS);
-    if (!password_ok(r, q.ext))
-        return put_error(a.bytes, E_WRONG_PASSWORD);
+    if (!password_passes(r, q, a, 11, 0))
+        return;
     ok(a, q.f[1]);
 }
 
