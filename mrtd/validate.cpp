@@ -238,61 +238,60 @@ bool read_and_parse_sod(Validation &v)
     return true;
 }
 
-// The hash of one data group against the one stored in the SOD: the digest kept from reading DG1 or DG2
-// when it is the stored one, else the group read again and hashed.
-bool check_data_group(Validation &v, uint8_t tag)
+// What became of a data group's digest.
+enum class GroupHash { Computed, Unreadable, Failed };
+
+// The digest of data group index in v.b.digest: the one kept from reading DG1 or DG2 when it is the stored
+// one, else the group read again and hashed, hash_st the status of the hashing. A group the chip keeps
+// behind EAC is told in the report; a failed read ends the validation.
+GroupHash hash_data_group(Validation &v, uint8_t index, const std::string &number, const uint8_t *stored,
+                          uint32_t stored_len, ZEL_STATUS &hash_st)
 {
     Report &r = v.r;
-    const uint8_t index = MRTDGetDgIndex(tag);
-    if (index == 0) {
-        r.line(1, "Error while parsing EF.COM file, unknown DG tag");
-        return v.stop(v.last_read);
-    }
-    const std::string number = std::to_string(index);
-    const uint8_t *stored = nullptr;
-    uint32_t stored_len = 0;
-    ZEL_STATUS st = pkcs7GetDataGroupHash(v.b.sod, v.sod_len, index, &stored, &stored_len);
-    if (st != ZEL_OK) {
-        r.line(3, "Error while parsing EF.COM file, can't found stored hash for EF.DG", number.c_str());
-        return v.stop(st);
-    }
-    if (stored_len != v.hash_len) {
-        r.line(3, "Error while parsing EF.COM file, wrong hash length for EF.DG", number.c_str());
-        return v.stop(ZEL_OK);
-    }
-    ZEL_STATUS hash_st = ZEL_OK;
+    hash_st = ZEL_OK;
     const uint8_t *kept = (index == 1 || index == 2) ? last_dg_digest(index) : nullptr;
     if (kept != nullptr && stored_len == 32 && std::memcmp(kept, stored, 32) == 0) {
         std::memcpy(v.b.digest, kept, 32);
-    } else {
-        uint8_t *file = nullptr;
-        uint32_t file_len = 0;
-        const uint8_t id[2] = {0x01, index};
-        v.last_read = st = read_global(uint16_t((id[0] << 8) | id[1]), &file, &file_len, v.ks_enc, v.ks_mac, v.ssc);
-        if (st == 0xA6982u) {
-            OrbFree(file);
-            r.line(2, "Data group ", (number + ": NOT CALCULATED").c_str());
-            r.line(2, "(Unreadable data without using EAC - state issued certificate needed)");
-            r.hex(2, "Stored    : ", stored, stored_len);
-            r.blank(1);
-            return true;
-        }
-        if (st != ZEL_OK) {
-            OrbFree(file);
-            r.status(3, " Error while reading file from tag, Zel status is: ", st);
-            return v.stop(st);
-        }
-        hash_st = OrbGetHash(v.hash_id, file, file_len, v.b.digest, v.hash_len);
-        OrbFree(file);
+        return GroupHash::Computed;
     }
+    uint8_t *file = nullptr;
+    uint32_t file_len = 0;
+    const uint8_t id[2] = {0x01, index};
+    const ZEL_STATUS st = read_global(uint16_t((id[0] << 8) | id[1]), &file, &file_len, v.ks_enc, v.ks_mac, v.ssc);
+    v.last_read = st;
+    if (st == 0xA6982u) {
+        OrbFree(file);
+        r.line(2, "Data group ", (number + ": NOT CALCULATED").c_str());
+        r.line(2, "(Unreadable data without using EAC - state issued certificate needed)");
+        r.hex(2, "Stored    : ", stored, stored_len);
+        r.blank(1);
+        return GroupHash::Unreadable;
+    }
+    if (st != ZEL_OK) {
+        OrbFree(file);
+        r.status(3, " Error while reading file from tag, Zel status is: ", st);
+        v.result = st;
+        return GroupHash::Failed;
+    }
+    hash_st = OrbGetHash(v.hash_id, file, file_len, v.b.digest, v.hash_len);
+    OrbFree(file);
+    return GroupHash::Computed;
+}
+
+// The digest against the stored hash, in the report; a match of DG1, DG2 or DG14 counts toward the
+// document's integrity.
+void compare_data_group(Validation &v, uint8_t index, const std::string &number, const uint8_t *stored,
+                        uint32_t stored_len, ZEL_STATUS hash_st)
+{
+    Report &r = v.r;
     if (r.verbosity == 0)
-        return true;
+        return;
     r.line(1, "Data group ", (number + ": ").c_str());
     r.hex(2, "Stored    : ", stored, stored_len);
     if (hash_st != ZEL_OK) {
         r.status(3, "Error while calculating hash value, status is: ", hash_st);
         r.blank(2);
-        return true;
+        return;
     }
     r.hex(2, "Calculated: ", v.b.digest, v.hash_len);
     if (std::memcmp(v.b.digest, stored, v.hash_len) == 0) {
@@ -307,6 +306,36 @@ bool check_data_group(Validation &v, uint8_t tag)
         r.line(1, "ERROR, HASH IS NOT MATCHING! DATA IS TAMPERED!");
     }
     r.blank(2);
+}
+
+// One data group of EF.COM: its stored hash in the SOD, and its digest against it.
+bool check_data_group(Validation &v, uint8_t tag)
+{
+    Report &r = v.r;
+    const uint8_t index = MRTDGetDgIndex(tag);
+    if (index == 0) {
+        r.line(1, "Error while parsing EF.COM file, unknown DG tag");
+        return v.stop(v.last_read);
+    }
+    const std::string number = std::to_string(index);
+    const uint8_t *stored = nullptr;
+    uint32_t stored_len = 0;
+    const ZEL_STATUS st = pkcs7GetDataGroupHash(v.b.sod, v.sod_len, index, &stored, &stored_len);
+    if (st != ZEL_OK) {
+        r.line(3, "Error while parsing EF.COM file, can't found stored hash for EF.DG", number.c_str());
+        return v.stop(st);
+    }
+    if (stored_len != v.hash_len) {
+        r.line(3, "Error while parsing EF.COM file, wrong hash length for EF.DG", number.c_str());
+        return v.stop(ZEL_OK);
+    }
+    ZEL_STATUS hash_st = ZEL_OK;
+    switch (hash_data_group(v, index, number, stored, stored_len, hash_st)) {
+    case GroupHash::Failed: return false;
+    case GroupHash::Unreadable: return true;
+    case GroupHash::Computed: break;
+    }
+    compare_data_group(v, index, number, stored, stored_len, hash_st);
     return true;
 }
 
