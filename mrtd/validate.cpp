@@ -174,172 +174,245 @@ struct Buffers {
     }
 };
 
-ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc,
-                    uint8_t *integrity, uint8_t *csca_validity)
-{
+// One validation on its way through the stages: what it was given, what the stages found, and the status
+// it ends with. A stage returns false when the validation ends there, with result set.
+struct Validation {
+    Report &r;
+    const char *cert_folder;
+    const uint8_t *ks_enc, *ks_mac;
+    uint64_t *ssc;
+    uint8_t *integrity, *csca_validity;
+    ZEL_STATUS result = ZEL_OK;
     Buffers b;
-    uint32_t com_len = 0, sod_len = 0;
-    ZEL_STATUS st = read_global(MRTD_FILE_COM, &b.com, &com_len, ks_enc, ks_mac, ssc);
+    uint32_t com_len = 0, sod_len = 0, csca_len = 0;
+    // The data groups' hash, and the digest of the LDS security object and signed attributes.
+    uint32_t hash_id = 0, hash_len = 0, sa_hash = 0, sa_len = 0;
+    uint8_t *tags = nullptr, count = 0;
+    bool matched[3] = {false, false, false}; // DG1, DG2 and DG14 whose hashes matched
+    ZEL_STATUS last_read = ZEL_OK;
+    // The document signer's certificate, and the status of reading its AKI.
+    const uint8_t *ds = nullptr;
+    uint32_t ds_len = 0;
+    DsIds ids;
+    ZEL_STATUS current = ZEL_OK;
+
+    bool stop(ZEL_STATUS st)
+    {
+        result = st;
+        return false;
+    }
+};
+
+// EF.COM and the SOD from the chip, the data groups' hash algorithm and the list of data groups.
+bool read_and_parse_sod(Validation &v)
+{
+    Report &r = v.r;
+    ZEL_STATUS st = read_global(MRTD_FILE_COM, &v.b.com, &v.com_len, v.ks_enc, v.ks_mac, v.ssc);
     if (st != ZEL_OK) {
         r.status(3, "Error while reading file from tag, Zel status is: ", st);
-        return st;
+        return v.stop(st);
     }
-    st = read_global(MRTD_FILE_SOD, &b.sod, &sod_len, ks_enc, ks_mac, ssc);
+    st = read_global(MRTD_FILE_SOD, &v.b.sod, &v.sod_len, v.ks_enc, v.ks_mac, v.ssc);
     if (st != ZEL_OK) {
         r.status(3, " Error while reading file from tag, Zel status is: ", st);
-        return st;
+        return v.stop(st);
     }
-
-    uint32_t hash_id = 0, hash_len = 0;
-    st = pkcs7GetDataGroupsHashAlgorithm(b.sod, sod_len, &hash_id);
+    st = pkcs7GetDataGroupsHashAlgorithm(v.b.sod, v.sod_len, &v.hash_id);
     if (st == ZEL_OK)
-        st = OrbGetHashOutputByteLength(hash_id, &hash_len);
+        st = OrbGetHashOutputByteLength(v.hash_id, &v.hash_len);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing SOD, status is: ", st);
-        return st;
+        return v.stop(st);
     }
-    b.digest = static_cast<uint8_t *>(std::malloc(hash_len ? hash_len : 1));
-    if (b.digest == nullptr) {
+    v.b.digest = static_cast<uint8_t *>(std::malloc(v.hash_len ? v.hash_len : 1));
+    if (v.b.digest == nullptr) {
         r.status(3, "Error while checking data groups hash values, status is: ", ZEL_NO_MEMORY_ERROR);
-        return ZEL_NO_MEMORY_ERROR;
+        return v.stop(ZEL_NO_MEMORY_ERROR);
     }
-    r.line(1, "Hash algorithm for data groups used: ", OrbGetHashName(hash_id));
-
-    uint8_t *tags = nullptr, count = 0;
-    st = MRTDGetDGTagListFromCOM(b.com, com_len, &tags, &count);
+    r.line(1, "Hash algorithm for data groups used: ", OrbGetHashName(v.hash_id));
+    st = MRTDGetDGTagListFromCOM(v.b.com, v.com_len, &v.tags, &v.count);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing EF.COM file, status is: ", st);
-        return MRTD_EF_COM_WRONG_DATA;
+        return v.stop(MRTD_EF_COM_WRONG_DATA);
     }
+    return true;
+}
 
-    // Flags of DG1, DG2 and DG14 whose hashes matched.
-    bool matched[3] = {false, false, false};
-    ZEL_STATUS last_read = ZEL_OK;
-    for (uint8_t t = 0; t < count; ++t) {
-        const uint8_t tag = tags[t];
-        const uint8_t index = MRTDGetDgIndex(tag);
-        if (index == 0) {
-            r.line(1, "Error while parsing EF.COM file, unknown DG tag");
-            return last_read;
-        }
-        const std::string number = std::to_string(index);
-        const uint8_t *stored = nullptr;
-        uint32_t stored_len = 0;
-        st = pkcs7GetDataGroupHash(b.sod, sod_len, index, &stored, &stored_len);
-        if (st != ZEL_OK) {
-            r.line(3, "Error while parsing EF.COM file, can't found stored hash for EF.DG", number.c_str());
-            return st;
-        }
-        if (stored_len != hash_len) {
-            r.line(3, "Error while parsing EF.COM file, wrong hash length for EF.DG", number.c_str());
-            return ZEL_OK;
-        }
-        ZEL_STATUS hash_st = ZEL_OK;
-        const uint8_t *kept = (index == 1 || index == 2) ? last_dg_digest(index) : nullptr;
-        if (kept != nullptr && stored_len == 32 && std::memcmp(kept, stored, 32) == 0) {
-            std::memcpy(b.digest, kept, 32);
-        } else {
-            uint8_t *file = nullptr;
-            uint32_t file_len = 0;
-            const uint8_t id[2] = {0x01, index};
-            last_read = st = read_global(uint16_t((id[0] << 8) | id[1]), &file, &file_len, ks_enc, ks_mac, ssc);
-            if (st == 0xA6982u) {
-                OrbFree(file);
-                r.line(2, "Data group ", (number + ": NOT CALCULATED").c_str());
-                r.line(2, "(Unreadable data without using EAC - state issued certificate needed)");
-                r.hex(2, "Stored    : ", stored, stored_len);
-                r.blank(1);
-                continue;
-            }
-            if (st != ZEL_OK) {
-                OrbFree(file);
-                r.status(3, " Error while reading file from tag, Zel status is: ", st);
-                return st;
-            }
-            hash_st = OrbGetHash(hash_id, file, file_len, b.digest, hash_len);
-            OrbFree(file);
-        }
-        if (r.verbosity == 0)
-            continue;
-        r.line(1, "Data group ", (number + ": ").c_str());
+// What became of a data group's digest.
+enum class GroupHash { Computed, Unreadable, Failed };
+
+// The digest of data group index in v.b.digest: the one kept from reading DG1 or DG2 when it is the stored
+// one, else the group read again and hashed, hash_st the status of the hashing. A group the chip keeps
+// behind EAC is told in the report; a failed read ends the validation.
+GroupHash hash_data_group(Validation &v, uint8_t index, const std::string &number, const uint8_t *stored,
+                          uint32_t stored_len, ZEL_STATUS &hash_st)
+{
+    Report &r = v.r;
+    hash_st = ZEL_OK;
+    const uint8_t *kept = (index == 1 || index == 2) ? last_dg_digest(index) : nullptr;
+    if (kept != nullptr && stored_len == 32 && std::memcmp(kept, stored, 32) == 0) {
+        std::memcpy(v.b.digest, kept, 32);
+        return GroupHash::Computed;
+    }
+    uint8_t *file = nullptr;
+    uint32_t file_len = 0;
+    const uint8_t id[2] = {0x01, index};
+    const ZEL_STATUS st = read_global(uint16_t((id[0] << 8) | id[1]), &file, &file_len, v.ks_enc, v.ks_mac, v.ssc);
+    v.last_read = st;
+    if (st == 0xA6982u) {
+        OrbFree(file);
+        r.line(2, "Data group ", (number + ": NOT CALCULATED").c_str());
+        r.line(2, "(Unreadable data without using EAC - state issued certificate needed)");
         r.hex(2, "Stored    : ", stored, stored_len);
-        if (hash_st == ZEL_OK) {
-            r.hex(2, "Calculated: ", b.digest, hash_len);
-        } else {
-            r.status(3, "Error while calculating hash value, status is: ", hash_st);
-            r.blank(2);
-            continue;
-        }
-        if (std::memcmp(b.digest, stored, hash_len) == 0) {
-            r.line(1, "HASH IS MATCHED");
-            if (index == 1)
-                matched[0] = true;
-            else if (index == 2)
-                matched[1] = true;
-            else if (index == 14)
-                matched[2] = true;
-        } else {
-            r.line(1, "ERROR, HASH IS NOT MATCHING! DATA IS TAMPERED!");
-        }
-        r.blank(2);
+        r.blank(1);
+        return GroupHash::Unreadable;
     }
+    if (st != ZEL_OK) {
+        OrbFree(file);
+        r.status(3, " Error while reading file from tag, Zel status is: ", st);
+        v.result = st;
+        return GroupHash::Failed;
+    }
+    hash_st = OrbGetHash(v.hash_id, file, file_len, v.b.digest, v.hash_len);
+    OrbFree(file);
+    return GroupHash::Computed;
+}
 
-    uint32_t sa_hash = 0, sa_len = 0;
-    st = pkcs7GetSignedAttrsDigestAlgorithm(b.sod, sod_len, &sa_hash);
+// The digest against the stored hash, in the report; a match of DG1, DG2 or DG14 counts toward the
+// document's integrity.
+void compare_data_group(Validation &v, uint8_t index, const std::string &number, const uint8_t *stored,
+                        uint32_t stored_len, ZEL_STATUS hash_st)
+{
+    Report &r = v.r;
+    if (r.verbosity == 0)
+        return;
+    r.line(1, "Data group ", (number + ": ").c_str());
+    r.hex(2, "Stored    : ", stored, stored_len);
+    if (hash_st != ZEL_OK) {
+        r.status(3, "Error while calculating hash value, status is: ", hash_st);
+        r.blank(2);
+        return;
+    }
+    r.hex(2, "Calculated: ", v.b.digest, v.hash_len);
+    if (std::memcmp(v.b.digest, stored, v.hash_len) == 0) {
+        r.line(1, "HASH IS MATCHED");
+        if (index == 1)
+            v.matched[0] = true;
+        else if (index == 2)
+            v.matched[1] = true;
+        else if (index == 14)
+            v.matched[2] = true;
+    } else {
+        r.line(1, "ERROR, HASH IS NOT MATCHING! DATA IS TAMPERED!");
+    }
+    r.blank(2);
+}
+
+// One data group of EF.COM: its stored hash in the SOD, and its digest against it.
+bool check_data_group(Validation &v, uint8_t tag)
+{
+    Report &r = v.r;
+    const uint8_t index = MRTDGetDgIndex(tag);
+    if (index == 0) {
+        r.line(1, "Error while parsing EF.COM file, unknown DG tag");
+        return v.stop(v.last_read);
+    }
+    const std::string number = std::to_string(index);
+    const uint8_t *stored = nullptr;
+    uint32_t stored_len = 0;
+    const ZEL_STATUS st = pkcs7GetDataGroupHash(v.b.sod, v.sod_len, index, &stored, &stored_len);
+    if (st != ZEL_OK) {
+        r.line(3, "Error while parsing EF.COM file, can't found stored hash for EF.DG", number.c_str());
+        return v.stop(st);
+    }
+    if (stored_len != v.hash_len) {
+        r.line(3, "Error while parsing EF.COM file, wrong hash length for EF.DG", number.c_str());
+        return v.stop(ZEL_OK);
+    }
+    ZEL_STATUS hash_st = ZEL_OK;
+    switch (hash_data_group(v, index, number, stored, stored_len, hash_st)) {
+    case GroupHash::Failed: return false;
+    case GroupHash::Unreadable: return true;
+    case GroupHash::Computed: break;
+    }
+    compare_data_group(v, index, number, stored, stored_len, hash_st);
+    return true;
+}
+
+bool check_data_group_hashes(Validation &v)
+{
+    for (uint8_t t = 0; t < v.count; ++t)
+        if (!check_data_group(v, v.tags[t]))
+            return false;
+    return true;
+}
+
+// The digest of the LDS security object against the one in the signed attributes; the document's
+// integrity holds when it matches and so did DG1, DG2 and DG14.
+bool check_lds_digest(Validation &v)
+{
+    Report &r = v.r;
+    ZEL_STATUS st = pkcs7GetSignedAttrsDigestAlgorithm(v.b.sod, v.sod_len, &v.sa_hash);
     if (st == ZEL_OK)
-        st = OrbGetHashOutputByteLength(sa_hash, &sa_len);
+        st = OrbGetHashOutputByteLength(v.sa_hash, &v.sa_len);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing SOD, status is:", st);
-        return st;
+        return v.stop(st);
     }
-    if (sa_hash != hash_id) {
-        void *p = b.digest;
-        if (Orbrealloc(&p, 0, sa_len ? sa_len : 1) != ZEL_OK) {
-            b.digest = nullptr;
+    if (v.sa_hash != v.hash_id) {
+        void *p = v.b.digest;
+        if (Orbrealloc(&p, 0, v.sa_len ? v.sa_len : 1) != ZEL_OK) {
+            v.b.digest = nullptr;
             r.status(3, "Error while parsing SOD, status is: ", ZEL_NO_MEMORY_ERROR);
-            return ZEL_NO_MEMORY_ERROR;
+            return v.stop(ZEL_NO_MEMORY_ERROR);
         }
-        b.digest = static_cast<uint8_t *>(p);
+        v.b.digest = static_cast<uint8_t *>(p);
     }
     r.blank(1);
-    r.line(1, "Digest algorithm for LDS Security Object and Signed Attributes used: ", OrbGetHashName(sa_hash));
+    r.line(1, "Digest algorithm for LDS Security Object and Signed Attributes used: ", OrbGetHashName(v.sa_hash));
     r.blank(1);
 
     const uint8_t *md = nullptr, *lso = nullptr;
     uint32_t md_len = 0, lso_len = 0;
-    st = pkcs7GetLDSSecurityObjectDigest(b.sod, sod_len, &md, &md_len);
+    st = pkcs7GetLDSSecurityObjectDigest(v.b.sod, v.sod_len, &md, &md_len);
     if (st == ZEL_OK)
-        st = pkcs7GetLDSSecurityObject(b.sod, sod_len, &lso, &lso_len);
+        st = pkcs7GetLDSSecurityObject(v.b.sod, v.sod_len, &lso, &lso_len);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing SOD, status is: ", st);
-        return st;
+        return v.stop(st);
     }
-    const ZEL_STATUS lso_hash = OrbGetHash(sa_hash, lso, lso_len, b.digest, sa_len);
+    const ZEL_STATUS lso_hash = OrbGetHash(v.sa_hash, lso, lso_len, v.b.digest, v.sa_len);
     r.line(1, " LDS Security Object digest: ");
     r.hex(2, "Stored    : ", md, md_len);
     if (lso_hash == ZEL_OK)
-        r.hex(2, "Calculated: ", b.digest, sa_len);
+        r.hex(2, "Calculated: ", v.b.digest, v.sa_len);
     else
         r.status(3, "Error while calculating hash value, status is: ", lso_hash);
     if (lso_hash == ZEL_OK && r.verbosity != 0) {
-        if (same(md, md_len, b.digest, sa_len)) {
+        if (same(md, md_len, v.b.digest, v.sa_len)) {
             r.line(1, "DIGEST IS MATCHED");
             r.blank(1);
-            if (matched[0] && matched[1] && matched[2])
-                *integrity = 1;
+            if (v.matched[0] && v.matched[1] && v.matched[2])
+                *v.integrity = 1;
         } else {
             r.line(1, "ERROR, DIGEST IS NOT MATCHING! DATA IS TAMPERED!");
         }
     }
+    return true;
+}
 
-    const uint8_t *ds = nullptr, *key = nullptr, *params = nullptr;
-    uint32_t ds_len = 0, key_len = 0, key_bits = 0, key_type = 0, curve = 0;
-    st = pkcs7GetCert(b.sod, sod_len, &ds, &ds_len);
+// The document signer's certificate from the SOD and the kind of its public key.
+bool read_ds_certificate(Validation &v)
+{
+    Report &r = v.r;
+    const uint8_t *key = nullptr, *params = nullptr;
+    uint32_t key_len = 0, key_bits = 0, key_type = 0, curve = 0;
+    ZEL_STATUS st = pkcs7GetCert(v.b.sod, v.sod_len, &v.ds, &v.ds_len);
     if (st == ZEL_OK)
-        st = X509ParsePubKey(ds, ds_len, &key, &key_len, &key_bits, &key_type, &curve, &params);
+        st = X509ParsePubKey(v.ds, v.ds_len, &key, &key_len, &key_bits, &key_type, &curve, &params);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing SOD, status is: ", st);
-        return st;
+        return v.stop(st);
     }
     switch (key_type) {
     case ZEL_KEY_RSA:
@@ -357,24 +430,31 @@ ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, c
     default:
         r.status(3, "Error while parsing Document Signing (DS) certificate, status is: ",
                  X509_UNSUPPORTED_PUBLIC_KEY_TYPE);
-        return X509_UNSUPPORTED_PUBLIC_KEY_TYPE;
+        return v.stop(X509_UNSUPPORTED_PUBLIC_KEY_TYPE);
     }
     r.blank(1);
+    return true;
+}
 
+// The signature over the signed attributes: its scheme, and the verification told in the report (its
+// outcome does not change the status).
+bool check_signed_attributes(Validation &v)
+{
+    Report &r = v.r;
     const uint8_t *sig = nullptr, *alg = nullptr, *pss = nullptr;
     uint32_t sig_len = 0, alg_len = 0, scheme = 0, scheme_type = 0, pss_len = 0;
-    st = pkcs7GetSignature(b.sod, sod_len, &sig, &sig_len);
+    ZEL_STATUS st = pkcs7GetSignature(v.b.sod, v.sod_len, &sig, &sig_len);
     if (st == ZEL_OK)
-        st = pkcs7GetSignatureAlgorithm(b.sod, sod_len, &alg, &alg_len);
+        st = pkcs7GetSignatureAlgorithm(v.b.sod, v.sod_len, &alg, &alg_len);
     if (st == ZEL_OK)
         st = pkcs7ParseDERSignatureScheme(alg, alg_len, &scheme, &scheme_type, &pss, &pss_len);
     if (st != ZEL_OK) {
         r.status(3, "Error while parsing SOD, status is: ", st);
-        return st;
+        return v.stop(st);
     }
     r.line(1, "Signature scheme used for Signed Attributes signature verification: ",
            OrbGetSignatureSchemeName(scheme));
-    const ZEL_STATUS sig_st = pkcs7VerifySignature(b.sod, sod_len);
+    const ZEL_STATUS sig_st = pkcs7VerifySignature(v.b.sod, v.sod_len);
     switch (sig_st) {
     case ZEL_OK: r.line(1, "Signed Attributes signature is OK."); break;
     case PKCS7_UNSUPPORTED_SIGNATURE_SCHEME: r.line(1, "Error while parsing SOD, unknown signature scheme"); break;
@@ -386,52 +466,68 @@ ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, c
     default: r.status(1, "Error while parsing SOD, status is: ", sig_st); break;
     }
     r.blank(1);
+    return true;
+}
 
-    DsIds ids;
-    st = X509GetIssuerSeq(ds, ds_len, &ids.issuer, &ids.issuer_len);
+// The document signer's issuer, SKI and AKI, by which its CSCA is looked for.
+bool read_ds_identifiers(Validation &v)
+{
+    Report &r = v.r;
+    ZEL_STATUS st = X509GetIssuerSeq(v.ds, v.ds_len, &v.ids.issuer, &v.ids.issuer_len);
     if (st != ZEL_OK)
-        return st;
+        return v.stop(st);
     const uint8_t *ds_ski = nullptr;
     uint32_t ds_ski_len = 0;
-    st = X509GetSKIFromCert(ds, ds_len, &ds_ski, &ds_ski_len);
+    st = X509GetSKIFromCert(v.ds, v.ds_len, &ds_ski, &ds_ski_len);
     if (st != ZEL_OK && st != X509_EXTENSION_NOT_FOUND)
-        return st;
+        return v.stop(st);
     if (st == ZEL_OK)
         r.hex(2, "Document Signing (DS) certificate SKI: ", ds_ski, ds_ski_len);
-    ZEL_STATUS current = X509GetAKIFromCert(ds, ds_len, &ids.aki, &ids.aki_len);
-    if (current == ZEL_OK)
-        r.hex(2, "Document Signing (DS) certificate AKI: ", ids.aki, ids.aki_len);
+    v.current = X509GetAKIFromCert(v.ds, v.ds_len, &v.ids.aki, &v.ids.aki_len);
+    if (v.current == ZEL_OK)
+        r.hex(2, "Document Signing (DS) certificate AKI: ", v.ids.aki, v.ids.aki_len);
+    return true;
+}
 
-    const std::string folder = cert_folder ? cert_folder : "";
-    b.dir = cert_folder ? opendir(cert_folder) : nullptr;
-    if (b.dir == nullptr) {
+// The CSCA of the document signer in the certificate folder.
+bool find_csca_certificate(Validation &v)
+{
+    Report &r = v.r;
+    const std::string folder = v.cert_folder ? v.cert_folder : "";
+    v.b.dir = v.cert_folder ? opendir(v.cert_folder) : nullptr;
+    if (v.b.dir == nullptr) {
         r.blank(3);
         r.line(3, "Error, can not find and/or open csca directory");
         r.line(3, "Can not find CSCA (i.e. trust anchor) certificate");
-        return current;
+        return v.stop(v.current);
     }
-    uint32_t csca_len = 0;
-    if (!find_csca(b.dir, folder, ids, r, &b.csca, &csca_len)) {
+    if (!find_csca(v.b.dir, folder, v.ids, r, &v.b.csca, &v.csca_len)) {
         r.blank(1);
         r.line(1, "Can not find CSCA (i.e. trust anchor) certificate");
-        return MRTD_VERIFY_CSCA_NOT_EXIST;
+        return v.stop(MRTD_VERIFY_CSCA_NOT_EXIST);
     }
     r.blank(2);
     r.line(2, "Root CSCA certificate has been found");
     const uint8_t *id = nullptr;
     uint32_t id_len = 0;
-    if (X509GetSKIFromCert(b.csca, csca_len, &id, &id_len) == ZEL_OK)
+    if (X509GetSKIFromCert(v.b.csca, v.csca_len, &id, &id_len) == ZEL_OK)
         r.hex(2, "CSCA certificate SKI: ", id, id_len);
-    if (X509GetAKIFromCert(b.csca, csca_len, &id, &id_len) == ZEL_OK)
+    if (X509GetAKIFromCert(v.b.csca, v.csca_len, &id, &id_len) == ZEL_OK)
         r.hex(2, "CSCA certificate AKI: ", id, id_len);
+    return true;
+}
 
-    const bool ds_ok = X509VerifyDerCertSignature(ds, ds_len, b.csca, csca_len) == ZEL_OK;
-    const bool csca_ok = X509VerifyDerCertSignature(b.csca, csca_len, b.csca, csca_len) == ZEL_OK;
-    *csca_validity = csca_ok ? 1 : 0;
+// The chain: the document signer's certificate signed by the CSCA, the CSCA by itself; the verdict.
+ZEL_STATUS check_chain(Validation &v)
+{
+    Report &r = v.r;
+    const bool ds_ok = X509VerifyDerCertSignature(v.ds, v.ds_len, v.b.csca, v.csca_len) == ZEL_OK;
+    const bool csca_ok = X509VerifyDerCertSignature(v.b.csca, v.csca_len, v.b.csca, v.csca_len) == ZEL_OK;
+    *v.csca_validity = csca_ok ? 1 : 0;
     if (ds_ok && csca_ok) {
         r.blank(1);
         r.line(1, "Document validity CONFIRMED");
-        return current;
+        return v.current;
     }
     if (!ds_ok) {
         r.blank(1);
@@ -443,6 +539,16 @@ ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, c
     r.line(1, "Root CSCA self signed certificate signature verification failed!");
     r.line(1, "Root CSCA have wrong signature! Compromised trust anchor!");
     return MRTD_VERIFY_WRONG_CSCA_SIGNATURE;
+}
+
+ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc,
+                    uint8_t *integrity, uint8_t *csca_validity)
+{
+    Validation v{r, cert_folder, ks_enc, ks_mac, ssc, integrity, csca_validity};
+    if (!read_and_parse_sod(v) || !check_data_group_hashes(v) || !check_lds_digest(v) || !read_ds_certificate(v) ||
+        !check_signed_attributes(v) || !read_ds_identifiers(v) || !find_csca_certificate(v))
+        return v.result;
+    return check_chain(v);
 }
 
 } // namespace

@@ -121,7 +121,61 @@ public:
     } pending;
 
 private:
+    // One native command on its way to its handler: the bytes, the selected application (the card level's
+    // when at_picc) and, for the file commands, the file.
+    struct Call {
+        const uint8_t *c;
+        size_t n;
+        DfApp *app;
+        bool at_picc;
+        DfFile *f;
+    };
+    using Handler = std::vector<uint8_t> (DesfireCard::*)(const Call &);
+    enum class Needs : uint8_t { Card, App, File };
+    struct Command {
+        uint8_t code;
+        Needs needs;
+        Handler handler;
+    };
+    static const Command *find_command(uint8_t code);
     std::vector<uint8_t> run(const uint8_t *c, size_t n);
+    // Card and applications.
+    std::vector<uint8_t> select_application(const Call &k);
+    std::vector<uint8_t> application_ids(const Call &k);
+    std::vector<uint8_t> free_memory_command(const Call &k);
+    std::vector<uint8_t> format(const Call &k);
+    std::vector<uint8_t> set_configuration(const Call &k);
+    std::vector<uint8_t> card_uid(const Call &k);
+    std::vector<uint8_t> create_application(const Call &k);
+    std::vector<uint8_t> delete_application(const Call &k);
+    // Keys and authentication.
+    std::vector<uint8_t> authenticate(const Call &k);
+    std::vector<uint8_t> key_settings(const Call &k);
+    std::vector<uint8_t> change_key_settings(const Call &k);
+    std::vector<uint8_t> change_key(const Call &k);
+    bool may_change_key(const DfApp &app, bool at_picc, uint8_t keyno) const;
+    // Files and the transaction.
+    bool may_manage(const DfApp &app) const;
+    std::vector<uint8_t> add_file(DfApp &app, uint8_t fid, DfFile f);
+    std::vector<uint8_t> create_data_file(const Call &k);
+    std::vector<uint8_t> create_value_file(const Call &k);
+    std::vector<uint8_t> create_record_file(const Call &k);
+    std::vector<uint8_t> create_tmac_file(const Call &k);
+    std::vector<uint8_t> delete_file(const Call &k);
+    std::vector<uint8_t> commit_command(const Call &k);
+    std::vector<uint8_t> abort_command(const Call &k);
+    std::vector<uint8_t> commit_reader_id(const Call &k);
+    // File settings, data, values and records.
+    std::vector<uint8_t> file_settings(const Call &k);
+    std::vector<uint8_t> change_file_settings(const Call &k);
+    std::vector<uint8_t> read_data(const Call &k);
+    std::vector<uint8_t> write_data(const Call &k);
+    std::vector<uint8_t> get_value(const Call &k);
+    std::vector<uint8_t> credit_debit(const Call &k);
+    std::vector<uint8_t> write_record(const Call &k);
+    std::vector<uint8_t> read_records(const Call &k);
+    std::vector<uint8_t> clear_records(const Call &k);
+
     DfApp *selected_app();
     DfFile *file(uint8_t fid);
     bool may(uint8_t nibble) const;

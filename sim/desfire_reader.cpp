@@ -301,6 +301,372 @@ void change_key(Reader &r, DesfireCard &card, const uint8_t *frame, const uint8_
     reply(a, frame[1], &op, op.status);
 }
 
+// One host operation on its way to its handler: the frame and its EXT, the card, the card side of the
+// operation, the key and application of the frame's head, the operation's own fields behind it, and the
+// bytes the reply carries behind card_status and exec_time.
+struct Job {
+    Reader &r;
+    DesfireCard &card;
+    const uint8_t *frame;
+    const uint8_t *ext;
+    size_t n;
+    Answer &a;
+    Op &op;
+    const Head &h;
+    const uint8_t *f;
+    size_t fl; // bytes of the fields
+    std::vector<uint8_t> extra;
+
+    uint8_t cmd() const { return frame[1]; }
+    // True when the fields hold k bytes; else the answer is a wrong key type.
+    bool need(size_t k)
+    {
+        if (fl >= k)
+            return true;
+        reply(a, frame[1], &op, CS_WRONG_KEY_TYPE);
+        return false;
+    }
+    bool auth(uint8_t keyno) { return op.authenticate(keyno, h.key); }
+    // Selects the application and, when asked to, authenticates with key keyno of it.
+    bool enter(uint32_t aid, bool authenticate, uint8_t keyno)
+    {
+        return op.select(aid) && (!authenticate || auth(keyno));
+    }
+};
+
+// A handler runs the operation on the card; true when it has answered itself, false when the answer is the
+// operation's status with the extra bytes.
+using Handler = bool (*)(Job &j);
+
+// ---- The card and its applications ----
+
+bool card_uid(Job &j)
+{
+    if (!j.need(1))
+        return true;
+    Op &op = j.op;
+    if (j.enter(j.h.aid, true, j.f[0]) && op.run({0x51}) && op.last.size() == 7) {
+        std::vector<uint8_t> d = op.last;
+        const uint16_t et = static_cast<uint16_t>(op.steps * 3 + 2);
+        d.insert(d.end(), {static_cast<uint8_t>(CS_OK & 0xFF), static_cast<uint8_t>(CS_OK >> 8),
+                           static_cast<uint8_t>(et), static_cast<uint8_t>(et >> 8)});
+        put_response(j.a.bytes, j.cmd(), 0, 0, d.data(), d.size());
+        return true;
+    }
+    return false;
+}
+
+bool format(Job &j)
+{
+    if (j.enter(0, true, 0))
+        j.op.run({0xFC});
+    return false;
+}
+
+// Configuration: PAR1 0 the card's flags (random UID, format disabled), else an option byte with its data,
+// in the application behind them when PAR1 is 2.
+bool configuration(Job &j)
+{
+    const uint8_t *f = j.f;
+    if (j.frame[5] == 0) {
+        if (!j.need(2))
+            return true;
+        if (j.enter(0, true, 0))
+            j.op.run({0x5C, 0x00, static_cast<uint8_t>((f[1] ? 1 : 0) | (f[0] ? 2 : 0))});
+        return false;
+    }
+    if (!j.need(2) || !j.need(2u + f[1]))
+        return true;
+    const uint32_t aid = j.frame[5] == 2 && j.fl >= 5u + f[1] ? g24(f + 2 + f[1]) : 0;
+    std::vector<uint8_t> c{0x5C, f[0]};
+    c.insert(c.end(), f + 2, f + 2 + f[1]);
+    if (j.enter(aid, true, 0))
+        j.op.run(c);
+    return false;
+}
+
+bool key_settings(Job &j)
+{
+    if (j.enter(j.h.aid, !(j.frame[4] & 1), 0) && j.op.run({0x45}))
+        j.extra = j.op.last;
+    return false;
+}
+
+bool change_key_settings(Job &j)
+{
+    if (!j.need(1))
+        return true;
+    if (j.enter(j.h.aid, true, 0))
+        j.op.run({0x54, j.f[0]});
+    return false;
+}
+
+// Create application: the key kind from PAR0, with an ISO id (0x40) and a DF name (0x80) when flagged.
+bool create_application(Job &j)
+{
+    if (!j.need(3))
+        return true;
+    const uint8_t *f = j.f;
+    const uint8_t par0 = j.frame[4];
+    const uint8_t low = par0 & 0x0F;
+    const uint8_t kind = low == 0 ? 0x80 : low == 1 ? 0x40 : 0x00;
+    std::vector<uint8_t> c{0xCA};
+    a24(c, j.h.aid);
+    c.push_back(f[1]);
+    c.push_back(static_cast<uint8_t>((f[2] & 0x0F) | kind | ((par0 & 0x40) ? 0x20 : 0)));
+    if ((par0 & 0x40) && j.fl >= 5)
+        c.insert(c.end(), f + 3, f + 5);
+    if ((par0 & 0x80) && j.fl >= 6) {
+        const size_t avail = j.fl - 6;
+        const size_t len = f[5] < avail ? f[5] : avail;
+        c.insert(c.end(), f + 6, f + 6 + len);
+    }
+    if (j.enter(0, f[0], 0))
+        j.op.run(c);
+    return false;
+}
+
+// Delete application, with the card's or the application's master key.
+bool delete_application(Job &j)
+{
+    std::vector<uint8_t> c{0xDA};
+    a24(c, j.h.aid);
+    if (j.enter((j.frame[4] & 1) ? j.h.aid : 0, true, 0))
+        j.op.run(c);
+    return false;
+}
+
+bool application_ids(Job &j)
+{
+    if (!j.need(1))
+        return true;
+    if (j.enter(0, j.f[0], 0) && j.op.run({0x6A})) {
+        j.extra.push_back(static_cast<uint8_t>(j.op.last.size() / 3));
+        j.extra.insert(j.extra.end(), j.op.last.begin(), j.op.last.end());
+    }
+    return false;
+}
+
+// ---- Files ----
+
+// Standard (PAR1 0) or backup (PAR1 1) file, with an ISO id when PAR0 has 0x80.
+bool create_data_file(Job &j)
+{
+    if (!j.need(9))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{static_cast<uint8_t>(j.frame[5] == 1 ? 0xCB : 0xCD), f[0], f[8], f[1], f[2]};
+    a24(c, g32(f + 3));
+    if ((j.frame[4] & 0x80) && j.fl >= 11)
+        c.insert(c.end(), f + 9, f + 11);
+    if (j.enter(j.h.aid, f[7], 0))
+        j.op.run(c);
+    return false;
+}
+
+bool create_value_file(Job &j)
+{
+    if (!j.need(18))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{0xCC, f[0], f[17], f[1], f[2]};
+    c.insert(c.end(), f + 3, f + 15);
+    c.push_back(f[15]);
+    if (j.enter(j.h.aid, f[16], 0))
+        j.op.run(c);
+    return false;
+}
+
+// Linear or (PAR1 0xC0) cyclic record file.
+bool create_record_file(Job &j)
+{
+    if (!j.need(13))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{static_cast<uint8_t>(j.frame[5] == 0xC0 ? 0xC0 : 0xC1), f[0], f[12], f[1], f[2]};
+    a24(c, g32(f + 3));
+    a24(c, g32(f + 7));
+    if (j.enter(j.h.aid, f[11], 0))
+        j.op.run(c);
+    return false;
+}
+
+bool create_tmac_file(Job &j)
+{
+    if (!j.need(20))
+        return true;
+    const uint8_t *f = j.f;
+    // The write key nibble is always F.
+    std::vector<uint8_t> c{0xCE, f[0], f[1], f[2], static_cast<uint8_t>(f[3] | 0x0F), 0x02};
+    c.insert(c.end(), f + 4, f + 20);
+    c.push_back(0);
+    if (j.enter(j.h.aid, true, 0))
+        j.op.run(c);
+    return false;
+}
+
+bool delete_file(Job &j)
+{
+    if (!j.need(2))
+        return true;
+    if (j.enter(j.h.aid, j.f[1], 0))
+        j.op.run({0xDF, j.f[0]});
+    return false;
+}
+
+bool file_settings(Job &j)
+{
+    if (!j.need(2))
+        return true;
+    if (j.enter(j.h.aid, j.f[1], 0) && j.op.run({0xF5, j.f[0]}))
+        j.extra = j.op.last;
+    return false;
+}
+
+// Change file settings; SDM settings behind their length go to the card as they stand.
+bool change_file_settings(Job &j)
+{
+    if (!j.need(4))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{0x5F, f[0]};
+    if (j.fl >= 5 && f[4]) {
+        if (!j.need(5u + f[4]))
+            return true;
+        c.insert(c.end(), f + 5, f + 5 + f[4]);
+    } else {
+        c.insert(c.end(), f + 1, f + 4);
+    }
+    if (j.enter(j.h.aid, true, 0))
+        j.op.run(c);
+    return false;
+}
+
+// ---- Data, values and records ----
+
+// Read data (0x83) or records (0x99), streamed.
+bool read_streamed(Job &j)
+{
+    const bool data_file = j.cmd() == 0x83;
+    if (!j.need(data_file ? 8 : 10))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{static_cast<uint8_t>(data_file ? 0xBD : 0xBB), f[1]};
+    a24(c, g16(f + 3));
+    a24(c, g16(f + 5));
+    std::vector<uint8_t> data;
+    if (j.enter(j.h.aid, f[2], f[0]) && j.op.run(c))
+        data = j.op.last;
+    stream(j.a, data);
+    reply(j.a, j.cmd(), &j.op, j.op.status);
+    return true;
+}
+
+// Writes: the first piece here, the rest after 0xAD prompts.
+bool write_first_piece(Job &j)
+{
+    if (!j.need(8))
+        return true;
+    const uint32_t total = g16(j.f + 5);
+    std::vector<uint8_t> data(j.f + 8, j.f + j.fl);
+    if (data.size() > total)
+        data.resize(total);
+    if (data.size() < total) {
+        DesfireCard::PendingWrite &p = j.card.pending;
+        p.active = true;
+        std::memcpy(p.frame, j.frame, 7);
+        p.ext.assign(j.ext, j.ext + j.n);
+        p.data = data;
+        p.total = total;
+        p.partial.clear();
+        j.a.bytes.push_back(MORE);
+        return true;
+    }
+    run_write(j.r, j.card, j.frame, j.ext, j.n, data, j.a);
+    return true;
+}
+
+bool read_value(Job &j)
+{
+    if (!j.need(4))
+        return true;
+    if (j.enter(j.h.aid, j.f[2], j.f[0]) && j.op.run({0x6C, j.f[1]}))
+        j.extra = j.op.last;
+    return false;
+}
+
+// Credit (0x9B) or debit (0x9C), then the commit; with PAR1 the transaction MAC data comes back.
+bool credit_debit(Job &j)
+{
+    if (!j.need(8))
+        return true;
+    const uint8_t *f = j.f;
+    std::vector<uint8_t> c{static_cast<uint8_t>(j.cmd() == 0x9B ? 0x0C : 0xDC), f[1]};
+    c.insert(c.end(), f + 4, f + 8);
+    std::vector<uint8_t> tmac;
+    if (j.enter(j.h.aid, f[2], f[0]) && j.op.run(c))
+        finish_transaction(j.r, j.op, j.frame[5], tmac);
+    if (j.frame[5] && j.op.status == CS_OK)
+        j.extra = tmac;
+    return false;
+}
+
+// Clear record file, then the commit.
+bool clear_records(Job &j)
+{
+    if (!j.need(3))
+        return true;
+    std::vector<uint8_t> tmac;
+    if (j.enter(j.h.aid, j.f[1], j.f[2]) && j.op.run({0xEB, j.f[0]}))
+        finish_transaction(j.r, j.op, j.frame[5], tmac);
+    if (j.frame[5] && j.op.status == CS_OK)
+        j.extra = tmac;
+    return false;
+}
+
+struct Operation {
+    uint8_t code;
+    Handler run;
+};
+
+const Operation OPERATIONS[] = {
+    // The card and its applications.
+    {0x80, card_uid},
+    {0x8C, format},
+    {0x8B, configuration},
+    {0x87, key_settings},
+    {0x88, change_key_settings},
+    {0x84, create_application},
+    {0x89, delete_application},
+    {0xC0, application_ids},
+    // Files.
+    {0x85, create_data_file},
+    {0x8F, create_value_file},
+    {0xC1, create_record_file},
+    {0xC2, create_tmac_file},
+    {0x8A, delete_file},
+    {0xC6, file_settings},
+    {0xCA, change_file_settings},
+    // Data, values and records.
+    {0x83, read_streamed},
+    {0x99, read_streamed},
+    {0x82, write_first_piece},
+    {0xC9, write_first_piece},
+    {0x98, write_first_piece},
+    {0x9A, read_value},
+    {0x9B, credit_debit},
+    {0x9C, credit_debit},
+    {0x6D, clear_records},
+};
+
+Handler handler_of(uint8_t cmd)
+{
+    for (const Operation &o : OPERATIONS)
+        if (o.code == cmd)
+            return o.run;
+    return nullptr;
+}
+
 } // namespace
 
 bool desfire_reader_wants_ext(const Reader &, const uint8_t frame[7])
@@ -347,231 +713,12 @@ bool desfire_reader_command(Reader &r, const uint8_t frame[7], const uint8_t *ex
         reply(a, cmd, &op, CS_WRONG_KEY_TYPE);
         return true;
     }
-    const uint8_t *f = ext + h.f;
-    const size_t fl = n - h.f; // bytes of the fields
-    auto need = [&](size_t k) {
-        if (fl >= k)
-            return true;
-        reply(a, cmd, &op, CS_WRONG_KEY_TYPE);
+    const Handler handler = handler_of(cmd);
+    if (!handler)
         return false;
-    };
-    auto auth = [&](uint8_t keyno) { return op.authenticate(keyno, h.key); };
-    std::vector<uint8_t> extra;
-    switch (cmd) {
-    case 0x80: // card UID
-        if (!need(1))
-            return true;
-        if (op.select(h.aid) && auth(f[0]) && op.run({0x51}) && op.last.size() == 7) {
-            std::vector<uint8_t> d = op.last;
-            const uint16_t et = static_cast<uint16_t>(op.steps * 3 + 2);
-            d.insert(d.end(), {static_cast<uint8_t>(CS_OK & 0xFF), static_cast<uint8_t>(CS_OK >> 8),
-                               static_cast<uint8_t>(et), static_cast<uint8_t>(et >> 8)});
-            put_response(a.bytes, cmd, 0, 0, d.data(), d.size());
-            return true;
-        }
-        break;
-    case 0x8C: // format
-        if (op.select(0) && auth(0))
-            op.run({0xFC});
-        break;
-    case 0x8B: // configuration
-        if (frame[5] == 0) {
-            if (!need(2))
-                return true;
-            if (op.select(0) && auth(0))
-                op.run({0x5C, 0x00, static_cast<uint8_t>((f[1] ? 1 : 0) | (f[0] ? 2 : 0))});
-        } else {
-            if (!need(2) || !need(2u + f[1]))
-                return true;
-            const uint32_t aid = frame[5] == 2 && fl >= 5u + f[1] ? g24(f + 2 + f[1]) : 0;
-            std::vector<uint8_t> c{0x5C, f[0]};
-            c.insert(c.end(), f + 2, f + 2 + f[1]);
-            if (op.select(aid) && auth(0))
-                op.run(c);
-        }
-        break;
-    case 0x87: // key settings
-        if (op.select(h.aid) && ((frame[4] & 1) || auth(0)) && op.run({0x45}))
-            extra = op.last;
-        break;
-    case 0x88:
-        if (!need(1))
-            return true;
-        if (op.select(h.aid) && auth(0))
-            op.run({0x54, f[0]});
-        break;
-    case 0x84: { // create application
-        if (!need(3))
-            return true;
-        const uint8_t low = frame[4] & 0x0F;
-        const uint8_t kind = low == 0 ? 0x80 : low == 1 ? 0x40 : 0x00;
-        std::vector<uint8_t> c{0xCA};
-        a24(c, h.aid);
-        c.push_back(f[1]);
-        c.push_back(static_cast<uint8_t>((f[2] & 0x0F) | kind | ((frame[4] & 0x40) ? 0x20 : 0)));
-        if ((frame[4] & 0x40) && fl >= 5)
-            c.insert(c.end(), f + 3, f + 5);
-        if ((frame[4] & 0x80) && fl >= 6) {
-            const size_t avail = fl - 6;
-            const size_t len = f[5] < avail ? f[5] : avail;
-            c.insert(c.end(), f + 6, f + 6 + len);
-        }
-        if (op.select(0) && (!f[0] || auth(0)))
-            op.run(c);
-        break;
-    }
-    case 0x89: { // delete application, with the card's or the application's master key
-        std::vector<uint8_t> c{0xDA};
-        a24(c, h.aid);
-        if (op.select((frame[4] & 1) ? h.aid : 0) && auth(0))
-            op.run(c);
-        break;
-    }
-    case 0xC0: // application ids
-        if (!need(1))
-            return true;
-        if (op.select(0) && (!f[0] || auth(0)) && op.run({0x6A})) {
-            extra.push_back(static_cast<uint8_t>(op.last.size() / 3));
-            extra.insert(extra.end(), op.last.begin(), op.last.end());
-        }
-        break;
-    case 0x85: { // standard or backup file
-        if (!need(9))
-            return true;
-        std::vector<uint8_t> c{static_cast<uint8_t>(frame[5] == 1 ? 0xCB : 0xCD), f[0], f[8], f[1], f[2]};
-        a24(c, g32(f + 3));
-        if ((frame[4] & 0x80) && fl >= 11)
-            c.insert(c.end(), f + 9, f + 11);
-        if (op.select(h.aid) && (!f[7] || auth(0)))
-            op.run(c);
-        break;
-    }
-    case 0x8F: { // value file
-        if (!need(18))
-            return true;
-        std::vector<uint8_t> c{0xCC, f[0], f[17], f[1], f[2]};
-        c.insert(c.end(), f + 3, f + 15);
-        c.push_back(f[15]);
-        if (op.select(h.aid) && (!f[16] || auth(0)))
-            op.run(c);
-        break;
-    }
-    case 0xC1: { // linear or cyclic record file
-        if (!need(13))
-            return true;
-        std::vector<uint8_t> c{static_cast<uint8_t>(frame[5] == 0xC0 ? 0xC0 : 0xC1), f[0], f[12], f[1], f[2]};
-        a24(c, g32(f + 3));
-        a24(c, g32(f + 7));
-        if (op.select(h.aid) && (!f[11] || auth(0)))
-            op.run(c);
-        break;
-    }
-    case 0xC2: { // transaction MAC file
-        if (!need(20))
-            return true;
-        // The write key nibble is always F.
-        std::vector<uint8_t> c{0xCE, f[0], f[1], f[2], static_cast<uint8_t>(f[3] | 0x0F), 0x02};
-        c.insert(c.end(), f + 4, f + 20);
-        c.push_back(0);
-        if (op.select(h.aid) && auth(0))
-            op.run(c);
-        break;
-    }
-    case 0x8A: // delete file
-        if (!need(2))
-            return true;
-        if (op.select(h.aid) && (!f[1] || auth(0)))
-            op.run({0xDF, f[0]});
-        break;
-    case 0xC6: // file settings
-        if (!need(2))
-            return true;
-        if (op.select(h.aid) && (!f[1] || auth(0)) && op.run({0xF5, f[0]}))
-            extra = op.last;
-        break;
-    case 0xCA: { // change file settings; SDM settings behind their length go to the card as they stand
-        if (!need(4))
-            return true;
-        std::vector<uint8_t> c{0x5F, f[0]};
-        if (fl >= 5 && f[4]) {
-            if (!need(5u + f[4]))
-                return true;
-            c.insert(c.end(), f + 5, f + 5 + f[4]);
-        } else {
-            c.insert(c.end(), f + 1, f + 4);
-        }
-        if (op.select(h.aid) && auth(0))
-            op.run(c);
-        break;
-    }
-    case 0x83:   // read data, streamed
-    case 0x99: { // read records, streamed
-        if (!need(cmd == 0x83 ? 8 : 10))
-            return true;
-        std::vector<uint8_t> c{static_cast<uint8_t>(cmd == 0x83 ? 0xBD : 0xBB), f[1]};
-        a24(c, g16(f + 3));
-        a24(c, g16(f + 5));
-        std::vector<uint8_t> data;
-        if (op.select(h.aid) && (!f[2] || auth(f[0])) && op.run(c))
-            data = op.last;
-        stream(a, data);
-        reply(a, cmd, &op, op.status);
-        return true;
-    }
-    case 0x82:
-    case 0xC9:
-    case 0x98: { // writes: the first piece here, the rest after 0xAD prompts
-        if (!need(8))
-            return true;
-        const uint32_t total = g16(f + 5);
-        std::vector<uint8_t> data(f + 8, f + fl);
-        if (data.size() > total)
-            data.resize(total);
-        if (data.size() < total) {
-            card->pending.active = true;
-            std::memcpy(card->pending.frame, frame, 7);
-            card->pending.ext.assign(ext, ext + n);
-            card->pending.data = data;
-            card->pending.total = total;
-            card->pending.partial.clear();
-            a.bytes.push_back(MORE);
-            return true;
-        }
-        run_write(r, *card, frame, ext, n, data, a);
-        return true;
-    }
-    case 0x9A: // read value
-        if (!need(4))
-            return true;
-        if (op.select(h.aid) && (!f[2] || auth(f[0])) && op.run({0x6C, f[1]}))
-            extra = op.last;
-        break;
-    case 0x9B:
-    case 0x9C: { // credit, debit, then the commit
-        if (!need(8))
-            return true;
-        std::vector<uint8_t> c{static_cast<uint8_t>(cmd == 0x9B ? 0x0C : 0xDC), f[1]};
-        c.insert(c.end(), f + 4, f + 8);
-        std::vector<uint8_t> tmac;
-        if (op.select(h.aid) && (!f[2] || auth(f[0])) && op.run(c))
-            finish_transaction(r, op, frame[5], tmac);
-        if (frame[5] && op.status == CS_OK)
-            extra = tmac;
-        break;
-    }
-    case 0x6D: { // clear record file, then the commit
-        if (!need(3))
-            return true;
-        std::vector<uint8_t> tmac;
-        if (op.select(h.aid) && (!f[1] || auth(f[2])) && op.run({0xEB, f[0]}))
-            finish_transaction(r, op, frame[5], tmac);
-        if (frame[5] && op.status == CS_OK)
-            extra = tmac;
-        break;
-    }
-    default: return false;
-    }
-    reply(a, cmd, &op, op.status, extra);
+    Job j{r, *card, frame, ext, n, a, op, h, ext + h.f, n - h.f, {}};
+    if (!handler(j))
+        reply(a, cmd, &op, op.status, j.extra);
     return true;
 }
 

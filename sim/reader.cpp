@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "iso7816.h"
 #include "desfire.h"
@@ -260,247 +261,389 @@ bool reader_rate_known(uint32_t baud)
     return false;
 }
 
+namespace {
+
+// One command frame on its way to a handler: the frame, its EXT (null when none) with the checksum, and the
+// EXT's data length without it.
+struct Request {
+    const uint8_t *f;
+    const uint8_t *ext;
+    size_t ext_len;
+    size_t len;
+};
+
+// A command the reader answers itself: its code, whether it takes an EXT, and its handler.
+struct OwnCommand {
+    uint8_t code;
+    bool takes_ext;
+    void (*run)(Reader &r, const Request &q, Answer &a);
+};
+
+// ---- Identity and the card in the field ----
+
+void reader_type(Reader &r, const Request &q, Answer &a)
+{
+    uint8_t d[4];
+    put_u32(d, r.type);
+    put_response(a.bytes, q.f[1], 0, 0, d, 4);
+}
+
+void serial_number(Reader &r, const Request &q, Answer &a)
+{
+    uint8_t d[4];
+    put_u32(d, r.serial);
+    put_response(a.bytes, q.f[1], 0, 0, d, 4);
+}
+
+// Hardware version with the pair 11 22; any other form is the presence test.
+void hardware_version(Reader &r, const Request &q, Answer &a)
+{
+    if (q.f[4] == 0x11 && q.f[5] == 0x22)
+        return ok(a, q.f[1], r.hw_type, r.hw_ver);
+    ok(a, q.f[1]);
+}
+
+void card_id_ex_now(Reader &r, const Request &q, Answer &a)
+{
+    const zsim_card *c = card_in_field(r);
+    if (!c)
+        return put_error(a.bytes, E_NO_CARD);
+    card_id_ex(c, q.f[1], a);
+}
+
+void card_type(Reader &r, const Request &q, Answer &a)
+{
+    const zsim_card *c = card_in_field(r);
+    if (!c)
+        return put_error(a.bytes, E_NO_CARD);
+    ok(a, q.f[1], c->orb_type);
+}
+
+void last_card_id(Reader &r, const Request &q, Answer &a)
+{
+    if (!r.have_last_card)
+        return put_error(a.bytes, E_NO_CARD);
+    card_id_ex(&r.last_card, q.f[1], a);
+}
+
+// Can the card's UID be changed: a plain card's cannot.
+void uid_changeable(Reader &r, const Request &q, Answer &a)
+{
+    if (!card_in_field(r))
+        return put_error(a.bytes, E_NO_CARD);
+    if (r.cards.front()->command(q.f, q.ext, q.ext_len, a.bytes))
+        return;
+    put_error(a.bytes, E_NOT_SUPPORTED);
+}
+
+const OwnCommand kIdentity[] = {
+    {0x10, false, reader_type},
+    {0x11, false, serial_number},
+    {0x13, false, [](Reader &r, const Request &q, Answer &a) { card_id(r, q.f, a); }},
+    {0x29, false, [](Reader &r, const Request &q, Answer &a) { ok(a, q.f[1], r.fw_major, r.fw_minor); }},
+    {0x2A, false, hardware_version},
+    {0x2B, false, [](Reader &r, const Request &q, Answer &a) { ok(a, q.f[1], r.build); }},
+    {0x2C, false, card_id_ex_now},
+    {0x3C, false, card_type},
+    {0x7C, false, last_card_id},
+    {0xE4, false, uid_changeable},
+    {0xF0, false, [](Reader &r, const Request &q, Answer &a) { parameters(r, q.f, a); }},
+    {0xF1, false, [](Reader &r, const Request &q, Answer &a) { parameters(r, q.f, a); }},
+    // A plain reader has no network module in front of it.
+    {0xF9, false, [](Reader &, const Request &, Answer &a) { put_error(a.bytes, E_NOT_SUPPORTED); }},
+};
+
+// ---- Keys, passwords and locks ----
+
+// One of the 32 reader keys.
+void key_write(Reader &r, const Request &q, Answer &a)
+{
+    if (q.len != 6)
+        return put_error(a.bytes, E_PARAMETERS);
+    if (q.f[4] >= KEY_COUNT)
+        return put_error(a.bytes, E_MAX_KEY_INDEX);
+    if (r.keys_locked)
+        return put_error(a.bytes, E_KEYS_LOCKED);
+    std::memcpy(r.keys[q.f[4]], q.ext, 6);
+    std::memcpy(r.eeprom + EE_KEYS + 6 * q.f[4], q.ext, 6);
+    ok(a, q.f[1]);
+}
+
+// Whether the EXT holds exactly len bytes with the password at pw_at; else the error is answered.
+bool password_passes(const Reader &r, const Request &q, Answer &a, size_t len, size_t pw_at)
+{
+    if (q.len != len) {
+        put_error(a.bytes, E_PARAMETERS);
+        return false;
+    }
+    if (!password_ok(r, q.ext + pw_at)) {
+        put_error(a.bytes, E_WRONG_PASSWORD);
+        return false;
+    }
+    return true;
+}
+
+// Keys lock (0x27) and unlock (0x28), by the password.
+void keys_lock(Reader &r, const Request &q, Answer &a)
+{
+    if (!password_passes(r, q, a, 8, 0))
+        return;
+    r.keys_locked = q.f[1] == 0x27;
+    ok(a, q.f[1]);
+}
+
+// A write the password guards: the EXT is the password, then exactly n bytes for to.
+void password_write(Reader &r, const Request &q, Answer &a, uint8_t *to, size_t n)
+{
+    if (!password_passes(r, q, a, 8 + n, 0))
+        return;
+    std::memcpy(to, q.ext + 8, n);
+    ok(a, q.f[1]);
+}
+
+// Password change (0x33, and 0xE0 by the EEPROM commands): old, then new.
+void password_change(Reader &r, const Request &q, Answer &a) { password_write(r, q, a, r.password, 8); }
+
+// Key lock by the EEPROM commands: 1 locks, 0 unlocks; the password after it.
+void ee_keys_lock(Reader &r, const Request &q, Answer &a)
+{
+    if (q.len == 9 && q.ext[0] > 1)
+        return put_error(a.bytes, E_PARAMETERS);
+    if (!password_passes(r, q, a, 9, 1))
+        return;
+    r.keys_locked = q.ext[0] == 1;
+    ok(a, q.f[1]);
+}
+
+// Job id: u16, then the password.
+void job_id(Reader &r, const Request &q, Answer &a)
+{
+    if (!password_passes(r, q, a, 10, 2))
+        return;
+    std::memcpy(r.eeprom + EE_JOB_ID, q.ext, 2);
+    ok(a, q.f[1]);
+}
+
+// A bus admin card: password, then three bytes of the value.
+void bus_admin(Reader &r, const Request &q, Answer &a)
+{
+    if (!password_passes(r, q, a, 11, 0))
+        return;
+    ok(a, q.f[1]);
+}
+
+const OwnCommand kKeys[] = {
+    {0x12, true, key_write},        {0x27, true, keys_lock},    {0x28, true, keys_lock},
+    {0x33, true, password_change}, {0xE0, true, password_change}, {0xE1, true, ee_keys_lock},
+    {0x36, true, job_id},          {0xFD, true, bus_admin},
+};
+
+// ---- EEPROM, user data and settings kept there ----
+
+// The EEPROM write by plain address; the key area is closed while the keys are locked.
+void ee_write_unlocked(Reader &r, const Request &q, Answer &a)
+{
+    if (r.keys_locked && q.len >= 8 && get_u32(q.ext) < EE_KEYS + 6 * KEY_COUNT &&
+        get_u32(q.ext) + get_u32(q.ext + 4) > EE_KEYS)
+        return put_error(a.bytes, E_KEYS_LOCKED);
+    ee_write(r, q.f, q.ext, q.len, a);
+}
+
+// The serial description: read without an EXT; the set form is the password, then the 8 characters.
+void serial_description(Reader &r, const Request &q, Answer &a)
+{
+    if (!q.ext) {
+        const std::string sd = r.serial_desc();
+        return put_response(a.bytes, q.f[1], 0, 0, reinterpret_cast<const uint8_t *>(sd.data()), 8);
+    }
+    password_write(r, q, a, r.eeprom + EE_SERIAL_DESC, 8);
+}
+
+// Pro mode: u32, of which the reader keeps the low 16 bits.
+void pro_mode_set(Reader &r, const Request &q, Answer &a)
+{
+    if (q.len != 8)
+        return put_error(a.bytes, E_PARAMETERS);
+    std::memcpy(r.eeprom + EE_PRO_MODE, q.ext, 2);
+    ok(a, q.f[1]);
+}
+
+// The user interface setup, 7 bytes.
+void ui_setup(Reader &r, const Request &q, Answer &a)
+{
+    if (q.len != 7)
+        return put_error(a.bytes, E_PARAMETERS);
+    std::memcpy(r.custom_ui, q.ext, 7);
+    ok(a, q.f[1]);
+}
+
+const OwnCommand kStorage[] = {
+    {0x1B, false, [](Reader &r, const Request &q, Answer &a) { user_data(r, q.f, q.ext, q.len, a); }},
+    {0x1C, true, [](Reader &r, const Request &q, Answer &a) { user_data(r, q.f, q.ext, q.len, a); }},
+    {0x34, true, [](Reader &r, const Request &q, Answer &a) { eeprom_read(r, q.f, q.ext, q.len, a); }},
+    {0x35, true, [](Reader &r, const Request &q, Answer &a) { eeprom_write(r, q.f, q.ext, q.len, a); }},
+    {0xE2, true, [](Reader &r, const Request &q, Answer &a) { ee_read(r, q.f, q.ext, q.len, a); }},
+    {0xE3, true, ee_write_unlocked},
+    {0x3D, true, [](Reader &r, const Request &q, Answer &a) { async_set(r, q.f, q.ext, q.len, a); }},
+    // The read-back, which some hosts send with an EXT of the same shape.
+    {0x3E, true, [](Reader &r, const Request &q, Answer &a) { async_get(r, q.f, a); }},
+    {0x40, true, serial_description},
+    {0x42, false,
+     [](Reader &r, const Request &q, Answer &a) {
+         put_response(a.bytes, q.f[1], r.eeprom[EE_PRO_MODE], r.eeprom[EE_PRO_MODE + 1], r.eeprom + EE_PRO_MODE, 2);
+     }},
+    {0x43, true, pro_mode_set},
+    {0x65, true, ui_setup},
+    {0x66, false, [](Reader &r, const Request &q, Answer &a) { put_response(a.bytes, q.f[1], 0, 0, r.custom_ui, 7); }},
+};
+
+// ---- Time, speed, restart and state ----
+
+// Time set: the password, then the 6 time bytes.
+void time_set(Reader &r, const Request &q, Answer &a) { password_write(r, q, a, r.time, 6); }
+
+// Speed kept for the next start: two 2-bit values, marked and with their complement.
+void speed_set(Reader &r, const Request &q, Answer &a)
+{
+    const uint8_t *f = q.f;
+    if (f[4] > 3 || f[5] > 3)
+        return put_error(a.bytes, E_PARAMETERS);
+    r.speed_par[0] = f[4];
+    r.speed_par[1] = f[5];
+    r.eeprom[EE_SPEED] = static_cast<uint8_t>(0x50 | (f[5] << 2) | f[4]);
+    r.eeprom[EE_SPEED + 1] = static_cast<uint8_t>(~r.eeprom[EE_SPEED]);
+    ok(a, f[1]);
+}
+
+// Serial speed: the new rate takes effect at once, so nothing is answered at the old one.
+void serial_speed(Reader &, const Request &q, Answer &a)
+{
+    if (q.len != 4)
+        return put_error(a.bytes, E_PARAMETERS);
+    const uint32_t b = get_u32(q.ext);
+    if (!reader_rate_known(b))
+        return put_error(a.bytes, E_PARAMETERS);
+    a.new_baud = b;
+}
+
+void state(Reader &r, const Request &q, Answer &a)
+{
+    uint8_t st[5];
+    reader_state(r, st + 1);
+    if (q.f[4] == 1) { // the long form: a count, then the state bytes
+        st[0] = 4;
+        return put_response(a.bytes, q.f[1], 0, 0, st, 5);
+    }
+    put_response(a.bytes, q.f[1], 0, 0, st + 1, 4);
+}
+
+// Subscription of a sector (PAR0 2) or block (PAR0 1), index in PAR1, a u32 value.
+void subscription(Reader &, const Request &q, Answer &a)
+{
+    if (q.len != 4 || (q.f[4] != 1 && q.f[4] != 2))
+        return put_error(a.bytes, E_PARAMETERS);
+    ok(a, q.f[1], q.f[4], q.f[5]);
+}
+
+const OwnCommand kControl[] = {
+    // Soft restart: answer, then boot.
+    {0x30, false,
+     [](Reader &, const Request &q, Answer &a) {
+         a.restart = true;
+         ok(a, q.f[1]);
+     }},
+    {0x31, false, [](Reader &r, const Request &q, Answer &a) { put_response(a.bytes, q.f[1], 0, 0, r.time, 6); }},
+    {0x32, true, time_set},
+    {0x4B, false, speed_set},
+    {0x4C, false, [](Reader &r, const Request &q, Answer &a) { ok(a, q.f[1], r.speed_par[0], r.speed_par[1]); }},
+    {0x70, true, serial_speed},
+    // The RF field off and on again.
+    {0xE5, false, [](Reader &, const Request &q, Answer &a) { ok(a, q.f[1], q.f[4]); }},
+    {0xE6, false, state},
+    {0xFE, true, subscription},
+};
+
+const OwnCommand *own_command(uint8_t code)
+{
+    struct Group {
+        const OwnCommand *begin, *end;
+    };
+    static const Group groups[] = {{std::begin(kIdentity), std::end(kIdentity)},
+                                   {std::begin(kKeys), std::end(kKeys)},
+                                   {std::begin(kStorage), std::end(kStorage)},
+                                   {std::begin(kControl), std::end(kControl)}};
+    for (const Group &g : groups)
+        for (const OwnCommand *c = g.begin; c != g.end; ++c)
+            if (c->code == code)
+                return c;
+    return nullptr;
+}
+
+// ---- The engines ----
+
+bool own_wants_ext(const Reader &, const uint8_t f[7])
+{
+    const OwnCommand *c = own_command(f[1]);
+    return c && c->takes_ext;
+}
+
+bool own_commands(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
+{
+    const OwnCommand *c = own_command(f[1]);
+    if (!c)
+        return false;
+    c->run(r, Request{f, ext, ext_len, ext && ext_len ? ext_len - 1 : 0}, a);
+    return true;
+}
+
+bool iso14443_engine(Reader &r, const uint8_t f[7], const uint8_t *, size_t, Answer &a)
+{
+    return iso14443_reader_command(r, f, a);
+}
+
+bool card_wants_ext(const Reader &r, const uint8_t f[7]) { return !r.cards.empty() && r.cards.front()->wants_ext(f); }
+
+bool card_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
+{
+    return !r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes);
+}
+
+// The parts of the reader a command is offered to, in this order, until one takes it: the memory card
+// commands and multi-card mode, the reader's own commands, its DESFire, ISO 15693, Type 2 extras and
+// ISO 14443-4 engines, and last the card in the field itself. wants_ext is null for a part that never takes
+// an EXT of its own.
+struct Engine {
+    const char *name;
+    bool (*wants_ext)(const Reader &r, const uint8_t f[7]);
+    bool (*command)(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a);
+};
+
+const Engine kEngines[] = {
+    {"memory", memory_wants_ext, memory_command},
+    {"reader", own_wants_ext, own_commands},
+    {"desfire", desfire_reader_wants_ext, desfire_reader_command},
+    {"iso15693", iso15693_reader_wants_ext, iso15693_reader_command},
+    {"t2t", t2t_reader_wants_ext, t2t_reader_command},
+    {"iso14443_4", nullptr, iso14443_engine},
+    {"card", card_wants_ext, card_command},
+};
+
+} // namespace
+
 bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 {
-    if (desfire_reader_wants_ext(r, f)) return true; // the reader's DESFire engine
-    if (iso15693_reader_wants_ext(r, f)) return true; // the reader's ISO 15693 engine
-    if (t2t_reader_wants_ext(r, f)) return true; // the reader's Type 2 extras engine
-    switch (f[1]) {
-    case 0x12: // key write
-    case 0x1C: // user data write
-    case 0x27: // keys lock
-    case 0x28: // keys unlock
-    case 0x32: // time set
-    case 0x33: // password change
-    case 0x34: // EEPROM read
-    case 0x35: // EEPROM write
-    case 0x36: // job id
-    case 0x3D: // asynchronous card id setup
-    case 0x3E: // its read-back, which some hosts send with an EXT of the same shape
-    case 0x40: // serial description, set form
-    case 0x65: // user interface setup
-    case 0xE0: // EEPROM password change
-    case 0xE1: // EEPROM lock
-    case 0xE2: // EEPROM read by plain address
-    case 0xE3: // EEPROM write by plain address
-    case 0xFD: // bus admin card
-    case 0xFE: // sector or block subscription
-    case 0x43: // pro mode set
-    case 0x70: // serial speed
-        return true;
-    default:
-        return memory_wants_ext(r, f) || (!r.cards.empty() && r.cards.front()->wants_ext(f));
-    }
+    for (const Engine &e : kEngines)
+        if (e.wants_ext && e.wants_ext(r, f))
+            return true;
+    return false;
 }
 
 void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
 {
-    const uint8_t cmd = f[1];
-    // The EXT's data, without its checksum.
-    const size_t len = ext && ext_len ? ext_len - 1 : 0;
-    if (memory_command(r, f, ext, ext_len, a))
-        return;
-    switch (cmd) {
-    case 0x10: { // reader type
-        uint8_t d[4];
-        put_u32(d, r.type);
-        return put_response(a.bytes, cmd, 0, 0, d, 4);
-    }
-    case 0x11: { // serial number
-        uint8_t d[4];
-        put_u32(d, r.serial);
-        return put_response(a.bytes, cmd, 0, 0, d, 4);
-    }
-    case 0x12: // one of the 32 reader keys
-        if (len != 6)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (f[4] >= KEY_COUNT)
-            return put_error(a.bytes, E_MAX_KEY_INDEX);
-        if (r.keys_locked)
-            return put_error(a.bytes, E_KEYS_LOCKED);
-        std::memcpy(r.keys[f[4]], ext, 6);
-        std::memcpy(r.eeprom + EE_KEYS + 6 * f[4], ext, 6);
-        return ok(a, cmd);
-    case 0x13:
-        return card_id(r, f, a);
-    case 0x1B:
-    case 0x1C:
-        return user_data(r, f, ext, len, a);
-    case 0x27:
-    case 0x28:
-        if (len != 8)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        r.keys_locked = cmd == 0x27;
-        return ok(a, cmd);
-    case 0x29: // firmware version
-        return ok(a, cmd, r.fw_major, r.fw_minor);
-    case 0x2A: // hardware version with the pair 11 22; any other form is the presence test
-        if (f[4] == 0x11 && f[5] == 0x22)
-            return ok(a, cmd, r.hw_type, r.hw_ver);
-        return ok(a, cmd);
-    case 0x2B:
-        return ok(a, cmd, r.build);
-    case 0x2C: {
-        const zsim_card *c = card_in_field(r);
-        if (!c)
-            return put_error(a.bytes, E_NO_CARD);
-        return card_id_ex(c, cmd, a);
-    }
-    case 0x30: // soft restart: answer, then boot
-        a.restart = true;
-        return ok(a, cmd);
-    case 0x31:
-        return put_response(a.bytes, cmd, 0, 0, r.time, 6);
-    case 0x32:
-        if (len != 14)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        std::memcpy(r.time, ext + 8, 6);
-        return ok(a, cmd);
-    case 0x33:
-        if (len != 16)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        std::memcpy(r.password, ext + 8, 8);
-        return ok(a, cmd);
-    case 0x34:
-        return eeprom_read(r, f, ext, len, a);
-    case 0x35:
-        return eeprom_write(r, f, ext, len, a);
-    case 0x36: // job id: u16, then the password
-        if (len != 10)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext + 2))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        std::memcpy(r.eeprom + EE_JOB_ID, ext, 2);
-        return ok(a, cmd);
-    case 0x3C: {
-        const zsim_card *c = card_in_field(r);
-        if (!c)
-            return put_error(a.bytes, E_NO_CARD);
-        return ok(a, cmd, c->orb_type);
-    }
-    case 0x3D:
-        return async_set(r, f, ext, len, a);
-    case 0x3E:
-        return async_get(r, f, a);
-    case 0x40: {
-        if (!ext) {
-            const std::string sd = r.serial_desc();
-            return put_response(a.bytes, cmd, 0, 0, reinterpret_cast<const uint8_t *>(sd.data()), 8);
-        }
-        // The set form: the password, then the 8 characters.
-        if (len != 16)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        std::memcpy(r.eeprom + EE_SERIAL_DESC, ext + 8, 8);
-        return ok(a, cmd);
-    }
-    case 0x42:
-        return put_response(a.bytes, cmd, r.eeprom[EE_PRO_MODE], r.eeprom[EE_PRO_MODE + 1], r.eeprom + EE_PRO_MODE, 2);
-    case 0x43: // pro mode: u32, of which the reader keeps the low 16 bits
-        if (len != 8)
-            return put_error(a.bytes, E_PARAMETERS);
-        std::memcpy(r.eeprom + EE_PRO_MODE, ext, 2);
-        return ok(a, cmd);
-    case 0x4B: // speed kept for the next start: two 2-bit values, marked and with their complement
-        if (f[4] > 3 || f[5] > 3)
-            return put_error(a.bytes, E_PARAMETERS);
-        r.speed_par[0] = f[4];
-        r.speed_par[1] = f[5];
-        r.eeprom[EE_SPEED] = static_cast<uint8_t>(0x50 | (f[5] << 2) | f[4]);
-        r.eeprom[EE_SPEED + 1] = static_cast<uint8_t>(~r.eeprom[EE_SPEED]);
-        return ok(a, cmd);
-    case 0x4C:
-        return ok(a, cmd, r.speed_par[0], r.speed_par[1]);
-    case 0x65: // the user interface setup, 7 bytes
-        if (len != 7)
-            return put_error(a.bytes, E_PARAMETERS);
-        std::memcpy(r.custom_ui, ext, 7);
-        return ok(a, cmd);
-    case 0x66:
-        return put_response(a.bytes, cmd, 0, 0, r.custom_ui, 7);
-    case 0x70: { // the new rate takes effect at once: nothing is answered at the old one
-        if (len != 4)
-            return put_error(a.bytes, E_PARAMETERS);
-        const uint32_t b = get_u32(ext);
-        if (!reader_rate_known(b))
-            return put_error(a.bytes, E_PARAMETERS);
-        a.new_baud = b;
-        return;
-    }
-    case 0x7C:
-        if (!r.have_last_card)
-            return put_error(a.bytes, E_NO_CARD);
-        return card_id_ex(&r.last_card, cmd, a);
-    case 0xE0: // password change by the EEPROM commands: old, then new
-        if (len != 16)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        std::memcpy(r.password, ext + 8, 8);
-        return ok(a, cmd);
-    case 0xE1: // key lock by the EEPROM commands: 1 locks, 0 unlocks; the password after it
-        if (len != 9 || ext[0] > 1)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext + 1))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        r.keys_locked = ext[0] == 1;
-        return ok(a, cmd);
-    case 0xE2:
-        return ee_read(r, f, ext, len, a);
-    case 0xE3:
-        if (r.keys_locked && len >= 8 && get_u32(ext) < EE_KEYS + 6 * KEY_COUNT &&
-            get_u32(ext) + get_u32(ext + 4) > EE_KEYS)
-            return put_error(a.bytes, E_KEYS_LOCKED); // the key area is closed while the keys are locked
-        return ee_write(r, f, ext, len, a);
-    case 0xE4: // can the card's UID be changed: a plain card's cannot
-        if (!card_in_field(r))
-            return put_error(a.bytes, E_NO_CARD);
-        if (r.cards.front()->command(f, ext, ext_len, a.bytes))
+    for (const Engine &e : kEngines)
+        if (e.command(r, f, ext, ext_len, a))
             return;
-        return put_error(a.bytes, E_NOT_SUPPORTED);
-    case 0xE5: // the RF field off and on again
-        return ok(a, cmd, f[4]);
-    case 0xE6: {
-        uint8_t st[5];
-        reader_state(r, st + 1);
-        if (f[4] == 1) { // the long form: a count, then the state bytes
-            st[0] = 4;
-            return put_response(a.bytes, cmd, 0, 0, st, 5);
-        }
-        return put_response(a.bytes, cmd, 0, 0, st + 1, 4);
-    }
-    case 0xF0:
-    case 0xF1:
-        return parameters(r, f, a);
-    case 0xF9: // a plain reader has no network module in front of it
-        return put_error(a.bytes, E_NOT_SUPPORTED);
-    case 0xFD: // a bus admin card: password, then three bytes of the value
-        if (len != 11)
-            return put_error(a.bytes, E_PARAMETERS);
-        if (!password_ok(r, ext))
-            return put_error(a.bytes, E_WRONG_PASSWORD);
-        return ok(a, cmd);
-    case 0xFE: // subscription of a sector (PAR0 2) or block (PAR0 1), index in PAR1, a u32 value
-        if (len != 4 || (f[4] != 1 && f[4] != 2))
-            return put_error(a.bytes, E_PARAMETERS);
-        return ok(a, cmd, f[4], f[5]);
-    default:
-        if (desfire_reader_command(r, f, ext, ext_len, a)) return; // the reader's DESFire engine
-        if (iso15693_reader_command(r, f, ext, ext_len, a)) return; // the reader's ISO 15693 engine
-        if (t2t_reader_command(r, f, ext, ext_len, a)) return; // the reader's Type 2 extras engine
-        if (iso14443_reader_command(r, f, a))
-            return;
-        if (!r.cards.empty() && r.cards.front()->command(f, ext, ext_len, a.bytes))
-            return;
-        return put_error(a.bytes, E_NOT_SUPPORTED);
-    }
+    put_error(a.bytes, E_NOT_SUPPORTED);
 }
 
 namespace {

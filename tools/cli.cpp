@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace tandro {
 
@@ -35,6 +36,54 @@ bool parse_u32(const std::string &text, uint32_t *value)
         return false;
     *value = static_cast<uint32_t>(v);
     return true;
+}
+
+namespace {
+// The value of a hexadecimal digit in either case, or -1.
+int hex_digit(char c)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    const char lower = c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
+    const char *at = lower ? std::strchr(kDigits, lower) : nullptr;
+    return at ? static_cast<int>(at - kDigits) : -1;
+}
+bool hex_separator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == ':' || c == '-'; }
+} // namespace
+
+bool parse_hex(const std::string &text, std::vector<uint8_t> &out)
+{
+    out.clear();
+    int high = -1; // the first digit of a byte under way
+    for (char c : text) {
+        if (hex_separator(c) && high < 0)
+            continue;
+        const int v = hex_digit(c);
+        if (v < 0) {
+            out.clear();
+            return false;
+        }
+        if (high < 0) {
+            high = v;
+        } else {
+            out.push_back(static_cast<uint8_t>(high << 4 | v));
+            high = -1;
+        }
+    }
+    if (high >= 0)
+        out.clear();
+    return high < 0;
+}
+
+std::string to_hex(const uint8_t *p, size_t n)
+{
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string s;
+    s.reserve(2 * n);
+    for (size_t i = 0; i < n; ++i) {
+        s += kHex[p[i] >> 4];
+        s += kHex[p[i] & 15];
+    }
+    return s;
 }
 
 std::string json_string(const std::string &text)

@@ -2,6 +2,7 @@
 #ifndef TANDRO_TOOLS_CLI_H
 #define TANDRO_TOOLS_CLI_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,6 +40,12 @@ const std::vector<Command> &commands();
 
 // Decimal or 0x-prefixed hexadecimal.
 bool parse_u32(const std::string &text, uint32_t *value);
+// Bytes in hexadecimal, the one rule of every command: digits in upper or lower case, two a byte, with
+// blanks (space, tab, carriage return), ':' or '-' allowed before, between and after bytes but not inside
+// one. False, with out empty, for an odd number of digits or any other character.
+bool parse_hex(const std::string &text, std::vector<uint8_t> &out);
+// Bytes as upper case hexadecimal, two digits a byte, nothing between.
+std::string to_hex(const uint8_t *p, size_t n);
 // A JSON string literal, quotes included.
 std::string json_string(const std::string &text);
 // Prints "tandro NAME: message" on standard error and returns the exit code for a usage error (2).

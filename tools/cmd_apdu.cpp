@@ -14,49 +14,10 @@
 
 namespace {
 
+using tandro::to_hex;
+using tandro::parse_hex;
+
 using Bytes = std::vector<uint8_t>;
-
-// Hex digits, with blanks, ':' and '-' allowed between bytes.
-bool parse_hex(const std::string &text, Bytes &out)
-{
-    out.clear();
-    int high = -1;
-    for (char c : text) {
-        if (c == ' ' || c == '\t' || c == ':' || c == '-' || c == '\r') {
-            if (high >= 0)
-                return false;
-            continue;
-        }
-        int v = -1;
-        if (c >= '0' && c <= '9')
-            v = c - '0';
-        else if (c >= 'a' && c <= 'f')
-            v = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F')
-            v = c - 'A' + 10;
-        if (v < 0)
-            return false;
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | v));
-            high = -1;
-        }
-    }
-    return high < 0;
-}
-
-std::string hex(const uint8_t *p, size_t n)
-{
-    static const char digits[] = "0123456789ABCDEF";
-    std::string s;
-    s.reserve(2 * n);
-    for (size_t i = 0; i < n; ++i) {
-        s.push_back(digits[p[i] >> 4]);
-        s.push_back(digits[p[i] & 0x0F]);
-    }
-    return s;
-}
 
 struct Run {
     const tandro::Options &opt;
@@ -83,25 +44,26 @@ struct Run {
         uint32_t n = 0;
         const ZEL_STATUS st =
             APDUPlainTransceiveToHeapM(hnd, cmd.data(), static_cast<uint32_t>(cmd.size()), &reply, &n);
-        const std::string shown = hex(cmd.data(), cmd.size());
+        const std::string shown = to_hex(cmd.data(), cmd.size());
         if (opt.json) {
             std::printf("%s{\"command\": \"%s\", \"case\": %d, \"extended\": %s", first ? "" : ",\n  ", shown.c_str(),
                         c.kind, c.extended ? "true" : "false");
             if (st != ZEL_OK)
                 std::printf(", \"error\": %s}", tandro::json_string(ZEL_Status2String(st)).c_str());
             else if (n < 2)
-                std::printf(", \"response\": \"%s\", \"sw\": null}", hex(reply, n).c_str());
+                std::printf(", \"response\": \"%s\", \"sw\": null}", to_hex(reply, n).c_str());
             else
-                std::printf(", \"response\": \"%s\", \"sw\": \"%s\"}", hex(reply, n - 2).c_str(),
-                            hex(reply + n - 2, 2).c_str());
+                std::printf(", \"response\": \"%s\", \"sw\": \"%s\"}", to_hex(reply, n - 2).c_str(),
+                            to_hex(reply + n - 2, 2).c_str());
         } else {
             std::printf("> %s\n", shown.c_str());
             if (st != ZEL_OK)
                 std::printf("< error: %s\n", ZEL_Status2String(st));
             else if (n < 2)
-                std::printf("< %s (no status word)\n", hex(reply, n).c_str());
+                std::printf("< %s (no status word)\n", to_hex(reply, n).c_str());
             else
-                std::printf("< %s%sSW %s\n", hex(reply, n - 2).c_str(), n > 2 ? " " : "", hex(reply + n - 2, 2).c_str());
+                std::printf("< %s%sSW %s\n", to_hex(reply, n - 2).c_str(), n > 2 ? " " : "",
+                            to_hex(reply + n - 2, 2).c_str());
         }
         first = false;
         if (st != ZEL_OK)
@@ -157,15 +119,16 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
         st = open_ISO7816_interfaceM(hnd, atr, &atr_len);
         if (st == ZEL_OK)
             st = APDU_switch_to_ISO7816_interfaceM(hnd);
-        head = opt.json ? "\"atr\": \"" + hex(atr, st == ZEL_OK ? atr_len : 0) + "\"" : "ATR " + hex(atr, atr_len);
+        head = opt.json ? "\"atr\": \"" + to_hex(atr, st == ZEL_OK ? atr_len : 0) + "\""
+                        : "ATR " + to_hex(atr, atr_len);
     } else {
         uint8_t ats[32], uid[10], ats_len = 0, uid_len = 0, sak = 0;
         st = SetISO14443_4_Mode_GetATSM(hnd, ats, &ats_len, uid, &uid_len, &sak);
         char sak_text[8];
         std::snprintf(sak_text, sizeof sak_text, "%02X", sak);
-        head = opt.json ? "\"ats\": \"" + hex(ats, ats_len) + "\", \"uid\": \"" + hex(uid, uid_len) + "\", \"sak\": \"" +
-                              sak_text + "\""
-                        : "ATS " + hex(ats, ats_len) + "  UID " + hex(uid, uid_len) + "  SAK " + sak_text;
+        head = opt.json ? "\"ats\": \"" + to_hex(ats, ats_len) + "\", \"uid\": \"" + to_hex(uid, uid_len) +
+                              "\", \"sak\": \"" + sak_text + "\""
+                        : "ATS " + to_hex(ats, ats_len) + "  UID " + to_hex(uid, uid_len) + "  SAK " + sak_text;
     }
     if (st != ZEL_OK) {
         std::fprintf(stderr, "tandro apdu: %s: %s\n", contact ? "contact interface" : "ISO 14443-4 activation",

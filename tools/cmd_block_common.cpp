@@ -10,35 +10,6 @@ const char *const KEY_OPTIONS_HELP =
     "key: --key HEX (6 or 16 bytes, default FFFFFFFFFFFF), --key-index N, --akm1, --akm2, --sam N;\n"
     "mode: key A by default, --key-b, --aes (AES keys), --t2t (mode 0x02)";
 
-bool parse_hex(const std::string &text, std::vector<uint8_t> &out)
-{
-    out.clear();
-    std::string h;
-    for (char c : text) {
-        if (c == ' ' || c == ':' || c == '-')
-            continue;
-        if (!std::isxdigit(static_cast<unsigned char>(c)))
-            return false;
-        h += c;
-    }
-    if (h.size() % 2)
-        return false;
-    for (size_t i = 0; i < h.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(h.substr(i, 2), nullptr, 16)));
-    return true;
-}
-
-std::string to_hex(const uint8_t *p, size_t n)
-{
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string s;
-    for (size_t i = 0; i < n; ++i) {
-        s += kHex[p[i] >> 4];
-        s += kHex[p[i] & 15];
-    }
-    return s;
-}
-
 void print_dump(const uint8_t *p, size_t n, uint32_t base)
 {
     for (size_t at = 0; at < n; at += 16) {

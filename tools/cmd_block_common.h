@@ -1,4 +1,4 @@
-// Shared by the memory card commands (and the demo): the key options, hex text, dumps, and the card list.
+// Shared by the memory card commands (and the demo): the key options, dumps, and the card list.
 #ifndef TANDRO_TOOLS_CMD_BLOCK_COMMON_H
 #define TANDRO_TOOLS_CMD_BLOCK_COMMON_H
 
@@ -24,9 +24,6 @@ struct KeyOptions {
 bool take_key_options(Args &args, KeyOptions &k, std::string &err);
 extern const char *const KEY_OPTIONS_HELP;
 
-// Hex text (spaces and colons allowed) to bytes.
-bool parse_hex(const std::string &text, std::vector<uint8_t> &out);
-std::string to_hex(const uint8_t *p, size_t n);
 // A hex dump with offsets from base and the printable characters.
 void print_dump(const uint8_t *p, size_t n, uint32_t base);
 

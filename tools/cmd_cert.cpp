@@ -10,16 +10,7 @@
 
 namespace {
 
-std::string hex(const uint8_t *p, uint32_t n)
-{
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string s;
-    for (uint32_t i = 0; i < n; ++i) {
-        s += kHex[p[i] >> 4];
-        s += kHex[p[i] & 15];
-    }
-    return s;
-}
+using tandro::to_hex;
 
 // A distinguished name as one line of text ("C=UT, O=..., CN=...").
 std::string name_text(const uint8_t *der, uint32_t len)
@@ -98,13 +89,13 @@ int run_cert(const tandro::Options &opt, const tandro::Args &args)
     if (X509GetIssuerSeq(der, len, &p, &n) == ZEL_OK)
         issuer = name_text(p, n);
     if (X509GetSerialNumberByteArr(der, len, &p, &n) == ZEL_OK)
-        serial = hex(p, n);
+        serial = to_hex(p, n);
     if (X509GetValidityPeriodSeq(der, len, &p, &n) == ZEL_OK)
         validity(p, n, &from, &to);
     if (X509GetSKIFromCert(der, len, &p, &n) == ZEL_OK)
-        ski = hex(p, n);
+        ski = to_hex(p, n);
     if (X509GetAKIFromCert(der, len, &p, &n) == ZEL_OK)
-        aki = hex(p, n);
+        aki = to_hex(p, n);
     const ZEL_STATUS key_st = X509ParsePubKey(der, len, &key, &key_len, &bits, &type, &curve, &params);
     const std::string curve_name = curve < 34 ? OrbGetEccCurveName(curve) : "";
 

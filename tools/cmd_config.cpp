@@ -23,36 +23,10 @@
 
 namespace {
 
+using tandro::to_hex;
+using tandro::parse_hex;
+
 const char kName[] = "config";
-
-std::string hex(const uint8_t *p, size_t n)
-{
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string s;
-    for (size_t i = 0; i < n; ++i) {
-        s += kHex[p[i] >> 4];
-        s += kHex[p[i] & 15];
-    }
-    return s;
-}
-
-bool parse_hex(const std::string &text, std::vector<uint8_t> &out)
-{
-    std::string digits;
-    for (char c : text)
-        if (c != ' ' && c != ':' && c != '-')
-            digits += c;
-    if (digits.size() % 2)
-        return false;
-    out.clear();
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        if (!std::isxdigit(static_cast<unsigned char>(digits[i])) ||
-            !std::isxdigit(static_cast<unsigned char>(digits[i + 1])))
-            return false;
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return true;
-}
 
 // A password: 8 characters, or 16 hexadecimal digits.
 bool parse_password(const std::string &text, uint8_t pw[8])
@@ -123,9 +97,9 @@ int run_time(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &a, co
         if (st != ZEL_OK)
             return failed("time", st);
         if (opt.json)
-            std::printf("{\"time\": \"%s\"}\n", hex(t, 6).c_str());
+            std::printf("{\"time\": \"%s\"}\n", to_hex(t, 6).c_str());
         else
-            std::printf("time %s\n", hex(t, 6).c_str());
+            std::printf("time %s\n", to_hex(t, 6).c_str());
         return 0;
     }
     std::vector<uint8_t> t;
@@ -225,7 +199,7 @@ int run_eeprom(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &a, 
     }
     if (opt.json)
         std::printf("{\"address\": %u, \"count\": %u, \"data\": \"%s\"}\n", address, count,
-                    hex(data.data(), data.size()).c_str());
+                    to_hex(data.data(), data.size()).c_str());
     else
         dump(address, data);
     return 0;

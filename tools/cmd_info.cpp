@@ -11,6 +11,8 @@
 
 namespace {
 
+using tandro::to_hex;
+
 int run_ping(const tandro::Options &opt, const tandro::Args &args)
 {
     if (!args.empty())
@@ -33,24 +35,13 @@ int run_ping(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration ping_cmd({"ping", "", "is a reader there: its type", run_ping});
 
-std::string hex(const uint8_t *p, size_t n)
-{
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string s;
-    for (size_t i = 0; i < n; ++i) {
-        s += kHex[p[i] >> 4];
-        s += kHex[p[i] & 15];
-    }
-    return s;
-}
-
 // Eight bytes as text when they all print (up to a terminator), else in hexadecimal.
 std::string serial_text(const uint8_t *p)
 {
     std::string s;
     for (int i = 0; i < 8 && p[i]; ++i) {
         if (p[i] < 0x20 || p[i] > 0x7E)
-            return hex(p, 8);
+            return to_hex(p, 8);
         s += static_cast<char>(p[i]);
     }
     return s;
@@ -153,7 +144,7 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
     std::snprintf(buf, sizeof buf, "serial %s, HW %u.%u, device type %08X (%s firmware), firmware %u.%u.%u",
                   serial_text(sn).c_str(), id.hw_type, id.hw_ver, id.device_type,
                   zel::firmware_type_name(static_cast<uint8_t>(id.device_type >> 24)), id.major, id.minor, id.build);
-    const std::string mui = hex(id.mui, mui_len);
+    const std::string mui = to_hex(id.mui, mui_len);
     char device_type[9];
     std::snprintf(device_type, sizeof device_type, "%08X", id.device_type);
     char fw[16];

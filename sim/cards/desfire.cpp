@@ -73,6 +73,22 @@ DfKeyKind kind_of_bits(uint8_t b)
 
 std::vector<uint8_t> st(uint8_t s) { return {s}; }
 
+// A new file of a type, with the communication mode and access rights of a create command (bytes 2 to 4).
+DfFile new_file(const uint8_t *c, uint8_t type)
+{
+    DfFile f;
+    f.type = type;
+    f.comm = c[2];
+    f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
+    return f;
+}
+
+// The access nibbles of a file: read, write, read-and-write, change.
+uint8_t right_r(const DfFile &f) { return f.access >> 12; }
+uint8_t right_w(const DfFile &f) { return f.access >> 8 & 15; }
+uint8_t right_rw(const DfFile &f) { return f.access >> 4 & 15; }
+uint8_t right_ch(const DfFile &f) { return f.access & 15; }
+
 constexpr size_t MAX_APPS = 28, MAX_FILES = 32, APP_COST = 64;
 
 // The bytes of the SDM part of a file option that the options and SDM access rights at p call for: the
@@ -244,476 +260,615 @@ std::vector<uint8_t> DesfireCard::native(const uint8_t *c, size_t n)
     return run(c, n);
 }
 
+// The native commands by group. Card commands run wherever the card stands; the others need an application
+// selected, and the file commands also the file named by their second byte.
+const DesfireCard::Command *DesfireCard::find_command(uint8_t code)
+{
+    static const Command table[] = {
+        // Card and applications.
+        {0x5A, Needs::Card, &DesfireCard::select_application},
+        {0x6A, Needs::Card, &DesfireCard::application_ids},
+        {0x6E, Needs::Card, &DesfireCard::free_memory_command},
+        {0xFC, Needs::Card, &DesfireCard::format},
+        {0x5C, Needs::Card, &DesfireCard::set_configuration},
+        {0x51, Needs::Card, &DesfireCard::card_uid},
+        {0xCA, Needs::Card, &DesfireCard::create_application},
+        {0xDA, Needs::Card, &DesfireCard::delete_application},
+        // Keys and authentication.
+        {0xAA, Needs::Card, &DesfireCard::authenticate},
+        {0x1A, Needs::Card, &DesfireCard::authenticate},
+        {0x45, Needs::Card, &DesfireCard::key_settings},
+        {0x54, Needs::Card, &DesfireCard::change_key_settings},
+        {0xC4, Needs::Card, &DesfireCard::change_key},
+        // Files and the transaction.
+        {0xCD, Needs::App, &DesfireCard::create_data_file},
+        {0xCB, Needs::App, &DesfireCard::create_data_file},
+        {0xCC, Needs::App, &DesfireCard::create_value_file},
+        {0xC1, Needs::App, &DesfireCard::create_record_file},
+        {0xC0, Needs::App, &DesfireCard::create_record_file},
+        {0xCE, Needs::App, &DesfireCard::create_tmac_file},
+        {0xDF, Needs::App, &DesfireCard::delete_file},
+        {0xC7, Needs::App, &DesfireCard::commit_command},
+        {0xA7, Needs::App, &DesfireCard::abort_command},
+        {0xC8, Needs::App, &DesfireCard::commit_reader_id},
+        // File settings, data, values and records.
+        {0xF5, Needs::File, &DesfireCard::file_settings},
+        {0x5F, Needs::File, &DesfireCard::change_file_settings},
+        {0xBD, Needs::File, &DesfireCard::read_data},
+        {0x3D, Needs::File, &DesfireCard::write_data},
+        {0x6C, Needs::File, &DesfireCard::get_value},
+        {0x0C, Needs::File, &DesfireCard::credit_debit},
+        {0xDC, Needs::File, &DesfireCard::credit_debit},
+        {0x3B, Needs::File, &DesfireCard::write_record},
+        {0xBB, Needs::File, &DesfireCard::read_records},
+        {0xEB, Needs::File, &DesfireCard::clear_records},
+    };
+    for (const Command &cmd : table)
+        if (cmd.code == code)
+            return &cmd;
+    return nullptr;
+}
+
 std::vector<uint8_t> DesfireCard::run(const uint8_t *c, size_t n)
 {
     DfApp *app = selected_app();
     if (!app)
         return st(DF_APP_NOT_FOUND);
-    const bool at_picc = selected_ == 0;
-    switch (c[0]) {
-    case 0x5A: { // select application
-        if (n != 4)
-            return st(DF_LENGTH);
-        const uint32_t aid = g24(c + 1);
-        abort_transaction();
-        auth_key_ = -1;
-        if (aid != 0 && std::none_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
-            return st(DF_APP_NOT_FOUND);
-        selected_ = aid;
-        return st(DF_OK);
-    }
-    case 0xAA: // authenticate, AES
-    case 0x1A: { // authenticate, ISO (2K3DES and 3K3DES)
-        if (n != 2)
-            return st(DF_LENGTH);
-        abort_transaction();
-        auth_key_ = -1;
-        if (c[1] >= app->keys.size())
-            return st(DF_NO_SUCH_KEY);
-        if ((c[0] == 0xAA) != (app->kind == DfKeyKind::AES))
-            return st(DF_AUTHENTICATION);
-        auth_keyno_ = c[1];
-        rndb_.assign(app->kind == DfKeyKind::TDES ? 8 : 16, 0);
-        df_random(rndb_.data(), rndb_.size());
-        std::vector<uint8_t> e = rndb_;
-        auth_iv_.assign(df_block(app->kind), 0);
-        df_cbc(app->kind, app->keys[auth_keyno_].bytes.data(), auth_iv_.data(), e.data(), e.size(), true);
-        auth_step_ = 1;
-        std::vector<uint8_t> out = st(DF_ADDITIONAL_FRAME);
-        out.insert(out.end(), e.begin(), e.end());
-        return out;
-    }
-    case 0x6A: { // application ids
-        if (!at_picc)
-            return st(DF_PERMISSION_DENIED);
-        if (!(picc_.settings & 0x02) && auth_key_ != 0)
-            return st(DF_AUTHENTICATION);
-        std::vector<uint8_t> out = st(DF_OK);
-        for (const auto &a : apps_)
-            p24(out, a.aid);
-        return out;
-    }
-    case 0x6E: { // free memory
-        std::vector<uint8_t> out = st(DF_OK);
-        p24(out, free_memory());
-        return out;
-    }
-    case 0xFC: // format
-        if (!at_picc || auth_key_ != 0)
-            return st(DF_AUTHENTICATION);
-        if (format_disabled_)
-            return st(DF_PERMISSION_DENIED);
-        apps_.clear();
-        return st(DF_OK);
-    case 0x5C: { // set configuration
-        if (n < 3)
-            return st(DF_LENGTH);
-        if (c[1] == 0x00) {
-            if (!at_picc || auth_key_ != 0)
-                return st(DF_AUTHENTICATION);
-            format_disabled_ = c[2] & 1;
-            random_uid_ = c[2] & 2;
-            return st(DF_OK);
-        }
-        if (c[1] == 0x05) // transaction timer: kept by the card, not modelled further
-            return auth_key_ == 0 ? st(DF_OK) : st(DF_AUTHENTICATION);
-        return st(DF_PARAMETER);
-    }
-    case 0x51: { // card UID
-        if (auth_key_ < 0)
-            return st(DF_AUTHENTICATION);
-        std::vector<uint8_t> out = st(DF_OK);
-        out.insert(out.end(), id().uid, id().uid + 7);
-        return out;
-    }
-    case 0x45: { // key settings
-        std::vector<uint8_t> out = st(DF_OK);
-        out.push_back(app->settings);
-        out.push_back(static_cast<uint8_t>(app->keys.size() | kind_bits(app->kind)));
-        return out;
-    }
-    case 0x54: // change key settings
-        if (n != 2)
-            return st(DF_LENGTH);
-        if (auth_key_ != 0)
-            return st(DF_AUTHENTICATION);
-        if (!(app->settings & 0x08))
-            return st(DF_PERMISSION_DENIED);
-        app->settings = c[1];
-        return st(DF_OK);
-    case 0xC4: { // change key: key number (with the new type's bits on the card level), new key, old key
-        if (n != 50)
-            return st(DF_LENGTH);
-        const uint8_t keyno = c[1] & 0x3F;
-        if (keyno >= app->keys.size())
-            return st(DF_NO_SUCH_KEY);
-        if (auth_key_ < 0)
-            return st(DF_AUTHENTICATION);
-        const uint8_t cka = app->settings >> 4;
-        bool allowed;
-        if (keyno == 0 || at_picc)
-            allowed = auth_key_ == 0 && (app->settings & 0x01);
-        else if (cka == 0x0E)
-            allowed = auth_key_ == keyno;
-        else if (cka == 0x0F)
-            allowed = false;
-        else
-            allowed = auth_key_ == cka;
-        if (!allowed)
-            return st(DF_PERMISSION_DENIED);
-        const DfKeyKind new_kind = at_picc ? kind_of_bits(c[1]) : app->kind;
-        if (!at_picc && kind_of_bits(c[1]) != app->kind)
-            return st(DF_PARAMETER);
-        DfKey &k = app->keys[keyno];
-        if (std::memcmp(k.bytes.data(), c + 26, key_size(app->kind)) != 0)
-            return st(DF_INTEGRITY);
-        k.bytes.fill(0);
-        std::memcpy(k.bytes.data(), c + 2, key_size(new_kind));
-        ++k.version;
-        app->kind = new_kind;
-        if (keyno == auth_key_)
-            auth_key_ = -1;
-        return st(DF_OK);
-    }
-    case 0xCA: { // create application: aid, settings, key count and kind [ISO id] [DF name]
-        if (n < 6)
-            return st(DF_LENGTH);
-        if (!at_picc)
-            return st(DF_PERMISSION_DENIED);
-        if (!(picc_.settings & 0x04) && auth_key_ != 0)
-            return st(DF_AUTHENTICATION);
-        const uint32_t aid = g24(c + 1);
-        const uint8_t count = c[5] & 0x0F;
-        if (aid == 0 || count == 0 || count > 14)
-            return st(DF_PARAMETER);
-        if (std::any_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
-            return st(DF_DUPLICATE);
-        if (apps_.size() >= MAX_APPS)
-            return st(DF_COUNT);
-        if (free_memory() < APP_COST)
-            return st(DF_OUT_OF_EEPROM);
-        DfApp a;
-        a.aid = aid;
-        a.settings = c[4];
-        a.kind = kind_of_bits(c[5]);
-        a.keys.resize(count);
-        size_t at = 6;
-        if (c[5] & 0x20) {
-            if (n < 8)
-                return st(DF_LENGTH);
-            a.iso_id = static_cast<uint16_t>(c[6] | c[7] << 8);
-            at = 8;
-        }
-        if (n - at > 16)
-            return st(DF_LENGTH);
-        a.df_name.assign(c + at, c + n);
-        apps_.push_back(std::move(a));
-        return st(DF_OK);
-    }
-    case 0xDA: { // delete application
-        if (n != 4)
-            return st(DF_LENGTH);
-        const uint32_t aid = g24(c + 1);
-        const bool own = !at_picc && selected_ == aid && auth_key_ == 0;
-        if (!own && !(at_picc && auth_key_ == 0))
-            return st(DF_AUTHENTICATION);
-        auto it = std::find_if(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; });
-        if (it == apps_.end())
-            return st(DF_APP_NOT_FOUND);
-        apps_.erase(it);
-        if (own) {
-            selected_ = 0;
-            auth_key_ = -1;
-        }
-        return st(DF_OK);
-    }
-    default: break;
-    }
-
-    // File commands need an application.
-    if (at_picc)
+    const Command *cmd = find_command(c[0]);
+    Call call{c, n, app, selected_ == 0, nullptr};
+    if (cmd && cmd->needs == Needs::Card)
+        return (this->*cmd->handler)(call);
+    // At the card level the transaction has nothing to commit or abort; everything else needs an application.
+    if (call.at_picc)
         return c[0] == 0xC7 || c[0] == 0xA7 ? st(DF_OK) : st(DF_PERMISSION_DENIED);
-    const bool may_manage = (app->settings & 0x04) || auth_key_ == 0;
-    auto add_file = [&](uint8_t fid, DfFile f) -> std::vector<uint8_t> {
-        if (fid > 31)
-            return st(DF_PARAMETER);
-        if (!may_manage)
-            return st(DF_PERMISSION_DENIED);
-        if (app->files.count(fid))
-            return st(DF_DUPLICATE);
-        if (app->files.size() >= MAX_FILES)
-            return st(DF_COUNT);
-        if (f.cost() > free_memory())
-            return st(DF_OUT_OF_EEPROM);
-        app->files[fid] = std::move(f);
-        return st(DF_OK);
-    };
-    switch (c[0]) {
-    case 0xCD:
-    case 0xCB: { // standard, backup: fid comm access(2) size(3) [ISO id(2)]
-        if (n != 8 && n != 10)
-            return st(DF_LENGTH);
-        DfFile f;
-        f.type = c[0] == 0xCD ? 0 : 1;
-        f.comm = c[2];
-        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
-        f.data.assign(g24(c + 5), 0);
-        if (n == 10)
-            f.iso_id = static_cast<uint16_t>(c[8] | c[9] << 8);
-        return add_file(c[1], std::move(f));
-    }
-    case 0xCC: { // value: fid comm access lower upper value limited-credit flag
-        if (n != 18)
-            return st(DF_LENGTH);
-        DfFile f;
-        f.type = 2;
-        f.comm = c[2];
-        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
-        f.lower = static_cast<int32_t>(g32(c + 5));
-        f.upper = static_cast<int32_t>(g32(c + 9));
-        f.value = static_cast<int32_t>(g32(c + 13));
-        f.lc_enabled = c[17] & 1;
-        if (f.lower > f.upper || f.value < f.lower || f.value > f.upper)
-            return st(DF_BOUNDARY);
-        return add_file(c[1], std::move(f));
-    }
-    case 0xC1:
-    case 0xC0: { // linear, cyclic record: fid comm access record size(3) records(3)
-        if (n != 11)
-            return st(DF_LENGTH);
-        DfFile f;
-        f.type = c[0] == 0xC1 ? 3 : 4;
-        f.comm = c[2];
-        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
-        f.rec_size = g24(c + 5);
-        f.max_rec = g24(c + 8);
-        if (f.rec_size == 0 || f.max_rec < (f.type == 4 ? 2u : 1u))
-            return st(DF_PARAMETER);
-        return add_file(c[1], std::move(f));
-    }
-    case 0xCE: { // transaction MAC: fid comm access key type key(16) version
-        if (n != 23)
-            return st(DF_LENGTH);
-        for (const auto &kv : app->files)
-            if (kv.second.type == 5)
-                return st(DF_DUPLICATE);
-        DfFile f;
-        f.type = 5;
-        f.comm = c[2];
-        f.access = static_cast<uint16_t>(c[3] | c[4] << 8);
-        std::memcpy(f.tmac_key.data(), c + 6, 16);
-        f.tmac_version = c[22];
-        return add_file(c[1], std::move(f));
-    }
-    case 0xDF: // delete file
-        if (n != 2)
-            return st(DF_LENGTH);
-        if (!may_manage)
-            return st(DF_PERMISSION_DENIED);
-        if (!app->files.erase(c[1]))
-            return st(DF_FILE_NOT_FOUND);
-        return st(DF_OK);
-    case 0xC7: // commit
-        return commit(n > 1 ? c[1] : 0);
-    case 0xA7: // abort
-        abort_transaction();
-        return st(DF_OK);
-    case 0xC8: { // commit reader id: the previous id comes back enciphered under the MAC key
-        if (n != 17)
-            return st(DF_LENGTH);
-        std::vector<uint8_t> out = st(DF_OK);
-        uint8_t prev[16];
-        std::memcpy(prev, reader_id_.data(), 16);
-        for (const auto &kv : app->files)
-            if (kv.second.type == 5) {
-                uint8_t iv[16] = {};
-                df_cbc(DfKeyKind::AES, kv.second.tmac_key.data(), iv, prev, 16, true);
-            }
-        std::memcpy(reader_id_.data(), c + 1, 16);
-        out.insert(out.end(), prev, prev + 16);
-        return out;
-    }
-    default: break;
-    }
-
+    if (cmd && cmd->needs == Needs::App)
+        return (this->*cmd->handler)(call);
     if (n < 2)
         return st(c[0] == 0xF5 || c[0] == 0x5F ? DF_LENGTH : DF_ILLEGAL_COMMAND);
-    DfFile *f = file(c[1]);
-    const uint8_t known[] = {0xF5, 0x5F, 0xBD, 0x3D, 0x6C, 0x0C, 0xDC, 0x3B, 0xBB, 0xEB};
-    if (std::find(std::begin(known), std::end(known), c[0]) == std::end(known))
+    if (!cmd)
         return st(DF_ILLEGAL_COMMAND);
-    if (!f)
+    call.f = file(c[1]);
+    if (!call.f)
         return st(DF_FILE_NOT_FOUND);
-    const uint8_t r = f->access >> 12, w = f->access >> 8 & 15, rw = f->access >> 4 & 15, ch = f->access & 15;
-    switch (c[0]) {
-    case 0xF5: { // file settings
-        if (!(app->settings & 0x02) && auth_key_ != 0)
-            return st(DF_PERMISSION_DENIED);
-        std::vector<uint8_t> out = st(DF_OK);
-        out.push_back(f->type);
-        // SDM shows once it has its settings.
-        out.push_back(f->sdm.empty() ? static_cast<uint8_t>(f->comm & ~0x40) : f->comm);
-        out.push_back(static_cast<uint8_t>(f->access));
-        out.push_back(static_cast<uint8_t>(f->access >> 8));
-        switch (f->type) {
-        case 0:
-        case 1:
-            p24(out, static_cast<uint32_t>(f->data.size()));
-            out.insert(out.end(), f->sdm.begin(), f->sdm.end());
-            break;
-        case 2:
-            p32(out, static_cast<uint32_t>(f->lower));
-            p32(out, static_cast<uint32_t>(f->upper));
-            p32(out, static_cast<uint32_t>(f->lc_value));
-            out.push_back(f->lc_enabled ? 1 : 0);
-            break;
-        case 3:
-        case 4:
-            p24(out, f->rec_size);
-            p24(out, f->max_rec);
-            p24(out, static_cast<uint32_t>(f->records.size()));
-            break;
-        case 5:
-            out.push_back(0x02); // AES
-            out.push_back(f->tmac_version);
-            break;
-        }
-        return out;
-    }
-    case 0x5F: { // change file settings: fid option access(2) [SDM options, SDM access rights(2), offsets]
-        const bool sdm = n > 2 && (c[2] & 0x40) != 0;
-        if (sdm ? n < 8 || n - 5 != sdm_length(c + 5) : n != 5)
-            return st(DF_LENGTH);
-        if (sdm && f->type != 0)
-            return st(DF_PARAMETER);
-        if (!may(ch))
-            return st(DF_PERMISSION_DENIED);
-        f->comm = c[2];
-        f->access = static_cast<uint16_t>(c[3] | c[4] << 8);
-        f->sdm.assign(c + 5, c + n);
+    return (this->*cmd->handler)(call);
+}
+
+// ---- Card and applications ----
+
+std::vector<uint8_t> DesfireCard::select_application(const Call &k)
+{
+    if (k.n != 4)
+        return st(DF_LENGTH);
+    const uint32_t aid = g24(k.c + 1);
+    abort_transaction();
+    auth_key_ = -1;
+    if (aid != 0 && std::none_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
+        return st(DF_APP_NOT_FOUND);
+    selected_ = aid;
+    return st(DF_OK);
+}
+
+std::vector<uint8_t> DesfireCard::application_ids(const Call &k)
+{
+    if (!k.at_picc)
+        return st(DF_PERMISSION_DENIED);
+    if (!(picc_.settings & 0x02) && auth_key_ != 0)
+        return st(DF_AUTHENTICATION);
+    std::vector<uint8_t> out = st(DF_OK);
+    for (const auto &a : apps_)
+        p24(out, a.aid);
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::free_memory_command(const Call &)
+{
+    std::vector<uint8_t> out = st(DF_OK);
+    p24(out, free_memory());
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::format(const Call &k)
+{
+    if (!k.at_picc || auth_key_ != 0)
+        return st(DF_AUTHENTICATION);
+    if (format_disabled_)
+        return st(DF_PERMISSION_DENIED);
+    apps_.clear();
+    return st(DF_OK);
+}
+
+std::vector<uint8_t> DesfireCard::set_configuration(const Call &k)
+{
+    if (k.n < 3)
+        return st(DF_LENGTH);
+    if (k.c[1] == 0x00) {
+        if (!k.at_picc || auth_key_ != 0)
+            return st(DF_AUTHENTICATION);
+        format_disabled_ = k.c[2] & 1;
+        random_uid_ = k.c[2] & 2;
         return st(DF_OK);
     }
-    case 0xBD: { // read data: fid offset(3) length(3)
-        if (n != 8)
+    if (k.c[1] == 0x05) // transaction timer: kept by the card, not modelled further
+        return auth_key_ == 0 ? st(DF_OK) : st(DF_AUTHENTICATION);
+    return st(DF_PARAMETER);
+}
+
+std::vector<uint8_t> DesfireCard::card_uid(const Call &)
+{
+    if (auth_key_ < 0)
+        return st(DF_AUTHENTICATION);
+    std::vector<uint8_t> out = st(DF_OK);
+    out.insert(out.end(), id().uid, id().uid + 7);
+    return out;
+}
+
+// Create application: aid, settings, key count and kind [ISO id] [DF name].
+std::vector<uint8_t> DesfireCard::create_application(const Call &k)
+{
+    const uint8_t *c = k.c;
+    const size_t n = k.n;
+    if (n < 6)
+        return st(DF_LENGTH);
+    if (!k.at_picc)
+        return st(DF_PERMISSION_DENIED);
+    if (!(picc_.settings & 0x04) && auth_key_ != 0)
+        return st(DF_AUTHENTICATION);
+    const uint32_t aid = g24(c + 1);
+    const uint8_t count = c[5] & 0x0F;
+    if (aid == 0 || count == 0 || count > 14)
+        return st(DF_PARAMETER);
+    if (std::any_of(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; }))
+        return st(DF_DUPLICATE);
+    if (apps_.size() >= MAX_APPS)
+        return st(DF_COUNT);
+    if (free_memory() < APP_COST)
+        return st(DF_OUT_OF_EEPROM);
+    DfApp a;
+    a.aid = aid;
+    a.settings = c[4];
+    a.kind = kind_of_bits(c[5]);
+    a.keys.resize(count);
+    size_t at = 6;
+    if (c[5] & 0x20) {
+        if (n < 8)
             return st(DF_LENGTH);
-        if (f->type > 1)
-            return st(DF_PARAMETER);
-        if (!may(r) && !may(rw))
-            return st(DF_PERMISSION_DENIED);
-        const uint32_t off = g24(c + 2);
-        uint32_t len = g24(c + 5);
-        if (off > f->data.size() || (len && len > f->data.size() - off))
-            return st(DF_BOUNDARY);
-        if (len == 0)
-            len = static_cast<uint32_t>(f->data.size() - off);
-        std::vector<uint8_t> out = st(DF_OK);
-        out.insert(out.end(), f->data.begin() + off, f->data.begin() + off + len);
-        return out;
+        a.iso_id = static_cast<uint16_t>(c[6] | c[7] << 8);
+        at = 8;
     }
-    case 0x3D: { // write data: fid offset(3) length(3) data
-        if (n < 8 || n - 8 != g24(c + 5))
-            return st(DF_LENGTH);
-        if (f->type > 1)
-            return st(DF_PARAMETER);
-        if (!may(w) && !may(rw))
-            return st(DF_PERMISSION_DENIED);
-        const uint32_t off = g24(c + 2), len = g24(c + 5);
-        if (off > f->data.size() || len > f->data.size() - off)
-            return st(DF_BOUNDARY);
-        if (f->type == 0) {
-            std::memcpy(f->data.data() + off, c + 8, len);
-        } else {
-            if (!f->dirty)
-                f->p_data = f->data;
-            f->dirty = true;
-            std::memcpy(f->p_data.data() + off, c + 8, len);
+    if (n - at > 16)
+        return st(DF_LENGTH);
+    a.df_name.assign(c + at, c + n);
+    apps_.push_back(std::move(a));
+    return st(DF_OK);
+}
+
+std::vector<uint8_t> DesfireCard::delete_application(const Call &k)
+{
+    if (k.n != 4)
+        return st(DF_LENGTH);
+    const uint32_t aid = g24(k.c + 1);
+    const bool own = !k.at_picc && selected_ == aid && auth_key_ == 0;
+    if (!own && !(k.at_picc && auth_key_ == 0))
+        return st(DF_AUTHENTICATION);
+    auto it = std::find_if(apps_.begin(), apps_.end(), [&](const DfApp &a) { return a.aid == aid; });
+    if (it == apps_.end())
+        return st(DF_APP_NOT_FOUND);
+    apps_.erase(it);
+    if (own) {
+        selected_ = 0;
+        auth_key_ = -1;
+    }
+    return st(DF_OK);
+}
+
+// ---- Keys and authentication ----
+
+// Authenticate, AES (0xAA) or ISO (0x1A, 2K3DES and 3K3DES): the card's challenge; the reader's answer
+// comes as an additional frame (native()).
+std::vector<uint8_t> DesfireCard::authenticate(const Call &k)
+{
+    DfApp *app = k.app;
+    if (k.n != 2)
+        return st(DF_LENGTH);
+    abort_transaction();
+    auth_key_ = -1;
+    if (k.c[1] >= app->keys.size())
+        return st(DF_NO_SUCH_KEY);
+    if ((k.c[0] == 0xAA) != (app->kind == DfKeyKind::AES))
+        return st(DF_AUTHENTICATION);
+    auth_keyno_ = k.c[1];
+    rndb_.assign(app->kind == DfKeyKind::TDES ? 8 : 16, 0);
+    df_random(rndb_.data(), rndb_.size());
+    std::vector<uint8_t> e = rndb_;
+    auth_iv_.assign(df_block(app->kind), 0);
+    df_cbc(app->kind, app->keys[auth_keyno_].bytes.data(), auth_iv_.data(), e.data(), e.size(), true);
+    auth_step_ = 1;
+    std::vector<uint8_t> out = st(DF_ADDITIONAL_FRAME);
+    out.insert(out.end(), e.begin(), e.end());
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::key_settings(const Call &k)
+{
+    std::vector<uint8_t> out = st(DF_OK);
+    out.push_back(k.app->settings);
+    out.push_back(static_cast<uint8_t>(k.app->keys.size() | kind_bits(k.app->kind)));
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::change_key_settings(const Call &k)
+{
+    if (k.n != 2)
+        return st(DF_LENGTH);
+    if (auth_key_ != 0)
+        return st(DF_AUTHENTICATION);
+    if (!(k.app->settings & 0x08))
+        return st(DF_PERMISSION_DENIED);
+    k.app->settings = k.c[1];
+    return st(DF_OK);
+}
+
+// Whether the key authenticated may change key keyno of the application, by its change-key setting.
+bool DesfireCard::may_change_key(const DfApp &app, bool at_picc, uint8_t keyno) const
+{
+    const uint8_t cka = app.settings >> 4;
+    if (keyno == 0 || at_picc)
+        return auth_key_ == 0 && (app.settings & 0x01);
+    if (cka == 0x0E)
+        return auth_key_ == keyno;
+    if (cka == 0x0F)
+        return false;
+    return auth_key_ == cka;
+}
+
+// Change key: key number (with the new type's bits on the card level), new key, old key.
+std::vector<uint8_t> DesfireCard::change_key(const Call &k)
+{
+    DfApp *app = k.app;
+    const uint8_t *c = k.c;
+    if (k.n != 50)
+        return st(DF_LENGTH);
+    const uint8_t keyno = c[1] & 0x3F;
+    if (keyno >= app->keys.size())
+        return st(DF_NO_SUCH_KEY);
+    if (auth_key_ < 0)
+        return st(DF_AUTHENTICATION);
+    if (!may_change_key(*app, k.at_picc, keyno))
+        return st(DF_PERMISSION_DENIED);
+    const DfKeyKind new_kind = k.at_picc ? kind_of_bits(c[1]) : app->kind;
+    if (!k.at_picc && kind_of_bits(c[1]) != app->kind)
+        return st(DF_PARAMETER);
+    DfKey &key = app->keys[keyno];
+    if (std::memcmp(key.bytes.data(), c + 26, key_size(app->kind)) != 0)
+        return st(DF_INTEGRITY);
+    key.bytes.fill(0);
+    std::memcpy(key.bytes.data(), c + 2, key_size(new_kind));
+    ++key.version;
+    app->kind = new_kind;
+    if (keyno == auth_key_)
+        auth_key_ = -1;
+    return st(DF_OK);
+}
+
+// ---- Files and the transaction ----
+
+bool DesfireCard::may_manage(const DfApp &app) const { return (app.settings & 0x04) || auth_key_ == 0; }
+
+std::vector<uint8_t> DesfireCard::add_file(DfApp &app, uint8_t fid, DfFile f)
+{
+    if (fid > 31)
+        return st(DF_PARAMETER);
+    if (!may_manage(app))
+        return st(DF_PERMISSION_DENIED);
+    if (app.files.count(fid))
+        return st(DF_DUPLICATE);
+    if (app.files.size() >= MAX_FILES)
+        return st(DF_COUNT);
+    if (f.cost() > free_memory())
+        return st(DF_OUT_OF_EEPROM);
+    app.files[fid] = std::move(f);
+    return st(DF_OK);
+}
+
+// Standard (0xCD) or backup (0xCB): fid comm access(2) size(3) [ISO id(2)].
+std::vector<uint8_t> DesfireCard::create_data_file(const Call &k)
+{
+    const uint8_t *c = k.c;
+    if (k.n != 8 && k.n != 10)
+        return st(DF_LENGTH);
+    DfFile f = new_file(c, c[0] == 0xCD ? 0 : 1);
+    f.data.assign(g24(c + 5), 0);
+    if (k.n == 10)
+        f.iso_id = static_cast<uint16_t>(c[8] | c[9] << 8);
+    return add_file(*k.app, c[1], std::move(f));
+}
+
+// Value: fid comm access lower upper value limited-credit flag.
+std::vector<uint8_t> DesfireCard::create_value_file(const Call &k)
+{
+    const uint8_t *c = k.c;
+    if (k.n != 18)
+        return st(DF_LENGTH);
+    DfFile f = new_file(c, 2);
+    f.lower = static_cast<int32_t>(g32(c + 5));
+    f.upper = static_cast<int32_t>(g32(c + 9));
+    f.value = static_cast<int32_t>(g32(c + 13));
+    f.lc_enabled = c[17] & 1;
+    if (f.lower > f.upper || f.value < f.lower || f.value > f.upper)
+        return st(DF_BOUNDARY);
+    return add_file(*k.app, c[1], std::move(f));
+}
+
+// Linear (0xC1) or cyclic (0xC0) record file: fid comm access record size(3) records(3).
+std::vector<uint8_t> DesfireCard::create_record_file(const Call &k)
+{
+    const uint8_t *c = k.c;
+    if (k.n != 11)
+        return st(DF_LENGTH);
+    DfFile f = new_file(c, c[0] == 0xC1 ? 3 : 4);
+    f.rec_size = g24(c + 5);
+    f.max_rec = g24(c + 8);
+    if (f.rec_size == 0 || f.max_rec < (f.type == 4 ? 2u : 1u))
+        return st(DF_PARAMETER);
+    return add_file(*k.app, c[1], std::move(f));
+}
+
+// Transaction MAC: fid comm access key type key(16) version.
+std::vector<uint8_t> DesfireCard::create_tmac_file(const Call &k)
+{
+    const uint8_t *c = k.c;
+    if (k.n != 23)
+        return st(DF_LENGTH);
+    for (const auto &kv : k.app->files)
+        if (kv.second.type == 5)
+            return st(DF_DUPLICATE);
+    DfFile f = new_file(c, 5);
+    std::memcpy(f.tmac_key.data(), c + 6, 16);
+    f.tmac_version = c[22];
+    return add_file(*k.app, c[1], std::move(f));
+}
+
+std::vector<uint8_t> DesfireCard::delete_file(const Call &k)
+{
+    if (k.n != 2)
+        return st(DF_LENGTH);
+    if (!may_manage(*k.app))
+        return st(DF_PERMISSION_DENIED);
+    if (!k.app->files.erase(k.c[1]))
+        return st(DF_FILE_NOT_FOUND);
+    return st(DF_OK);
+}
+
+std::vector<uint8_t> DesfireCard::commit_command(const Call &k) { return commit(k.n > 1 ? k.c[1] : 0); }
+
+std::vector<uint8_t> DesfireCard::abort_command(const Call &)
+{
+    abort_transaction();
+    return st(DF_OK);
+}
+
+// Commit reader id: the previous id comes back enciphered under the MAC key.
+std::vector<uint8_t> DesfireCard::commit_reader_id(const Call &k)
+{
+    if (k.n != 17)
+        return st(DF_LENGTH);
+    std::vector<uint8_t> out = st(DF_OK);
+    uint8_t prev[16];
+    std::memcpy(prev, reader_id_.data(), 16);
+    for (const auto &kv : k.app->files)
+        if (kv.second.type == 5) {
+            uint8_t iv[16] = {};
+            df_cbc(DfKeyKind::AES, kv.second.tmac_key.data(), iv, prev, 16, true);
         }
-        return st(DF_OK);
+    std::memcpy(reader_id_.data(), k.c + 1, 16);
+    out.insert(out.end(), prev, prev + 16);
+    return out;
+}
+
+// ---- File settings, data, values and records ----
+
+std::vector<uint8_t> DesfireCard::file_settings(const Call &k)
+{
+    const DfFile *f = k.f;
+    if (!(k.app->settings & 0x02) && auth_key_ != 0)
+        return st(DF_PERMISSION_DENIED);
+    std::vector<uint8_t> out = st(DF_OK);
+    out.push_back(f->type);
+    // SDM shows once it has its settings.
+    out.push_back(f->sdm.empty() ? static_cast<uint8_t>(f->comm & ~0x40) : f->comm);
+    out.push_back(static_cast<uint8_t>(f->access));
+    out.push_back(static_cast<uint8_t>(f->access >> 8));
+    switch (f->type) {
+    case 0:
+    case 1:
+        p24(out, static_cast<uint32_t>(f->data.size()));
+        out.insert(out.end(), f->sdm.begin(), f->sdm.end());
+        break;
+    case 2:
+        p32(out, static_cast<uint32_t>(f->lower));
+        p32(out, static_cast<uint32_t>(f->upper));
+        p32(out, static_cast<uint32_t>(f->lc_value));
+        out.push_back(f->lc_enabled ? 1 : 0);
+        break;
+    case 3:
+    case 4:
+        p24(out, f->rec_size);
+        p24(out, f->max_rec);
+        p24(out, static_cast<uint32_t>(f->records.size()));
+        break;
+    case 5:
+        out.push_back(0x02); // AES
+        out.push_back(f->tmac_version);
+        break;
     }
-    case 0x6C: { // value
-        if (f->type != 2)
-            return st(DF_PARAMETER);
-        if (!may(r) && !may(w) && !may(rw))
-            return st(DF_PERMISSION_DENIED);
-        std::vector<uint8_t> out = st(DF_OK);
-        p32(out, static_cast<uint32_t>(f->value));
-        return out;
-    }
-    case 0x0C:   // credit
-    case 0xDC: { // debit
-        if (n != 6)
-            return st(DF_LENGTH);
-        if (f->type != 2)
-            return st(DF_PARAMETER);
-        const bool credit = c[0] == 0x0C;
-        if (credit ? !may(rw) : (!may(r) && !may(w) && !may(rw)))
-            return st(DF_PERMISSION_DENIED);
-        const int64_t amount = static_cast<int32_t>(g32(c + 2));
-        if (amount < 0)
-            return st(DF_PARAMETER);
-        const int64_t now = f->dirty ? f->p_value : f->value;
-        const int64_t next = credit ? now + amount : now - amount;
-        if (next > f->upper || next < f->lower)
-            return st(DF_BOUNDARY);
-        f->p_value = static_cast<int32_t>(next);
+    return out;
+}
+
+// Change file settings: fid option access(2) [SDM options, SDM access rights(2), offsets].
+std::vector<uint8_t> DesfireCard::change_file_settings(const Call &k)
+{
+    const uint8_t *c = k.c;
+    const size_t n = k.n;
+    DfFile *f = k.f;
+    const bool sdm = n > 2 && (c[2] & 0x40) != 0;
+    if (sdm ? n < 8 || n - 5 != sdm_length(c + 5) : n != 5)
+        return st(DF_LENGTH);
+    if (sdm && f->type != 0)
+        return st(DF_PARAMETER);
+    if (!may(right_ch(*f)))
+        return st(DF_PERMISSION_DENIED);
+    f->comm = c[2];
+    f->access = static_cast<uint16_t>(c[3] | c[4] << 8);
+    f->sdm.assign(c + 5, c + n);
+    return st(DF_OK);
+}
+
+// Read data: fid offset(3) length(3).
+std::vector<uint8_t> DesfireCard::read_data(const Call &k)
+{
+    const DfFile *f = k.f;
+    if (k.n != 8)
+        return st(DF_LENGTH);
+    if (f->type > 1)
+        return st(DF_PARAMETER);
+    if (!may(right_r(*f)) && !may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    const uint32_t off = g24(k.c + 2);
+    uint32_t len = g24(k.c + 5);
+    if (off > f->data.size() || (len && len > f->data.size() - off))
+        return st(DF_BOUNDARY);
+    if (len == 0)
+        len = static_cast<uint32_t>(f->data.size() - off);
+    std::vector<uint8_t> out = st(DF_OK);
+    out.insert(out.end(), f->data.begin() + off, f->data.begin() + off + len);
+    return out;
+}
+
+// Write data: fid offset(3) length(3) data; a backup file's writes wait for the commit.
+std::vector<uint8_t> DesfireCard::write_data(const Call &k)
+{
+    const uint8_t *c = k.c;
+    DfFile *f = k.f;
+    if (k.n < 8 || k.n - 8 != g24(c + 5))
+        return st(DF_LENGTH);
+    if (f->type > 1)
+        return st(DF_PARAMETER);
+    if (!may(right_w(*f)) && !may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    const uint32_t off = g24(c + 2), len = g24(c + 5);
+    if (off > f->data.size() || len > f->data.size() - off)
+        return st(DF_BOUNDARY);
+    if (f->type == 0) {
+        std::memcpy(f->data.data() + off, c + 8, len);
+    } else {
+        if (!f->dirty)
+            f->p_data = f->data;
         f->dirty = true;
-        return st(DF_OK);
+        std::memcpy(f->p_data.data() + off, c + 8, len);
     }
-    case 0x3B: { // write record: fid offset(3) length(3) data
-        if (n < 8 || n - 8 != g24(c + 5))
-            return st(DF_LENGTH);
-        if (f->type != 3 && f->type != 4)
-            return st(DF_PARAMETER);
-        if (!may(w) && !may(rw))
-            return st(DF_PERMISSION_DENIED);
-        const uint32_t off = g24(c + 2), len = g24(c + 5);
-        if (off > f->rec_size || len > f->rec_size - off || len == 0)
-            return st(DF_BOUNDARY);
-        if (!f->dirty) {
-            f->p_records = f->records;
-            f->dirty = true;
-        }
-        if (!f->p_new_record) {
-            if (f->type == 3 && f->p_records.size() >= f->max_rec)
-                return st(DF_BOUNDARY);
-            f->p_records.emplace_back(f->rec_size, 0);
-            f->p_new_record = true;
-        }
-        std::memcpy(f->p_records.back().data() + off, c + 8, len);
-        return st(DF_OK);
-    }
-    case 0xBB: { // read records: fid offset(3) count(3), the newest at offset 0
-        if (n != 8)
-            return st(DF_LENGTH);
-        if (f->type != 3 && f->type != 4)
-            return st(DF_PARAMETER);
-        if (!may(r) && !may(rw))
-            return st(DF_PERMISSION_DENIED);
-        const size_t have = f->records.size();
-        const uint32_t off = g24(c + 2);
-        uint32_t count = g24(c + 5);
-        if (off >= have)
-            return st(DF_BOUNDARY);
-        if (count == 0)
-            count = static_cast<uint32_t>(have - off);
-        if (count > have - off)
-            return st(DF_BOUNDARY);
-        std::vector<uint8_t> out = st(DF_OK);
-        for (size_t i = have - off - count; i < have - off; ++i)
-            out.insert(out.end(), f->records[i].begin(), f->records[i].end());
-        return out;
-    }
-    case 0xEB: // clear record file
-        if (f->type != 3 && f->type != 4)
-            return st(DF_PARAMETER);
-        if (!may(rw))
-            return st(DF_PERMISSION_DENIED);
-        f->p_records.clear();
-        f->p_new_record = false;
+    return st(DF_OK);
+}
+
+std::vector<uint8_t> DesfireCard::get_value(const Call &k)
+{
+    const DfFile *f = k.f;
+    if (f->type != 2)
+        return st(DF_PARAMETER);
+    if (!may(right_r(*f)) && !may(right_w(*f)) && !may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    std::vector<uint8_t> out = st(DF_OK);
+    p32(out, static_cast<uint32_t>(f->value));
+    return out;
+}
+
+// Credit (0x0C) or debit (0xDC): fid amount(4), within the file's limits.
+std::vector<uint8_t> DesfireCard::credit_debit(const Call &k)
+{
+    DfFile *f = k.f;
+    if (k.n != 6)
+        return st(DF_LENGTH);
+    if (f->type != 2)
+        return st(DF_PARAMETER);
+    const bool credit = k.c[0] == 0x0C;
+    const uint8_t r = right_r(*f), w = right_w(*f), rw = right_rw(*f);
+    if (credit ? !may(rw) : (!may(r) && !may(w) && !may(rw)))
+        return st(DF_PERMISSION_DENIED);
+    const int64_t amount = static_cast<int32_t>(g32(k.c + 2));
+    if (amount < 0)
+        return st(DF_PARAMETER);
+    const int64_t now = f->dirty ? f->p_value : f->value;
+    const int64_t next = credit ? now + amount : now - amount;
+    if (next > f->upper || next < f->lower)
+        return st(DF_BOUNDARY);
+    f->p_value = static_cast<int32_t>(next);
+    f->dirty = true;
+    return st(DF_OK);
+}
+
+// Write record: fid offset(3) length(3) data, into the record the transaction adds.
+std::vector<uint8_t> DesfireCard::write_record(const Call &k)
+{
+    const uint8_t *c = k.c;
+    DfFile *f = k.f;
+    if (k.n < 8 || k.n - 8 != g24(c + 5))
+        return st(DF_LENGTH);
+    if (f->type != 3 && f->type != 4)
+        return st(DF_PARAMETER);
+    if (!may(right_w(*f)) && !may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    const uint32_t off = g24(c + 2), len = g24(c + 5);
+    if (off > f->rec_size || len > f->rec_size - off || len == 0)
+        return st(DF_BOUNDARY);
+    if (!f->dirty) {
+        f->p_records = f->records;
         f->dirty = true;
-        return st(DF_OK);
-    default: return st(DF_ILLEGAL_COMMAND);
     }
+    if (!f->p_new_record) {
+        if (f->type == 3 && f->p_records.size() >= f->max_rec)
+            return st(DF_BOUNDARY);
+        f->p_records.emplace_back(f->rec_size, 0);
+        f->p_new_record = true;
+    }
+    std::memcpy(f->p_records.back().data() + off, c + 8, len);
+    return st(DF_OK);
+}
+
+// Read records: fid offset(3) count(3), the newest at offset 0.
+std::vector<uint8_t> DesfireCard::read_records(const Call &k)
+{
+    const DfFile *f = k.f;
+    if (k.n != 8)
+        return st(DF_LENGTH);
+    if (f->type != 3 && f->type != 4)
+        return st(DF_PARAMETER);
+    if (!may(right_r(*f)) && !may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    const size_t have = f->records.size();
+    const uint32_t off = g24(k.c + 2);
+    uint32_t count = g24(k.c + 5);
+    if (off >= have)
+        return st(DF_BOUNDARY);
+    if (count == 0)
+        count = static_cast<uint32_t>(have - off);
+    if (count > have - off)
+        return st(DF_BOUNDARY);
+    std::vector<uint8_t> out = st(DF_OK);
+    for (size_t i = have - off - count; i < have - off; ++i)
+        out.insert(out.end(), f->records[i].begin(), f->records[i].end());
+    return out;
+}
+
+std::vector<uint8_t> DesfireCard::clear_records(const Call &k)
+{
+    DfFile *f = k.f;
+    if (f->type != 3 && f->type != 4)
+        return st(DF_PARAMETER);
+    if (!may(right_rw(*f)))
+        return st(DF_PERMISSION_DENIED);
+    f->p_records.clear();
+    f->p_new_record = false;
+    f->dirty = true;
+    return st(DF_OK);
 }
 
 namespace {
