@@ -5,8 +5,8 @@
 
 #include "core/frame.h"
 #include "core/internal.h"
-#include "reader/line.h"
-#include "transport/reset.h"
+#include "transport/line.h"
+#include "transport/reset_line.h"
 #include "zel_open.h"
 #include "zel_port.h"
 #include "zel_reader.h"
