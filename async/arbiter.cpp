@@ -133,8 +133,22 @@ bool is_session_port(const zel_handle_record *hnd)
     return g.hnd == hnd && hnd != nullptr;
 }
 
+void install_port_guard()
+{
+    static const PortGuardHooks kGuard = {port_enter, port_leave, is_session_port, expect_reply,
+                                          rescue_before_purge, filter_reply};
+    set_port_guard(&kGuard);
+}
+
+namespace {
+// Installed when the library loads too, so that a record whose port_lock_on is set by other means than a
+// session start is guarded as well.
+[[maybe_unused]] const bool g_guard_installed = (install_port_guard(), true);
+} // namespace
+
 void gate_open(zel_handle_record *hnd)
 {
+    install_port_guard();
     Gate &g = gate();
     std::lock_guard<std::mutex> lock(g.m);
     g.hnd = hnd;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "transport/port.h"
 #include "zel_async.h"
 #include "zel_handle.h"
 
@@ -51,11 +52,12 @@ bool ring_take(zel_handle_record *hnd, zel_async_uid_event *out);
 // The session-error callback as stored.
 zel_session_error_callback session_error_callback();
 
-// How the port layer arbitrates while a session runs (port_lock_on set). A manual operation is one port
-// call; a purge starts a command. On the session's record a call also waits while the event thread runs a
-// command of its own or the polling thread reads, so that no two of them meet on the line. port_enter
-// returns what port_leave needs to undo.
-enum class PortCall { plain, purge, write, read };
+// How the port layer arbitrates while a session runs (port_lock_on set), through the guard the session
+// installs there (install_port_guard). A manual operation is one port call; a purge starts a command. On the
+// session's record a call also waits while the event thread runs a command of its own or the polling thread
+// reads, so that no two of them meet on the line. port_enter returns what port_leave needs to undo.
+using PortCall = zel::PortCall;
+void install_port_guard();
 int port_enter(zel_handle_record *hnd, PortCall call);
 void port_leave(zel_handle_record *hnd, int token);
 // True when hnd is the record of the running session.
@@ -87,11 +89,5 @@ void command_end(zel_handle_record *hnd);
 uint32_t take_stored(uint8_t *out, uint32_t cap);
 
 } // namespace zel::async
-
-namespace zel {
-// The port layer's calls without arbitration or logging, for the session's own threads inside the gate.
-ZEL_STATUS port_available_raw(zel_handle_record *hnd, uint32_t *available);
-ZEL_STATUS port_read_raw(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got);
-} // namespace zel
 
 #endif

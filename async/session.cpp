@@ -13,6 +13,13 @@
 
 namespace {
 
+// The card type query of the global record, logged as the application's call of it is.
+ZEL_STATUS card_type_of_global(uint8_t *type)
+{
+    dp(0, "API begin: %s()", "GetOrbCardType");
+    return GetOrbCardTypeHnd(&zel_global, type);
+}
+
 using namespace zel::async;
 
 // Process-wide callback slots, read by the session's threads while the application may set them.
@@ -360,7 +367,7 @@ ZEL_API uint32_t readPartialAsyncUID(ZEL_HANDLE hnd, const uint8_t *bytes, uint8
         return 0;
     // The text goes to the callback as the reader sent it.
     uint8_t type = 0;
-    const ZEL_STATUS status = GetOrbCardType(&type);
+    const ZEL_STATUS status = card_type_of_global(&type);
     if (status != ZEL_OK) {
         dp(kLog, "[READ_ASYNC_UID] Failed to get card type, status: %02X", status);
         return 0;
@@ -413,7 +420,7 @@ ZEL_API uint32_t asyncEventProcessorThread(ZEL_HANDLE hnd)
             // The type query is an ordinary command; it waits for the application's command to end.
             uint8_t type = 0;
             if (command_begin(hnd)) {
-                if (GetOrbCardType(&type) != ZEL_OK)
+                if (card_type_of_global(&type) != ZEL_OK)
                     type = 0;
                 command_end(hnd);
             }

@@ -42,14 +42,6 @@ extern "C" ZEL_API void Zel_Hnd_assign_try_port(ZEL_HANDLE hnd, const char *port
     hnd->try_port_set = 1;
 }
 
-extern "C" ZEL_API void Zel_Hnd_Destroy(ZEL_HANDLE hnd)
-{
-    if (!hnd)
-        return;
-    ReaderCloseHnd(hnd);
-    std::free(hnd);
-}
-
 extern "C" ZEL_API void Zel_Hnd_SetGlobal(ZEL_HANDLE hnd)
 {
     if (!hnd || hnd == &zel_global)

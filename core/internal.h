@@ -39,20 +39,9 @@ inline void set_com_fd(zel_handle_record *h, int fd)
     h->comHandle = fd >= 0 ? reinterpret_cast<void *>(static_cast<intptr_t>(fd) + 1) : nullptr;
 }
 
-// Test seam: a link made of the caller's functions, for records whose comm.use is kPortHook. Fuzz
-// targets and unit tests use it to play a reader byte by byte without a device.
+// The kind of link (comm.use) of the test link, whose reads and writes are the caller's functions (see
+// transport/port.h). The other kinds are ZEL_PORT_FTDI, ZEL_PORT_SERIAL, ZEL_PORT_SOCKET and ZEL_PORT_LOCAL.
 constexpr uint32_t kPortHook = 0x7E;
-struct LinkHooks {
-    // Each returns the number of bytes moved (reads may move fewer than asked: a time-out).
-    uint32_t (*read)(void *context, uint8_t *buffer, uint32_t count);
-    uint32_t (*write)(void *context, const uint8_t *buffer, uint32_t count);
-    void (*purge)(void *context);
-    void *context;
-    // Bytes waiting to be read; a link without it reports none.
-    uint32_t (*available)(void *context) = nullptr;
-};
-void set_link_hooks(const LinkHooks *hooks);
-const LinkHooks *link_hooks();
 
 } // namespace zel
 

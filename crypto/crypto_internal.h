@@ -10,6 +10,15 @@
 
 namespace zel::crypto {
 
+// Empties an output pointer and its length, each when given.
+inline void clear_out(const uint8_t **out, uint32_t *out_len)
+{
+    if (out)
+        *out = nullptr;
+    if (out_len)
+        *out_len = 0;
+}
+
 // An OID as the walks compare it: whole, with its tag 06 and its one-byte length.
 struct Oid {
     uint8_t bytes[12];

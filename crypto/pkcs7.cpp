@@ -13,14 +13,6 @@ using namespace zel::crypto;
 
 namespace {
 
-void clear(const uint8_t **out, uint32_t *out_len)
-{
-    if (out)
-        *out = nullptr;
-    if (out_len)
-        *out_len = 0;
-}
-
 // The nodes from the file tag to the signer's signature, as far as a walk went.
 struct Sod {
     Node file, info, signed_data, digest_algs, encap, certs, signer_infos, signer, version, sid, digest_alg, attrs,
@@ -128,7 +120,7 @@ ZEL_STATUS node_pos(const uint8_t *d, uint32_t len, Stop stop, Node Sod::*field,
 
 ZEL_STATUS node_seq(const uint8_t *d, uint32_t len, Node Sod::*field, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Sod s;
     const ZEL_STATUS st = walk(d, len, Stop::kSignature, &s);
     if (st != ZEL_OK)
@@ -262,7 +254,7 @@ ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObjectPos(const uint8_t *der, uint32_t len
 
 ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObject(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Node lds;
     const ZEL_STATUS st = lds_object(der, len, &lds);
     if (st == ZEL_OK) {
@@ -313,7 +305,7 @@ ZEL_API ZEL_STATUS pkcs7GetDataGroupsHashAlgorithm(const uint8_t *der, uint32_t 
 ZEL_API ZEL_STATUS pkcs7GetDataGroupHash(const uint8_t *der, uint32_t len, uint8_t index, const uint8_t **out,
                                          uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Node lds, version, alg, list;
     ZEL_STATUS st = lds_object(der, len, &lds);
     if (st != ZEL_OK)
@@ -347,7 +339,7 @@ ZEL_API ZEL_STATUS pkcs7GetDataGroupHash(const uint8_t *der, uint32_t len, uint8
 
 ZEL_API ZEL_STATUS pkcs7GetCert(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Sod s;
     const ZEL_STATUS st = walk(der, len, Stop::kCerts, &s);
     if (st != ZEL_OK)
@@ -408,7 +400,7 @@ ZEL_API ZEL_STATUS pkcs7GetSignedAttrsDigestAlgorithm(const uint8_t *der, uint32
 ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObjectDigest(const uint8_t *der, uint32_t len, const uint8_t **out,
                                                    uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Sod s;
     const ZEL_STATUS st = walk(der, len, Stop::kSignature, &s);
     if (st != ZEL_OK)
@@ -436,7 +428,7 @@ ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObjectDigest(const uint8_t *der, uint32_t 
 
 ZEL_API ZEL_STATUS pkcs7GetSignature(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Sod s;
     const ZEL_STATUS st = walk(der, len, Stop::kSignature, &s);
     if (st != ZEL_OK)
@@ -455,7 +447,7 @@ ZEL_API ZEL_STATUS pkcs7ParseDERSignatureScheme(const uint8_t *alg, uint32_t alg
         *scheme = 13;
     if (scheme_type)
         *scheme_type = 3;
-    clear(params, params_len);
+    clear_out(params, params_len);
     Node seq, oid;
     if (!expect(alg, alg_len, 0, 0x30, &seq, alg_len) || !expect(alg, alg_len, seq.value(), 0x06, &oid, seq.end()))
         return PKCS7_WRONG_DATA;

@@ -104,14 +104,6 @@ ZEL_STATUS node_seq(const uint8_t *d, uint32_t len, Target target, const uint8_t
     return ZEL_OK;
 }
 
-void clear(const uint8_t **out, uint32_t *out_len)
-{
-    if (out)
-        *out = nullptr;
-    if (out_len)
-        *out_len = 0;
-}
-
 // The OCTET STRING of the extension with the given OID (whole, with tag and length).
 ZEL_STATUS find_extension(const uint8_t *ext, uint32_t len, const uint8_t *oid, Node *octets, uint32_t *critical)
 {
@@ -199,7 +191,7 @@ bool cert_spki(const uint8_t *der, uint32_t der_len, const uint8_t **spki, uint3
 static ZEL_STATUS serial_number(const uint8_t *der, uint32_t der_len, bool from_value, const uint8_t **out,
                                 uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Node n;
     const ZEL_STATUS st = cert_node(der, der_len, Target::kSerial, &n);
     if (st != ZEL_OK)
@@ -277,7 +269,7 @@ ZEL_API ZEL_STATUS X509GetVersion(const uint8_t *der, uint32_t der_len, uint8_t 
 
 ZEL_API ZEL_STATUS X509GetSignature(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     Node n;
     const ZEL_STATUS st = cert_node(der, der_len, Target::kSignature, &n);
     if (st != ZEL_OK)
@@ -294,7 +286,7 @@ ZEL_API ZEL_STATUS X509GetSignature(const uint8_t *der, uint32_t der_len, const 
 ZEL_API ZEL_STATUS X509GetExtension(const uint8_t *extensions, uint32_t len, const uint8_t *oid, const uint8_t **out,
                                     uint32_t *out_len, uint32_t *critical)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     if (critical)
         *critical = 0;
     Node octets;
@@ -311,7 +303,7 @@ ZEL_API ZEL_STATUS X509GetExtension(const uint8_t *extensions, uint32_t len, con
 ZEL_API ZEL_STATUS X509GetSKIFromExtension(const uint8_t *extensions, uint32_t len, const uint8_t **out,
                                            uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     const uint8_t *p = nullptr;
     uint32_t n = 0;
     const ZEL_STATUS st = ski_from_extensions(extensions, len, &p, &n);
@@ -323,7 +315,7 @@ ZEL_API ZEL_STATUS X509GetSKIFromExtension(const uint8_t *extensions, uint32_t l
 ZEL_API ZEL_STATUS X509GetAKIFromExtension(const uint8_t *extensions, uint32_t len, const uint8_t **out,
                                            uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     const uint8_t *p = nullptr;
     uint32_t n = 0;
     const ZEL_STATUS st = aki_from_extensions(extensions, len, &p, &n);
@@ -334,7 +326,7 @@ ZEL_API ZEL_STATUS X509GetAKIFromExtension(const uint8_t *extensions, uint32_t l
 
 ZEL_API ZEL_STATUS X509GetSKIFromCert(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     const uint8_t *ext = nullptr;
     uint32_t ext_len = 0;
     const ZEL_STATUS st = X509GetExtensionsSeq(der, der_len, &ext, &ext_len);
@@ -343,7 +335,7 @@ ZEL_API ZEL_STATUS X509GetSKIFromCert(const uint8_t *der, uint32_t der_len, cons
 
 ZEL_API ZEL_STATUS X509GetAKIFromCert(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
 {
-    clear(out, out_len);
+    clear_out(out, out_len);
     const uint8_t *ext = nullptr;
     uint32_t ext_len = 0;
     const ZEL_STATUS st = X509GetExtensionsSeq(der, der_len, &ext, &ext_len);

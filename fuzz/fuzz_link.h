@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/internal.h"
+#include "transport/port.h"
 #include "zel_handle.h"
 
 namespace zelfuzz {

@@ -235,7 +235,7 @@ extern "C" ZEL_API ZEL_STATUS GetReaderInfoStrHnd(ZEL_HANDLE hnd, const char **t
     static char info[512];
     if (!text)
         return ZEL_PARAMETERS_ERROR;
-    const bool esp = hnd && (hnd->comm.use == 4 || hnd->esp_session);
+    const bool esp = hnd && (hnd->comm.use == ZEL_PORT_LOCAL || hnd->esp_session);
     ReaderParams module{};
     ZEL_STATUS status;
     if (esp) {

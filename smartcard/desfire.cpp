@@ -8,7 +8,7 @@
 #include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
-#include "transport/serial.h"
+#include "transport/port.h"
 #include "tandro.h"
 
 namespace zel::desfire {
@@ -181,17 +181,10 @@ bool read_stream(MoreFn more, void *ctx, StreamBuf &sb, uint8_t *out, uint32_t c
 
 namespace {
 
-struct SerialSource {
-    int fd;
-    ReadAhead ahead;
-    uint32_t timeout_ms;
-};
-
-uint32_t serial_more(void *ctx, uint8_t *dst, uint32_t max)
+// What the port holds of the stream, as it arrives.
+uint32_t port_more(void *ctx, uint8_t *dst, uint32_t max)
 {
-    auto *s = static_cast<SerialSource *>(ctx);
-    uint32_t got = 0;
-    return serial_read_some(s->fd, s->ahead, dst, max, s->timeout_ms, &got) == IoResult::ok ? got : 0;
+    return port_read_some(static_cast<zel_handle_record *>(ctx), dst, max);
 }
 
 } // namespace
@@ -206,17 +199,14 @@ ZEL_STATUS streamed(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t *ext, uin
         return st;
     uint32_t got = 0;
     bool overflow = false;
-    if (hnd->comm.use == ZEL_PORT_SERIAL && !__atomic_load_n(&hnd->port_lock_on, __ATOMIC_ACQUIRE) &&
-        !zel::dp_enabled()) {
-        // A serial line with no session on it and no transfer log: the stream is read as it arrives, in as
-        // few reads as the line allows, and the bytes behind its end (the start of the closing reply) go
-        // back in front of the port's read-ahead for the reply reading below.
-        SerialSource src{com_fd(hnd), ReadAhead{hnd->com_rx_buf, sizeof hnd->com_rx_buf, &hnd->com_rx_len},
-                         hnd->com_read_timeout_ms};
+    if (port_can_stream(hnd)) {
+        // A link that reads in pieces, with no session on it and no transfer log: the stream is read as it
+        // arrives, in as few reads as the line allows, and the bytes behind its end (the start of the closing
+        // reply) go back in front of the port's next read for the reply reading below.
         uint8_t buf[4608];
         StreamBuf sb{buf, sizeof buf};
-        read_stream(serial_more, &src, sb, out, cap, &got, &overflow);
-        serial_unread(src.ahead, sb.buf + sb.at, sb.end - sb.at);
+        read_stream(port_more, hnd, sb, out, cap, &got, &overflow);
+        port_unread(hnd, sb.buf + sb.at, sb.end - sb.at);
     } else {
         // Every piece costs two bytes at least: a reader that never ends is cut off.
         for (uint32_t pieces = 0; pieces < cap + 1024; ++pieces) {

@@ -12,7 +12,7 @@
 #include "card_sim_fixture.h"
 #include "core/internal.h"
 #include "frame_helpers.h"
-#include "reader/line.h"
+#include "transport/line.h"
 #include "transport/reset.h"
 #include "tandro.h"
 #include "transport/serial.h"

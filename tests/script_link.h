@@ -9,6 +9,7 @@
 
 #include "core/internal.h"
 #include "frame_helpers.h"
+#include "transport/port.h"
 #include "zel_handle.h"
 
 namespace zeltest {

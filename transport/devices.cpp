@@ -195,11 +195,6 @@ void zel::set_sysfs_root(const char *root)
     g_root = root ? root : "/sys";
 }
 
-const char *zel::sysfs_root()
-{
-    return g_root.c_str();
-}
-
 extern "C" ZEL_API int find_active_com_ports(zel_com_ports *list)
 {
     if (!list)

@@ -10,6 +10,10 @@
 #include "zel_port.h"
 #include "zel_status.h"
 
+// The speeds a reader opens at, by index.
+const uint32_t zel_baud_table[ZEL_BAUD_TABLE_LEN] = {1000000, 115200, 250000, 9600,   19200,
+                                                     38400,   57600,  230400, 460800, 500000};
+
 extern "C" ZEL_API int rs232_serial_port_init(ZEL_HANDLE hnd, const char *port_name, uint32_t baud)
 {
     if (!hnd || !port_name)

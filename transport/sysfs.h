@@ -4,9 +4,8 @@
 
 namespace zel {
 
-// The root of the device tree, "/sys" unless a test set another (null restores it).
+// Sets the root of the device tree, "/sys" unless a test set another (null restores it).
 void set_sysfs_root(const char *root);
-const char *sysfs_root();
 
 } // namespace zel
 

@@ -1,12 +1,12 @@
 // The default-rate opens of the speed repair.
-#include "reader/line.h"
+#include "transport/line.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include "core/internal.h"
 #include "transport/d2xx.h"
-#include "transport/reset.h"
+#include "transport/reset_line.h"
 #include "zel_devices.h"
 #include "zel_ftdi.h"
 #include "zel_open.h"

@@ -1,6 +1,6 @@
 // The default-rate opens used by the speed repair. Internal.
-#ifndef ZEL_READER_LINE_H
-#define ZEL_READER_LINE_H
+#ifndef ZEL_TRANSPORT_LINE_H
+#define ZEL_TRANSPORT_LINE_H
 
 #include <cstdint>
 

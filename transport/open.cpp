@@ -8,7 +8,7 @@
 
 #include "core/frame.h"
 #include "core/internal.h"
-#include "reader/line.h"
+#include "transport/line.h"
 #include "transport/d2xx.h"
 #include "transport/reset.h"
 #include "zel_crypto.h"
