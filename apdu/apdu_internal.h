@@ -9,9 +9,9 @@
 namespace zel {
 
 // Reader commands of the level-4 and APDU paths.
-constexpr uint8_t kCmdFrontEnd = 0x63, kCmdHaltEnable = 0x64, kCmdBlock7F = 0x7F, kCmdIBlock = 0x90,
-                  kCmdRBlock = 0x91, kCmdDeselect = 0x92, kCmdLevel4 = 0x93, kCmdContactOpen = 0x95,
-                  kCmdContactClose = 0x96, kCmdLevel4Storage = 0x97;
+constexpr uint8_t kCmdFrontEnd = 0x63, kCmdHaltEnable = 0x64, kCmdBlock7F = 0x7F, kCmdIBlock = 0x90, kCmdRBlock = 0x91,
+                  kCmdDeselect = 0x92, kCmdLevel4 = 0x93, kCmdContactOpen = 0x95, kCmdContactClose = 0x96,
+                  kCmdLevel4Storage = 0x97;
 
 // How long a command APDU of the case builder can be: header, 00 Lc Lc, 255 bytes, Le.
 constexpr uint32_t kApduBuildMax = 4 + 1 + 255 + 1;
@@ -28,9 +28,9 @@ uint32_t apdu_build_extended(const uint8_t header[4], uint32_t ne, bool send_le,
 struct ApduCase {
     int kind = 0;
     bool extended = false;
-    uint32_t nc = 0;       // command data length
-    uint32_t data_at = 0;  // where the data starts
-    uint32_t ne = 0;       // expected length; Le 00 is 256, extended 0000 is 65536; 0 without Le
+    uint32_t nc = 0;      // command data length
+    uint32_t data_at = 0; // where the data starts
+    uint32_t ne = 0;      // expected length; Le 00 is 256, extended 0000 is 65536; 0 without Le
     bool has_le = false;
 };
 // Decodes the case of a command APDU; false for bytes whose lengths do not add up.

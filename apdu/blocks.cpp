@@ -62,8 +62,7 @@ ZEL_STATUS i_block(zel_handle_record *hnd, uint8_t cmd, uint8_t chaining, uint8_
         return ZEL_PARAMETERS_ERROR;
     if (len == 0xFF)
         return ZEL_MAX_SIZE_EXCEEDED; // the checksum must fit the EXT length too
-    make_command(buf, cmd, static_cast<uint8_t>(len + 1), static_cast<uint8_t>(0x04 | (chaining ? 0x08 : 0)),
-                 timeout);
+    make_command(buf, cmd, static_cast<uint8_t>(len + 1), static_cast<uint8_t>(0x04 | (chaining ? 0x08 : 0)), timeout);
     uint8_t ack_len = 0;
     ZEL_STATUS status = InitialHandshaking(hnd, buf, &ack_len);
     if (status != ZEL_OK)

@@ -50,8 +50,8 @@ extern "C" ZEL_API ZEL_STATUS SetISO14443_4_ModeHnd(ZEL_HANDLE hnd)
     return handshake(hnd, kCmdLevel4, 0, 0);
 }
 
-extern "C" ZEL_API ZEL_STATUS SetISO14443_4_Mode_GetATSHnd(ZEL_HANDLE hnd, uint8_t *ats, uint8_t *ats_len,
-                                                           uint8_t *uid, uint8_t *uid_len, uint8_t *sak)
+extern "C" ZEL_API ZEL_STATUS SetISO14443_4_Mode_GetATSHnd(ZEL_HANDLE hnd, uint8_t *ats, uint8_t *ats_len, uint8_t *uid,
+                                                           uint8_t *uid_len, uint8_t *sak)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;

@@ -139,8 +139,8 @@ ZEL_STATUS plain_checks(zel_handle_record *hnd, const uint8_t *cmd, uint32_t len
 
 } // namespace
 
-ZEL_STATUS zel::apdu_plain(zel_handle_record *hnd, const uint8_t *cmd, uint32_t len, uint8_t *reply,
-                           uint32_t capacity, uint32_t *reply_len)
+ZEL_STATUS zel::apdu_plain(zel_handle_record *hnd, const uint8_t *cmd, uint32_t len, uint8_t *reply, uint32_t capacity,
+                           uint32_t *reply_len)
 {
     ZEL_STATUS status = plain_checks(hnd, cmd, len);
     if (status != ZEL_OK)
@@ -192,8 +192,8 @@ extern "C" ZEL_API ZEL_STATUS APDUPlainTransceiveToHeapHnd(ZEL_HANDLE hnd, const
 namespace {
 
 // Steps 4 to 6 of the case builder: the exchange, the status word, the data.
-ZEL_STATUS run_built(zel_handle_record *hnd, const uint8_t *cmd, uint32_t len, uint32_t block_size,
-                     uint8_t *data_out, uint32_t *ne, uint16_t *sw)
+ZEL_STATUS run_built(zel_handle_record *hnd, const uint8_t *cmd, uint32_t len, uint32_t block_size, uint8_t *data_out,
+                     uint32_t *ne, uint16_t *sw)
 {
     const uint32_t asked = *ne;
     *ne = 0;

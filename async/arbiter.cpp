@@ -33,8 +33,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr auto kHold = std::chrono::milliseconds(100);
 constexpr auto kReplyHold = std::chrono::milliseconds(2000); // longer than any read time-out of a reply
-constexpr auto kCallWaitLimit = std::chrono::seconds(5);    // an application call never waits longer
-constexpr auto kCommandWaitLimit = std::chrono::seconds(2); // nor the event thread for its command
+constexpr auto kCallWaitLimit = std::chrono::seconds(5);     // an application call never waits longer
+constexpr auto kCommandWaitLimit = std::chrono::seconds(2);  // nor the event thread for its command
 constexpr uint32_t kStoreLen = 256;
 constexpr int kRescueRounds = 16; // reads of waiting bytes a purge makes at most before it drops the rest
 
@@ -135,8 +135,8 @@ bool is_session_port(const zel_handle_record *hnd)
 
 void install_port_guard()
 {
-    static const PortGuardHooks kGuard = {port_enter, port_leave, is_session_port, expect_reply,
-                                          rescue_before_purge, filter_reply};
+    static const PortGuardHooks kGuard = {port_enter,   port_leave,          is_session_port,
+                                          expect_reply, rescue_before_purge, filter_reply};
     set_port_guard(&kGuard);
 }
 
@@ -274,8 +274,7 @@ bool rescue_before_purge(zel_handle_record *hnd)
 namespace {
 
 // Takes announcements off the front of the first read of a reply and fills the read up from the port.
-ZEL_STATUS take_announcements(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got,
-                              ZEL_STATUS status)
+ZEL_STATUS take_announcements(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got, ZEL_STATUS status)
 {
     if (*got == 0 || buffer[0] != kMark || count > kReadBufLen)
         return status;
@@ -361,7 +360,6 @@ ZEL_STATUS filter_reply(zel_handle_record *hnd, uint8_t *buffer, uint32_t count,
     account_reply(g, first, buffer, *got, status);
     return status;
 }
-
 
 bool poller_must_wait(const zel_handle_record *hnd)
 {

@@ -167,11 +167,8 @@ void BM_AsyncArrivalLatency(benchmark::State &state)
             break;
         }
         for (int i = 0; i < kArrivals; ++i) {
-            const zsim_card c = {{0x04, 0x7A, static_cast<uint8_t>(i), 0x1A, 0x5C, 0x64, 0x80},
-                                 7,
-                                 0x00,
-                                 0x0044,
-                                 ORB_NTAG_215};
+            const zsim_card c = {
+                {0x04, 0x7A, static_cast<uint8_t>(i), 0x1A, 0x5C, 0x64, 0x80}, 7, 0x00, 0x0044, ORB_NTAG_215};
             // Arrivals fall at every phase of the poll period.
             usleep(static_cast<useconds_t>((i * 37) % kPollMs) * 1000);
             std::unique_lock<std::mutex> lock(g_m);

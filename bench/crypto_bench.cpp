@@ -98,10 +98,22 @@ const Case &bp256_case()
     return c;
 }
 
-void BM_SodVerify_Rsa2048_Library(benchmark::State &s) { library(s, rsa_case()); }
-void BM_SodVerify_Rsa2048_OpenSsl(benchmark::State &s) { openssl(s, rsa_case()); }
-void BM_SodVerify_BrainpoolP256r1_Library(benchmark::State &s) { library(s, bp256_case()); }
-void BM_SodVerify_BrainpoolP256r1_OpenSsl(benchmark::State &s) { openssl(s, bp256_case()); }
+void BM_SodVerify_Rsa2048_Library(benchmark::State &s)
+{
+    library(s, rsa_case());
+}
+void BM_SodVerify_Rsa2048_OpenSsl(benchmark::State &s)
+{
+    openssl(s, rsa_case());
+}
+void BM_SodVerify_BrainpoolP256r1_Library(benchmark::State &s)
+{
+    library(s, bp256_case());
+}
+void BM_SodVerify_BrainpoolP256r1_OpenSsl(benchmark::State &s)
+{
+    openssl(s, bp256_case());
+}
 
 BENCHMARK(BM_SodVerify_Rsa2048_Library)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SodVerify_Rsa2048_OpenSsl)->Unit(benchmark::kMicrosecond);

@@ -41,8 +41,10 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kKiB = 1024, kMsg = 128, kMsgs = kKiB / kMsg, kReps = 16;
-const uint8_t kKey[16] = {0x2B, 0x7E, 0x15, 0x16, 0x28, 0xAE, 0xD2, 0xA6, 0xAB, 0xF7, 0x15, 0x88, 0x09, 0xCF, 0x4F, 0x3C};
-const uint8_t kIv[16] = {0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78, 0x87, 0x96, 0xA5, 0xB4, 0xC3, 0xD2, 0xE1, 0xF0};
+const uint8_t kKey[16] = {0x2B, 0x7E, 0x15, 0x16, 0x28, 0xAE, 0xD2, 0xA6,
+                          0xAB, 0xF7, 0x15, 0x88, 0x09, 0xCF, 0x4F, 0x3C};
+const uint8_t kIv[16] = {0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78,
+                         0x87, 0x96, 0xA5, 0xB4, 0xC3, 0xD2, 0xE1, 0xF0};
 
 Bytes kib()
 {
@@ -76,7 +78,8 @@ void BM_DesfireCmac1KiBVsOpenSsl(benchmark::State &state)
     EVP_MAC *mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
     EVP_MAC_CTX *ctx = EVP_MAC_CTX_new(mac);
     char cipher[] = "AES-128-CBC";
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, cipher, 0), OSSL_PARAM_construct_end()};
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, cipher, 0),
+                           OSSL_PARAM_construct_end()};
     uint64_t failures = !EVP_MAC_init(ctx, kKey, 16, params);
     int64_t lib_ns = 0, ossl_ns = 0;
     uint8_t tag[16], iv[16], otag[16];
@@ -164,9 +167,9 @@ void BM_DesfireEncipheredMessages1KiBVsOpenSsl(benchmark::State &state)
             std::memcpy(iv, kIv, 16);
             for (size_t m = 0; m < kMsgs; ++m) {
                 uint8_t len = static_cast<uint8_t>(answers[m].size());
-                failures += crypto_postprocess_data_nl(&key, iv, answers[m].data(), &len, DESFIRE_COMM_ENCIPHERED,
-                                                       out) != 0 ||
-                            len != kMsg;
+                failures +=
+                    crypto_postprocess_data_nl(&key, iv, answers[m].data(), &len, DESFIRE_COMM_ENCIPHERED, out) != 0 ||
+                    len != kMsg;
             }
         }
         const int64_t t1 = zel::counter_ns();
@@ -236,8 +239,8 @@ void BM_DesfireChaining1KiBVsOpenSsl(benchmark::State &state)
                 failures += aes_blocks_chained(&key, iv, data.data() + m * kMsg, kMsg, DESFIRE_SEND, DESFIRE_ENCIPHER);
             std::memcpy(iv, kIv, 16);
             for (size_t m = 0; m < kMsgs; ++m)
-                failures += aes_blocks_chained(&key, iv, data.data() + m * kMsg, kMsg, DESFIRE_RECEIVE,
-                                               DESFIRE_DECIPHER);
+                failures +=
+                    aes_blocks_chained(&key, iv, data.data() + m * kMsg, kMsg, DESFIRE_RECEIVE, DESFIRE_DECIPHER);
         }
         const int64_t t1 = zel::counter_ns();
         for (size_t r = 0; r < kReps; ++r) {
@@ -388,7 +391,7 @@ void BM_DesfireStdRead4KiBOverRaw(benchmark::State &state)
         const int64_t t1 = zel::counter_ns();
         uint16_t cs = 0, et = 0;
         failures += Zel_int_DesfireReadStdDataFile_no_authM(&rec, kAid, 0, kFileId, 0, kFileSize, 0, lib.data(), &cs,
-                                                             &et) != ZEL_OK ||
+                                                            &et) != ZEL_OK ||
                     cs != CARD_OPERATION_OK;
         const int64_t t2 = zel::counter_ns();
         raw_ns += t1 - t0;

@@ -56,7 +56,8 @@ void BM_LibraryGetReaderType(benchmark::State &state)
         t_counting = false;
         failures += s != ZEL_OK;
     }
-    state.counters["exchanges_per_s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["exchanges_per_s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     state.counters["allocs_per_exchange"] =
         static_cast<double>(t_allocations) / static_cast<double>(state.iterations() ? state.iterations() : 1);
     state.counters["failures"] = static_cast<double>(failures);
@@ -77,7 +78,8 @@ void BM_RawLoopGetReaderType(benchmark::State &state)
         if (write(fd, frame, 7) != 7 || !zelbench::read_exact(fd, reply, 12))
             ++failures;
     }
-    state.counters["exchanges_per_s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["exchanges_per_s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     state.counters["failures"] = static_cast<double>(failures);
 }
 

@@ -33,9 +33,13 @@ std::vector<Exchange> exchanges_of_whole_read()
         const uint8_t f[7] = {0x55, 0x14, 0xAA, 7, 0x00, 0x00, 0};
         std::memcpy(e.frame, f, 7);
         e.frame[6] = zelbench::frame_checksum(e.frame, 6);
-        const uint8_t x[7] = {static_cast<uint8_t>(addr), static_cast<uint8_t>(addr >> 8), static_cast<uint8_t>(chunk),
-                              static_cast<uint8_t>(chunk >> 8), static_cast<uint8_t>(remaining),
-                              static_cast<uint8_t>(remaining >> 8), 0};
+        const uint8_t x[7] = {static_cast<uint8_t>(addr),
+                              static_cast<uint8_t>(addr >> 8),
+                              static_cast<uint8_t>(chunk),
+                              static_cast<uint8_t>(chunk >> 8),
+                              static_cast<uint8_t>(remaining),
+                              static_cast<uint8_t>(remaining >> 8),
+                              0};
         std::memcpy(e.ext, x, 7);
         e.ext[6] = zelbench::frame_checksum(e.ext, 6);
         e.reply_len = 7 + chunk + 1u;

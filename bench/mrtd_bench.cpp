@@ -112,7 +112,8 @@ struct PassportReader {
         sim = zsim_new();
         char path[256] = {};
         ok = sim && zsim_card_add_model(sim, &kCard, "passport", setup.c_str()) == 0 &&
-             zsim_serve_pty(sim, path, sizeof path) == 0 && zel::serial_open(&zel_global, path, 1000000, true) == ZEL_OK;
+             zsim_serve_pty(sim, path, sizeof path) == 0 &&
+             zel::serial_open(&zel_global, path, 1000000, true) == ZEL_OK;
         if (ok) {
             PortSetTimeout(&zel_global, 1000);
             ok = SetISO14443_4_Mode() == ZEL_OK;
@@ -198,8 +199,8 @@ void BM_MrtdBacReadRawFrames(benchmark::State &state)
         for (size_t i = 0; i < r.commands.size(); ++i) {
             uint8_t *reply = nullptr;
             uint32_t reply_len = 0;
-            const ZEL_STATUS st = APDUPlainTransceiveToHeap(r.commands[i].data(), uint32_t(r.commands[i].size()),
-                                                            &reply, &reply_len);
+            const ZEL_STATUS st =
+                APDUPlainTransceiveToHeap(r.commands[i].data(), uint32_t(r.commands[i].size()), &reply, &reply_len);
             failures += st != ZEL_OK || reply_len != r.answers[i].size();
             OrbFree(reply);
         }
@@ -230,14 +231,16 @@ Bytes make_ca(EVP_PKEY *key, const std::string &cn, long serial)
     X509_set_pubkey(x, key);
     X509_NAME *name = X509_get_subject_name(x);
     X509_NAME_add_entry_by_txt(name, "C", MBSTRING_ASC, reinterpret_cast<const unsigned char *>("UT"), -1, -1, 0);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char *>(cn.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char *>(cn.c_str()), -1, -1,
+                               0);
     X509_set_issuer_name(x, name);
     X509V3_CTX ctx;
     X509V3_set_ctx_nodb(&ctx);
     X509V3_set_ctx(&ctx, x, x, nullptr, nullptr, 0);
-    for (const auto &[nid, value] : std::vector<std::pair<int, const char *>>{
-             {NID_basic_constraints, "critical,CA:TRUE"}, {NID_subject_key_identifier, "hash"},
-             {NID_authority_key_identifier, "keyid:always"}}) {
+    for (const auto &[nid, value] :
+         std::vector<std::pair<int, const char *>>{{NID_basic_constraints, "critical,CA:TRUE"},
+                                                   {NID_subject_key_identifier, "hash"},
+                                                   {NID_authority_key_identifier, "keyid:always"}}) {
         X509_EXTENSION *e = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
         if (e) {
             X509_add_ext(x, e, -1);

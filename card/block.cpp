@@ -40,7 +40,8 @@ ZEL_STATUS key_route(KeyForm form, uint8_t auth_mode, uint8_t key_index, const u
     case KeyForm::Akm2: {
         const uint8_t flag = form == KeyForm::Akm1 ? kFlagAkm1 : kFlagAkm2;
         // Value block and raw row reads keep only the low nibble of the mode: no AES meaning there.
-        const uint8_t low = (rule & KeyRule::Nibble) ? static_cast<uint8_t>(auth_mode & 0x0F) : auth_mode_par0(auth_mode);
+        const uint8_t low =
+            (rule & KeyRule::Nibble) ? static_cast<uint8_t>(auth_mode & 0x0F) : auth_mode_par0(auth_mode);
         out.par0 = static_cast<uint8_t>(low | flag);
         break;
     }
@@ -287,8 +288,7 @@ ZEL_STATUS op_block_write(ZEL_HANDLE h, const KeyRoute &k, const uint8_t *data, 
         return ZEL_PARAMETERS_ERROR;
     return block_write(h, 0x17, Head{{block, 0, 0, 0}}, k, data, 16);
 }
-ZEL_STATUS op_block_in_sector_write(ZEL_HANDLE h, const KeyRoute &k, const uint8_t *data, uint8_t sector,
-                                    uint8_t block)
+ZEL_STATUS op_block_in_sector_write(ZEL_HANDLE h, const KeyRoute &k, const uint8_t *data, uint8_t sector, uint8_t block)
 {
     if (!data)
         return ZEL_PARAMETERS_ERROR;
@@ -385,8 +385,7 @@ ZEL_STATUS value_write(ZEL_HANDLE h, uint8_t cmd, const KeyRoute &k, int32_t val
 
 namespace {
 
-template <typename Body>
-ZEL_STATUS routed(const KeyCall &key, unsigned rule, Body body)
+template <typename Body> ZEL_STATUS routed(const KeyCall &key, unsigned rule, Body body)
 {
     KeyRoute k;
     const unsigned r = key.form == KeyForm::Sam ? KeyRule::Plain : rule;
@@ -434,8 +433,8 @@ ZEL_STATUS mem_lin_row_read(ZEL_HANDLE hnd, KeyCall key, uint8_t *data, uint16_t
         return common_linear_read(hnd, data, linear_address, length, bytes_returned, 0x45, k);
     });
 }
-ZEL_STATUS mem_linear_write(ZEL_HANDLE hnd, KeyCall key, const uint8_t *data, uint16_t linear_address,
-                            uint16_t length, uint16_t *bytes_written)
+ZEL_STATUS mem_linear_write(ZEL_HANDLE hnd, KeyCall key, const uint8_t *data, uint16_t linear_address, uint16_t length,
+                            uint16_t *bytes_written)
 {
     return routed(key, KeyRule::Plain, [&](const KeyRoute &k) {
         return common_linear_write(hnd, data, linear_address, length, bytes_written, 0x15, k);
@@ -468,8 +467,7 @@ ZEL_STATUS mem_sector_trailer_write_unsafe(ZEL_HANDLE hnd, KeyCall key, uint8_t 
         return op_trailer_write_unsafe(hnd, k, addressing_mode, address, sector_trailer);
     });
 }
-ZEL_STATUS mem_value_block_read(ZEL_HANDLE hnd, KeyCall key, int32_t *value, uint8_t *value_addr,
-                                uint8_t block_address)
+ZEL_STATUS mem_value_block_read(ZEL_HANDLE hnd, KeyCall key, int32_t *value, uint8_t *value_addr, uint8_t block_address)
 {
     return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
         return value_read(hnd, 0x1D, k, value, value_addr, Head{{block_address, 0, 0, 0}});
@@ -482,8 +480,7 @@ ZEL_STATUS mem_value_block_in_sector_read(ZEL_HANDLE hnd, KeyCall key, int32_t *
         return value_read(hnd, 0x1F, k, value, value_addr, Head{{block_in_sector_address, sector_address, 0, 0}});
     });
 }
-ZEL_STATUS mem_value_block_write(ZEL_HANDLE hnd, KeyCall key, int32_t value, uint8_t value_addr,
-                                 uint8_t block_address)
+ZEL_STATUS mem_value_block_write(ZEL_HANDLE hnd, KeyCall key, int32_t value, uint8_t value_addr, uint8_t block_address)
 {
     return routed(key, KeyRule::Nibble, [&](const KeyRoute &k) {
         return value_write(hnd, 0x1E, k, value, Head{{block_address, 0, 0, value_addr}});

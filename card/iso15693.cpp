@@ -128,8 +128,7 @@ ZEL_STATUS security_status(ZEL_HANDLE hnd, uint8_t sub, uint8_t first, uint8_t c
 }
 
 ZEL_STATUS system_information(ZEL_HANDLE hnd, uint8_t form, const uint8_t *pwd, uint8_t index, uint8_t *info_flags,
-                              uint8_t *uid, uint8_t *dsfid, uint8_t *afi, uint16_t *memory_size,
-                              uint8_t *ic_reference)
+                              uint8_t *uid, uint8_t *dsfid, uint8_t *afi, uint16_t *memory_size, uint8_t *ic_reference)
 {
     if (!info_flags || !uid || !dsfid || !afi || !memory_size || !ic_reference)
         return ZEL_PARAMETERS_ERROR;
@@ -205,10 +204,10 @@ bool zel::parse_system_information(const uint8_t *data, size_t n, SystemInfo &ou
     return true;
 }
 
-#define NEED(p)                                                                                                \
-    do {                                                                                                       \
-        if (!(p))                                                                                              \
-            return ZEL_PARAMETERS_ERROR;                                                                       \
+#define NEED(p)                          \
+    do {                                 \
+        if (!(p))                        \
+            return ZEL_PARAMETERS_ERROR; \
     } while (0)
 
 extern "C" {
@@ -262,20 +261,20 @@ ZEL_API ZEL_STATUS iso15693_lock_block_no_authHnd(ZEL_HANDLE hnd, uint8_t block)
 }
 
 ZEL_API ZEL_STATUS iso15693_get_multiply_block_security_statusHnd(ZEL_HANDLE hnd, uint8_t first_block,
-                                                                 uint8_t number_of_blocks, uint8_t *block_data)
+                                                                  uint8_t number_of_blocks, uint8_t *block_data)
 {
     return security_status(hnd, kSubSecurityStatus, first_block, number_of_blocks, block_data);
 }
 
 ZEL_API ZEL_STATUS em4237_get_multiply_block_security_statusHnd(ZEL_HANDLE hnd, uint8_t first_block,
-                                                               uint8_t number_of_blocks, uint8_t *block_data)
+                                                                uint8_t number_of_blocks, uint8_t *block_data)
 {
     return security_status(hnd, kSubEmSecurityStatus, first_block, number_of_blocks, block_data);
 }
 
 ZEL_API ZEL_STATUS iso15693_get_system_informationHnd(ZEL_HANDLE hnd, uint8_t key_index, uint8_t *info_flags,
-                                                      uint8_t *uid, uint8_t *dsfid, uint8_t *afi,
-                                                      uint16_t *memory_size, uint8_t *ic_reference)
+                                                      uint8_t *uid, uint8_t *dsfid, uint8_t *afi, uint16_t *memory_size,
+                                                      uint8_t *ic_reference)
 {
     return system_information(hnd, kFormIndex, nullptr, key_index, info_flags, uid, dsfid, afi, memory_size,
                               ic_reference);
@@ -293,8 +292,7 @@ ZEL_API ZEL_STATUS iso15693_get_system_information_no_authHnd(ZEL_HANDLE hnd, ui
                                                               uint8_t *dsfid, uint8_t *afi, uint16_t *memory_size,
                                                               uint8_t *ic_reference)
 {
-    return system_information(hnd, kFormNoneInfo, nullptr, 0, info_flags, uid, dsfid, afi, memory_size,
-                              ic_reference);
+    return system_information(hnd, kFormNoneInfo, nullptr, 0, info_flags, uid, dsfid, afi, memory_size, ic_reference);
 }
 
 ZEL_API ZEL_STATUS em4237_protect_pageHnd(ZEL_HANDLE hnd, uint8_t key_index, uint8_t page, uint8_t status)

@@ -33,8 +33,8 @@ ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t p0, uint8_t p1, const u
 }
 
 // The signature replies of the authenticated forms: up to 56 bytes, the length in PAR0.
-ZEL_STATUS signature_reply(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t *data, uint8_t len,
-                           uint8_t *signature, uint8_t *signature_len)
+ZEL_STATUS signature_reply(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t *data, uint8_t len, uint8_t *signature,
+                           uint8_t *signature_len)
 {
     if (!signature || !signature_len)
         return ZEL_PARAMETERS_ERROR;
@@ -281,7 +281,10 @@ ZEL_API ZEL_STATUS UlcAuth_PKHnd(ZEL_HANDLE hnd, const uint8_t *key)
     return auth(hnd, 0x80, 0, key, 16);
 }
 
-ZEL_API ZEL_STATUS ULC_ExternalAuth_PKHnd(ZEL_HANDLE hnd, const uint8_t *key) { return UlcAuth_PKHnd(hnd, key); }
+ZEL_API ZEL_STATUS ULC_ExternalAuth_PKHnd(ZEL_HANDLE hnd, const uint8_t *key)
+{
+    return UlcAuth_PKHnd(hnd, key);
+}
 
 ZEL_API ZEL_STATUS MifareAuthKeyAHnd(ZEL_HANDLE hnd, uint8_t block, uint8_t key_index)
 {

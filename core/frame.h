@@ -76,8 +76,8 @@ ZEL_STATUS exchange_reply(zel_handle_record *hnd, Reply &r, ExtRead how = ExtRea
 
 // Shape 2 in one call: the command frame (cmd, par0, par1) is made in r.buf first, and a reply whose EXT
 // (checksum included) is shorter than min_ext answers ZEL_COMMUNICATION_ERROR.
-ZEL_STATUS command_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, Reply &r,
-                         uint8_t min_ext = 0, ExtRead how = ExtRead::tested);
+ZEL_STATUS command_reply(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, Reply &r, uint8_t min_ext = 0,
+                         ExtRead how = ExtRead::tested);
 
 // Shape 4: one wake byte 0x00, a pause of 10 ms for a sleeping reader to come up, then shape 2.
 ZEL_STATUS exchange_wake_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len);

@@ -27,9 +27,9 @@ struct Oid {
 bool oid_equal(const Oid &oid, const uint8_t *p, uint64_t avail);
 
 struct HashRow {
-    const char *name;      // "" for MD5
-    uint32_t size;         // 0 for MD5 as far as getHashByteSize is concerned
-    const char *evp_name;  // OpenSSL's name
+    const char *name;     // "" for MD5
+    uint32_t size;        // 0 for MD5 as far as getHashByteSize is concerned
+    const char *evp_name; // OpenSSL's name
     uint32_t real_size;
     Oid oid;
 };
@@ -93,8 +93,7 @@ Verdict rsa_verify(EVP_PKEY *key, RsaPadding padding, uint32_t hash_id, uint32_t
                    const uint8_t *digest, uint32_t digest_len, const uint8_t *sig, uint32_t sig_len);
 // ECDSA over a digest with an ASN.1 signature: kError when the signature does not decode or r, s lie outside
 // 1 to n - 1, else kValid or kInvalid.
-Verdict ecdsa_verify(EVP_PKEY *key, const uint8_t *digest, uint32_t digest_len, const uint8_t *sig,
-                     uint32_t sig_len);
+Verdict ecdsa_verify(EVP_PKEY *key, const uint8_t *digest, uint32_t digest_len, const uint8_t *sig, uint32_t sig_len);
 // The SubjectPublicKeyInfo node of a certificate (whole), for the key import; false when the walk fails.
 bool cert_spki(const uint8_t *der, uint32_t der_len, const uint8_t **spki, uint32_t *spki_len);
 

@@ -211,12 +211,10 @@ bool parse_digest_info(const uint8_t *t, uint32_t t_len, Node *oid, Node *digest
     Node outer, alg, null_node;
     if (!expect(t, t_len, 0, 0x30, &outer, t_len) || outer.end() != t_len)
         return false;
-    if (!expect(t, t_len, outer.value(), 0x30, &alg, t_len) ||
-        !expect(t, t_len, alg.value(), 0x06, oid, alg.end()))
+    if (!expect(t, t_len, outer.value(), 0x30, &alg, t_len) || !expect(t, t_len, alg.value(), 0x06, oid, alg.end()))
         return false;
-    if (oid->end() != alg.end() &&
-        (!expect(t, t_len, static_cast<uint32_t>(oid->end()), 0x05, &null_node, alg.end()) ||
-         null_node.vlen != 0 || null_node.end() != alg.end()))
+    if (oid->end() != alg.end() && (!expect(t, t_len, static_cast<uint32_t>(oid->end()), 0x05, &null_node, alg.end()) ||
+                                    null_node.vlen != 0 || null_node.end() != alg.end()))
         return false;
     return expect(t, t_len, static_cast<uint32_t>(alg.end()), 0x04, digest, t_len) && digest->end() == t_len;
 }
@@ -577,13 +575,12 @@ int nid_of_curve_name(const char *name)
 
 } // namespace
 
-extern "C" ZEL_API ZEL_STATUS DigitalSignatureVerifyHash(uint32_t hash_id, uint32_t padding_alg,
-                                                         uint32_t cipher_alg, const uint8_t *digest,
-                                                         uint32_t digest_len, const uint8_t *signature,
-                                                         uint32_t signature_len, const void *sig_params,
-                                                         uint32_t sig_params_len, const uint8_t *pub_key,
-                                                         uint32_t pub_key_len, const void *pub_key_params,
-                                                         uint32_t pub_key_params_len)
+extern "C" ZEL_API ZEL_STATUS DigitalSignatureVerifyHash(uint32_t hash_id, uint32_t padding_alg, uint32_t cipher_alg,
+                                                         const uint8_t *digest, uint32_t digest_len,
+                                                         const uint8_t *signature, uint32_t signature_len,
+                                                         const void *sig_params, uint32_t sig_params_len,
+                                                         const uint8_t *pub_key, uint32_t pub_key_len,
+                                                         const void *pub_key_params, uint32_t pub_key_params_len)
 {
     if (!ready())
         return CRYPTO_SUBSYS_NOT_INITIALIZED;
@@ -593,23 +590,18 @@ extern "C" ZEL_API ZEL_STATUS DigitalSignatureVerifyHash(uint32_t hash_id, uint3
         RsaPadding padding;
         uint32_t salt_len = 0;
         switch (padding_alg) {
-        case ZEL_SIG_PADDING_PKCS1_V1_5_NA1:
-            padding = RsaPadding::kPkcs1Raw;
-            break;
-        case ZEL_SIG_PADDING_PKCS1_V1_5:
-            padding = RsaPadding::kPkcs1DigestInfo;
-            break;
+        case ZEL_SIG_PADDING_PKCS1_V1_5_NA1: padding = RsaPadding::kPkcs1Raw; break;
+        case ZEL_SIG_PADDING_PKCS1_V1_5: padding = RsaPadding::kPkcs1DigestInfo; break;
         case ZEL_SIG_PADDING_PSS:
             if (sig_params_len != 4 || sig_params == nullptr)
                 return CRYPTO_SUBSYS_INVALID_SIGNATURE_PARAMS;
             std::memcpy(&salt_len, sig_params, 4);
             padding = RsaPadding::kPss;
             break;
-        default:
-            return CRYPTO_SUBSYS_INVALID_PADDING_ALGORITHM;
+        default: return CRYPTO_SUBSYS_INVALID_PADDING_ALGORITHM;
         }
-        EVP_PKEY *key = rsa_key_from_parts(pub_key, pub_key_len, static_cast<const uint8_t *>(pub_key_params),
-                                           pub_key_params_len);
+        EVP_PKEY *key =
+            rsa_key_from_parts(pub_key, pub_key_len, static_cast<const uint8_t *>(pub_key_params), pub_key_params_len);
         if (key == nullptr)
             return CRYPTO_SUBSYS_INVALID_RSA_PUB_KEY;
         const Verdict v =
@@ -633,13 +625,9 @@ extern "C" ZEL_API ZEL_STATUS DigitalSignatureVerifyHash(uint32_t hash_id, uint3
             return CRYPTO_SUBSYS_UNKNOWN_ECC_CURVE;
         nid = nid_of_curve_name(params.curve_name);
         break;
-    case ZEL_ECC_CURVE_BY_INDEX:
-        nid = curve_nid(params.curve_index);
-        break;
-    case ZEL_ECC_CURVE_BY_PARAMS:
-        return CRYPTO_SUBSYS_UNKNOWN_ECC_CURVE;
-    default:
-        return CRYPTO_SUBSYS_INVALID_ECC_PUB_KEY_PARAMS;
+    case ZEL_ECC_CURVE_BY_INDEX: nid = curve_nid(params.curve_index); break;
+    case ZEL_ECC_CURVE_BY_PARAMS: return CRYPTO_SUBSYS_UNKNOWN_ECC_CURVE;
+    default: return CRYPTO_SUBSYS_INVALID_ECC_PUB_KEY_PARAMS;
     }
     if (nid == 0)
         return CRYPTO_SUBSYS_UNKNOWN_ECC_CURVE;

@@ -85,8 +85,8 @@ ZEL_STATUS lds_object(const uint8_t *d, uint32_t len, Node *lds)
     if (st != ZEL_OK)
         return st;
     Node oid, a0, octets;
-    if (!expect(d, len, s.encap.value(), 0x06, &oid, s.encap.end()) ||
-        oid.whole() != kOidLdsSecurityObject.size() || !oid_equal(kOidLdsSecurityObject, d + oid.pos, oid.whole()) ||
+    if (!expect(d, len, s.encap.value(), 0x06, &oid, s.encap.end()) || oid.whole() != kOidLdsSecurityObject.size() ||
+        !oid_equal(kOidLdsSecurityObject, d + oid.pos, oid.whole()) ||
         !expect(d, len, static_cast<uint32_t>(oid.end()), 0xA0, &a0, s.encap.end()) ||
         !expect(d, len, a0.value(), 0x04, &octets, a0.end()) ||
         !expect(d, len, octets.value(), 0x30, lds, octets.end()))
@@ -172,8 +172,7 @@ ZEL_STATUS plan(const Check &c, ZEL_STATUS wrong_key, ZEL_STATUS unsupported, ui
             return unsupported;
         *hash_id = c.scheme - 8;
         break;
-    default:
-        return unsupported;
+    default: return unsupported;
     }
     if (getHashByteSize(*hash_id) == 0)
         return unsupported;
@@ -222,21 +221,21 @@ ZEL_STATUS hash_and_verify(EVP_PKEY *key, const Check &c, uint32_t hash_id, uint
 extern "C" {
 
 // The position of each node of a signed document object, and the node its walk stops after.
-#define ZEL_PKCS7_NODE_POS(X) \
-    X(pkcs7GetDigestAlgorithmsNodPos, kEncap, digest_algs) \
-    X(pkcs7GetEncapContentInfoNodPos, kEncap, encap) \
-    X(pkcs7GetCertNodPos, kCerts, certs) \
-    X(pkcs7GetSignerInfosNodPos, kSignerInfos, signer_infos) \
-    X(pkcs7GetSignerIdPos, kSignature, sid) \
+#define ZEL_PKCS7_NODE_POS(X)                                  \
+    X(pkcs7GetDigestAlgorithmsNodPos, kEncap, digest_algs)     \
+    X(pkcs7GetEncapContentInfoNodPos, kEncap, encap)           \
+    X(pkcs7GetCertNodPos, kCerts, certs)                       \
+    X(pkcs7GetSignerInfosNodPos, kSignerInfos, signer_infos)   \
+    X(pkcs7GetSignerIdPos, kSignature, sid)                    \
     X(pkcs7GetSignedAttrsDigestAlgPos, kSignature, digest_alg) \
-    X(pkcs7GetSignedAttrsPos, kSignature, attrs) \
-    X(pkcs7GetSignatureAlgorithmPos, kSignature, sig_alg) \
+    X(pkcs7GetSignedAttrsPos, kSignature, attrs)               \
+    X(pkcs7GetSignatureAlgorithmPos, kSignature, sig_alg)      \
     X(pkcs7GetSignaturePos, kSignature, sig)
 
-#define ZEL_PKCS7_POS_FN(NAME, STOP, FIELD)                                                                    \
-    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t len, uint32_t *pos)                                   \
-    {                                                                                                          \
-        return node_pos(der, len, Stop::STOP, &Sod::FIELD, pos);                                               \
+#define ZEL_PKCS7_POS_FN(NAME, STOP, FIELD)                                  \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t len, uint32_t *pos) \
+    {                                                                        \
+        return node_pos(der, len, Stop::STOP, &Sod::FIELD, pos);             \
     }
 ZEL_PKCS7_NODE_POS(ZEL_PKCS7_POS_FN)
 #undef ZEL_PKCS7_POS_FN
@@ -376,8 +375,7 @@ ZEL_API ZEL_STATUS pkcs7GetSignedAttrs(const uint8_t *der, uint32_t len, const u
     return node_seq(der, len, &Sod::attrs, out, out_len);
 }
 
-ZEL_API ZEL_STATUS pkcs7GetSignatureAlgorithm(const uint8_t *der, uint32_t len, const uint8_t **out,
-                                              uint32_t *out_len)
+ZEL_API ZEL_STATUS pkcs7GetSignatureAlgorithm(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len)
 {
     return node_seq(der, len, &Sod::sig_alg, out, out_len);
 }
@@ -452,8 +450,8 @@ ZEL_API ZEL_STATUS pkcs7ParseDERSignatureScheme(const uint8_t *alg, uint32_t alg
     if (!expect(alg, alg_len, 0, 0x30, &seq, alg_len) || !expect(alg, alg_len, seq.value(), 0x06, &oid, seq.end()))
         return PKCS7_WRONG_DATA;
     uint32_t id = 0;
-    while (id < 13 && !(oid.whole() == kSchemes[id].oid.size() &&
-                        oid_equal(kSchemes[id].oid, alg + oid.pos, oid.whole())))
+    while (id < 13 &&
+           !(oid.whole() == kSchemes[id].oid.size() && oid_equal(kSchemes[id].oid, alg + oid.pos, oid.whole())))
         ++id;
     if (id == 13)
         return PKCS7_UNSUPPORTED_SIGNATURE_SCHEME;

@@ -19,9 +19,24 @@ const HashRow kHashes[8] = {
     {"", 0, "MD5", 16, {{0x06, 0x08, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05}}},
 };
 
-#define ZEL_SECG(n) {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, n}}
-#define ZEL_X962(n) {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, n}}
-#define ZEL_BRAINPOOL(n) {{0x06, 0x09, 0x2B, 0x24, 0x03, 0x03, 0x02, 0x08, 0x01, 0x01, n}}
+#define ZEL_SECG(n)                               \
+    {                                             \
+        {                                         \
+            0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, n \
+        }                                         \
+    }
+#define ZEL_X962(n)                                                 \
+    {                                                               \
+        {                                                           \
+            0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, n \
+        }                                                           \
+    }
+#define ZEL_BRAINPOOL(n)                                                  \
+    {                                                                     \
+        {                                                                 \
+            0x06, 0x09, 0x2B, 0x24, 0x03, 0x03, 0x02, 0x08, 0x01, 0x01, n \
+        }                                                                 \
+    }
 const CurveRow kCurves[34] = {
     {"secp112r1", 0x0040, ZEL_SECG(0x06)},
     {"secp112r2", 0x0080, ZEL_SECG(0x07)},
@@ -59,8 +74,18 @@ const CurveRow kCurves[34] = {
     {"brainpoolP512t1", 0x01CA, ZEL_BRAINPOOL(0x0E)},
 };
 
-#define ZEL_PKCS1(n) {{0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, n}}
-#define ZEL_ECDSA2(n) {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, n}}
+#define ZEL_PKCS1(n)                                                      \
+    {                                                                     \
+        {                                                                 \
+            0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, n \
+        }                                                                 \
+    }
+#define ZEL_ECDSA2(n)                                               \
+    {                                                               \
+        {                                                           \
+            0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, n \
+        }                                                           \
+    }
 const SchemeRow kSchemes[13] = {
     {"SHA1 with RSA", ZEL_PKCS1(0x05)},
     {"SHA256 with RSA", ZEL_PKCS1(0x0B)},

@@ -15,8 +15,19 @@ using namespace zel::crypto;
 
 namespace {
 
-enum class Target { kTbs, kVersion, kSerial, kSigAlgTbs, kIssuer, kValidity, kSubject, kSpki, kExtensions, kSigAlg,
-                    kSignature };
+enum class Target {
+    kTbs,
+    kVersion,
+    kSerial,
+    kSigAlgTbs,
+    kIssuer,
+    kValidity,
+    kSubject,
+    kSpki,
+    kExtensions,
+    kSigAlg,
+    kSignature
+};
 
 // The outer SEQUENCE: tag 30, a readable length field, and tag + length field + value equal to len.
 ZEL_STATUS outer(const uint8_t *d, uint32_t len, Node *cert)
@@ -50,7 +61,7 @@ ZEL_STATUS cert_node(const uint8_t *d, uint32_t len, Target target, Node *out)
     }
     // Inside the TBSCertificate the version node is mandatory.
     static const uint8_t kTags[] = {0xA0, 0x02, 0x30, 0x30, 0x30, 0x30, 0x30};
-    static const Target kOrder[] = {Target::kVersion, Target::kSerial, Target::kSigAlgTbs, Target::kIssuer,
+    static const Target kOrder[] = {Target::kVersion,  Target::kSerial,  Target::kSigAlgTbs, Target::kIssuer,
                                     Target::kValidity, Target::kSubject, Target::kSpki};
     uint32_t pos = tbs.value();
     Node n;
@@ -117,8 +128,7 @@ ZEL_STATUS find_extension(const uint8_t *ext, uint32_t len, const uint8_t *oid, 
     uint32_t pos = list.value();
     while (pos < list.end()) {
         Node item, id;
-        if (!expect(ext, len, pos, 0x30, &item, list.end()) ||
-            !expect(ext, len, item.value(), 0x06, &id, item.end()))
+        if (!expect(ext, len, pos, 0x30, &item, list.end()) || !expect(ext, len, item.value(), 0x06, &id, item.end()))
             return X509_WRONG_DATA;
         if (id.pos + uint64_t(oid_size) <= item.end() && std::memcmp(ext + id.pos, oid, oid_size) == 0) {
             uint32_t p = static_cast<uint32_t>(id.end());
@@ -206,42 +216,41 @@ static ZEL_STATUS serial_number(const uint8_t *der, uint32_t der_len, bool from_
 extern "C" {
 
 // The position of each certificate node, and the node itself with its length.
-#define ZEL_X509_NODE_POS(X) \
-    X(X509GetTbsNodePos, kTbs) \
-    X(X509GetSerialNumberPos, kSerial) \
+#define ZEL_X509_NODE_POS(X)                     \
+    X(X509GetTbsNodePos, kTbs)                   \
+    X(X509GetSerialNumberPos, kSerial)           \
     X(X509GetSignatureAlgFromTBSPos, kSigAlgTbs) \
-    X(X509GetIssuerPos, kIssuer) \
-    X(X509GetValidityPeriodPos, kValidity) \
-    X(X509GetSubjectPos, kSubject) \
-    X(X509GetPublicKeyInfoPos, kSpki) \
-    X(X509GetExtensionsPos, kExtensions) \
+    X(X509GetIssuerPos, kIssuer)                 \
+    X(X509GetValidityPeriodPos, kValidity)       \
+    X(X509GetSubjectPos, kSubject)               \
+    X(X509GetPublicKeyInfoPos, kSpki)            \
+    X(X509GetExtensionsPos, kExtensions)         \
     X(X509GetSignatureAlgorithmNodePos, kSigAlg) \
     X(x509GetSignatureNodePos, kSignature)
-#define ZEL_X509_NODE_SEQ(X) \
-    X(X509GetTbs, kTbs) \
-    X(X509GetIssuerSeq, kIssuer) \
+#define ZEL_X509_NODE_SEQ(X)               \
+    X(X509GetTbs, kTbs)                    \
+    X(X509GetIssuerSeq, kIssuer)           \
     X(X509GetValidityPeriodSeq, kValidity) \
-    X(X509GetSubjectSeq, kSubject) \
-    X(X509GetExtensionsSeq, kExtensions) \
+    X(X509GetSubjectSeq, kSubject)         \
+    X(X509GetExtensionsSeq, kExtensions)   \
     X(X509GetSignatureAlgorithm, kSigAlg)
 
-#define ZEL_X509_POS_FN(NAME, TARGET)                                                                          \
-    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, uint32_t *pos)                               \
-    {                                                                                                          \
-        return node_pos(der, der_len, Target::TARGET, pos);                                                    \
+#define ZEL_X509_POS_FN(NAME, TARGET)                                            \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, uint32_t *pos) \
+    {                                                                            \
+        return node_pos(der, der_len, Target::TARGET, pos);                      \
     }
-#define ZEL_X509_SEQ_FN(NAME, TARGET)                                                                          \
-    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)      \
-    {                                                                                                          \
-        return node_seq(der, der_len, Target::TARGET, out, out_len);                                           \
+#define ZEL_X509_SEQ_FN(NAME, TARGET)                                                                     \
+    ZEL_API ZEL_STATUS NAME(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len) \
+    {                                                                                                     \
+        return node_seq(der, der_len, Target::TARGET, out, out_len);                                      \
     }
 ZEL_X509_NODE_POS(ZEL_X509_POS_FN)
 ZEL_X509_NODE_SEQ(ZEL_X509_SEQ_FN)
 #undef ZEL_X509_POS_FN
 #undef ZEL_X509_SEQ_FN
 
-ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
-                                          uint32_t *out_len)
+ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len)
 {
     return serial_number(der, der_len, false, out, out_len);
 }
@@ -469,8 +478,8 @@ ZEL_API ZEL_STATUS X509GetRSAPubKeyExponent(const uint8_t *integer, uint32_t ava
     if (avail < 6)
         return X509_WRONG_DATA;
     if (exponent)
-        *exponent = (uint32_t(integer[2]) << 24) | (uint32_t(integer[3]) << 16) | (uint32_t(integer[4]) << 8) |
-                    integer[5];
+        *exponent =
+            (uint32_t(integer[2]) << 24) | (uint32_t(integer[3]) << 16) | (uint32_t(integer[4]) << 8) | integer[5];
     return ZEL_OK;
 }
 

@@ -29,9 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint8_t len = 0, chained = 0;
     uint32_t status = 0;
     switch (pick % 5) {
-    case 1:
-        i_block_trans_rcv_chainM(&rec, pick & 0x10, 100, 5, send, &len, rcv, &chained, &status);
-        break;
+    case 1: i_block_trans_rcv_chainM(&rec, pick & 0x10, 100, 5, send, &len, rcv, &chained, &status); break;
     case 2: {
         uint64_t len64 = 0;
         Zel_i_block_transceiveM(&rec, 0, 100, 5, send, &len64, rcv, &status);
@@ -39,9 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             std::abort();
         break;
     }
-    case 3:
-        r_block_transceiveM(&rec, pick & 0x10, 100, &len, rcv, &chained, &status);
-        break;
+    case 3: r_block_transceiveM(&rec, pick & 0x10, 100, &len, rcv, &chained, &status); break;
     default: {
         const uint32_t cap = (pick >> 3) * 8u;
         uint8_t *out = static_cast<uint8_t *>(std::malloc(cap ? cap : 1));

@@ -12,7 +12,10 @@
 namespace {
 
 uint32_t fake_now = 0;
-uint32_t fake_tick() { return fake_now += 50; }
+uint32_t fake_tick()
+{
+    return fake_now += 50;
+}
 
 } // namespace
 

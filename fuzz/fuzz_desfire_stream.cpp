@@ -58,8 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 2: {
         // Records: len bytes as records of 8 (or fewer when len is smaller).
         const uint16_t rs = len < 8 ? (len ? len : 1) : 8;
-        Zel_int_DesfireReadRecords_3k3des_PKM(h, key, 0xA1B2C3, 1, 3, 0, static_cast<uint16_t>(len / rs), rs, 1,
-                                              out, &cs, &et);
+        Zel_int_DesfireReadRecords_3k3des_PKM(h, key, 0xA1B2C3, 1, 3, 0, static_cast<uint16_t>(len / rs), rs, 1, out,
+                                              &cs, &et);
         break;
     }
     case 3: Zel_int_DesfireReadRecords_no_authM(h, 0xA1B2C3, 0, 3, 0, 1, len, 0, out, &cs, &et); break;

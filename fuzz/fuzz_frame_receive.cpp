@@ -8,7 +8,6 @@
 #include "fuzz/fuzz_link.h"
 #include "tandro.h"
 
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1)

@@ -67,8 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (uint8_t mrz_len : {uint8_t(88), uint8_t(90)}) {
         for (uint32_t cap : {1u, 64u, 200u, uint32_t(sizeof json)}) {
             uint32_t n = cap;
-            if (MRZDataToJSON(json, &n, mrz.data(), mrz_len, format == MRTD_FORMAT_TD3 ? "AAAA" : nullptr, 0) ==
-                ZEL_OK)
+            if (MRZDataToJSON(json, &n, mrz.data(), mrz_len, format == MRTD_FORMAT_TD3 ? "AAAA" : nullptr, 0) == ZEL_OK)
                 check_json(json, n);
         }
     }

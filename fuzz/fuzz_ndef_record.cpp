@@ -9,7 +9,10 @@
 #include "tandro.h"
 
 namespace {
-uint32_t fixed_tick() { return 1000; }
+uint32_t fixed_tick()
+{
+    return 1000;
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

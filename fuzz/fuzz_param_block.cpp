@@ -57,8 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     // The operations on a scripted link: raw reader bytes, or the block wrapped in a good reply.
     const uint8_t cmd = (mode & 0x40) ? 0xF1 : 0xF0;
-    std::vector<uint8_t> wire = (mode & 0x80) ? std::vector<uint8_t>(data + 1, data + size)
-                                              : reply_around(cmd, data + 1, size - 1);
+    std::vector<uint8_t> wire =
+        (mode & 0x80) ? std::vector<uint8_t>(data + 1, data + size) : reply_around(cmd, data + 1, size - 1);
     zelfuzz::FuzzLink link(wire.data(), wire.size());
     zel_handle_record &rec = link.record;
 
@@ -68,12 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint8_t hw_type = 0, hw_ver = 0, major = 0, minor = 0, build = 0;
     uint32_t device_type = 0;
     switch (mode % 4) {
-    case 0:
-        GetReaderParametersHnd(&rec, mui, &serial, &hw_type, &hw_ver, &device_type, &major, &minor, &build);
-        break;
-    case 1:
-        GetReaderParameters2Hnd(&rec, mui, &serial, &hw_type, &hw_ver, &device_type, &major, &minor, &build);
-        break;
+    case 0: GetReaderParametersHnd(&rec, mui, &serial, &hw_type, &hw_ver, &device_type, &major, &minor, &build); break;
+    case 1: GetReaderParameters2Hnd(&rec, mui, &serial, &hw_type, &hw_ver, &device_type, &major, &minor, &build); break;
     case 2:
         GetReaderParametersDefaultBaudrateHnd(&rec, mui, &serial, &hw_type, &hw_ver, &device_type, &major, &minor,
                                               &build);

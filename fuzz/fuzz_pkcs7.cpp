@@ -5,6 +5,9 @@
 
 #include "tandro.h"
 
+using PosFn = decltype(&pkcs7GetDigestAlgorithmsNodPos);
+using SeqFn = decltype(&pkcs7GetLDSSecurityObject);
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static bool started = (initCryptoSubsys(), true);
@@ -15,17 +18,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint32_t pos = 0, len = 0, id = 0, x = 0, y = 0, z = 0;
     const uint8_t *p = nullptr;
     uint8_t version = 0;
-    ZEL_STATUS (*const pos_fns[])(const uint8_t *, uint32_t, uint32_t *) = {
-        pkcs7GetDigestAlgorithmsNodPos, pkcs7GetEncapContentInfoNodPos, pkcs7GetLDSSecurityObjectPos,
-        pkcs7GetCertNodPos,             pkcs7GetSignerInfosNodPos,      pkcs7GetSignerIdPos,
-        pkcs7GetSignedAttrsDigestAlgPos, pkcs7GetSignedAttrsPos,        pkcs7GetSignatureAlgorithmPos,
-        pkcs7GetSignaturePos};
+    const PosFn pos_fns[] = {pkcs7GetDigestAlgorithmsNodPos,  pkcs7GetEncapContentInfoNodPos,
+                             pkcs7GetLDSSecurityObjectPos,    pkcs7GetCertNodPos,
+                             pkcs7GetSignerInfosNodPos,       pkcs7GetSignerIdPos,
+                             pkcs7GetSignedAttrsDigestAlgPos, pkcs7GetSignedAttrsPos,
+                             pkcs7GetSignatureAlgorithmPos,   pkcs7GetSignaturePos};
     for (auto fn : pos_fns)
         if (fn(d, n, &pos) == ZEL_OK && pos >= n)
             __builtin_trap();
-    ZEL_STATUS (*const seq_fns[])(const uint8_t *, uint32_t, const uint8_t **, uint32_t *) = {
-        pkcs7GetLDSSecurityObject, pkcs7GetCert, pkcs7GetSignerId, pkcs7GetSignedAttrs, pkcs7GetSignatureAlgorithm,
-        pkcs7GetLDSSecurityObjectDigest, pkcs7GetSignature};
+    const SeqFn seq_fns[] = {pkcs7GetLDSSecurityObject,  pkcs7GetCert,
+                             pkcs7GetSignerId,           pkcs7GetSignedAttrs,
+                             pkcs7GetSignatureAlgorithm, pkcs7GetLDSSecurityObjectDigest,
+                             pkcs7GetSignature};
     for (auto fn : seq_fns)
         if (fn(d, n, &p, &len) == ZEL_OK && (p < d || p + len > d + n))
             __builtin_trap();

@@ -55,8 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint8_t *file = nullptr;
     uint32_t len = 0;
     uint64_t ssc = 0x887022120C06C226ull;
-    const ZEL_STATUS rd =
-        zel::mrtd::bac_read_file(transceive, &answers, 0x0101, &file, &len, kKsEnc, kKsMac, &ssc);
+    const ZEL_STATUS rd = zel::mrtd::bac_read_file(transceive, &answers, 0x0101, &file, &len, kKsEnc, kKsMac, &ssc);
     if (rd == ZEL_OK && (file == nullptr || len == 0))
         __builtin_trap();
     if (len != 0)

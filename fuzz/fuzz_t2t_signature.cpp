@@ -10,7 +10,10 @@
 
 namespace {
 
-uint8_t *exact(size_t n) { return static_cast<uint8_t *>(std::malloc(n ? n : 1)); }
+uint8_t *exact(size_t n)
+{
+    return static_cast<uint8_t *>(std::malloc(n ? n : 1));
+}
 
 } // namespace
 
@@ -41,7 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         case 2: ReadECCSignatureExtM(h, sig, &sig_len, uid, &uid_len, &type); break;
         case 3: nt4h_rid_read_ecc_signatureM(h, arg, 0, sig, &sig_len); break;
-        case 4: ReadECCSignatureDesfireHnd(h, 1, 0, nullptr, 0, 0, 0, static_cast<uint8_t>(arg & 0x30), sig, &sig_len); break;
+        case 4:
+            ReadECCSignatureDesfireHnd(h, 1, 0, nullptr, 0, 0, 0, static_cast<uint8_t>(arg & 0x30), sig, &sig_len);
+            break;
         case 5: {
             uint32_t v = 0;
             if (arg & 1)

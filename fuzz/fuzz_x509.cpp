@@ -5,6 +5,9 @@
 
 #include "tandro.h"
 
+using PosFn = decltype(&X509GetTbsNodePos);
+using SeqFn = decltype(&X509GetTbs);
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static bool started = (initCryptoSubsys(), true);
@@ -15,18 +18,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint32_t pos = 0, len = 0, a = 0, b = 0, c = 0, crit = 0;
     const uint8_t *p = nullptr, *q = nullptr;
     uint8_t version = 0;
-    ZEL_STATUS (*const pos_fns[])(const uint8_t *, uint32_t, uint32_t *) = {
-        X509GetTbsNodePos,        X509GetSerialNumberPos,  X509GetSignatureAlgFromTBSPos,
-        X509GetIssuerPos,         X509GetValidityPeriodPos, X509GetSubjectPos,
-        X509GetPublicKeyInfoPos,  X509GetExtensionsPos,    X509GetSignatureAlgorithmNodePos,
-        x509GetSignatureNodePos};
+    const PosFn pos_fns[] = {X509GetTbsNodePos,       X509GetSerialNumberPos,   X509GetSignatureAlgFromTBSPos,
+                             X509GetIssuerPos,        X509GetValidityPeriodPos, X509GetSubjectPos,
+                             X509GetPublicKeyInfoPos, X509GetExtensionsPos,     X509GetSignatureAlgorithmNodePos,
+                             x509GetSignatureNodePos};
     for (auto fn : pos_fns)
         if (fn(d, n, &pos) == ZEL_OK && pos >= n)
             __builtin_trap();
-    ZEL_STATUS (*const seq_fns[])(const uint8_t *, uint32_t, const uint8_t **, uint32_t *) = {
-        X509GetTbs,         X509GetIssuerSeq,  X509GetValidityPeriodSeq, X509GetSubjectSeq,
-        X509GetExtensionsSeq, X509GetSignatureAlgorithm, X509GetSerialNumberSeq, X509GetSerialNumberByteArr,
-        X509GetSignature,   X509GetSKIFromCert, X509GetAKIFromCert};
+    const SeqFn seq_fns[] = {
+        X509GetTbs,           X509GetIssuerSeq,          X509GetValidityPeriodSeq, X509GetSubjectSeq,
+        X509GetExtensionsSeq, X509GetSignatureAlgorithm, X509GetSerialNumberSeq,   X509GetSerialNumberByteArr,
+        X509GetSignature,     X509GetSKIFromCert,        X509GetAKIFromCert};
     for (auto fn : seq_fns)
         if (fn(d, n, &p, &len) == ZEL_OK && (p < d || p + len > d + n))
             __builtin_trap();

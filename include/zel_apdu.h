@@ -17,12 +17,12 @@ extern "C" {
 /* Limits, in bytes. */
 #define ZEL_APDU_MAX_COMMAND 0x10008u /* longest plain APDU command, and longest reply */
 #define ZEL_APDU_MIN_COMMAND 4u
-#define ZEL_APDU_MAX_NC 255u          /* APDUTransceive */
-#define ZEL_APDU_MAX_NE 32767u        /* APDUTransceive with Nc 0; 256 otherwise */
-#define ZEL_APDU_ATS_BUFFER 32u       /* cleared by SetISO14443_4_Mode_GetATS; an ATS holds up to 25 */
+#define ZEL_APDU_MAX_NC 255u    /* APDUTransceive */
+#define ZEL_APDU_MAX_NE 32767u  /* APDUTransceive with Nc 0; 256 otherwise */
+#define ZEL_APDU_ATS_BUFFER 32u /* cleared by SetISO14443_4_Mode_GetATS; an ATS holds up to 25 */
 #define ZEL_APDU_UID_BUFFER 10u
-#define ZEL_APDU_HEX_MAX_INPUT 1024u  /* characters of the APDUHexStrTransceive command */
-#define ZEL_APDU_HEX_MAX_REPLY 8192u  /* characters of its reply text */
+#define ZEL_APDU_HEX_MAX_INPUT 1024u /* characters of the APDUHexStrTransceive command */
+#define ZEL_APDU_HEX_MAX_REPLY 8192u /* characters of its reply text */
 
 /* Switching the card interface. None of these keeps state in the library: they are the reader's switches.
  *   SetISO14443_4_Mode         activates the card at ISO 14443-4 level;

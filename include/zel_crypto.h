@@ -94,9 +94,9 @@ ZEL_API int isSignatureSchType_ECDSA(uint32_t scheme);
  * verifiers only). */
 ZEL_API ZEL_STATUS DigitalSignatureVerifyHash(uint32_t hash_id, uint32_t padding_alg, uint32_t cipher_alg,
                                               const uint8_t *digest, uint32_t digest_len, const uint8_t *signature,
-                                              uint32_t signature_len, const void *sig_params,
-                                              uint32_t sig_params_len, const uint8_t *pub_key, uint32_t pub_key_len,
-                                              const void *pub_key_params, uint32_t pub_key_params_len);
+                                              uint32_t signature_len, const void *sig_params, uint32_t sig_params_len,
+                                              const uint8_t *pub_key, uint32_t pub_key_len, const void *pub_key_params,
+                                              uint32_t pub_key_params_len);
 
 /* BER length readers. getTlvLen: a first byte up to 0x80 is the length itself, 0x81 to 0x84 announce 1 to 4
  * length bytes; true on success. It reads at p without a bound: the caller must hold the bytes.

@@ -62,12 +62,12 @@ typedef struct zel_desfire_file_settings {
     uint8_t file_type;
     uint8_t communication_settings; /* 2 bits */
     uint8_t read_key_no, write_key_no, read_write_key_no, change_key_no;
-    uint32_t file_size;             /* standard and backup */
+    uint32_t file_size;               /* standard and backup */
     int32_t lower_limit, upper_limit; /* value */
     uint32_t limited_credit_value;
-    uint8_t limited_credit_enabled; /* 1 bit */
+    uint8_t limited_credit_enabled;                     /* 1 bit */
     uint32_t record_size, max_records, current_records; /* linear and cyclic record */
-    uint8_t tmac_key_type;          /* 2 bits */
+    uint8_t tmac_key_type;                              /* 2 bits */
     uint8_t tmac_key_version;
 } zel_desfire_file_settings;
 
@@ -86,13 +86,13 @@ typedef struct zel_desfire_sdm_file_settings {
     uint8_t sdm_enabled;            /* 1 bit */
     uint8_t read_key_no, write_key_no, read_write_key_no, change_key_no;
     uint32_t file_size;
-    uint8_t sdm_options;            /* ZEL_DESFIRE_SDM_* bits, and 0x01 */
+    uint8_t sdm_options;                                         /* ZEL_DESFIRE_SDM_* bits, and 0x01 */
     uint8_t meta_read_key_no, file_read_key_no, read_ctr_key_no; /* 14 plain, 15 none */
-    uint32_t uid_offset, read_ctr_offset;  /* meta read key 14, with the mirror */
-    uint32_t picc_data_offset;             /* meta read key 0 to 13 */
-    uint32_t mac_input_offset, mac_offset; /* file read key not 15 */
-    uint32_t enc_offset, enc_length;       /* and ZEL_DESFIRE_SDM_ENC_FILE_DATA */
-    uint32_t read_ctr_limit;               /* ZEL_DESFIRE_SDM_READ_CTR_LIMIT */
+    uint32_t uid_offset, read_ctr_offset;                        /* meta read key 14, with the mirror */
+    uint32_t picc_data_offset;                                   /* meta read key 0 to 13 */
+    uint32_t mac_input_offset, mac_offset;                       /* file read key not 15 */
+    uint32_t enc_offset, enc_length;                             /* and ZEL_DESFIRE_SDM_ENC_FILE_DATA */
+    uint32_t read_ctr_limit;                                     /* ZEL_DESFIRE_SDM_READ_CTR_LIMIT */
 } zel_desfire_sdm_file_settings;
 
 /* DesfireSetConfigurationEx sends the card's SetConfiguration with an option byte and its data, at the card

@@ -44,8 +44,8 @@ typedef struct desfire_key {
 
 /* Results of the message routines. */
 #define DESFIRE_CRYPTO_OK 0u
-#define DESFIRE_CRYPTO_NOT_SERVED 1u   /* a mode this kit does not offer, or a message that does not verify */
-#define DESFIRE_CRYPTO_TOO_LONG 126u   /* a message above 184 bytes */
+#define DESFIRE_CRYPTO_NOT_SERVED 1u /* a mode this kit does not offer, or a message that does not verify */
+#define DESFIRE_CRYPTO_TOO_LONG 126u /* a message above 184 bytes */
 #define DESFIRE_CRYPTO_MAX_MESSAGE 184u
 
 /* Key records. The DES forms adjust the parity bits in the caller's buffer too: DES clears the lowest bit
@@ -70,15 +70,15 @@ ZEL_API void cypher_single_block(const uint8_t *key, uint8_t *data, uint8_t *ive
                                  uint8_t operation);
 /* AES over whole 16-byte blocks in place; 0, or ZEL_PARAMETERS_ERROR for a length that is not a whole
  * number of blocks (nothing is touched then). */
-ZEL_API uint32_t aes_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length,
-                                    uint8_t direction, uint8_t operation);
+ZEL_API uint32_t aes_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length, uint8_t direction,
+                                    uint8_t operation);
 /* One DES block with the first schedule (DES records only; others pass the block on unciphered). */
 ZEL_API void cypher_single_block_des(desfire_key *key, uint8_t *data, uint8_t *ivect, uint8_t direction,
                                      uint8_t operation);
 /* DES over whole 8-byte blocks; operation 0 or 3 enciphers, 1 or 2 deciphers, others do no ciphering.
  * 0, or ZEL_PARAMETERS_ERROR for a length that is not a whole number of blocks. */
-ZEL_API uint32_t des_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length,
-                                    uint8_t direction, uint8_t operation);
+ZEL_API uint32_t des_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length, uint8_t direction,
+                                    uint8_t operation);
 
 /* A command as it goes on the wire: offset bytes stay clear, the rest (with CRC_A unless DESFIRE_NO_CRC)
  * is padded and enciphered in send direction. out holds offset + the enciphered length (at most 203). */

@@ -12,16 +12,16 @@ extern "C" {
 /* One FTDI device of ftdi_multiReader_getZelDevices: readers in one list, plain serial adapters in the other.
  * Entries are heap records linked by next; the caller frees each with free(). */
 typedef struct zel_ftdi_device {
-    uint32_t count;          /* running number, from 1 */
-    uint8_t reader_type;     /* speed type of a reader entry */
-    uint32_t baudrate;       /* baud rate of a reader entry */
-    char com_port_name[64];  /* port name; "/" when there is none */
-    char serial[16];         /* FTDI serial number */
-    char description[32];    /* description of the device */
-    uint8_t rts_inverted;    /* from the device's EEPROM */
-    uint8_t is_ftdi_serial;  /* reader entry: it can be opened by its FTDI serial */
-    uint8_t esp_front;       /* reader entry: a network module stands in front of the reader */
-    uint8_t ready;           /* serial adapter entry: its port and RTS data were read */
+    uint32_t count;         /* running number, from 1 */
+    uint8_t reader_type;    /* speed type of a reader entry */
+    uint32_t baudrate;      /* baud rate of a reader entry */
+    char com_port_name[64]; /* port name; "/" when there is none */
+    char serial[16];        /* FTDI serial number */
+    char description[32];   /* description of the device */
+    uint8_t rts_inverted;   /* from the device's EEPROM */
+    uint8_t is_ftdi_serial; /* reader entry: it can be opened by its FTDI serial */
+    uint8_t esp_front;      /* reader entry: a network module stands in front of the reader */
+    uint8_t ready;          /* serial adapter entry: its port and RTS data were read */
     struct zel_ftdi_device *next;
 } zel_ftdi_device;
 

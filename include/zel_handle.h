@@ -86,7 +86,7 @@ struct zel_handle_record {
     void *ftHandle;  /* D2XX device; all ones after a close */
     void *comHandle; /* serial port: its descriptor + 1, so that null is "none" */
     int32_t comFd;
-    uint32_t com_read_timeout_ms;  /* serial port time-outs, kept by the library with poll() */
+    uint32_t com_read_timeout_ms; /* serial port time-outs, kept by the library with poll() */
     uint32_t com_write_timeout_ms;
     uint16_t com_rx_len; /* bytes read ahead from the serial port, not yet taken */
     uint8_t com_rx_buf[ZEL_COM_RX_BUF_LEN];

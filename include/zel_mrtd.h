@@ -89,8 +89,8 @@ ZEL_API void mrtd_bac_kenc_kmac(const uint8_t *kseed, uint8_t *kenc, uint8_t *km
 ZEL_API void mrtd_bac_eifd_mifd(const uint8_t *rnd_ifd, const uint8_t *kifd, const uint8_t *rnd_icc,
                                 const uint8_t *kenc, const uint8_t *kmac, uint8_t *eifd, uint8_t *mifd);
 /* E.IFD and M.IFD in one 40-byte buffer. */
-ZEL_API void mrtd_bac_cmd_data(const uint8_t *rnd_ifd, const uint8_t *kifd, const uint8_t *rnd_icc,
-                               const uint8_t *kenc, const uint8_t *kmac, uint8_t *out);
+ZEL_API void mrtd_bac_cmd_data(const uint8_t *rnd_ifd, const uint8_t *kifd, const uint8_t *rnd_icc, const uint8_t *kenc,
+                               const uint8_t *kmac, uint8_t *out);
 /* Deciphers the first 32 bytes of the card's answer: true when they carry RND.IFD; then RND.ICC (8 bytes)
  * and K.ICC (16 bytes) go to the outputs that are not null. The card's MAC is not read. */
 ZEL_API int mrtd_bac_challenge_ok(const uint8_t *response, const uint8_t *kenc, const uint8_t *rnd_ifd,
@@ -100,9 +100,8 @@ ZEL_API uint64_t mrtd_bac_get_ssc(const uint8_t *rnd_icc, const uint8_t *rnd_ifd
 /* Wraps a plain command APDU (4, 5 or more bytes) with DO'87', DO'97' and DO'8E' under the session keys and
  * the SSC as given (the caller steps it). out needs room for apdu_len + 25 bytes. ZEL_PARAMETERS_ERROR when
  * the APDU is shorter than 4 bytes, its Lc runs past apdu_len, or the result does not fit a short APDU. */
-ZEL_API ZEL_STATUS mrtd_bac_protected_apdu(const uint8_t *apdu, uint8_t *out, uint32_t apdu_len,
-                                           uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac,
-                                           uint64_t ssc);
+ZEL_API ZEL_STATUS mrtd_bac_protected_apdu(const uint8_t *apdu, uint8_t *out, uint32_t apdu_len, uint32_t *out_len,
+                                           const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t ssc);
 /* Unwraps a protected response (DO'87' or DO'85', then DO'99', DO'8E' and the status word, or DO'99'
  * alone) into the plain data; out needs room for response_len bytes. ZEL_PARAMETERS_ERROR for a response
  * of another shape, a cipher text that is not whole blocks, or a padding that does not end. */
@@ -114,8 +113,7 @@ ZEL_API ZEL_STATUS mrtd_bac_decrypt_response(const uint8_t *response, uint8_t *o
 ZEL_API void mrtd_crypto_sha1(const uint8_t *in, uint32_t len, uint8_t *out);
 /* DES in CBC mode with a zero initial vector over the whole 8-byte blocks of len; in and out may be the same
  * buffer. single DES takes an 8-byte key, triple DES a 16-byte key K1 K2 used as K1, K2, K1. */
-ZEL_API void mrtd_crypto_crypt_des(const uint8_t *in, uint8_t *out, uint32_t len, const uint8_t *key8,
-                                   uint8_t encrypt);
+ZEL_API void mrtd_crypto_crypt_des(const uint8_t *in, uint8_t *out, uint32_t len, const uint8_t *key8, uint8_t encrypt);
 ZEL_API void mrtd_crypto_encrypt_des(const uint8_t *in, uint8_t *out, uint32_t len, const uint8_t *key8);
 ZEL_API void mrtd_crypto_decrypt_des(const uint8_t *in, uint8_t *out, uint32_t len, const uint8_t *key8);
 ZEL_API void mrtd_crypto_crypt_3des(const uint8_t *in, uint8_t *out, uint32_t len, const uint8_t *key16,

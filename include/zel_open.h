@@ -10,8 +10,14 @@ extern "C" {
 #endif
 
 /* The boot loader's greeting after a reset, and the form with a stray zero in front. */
-#define ZEL_BOOT_SEQUENCE {0x03, 0x55, 0x55, 0xBB}
-#define ZEL_BOOT_SEQUENCE_SHIFTED {0x00, 0x03, 0x55, 0x55}
+#define ZEL_BOOT_SEQUENCE      \
+    {                          \
+        0x03, 0x55, 0x55, 0xBB \
+    }
+#define ZEL_BOOT_SEQUENCE_SHIFTED \
+    {                             \
+        0x00, 0x03, 0x55, 0x55    \
+    }
 
 /* Level 1 lets the reader run, level 0 holds it in reset. ReaderHwReset pulses the line without waiting
  * for the boot sequence; ReaderReset waits for it. ReaderStillConnected sets *connected to 1 when the
@@ -37,18 +43,18 @@ ZEL_API ZEL_STATUS ReaderOpenM(ZEL_HANDLE *hnd);
 ZEL_API ZEL_STATUS ReaderOpenHnd(ZEL_HANDLE *hnd, uint32_t reader_type);
 ZEL_API ZEL_STATUS ReaderOpenByType(uint32_t reader_type);
 ZEL_API ZEL_STATUS ReaderOpenEx(uint32_t reader_type, const char *port_name, uint32_t port_interface, const char *arg);
-ZEL_API ZEL_STATUS ReaderOpenExHnd(ZEL_HANDLE hnd, uint32_t reader_type, const char *port_name,
-                                   uint32_t port_interface, const char *arg);
+ZEL_API ZEL_STATUS ReaderOpenExHnd(ZEL_HANDLE hnd, uint32_t reader_type, const char *port_name, uint32_t port_interface,
+                                   const char *arg);
 /* Stages of the automatic search. */
 ZEL_API ZEL_STATUS ReaderOpenHnd_MicaUSB(ZEL_HANDLE hnd);
 ZEL_API ZEL_STATUS ReaderOpenHnd_FtdiUSB(ZEL_HANDLE hnd);
 ZEL_API ZEL_STATUS ReaderOpenHnd_FtdiZel(ZEL_HANDLE hnd, const struct zel_ftdi_device *readers, uint32_t count);
 ZEL_API ZEL_STATUS ReaderOpenHnd_FtdiRS232(ZEL_HANDLE hnd, const struct zel_ftdi_device *adapters, uint32_t count);
-ZEL_API ZEL_STATUS ReaderOpenHnd_Serial(ZEL_HANDLE hnd, const char *port_name,
-                                        const struct zel_ftdi_device *adapters, uint32_t adapter_count);
+ZEL_API ZEL_STATUS ReaderOpenHnd_Serial(ZEL_HANDLE hnd, const char *port_name, const struct zel_ftdi_device *adapters,
+                                        uint32_t adapter_count);
 /* Lower opens. port_type: 0 FTDI then serial, 1 serial, 2 FTDI. */
-ZEL_API ZEL_STATUS PortOpen_by(ZEL_HANDLE hnd, struct zel_com_ports *work, const char *port_name,
-                               uint32_t reader_type, uint32_t port_type);
+ZEL_API ZEL_STATUS PortOpen_by(ZEL_HANDLE hnd, struct zel_com_ports *work, const char *port_name, uint32_t reader_type,
+                               uint32_t port_type);
 ZEL_API ZEL_STATUS PortOpen_byCOM(ZEL_HANDLE hnd, struct zel_com_ports *work, const char *port_name,
                                   uint32_t reader_type);
 ZEL_API ZEL_STATUS PortOpen_byFTDI(ZEL_HANDLE hnd, struct zel_com_ports *work, const char *port_name,

@@ -43,13 +43,11 @@ ZEL_API ZEL_STATUS X509GetIssuerSeq(const uint8_t *der, uint32_t der_len, const 
 ZEL_API ZEL_STATUS X509GetValidityPeriodSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                             uint32_t *out_len);
 ZEL_API ZEL_STATUS X509GetSubjectSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len);
-ZEL_API ZEL_STATUS X509GetExtensionsSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
-                                        uint32_t *out_len);
+ZEL_API ZEL_STATUS X509GetExtensionsSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len);
 ZEL_API ZEL_STATUS X509GetSignatureAlgorithm(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                              uint32_t *out_len);
 /* The serial number: pointer to the length byte behind the tag 02 and the value's length. */
-ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out,
-                                          uint32_t *out_len);
+ZEL_API ZEL_STATUS X509GetSerialNumberSeq(const uint8_t *der, uint32_t der_len, const uint8_t **out, uint32_t *out_len);
 /* The serial number's value bytes. */
 ZEL_API ZEL_STATUS X509GetSerialNumberByteArr(const uint8_t *der, uint32_t der_len, const uint8_t **out,
                                               uint32_t *out_len);
@@ -102,8 +100,7 @@ ZEL_API ZEL_STATUS pkcs7GetSignaturePos(const uint8_t *der, uint32_t len, uint32
 
 /* Values of an EF.SOD. */
 ZEL_API ZEL_STATUS pkcs7GetDigestAlgorithms(const uint8_t *der, uint32_t len, uint32_t *hash_id);
-ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObject(const uint8_t *der, uint32_t len, const uint8_t **out,
-                                             uint32_t *out_len);
+ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObject(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len);
 ZEL_API ZEL_STATUS pkcs7GetDataGroupsHashAlgorithm(const uint8_t *der, uint32_t len, uint32_t *hash_id);
 /* The stored hash of data group index (a pointer to the hash bytes and their count). */
 ZEL_API ZEL_STATUS pkcs7GetDataGroupHash(const uint8_t *der, uint32_t len, uint8_t index, const uint8_t **out,
@@ -114,8 +111,7 @@ ZEL_API ZEL_STATUS pkcs7GetSignerIdVersion(const uint8_t *der, uint32_t len, uin
 ZEL_API ZEL_STATUS pkcs7GetSignerId(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len);
 ZEL_API ZEL_STATUS pkcs7GetSignedAttrsDigestAlgorithm(const uint8_t *der, uint32_t len, uint32_t *hash_id);
 ZEL_API ZEL_STATUS pkcs7GetSignedAttrs(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len);
-ZEL_API ZEL_STATUS pkcs7GetSignatureAlgorithm(const uint8_t *der, uint32_t len, const uint8_t **out,
-                                              uint32_t *out_len);
+ZEL_API ZEL_STATUS pkcs7GetSignatureAlgorithm(const uint8_t *der, uint32_t len, const uint8_t **out, uint32_t *out_len);
 /* The messageDigest value of the signed attributes. */
 ZEL_API ZEL_STATUS pkcs7GetLDSSecurityObjectDigest(const uint8_t *der, uint32_t len, const uint8_t **out,
                                                    uint32_t *out_len);

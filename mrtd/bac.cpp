@@ -55,8 +55,8 @@ ZEL_STATUS exchange(Transceive transceive, void *context, const uint8_t *cmd, ui
     return ZEL_OK;
 }
 
-ZEL_STATUS plain_exchange(Transceive transceive, void *context, const uint8_t *cmd, uint32_t cmd_len,
-                          uint8_t *resp, uint32_t *resp_len)
+ZEL_STATUS plain_exchange(Transceive transceive, void *context, const uint8_t *cmd, uint32_t cmd_len, uint8_t *resp,
+                          uint32_t *resp_len)
 {
     const ZEL_STATUS st = exchange(transceive, context, cmd, cmd_len, resp, resp_len);
     if (st != ZEL_OK)
@@ -69,8 +69,7 @@ ZEL_STATUS plain_exchange(Transceive transceive, void *context, const uint8_t *c
 
 // One protected exchange: SSC + 1, wrap, send, SSC + 1, unwrap, status word 90 00. data holds kResponseCap.
 ZEL_STATUS sm_exchange(Transceive transceive, void *context, const uint8_t *apdu, uint32_t apdu_len,
-                       const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc, uint8_t *data,
-                       uint32_t *data_len)
+                       const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc, uint8_t *data, uint32_t *data_len)
 {
     uint8_t cmd[64], resp[kResponseCap];
     uint32_t cmd_len = 0, resp_len = 0;
@@ -133,8 +132,8 @@ const uint8_t *last_dg_digest(int group)
 ZEL_STATUS bac_authenticate(Transceive transceive, void *context, const char *mrz_proto_key, uint8_t *ks_enc,
                             uint8_t *ks_mac, uint64_t *ssc)
 {
-    if (transceive == nullptr || mrz_proto_key == nullptr || ks_enc == nullptr || ks_mac == nullptr ||
-        ssc == nullptr || strnlen(mrz_proto_key, 24) != 24)
+    if (transceive == nullptr || mrz_proto_key == nullptr || ks_enc == nullptr || ks_mac == nullptr || ssc == nullptr ||
+        strnlen(mrz_proto_key, 24) != 24)
         return ZEL_PARAMETERS_ERROR;
     uint8_t resp[kResponseCap];
     uint32_t resp_len = 0;
@@ -177,8 +176,8 @@ ZEL_STATUS bac_authenticate(Transceive transceive, void *context, const char *mr
     return st;
 }
 
-ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id, uint8_t **out,
-                         uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc)
+ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id, uint8_t **out, uint32_t *out_len,
+                         const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc)
 {
     if (out == nullptr || out_len == nullptr)
         return ZEL_PARAMETERS_ERROR;
@@ -237,8 +236,8 @@ ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id,
 
 } // namespace zel::mrtd
 
-using zel::mrtd::read_tlv_len;
 using zel::mrtd::put_u64_be;
+using zel::mrtd::read_tlv_len;
 
 extern "C" {
 
@@ -294,8 +293,8 @@ ZEL_API void mrtd_bac_eifd_mifd(const uint8_t *rnd_ifd, const uint8_t *kifd, con
     OPENSSL_cleanse(s, sizeof s);
 }
 
-ZEL_API void mrtd_bac_cmd_data(const uint8_t *rnd_ifd, const uint8_t *kifd, const uint8_t *rnd_icc,
-                               const uint8_t *kenc, const uint8_t *kmac, uint8_t *out)
+ZEL_API void mrtd_bac_cmd_data(const uint8_t *rnd_ifd, const uint8_t *kifd, const uint8_t *rnd_icc, const uint8_t *kenc,
+                               const uint8_t *kmac, uint8_t *out)
 {
     if (out == nullptr)
         return;
@@ -332,9 +331,8 @@ ZEL_API uint64_t mrtd_bac_get_ssc(const uint8_t *rnd_icc, const uint8_t *rnd_ifd
     return ssc;
 }
 
-ZEL_API ZEL_STATUS mrtd_bac_protected_apdu(const uint8_t *apdu, uint8_t *out, uint32_t apdu_len,
-                                           uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac,
-                                           uint64_t ssc)
+ZEL_API ZEL_STATUS mrtd_bac_protected_apdu(const uint8_t *apdu, uint8_t *out, uint32_t apdu_len, uint32_t *out_len,
+                                           const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t ssc)
 {
     if (out_len)
         *out_len = 0;
@@ -459,8 +457,8 @@ ZEL_API ZEL_STATUS mrtd_bac_decrypt_response(const uint8_t *response, uint8_t *o
 
 ZEL_API const char *MRTDGetDgName(uint8_t tag)
 {
-    static const char *const kDg[17] = {"",       "EF.DG1",  "EF.DG2",  "EF.DG3",  "EF.DG4",  "EF.DG5",
-                                        "EF.DG6", "EF.DG7",  "EF.DG8",  "EF.DG9",  "EF.DG10", "EF.DG11",
+    static const char *const kDg[17] = {"",        "EF.DG1",  "EF.DG2",  "EF.DG3",  "EF.DG4",  "EF.DG5",
+                                        "EF.DG6",  "EF.DG7",  "EF.DG8",  "EF.DG9",  "EF.DG10", "EF.DG11",
                                         "EF.DG12", "EF.DG13", "EF.DG14", "EF.DG15", "EF.DG16"};
     if (tag == 0x60)
         return "EF.COM";
@@ -488,8 +486,8 @@ ZEL_API ZEL_STATUS MRTDGetDGTagListFromCOM(const uint8_t *com, uint32_t com_len,
     *tags = nullptr;
     *count = 0;
     uint32_t ll = 0, vl = 0;
-    if (com == nullptr || com_len < 2 || com[0] != 0x60 || !read_tlv_len(com + 1, com_len - 1, &ll, &vl) ||
-        vl == 0 || 1u + ll + uint64_t(vl) > com_len)
+    if (com == nullptr || com_len < 2 || com[0] != 0x60 || !read_tlv_len(com + 1, com_len - 1, &ll, &vl) || vl == 0 ||
+        1u + ll + uint64_t(vl) > com_len)
         return MRTD_EF_COM_WRONG_DATA;
     const uint32_t end = 1 + ll + vl;
     uint32_t p = 1 + ll;

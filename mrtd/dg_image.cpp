@@ -203,8 +203,7 @@ ZEL_API ZEL_STATUS MRTDGetImageFromDG7ToFile(const uint8_t *dg7, uint32_t len, c
     return image_to_file(MRTDGetImageFromDG7, dg7, len, path);
 }
 
-ZEL_API uint32_t image_base64_encode(const uint8_t *in, uint64_t in_len, char *out, uint64_t out_cap,
-                                     uint64_t *out_len)
+ZEL_API uint32_t image_base64_encode(const uint8_t *in, uint64_t in_len, char *out, uint64_t out_cap, uint64_t *out_len)
 {
     if ((in == nullptr && in_len != 0) || out == nullptr || out_len == nullptr)
         return 0xFFFFFFFFu;
@@ -270,9 +269,10 @@ ZEL_API ZEL_STATUS parse_dg_image_to_JSON(uint8_t tag, const uint8_t *dg, uint32
         std::free(b64);
         return ZEL_NO_MEMORY_ERROR;
     }
-    const int n = flat ? std::snprintf(out, cap, "\"image_type\":\"%s\",\"%s\":\"data:%s;base64,%s\"", mime, key, mime, b64)
-                       : std::snprintf(out, cap, "\"DG%d\":{\"image_type\":\"%s\",\"%s\":\"data:%s;base64,%s\"}", index,
-                                       mime, key, mime, b64);
+    const int n =
+        flat ? std::snprintf(out, cap, "\"image_type\":\"%s\",\"%s\":\"data:%s;base64,%s\"", mime, key, mime, b64)
+             : std::snprintf(out, cap, "\"DG%d\":{\"image_type\":\"%s\",\"%s\":\"data:%s;base64,%s\"}", index, mime,
+                             key, mime, b64);
     std::free(b64);
     if (n < 0 || uint64_t(n) >= cap) {
         std::free(out);

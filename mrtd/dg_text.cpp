@@ -210,8 +210,7 @@ ZEL_API ZEL_STATUS parse_dg1_to_JSON(const uint8_t *dg1, int32_t len, char **jso
     uint32_t p = 1 + ll;
     uint32_t mrz_ll = 0, mrz_len = 0;
     if (n - p < 3 || dg1[p] != 0x5F || dg1[p + 1] != 0x1F ||
-        !zel::mrtd::read_tlv_len(dg1 + p + 2, n - p - 2, &mrz_ll, &mrz_len) ||
-        uint64_t(p) + 2 + mrz_ll + mrz_len > n)
+        !zel::mrtd::read_tlv_len(dg1 + p + 2, n - p - 2, &mrz_ll, &mrz_len) || uint64_t(p) + 2 + mrz_ll + mrz_len > n)
         return MRTD_EF_DG_WRONG_DATA;
     if (mrz_len != 88 && mrz_len != 90)
         return MRTD_EF_DG1_WRONG_LDS_VERSION_LENGTH;

@@ -137,8 +137,7 @@ ZEL_API ZEL_STATUS icaoMlMoveToFirstCert(FILE *ml, uint32_t *start, uint32_t *le
     auto *buf = static_cast<uint8_t *>(std::malloc(zel::mrtd::kHeaderSize));
     if (buf == nullptr)
         return ZEL_NO_MEMORY_ERROR;
-    if (std::fseek(ml, 0, SEEK_SET) != 0 ||
-        std::fread(buf, 1, zel::mrtd::kHeaderSize, ml) != zel::mrtd::kHeaderSize) {
+    if (std::fseek(ml, 0, SEEK_SET) != 0 || std::fread(buf, 1, zel::mrtd::kHeaderSize, ml) != zel::mrtd::kHeaderSize) {
         std::free(buf);
         return ICAO_ML_CAN_NOT_READ_FILE;
     }
@@ -225,8 +224,7 @@ ZEL_API void icaoMlClearSearchCriteria(icao_ml_search_criteria *criteria)
         std::memset(criteria, 0, sizeof *criteria);
 }
 
-ZEL_API ZEL_STATUS icaoMlFindCert(FILE *ml, const icao_ml_search_criteria *criteria, uint8_t **cert,
-                                  uint32_t *cert_len)
+ZEL_API ZEL_STATUS icaoMlFindCert(FILE *ml, const icao_ml_search_criteria *criteria, uint8_t **cert, uint32_t *cert_len)
 {
     if (cert)
         *cert = nullptr;

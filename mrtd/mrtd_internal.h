@@ -58,8 +58,8 @@ ZEL_STATUS bac_authenticate(Transceive transceive, void *context, const char *mr
                             uint8_t *ks_mac, uint64_t *ssc);
 // Reads a whole file under secure messaging; *out is allocated (OrbFree), also the partial buffer of a
 // failed read. The SSC moves by two for each exchange.
-ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id, uint8_t **out,
-                         uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc);
+ZEL_STATUS bac_read_file(Transceive transceive, void *context, uint16_t file_id, uint8_t **out, uint32_t *out_len,
+                         const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc);
 
 // The SHA-256 of the last EF.DG1 (group 1) or EF.DG2 (group 2) read; null before the first.
 const uint8_t *last_dg_digest(int group);

@@ -36,8 +36,7 @@ struct Piece {
     int offset;
     int width;
 };
-template <size_t N>
-bool composite_ok(const char *mrz, const Piece (&pieces)[N], char digit)
+template <size_t N> bool composite_ok(const char *mrz, const Piece (&pieces)[N], char digit)
 {
     char field[64];
     int32_t n = 0;

@@ -61,8 +61,7 @@ ZEL_STATUS head_lines(char **text, const char *eol, const char *mrz, const char 
 }
 
 // Runs the lines one after the other and stops at the first failure.
-template <typename... Steps>
-ZEL_STATUS all(Steps... steps)
+template <typename... Steps> ZEL_STATUS all(Steps... steps)
 {
     ZEL_STATUS st = ZEL_OK;
     ((st == ZEL_OK ? (st = steps()) : st), ...);
@@ -184,13 +183,12 @@ ZEL_API ZEL_STATUS ParseTD1Format(char *out, int32_t capacity, uint32_t *pos, co
         return ZEL_BUFFER_OVERFLOW;
     const uint32_t cap = uint32_t(capacity);
     const char *second = mrz[9] == '<' ? "document_number_extension" : "optional_data";
-    const bool ok = put_field(out, cap, pos, "document_number", mrz, 0, 9) &&
-                    put_field(out, cap, pos, second, mrz, 10, 15) &&
-                    put_date(out, cap, pos, "date_of_birth", mrz, 25, kBirthPivot) && put_sex(out, cap, pos, mrz, 32) &&
-                    put_date(out, cap, pos, "date_of_expiry", mrz, 33, kExpiryPivot) &&
-                    put_field(out, cap, pos, "nationality", mrz, 40, 3) &&
-                    put_field(out, cap, pos, "optional_data2", mrz, 43, 11) &&
-                    put_field(out, cap, pos, "holder_name", mrz, 55, 30);
+    const bool ok =
+        put_field(out, cap, pos, "document_number", mrz, 0, 9) && put_field(out, cap, pos, second, mrz, 10, 15) &&
+        put_date(out, cap, pos, "date_of_birth", mrz, 25, kBirthPivot) && put_sex(out, cap, pos, mrz, 32) &&
+        put_date(out, cap, pos, "date_of_expiry", mrz, 33, kExpiryPivot) &&
+        put_field(out, cap, pos, "nationality", mrz, 40, 3) &&
+        put_field(out, cap, pos, "optional_data2", mrz, 43, 11) && put_field(out, cap, pos, "holder_name", mrz, 55, 30);
     return ok ? ZEL_OK : ZEL_BUFFER_OVERFLOW;
 }
 

@@ -68,9 +68,7 @@ ZEL_STATUS fragment(const Entry &e, uint32_t flat, char **json)
     case 0x6B:
     case 0x6C:
     case 0x6D: return MRTD_DG_To_JSON_Heap(e.data, e.len, json, flat ? 1 : 0);
-    default:
-        dp(12, "Unknown or unhandled DG Tag: 0x%02X\n", e.tag);
-        return ZEL_NOT_IMPLEMENTED;
+    default: dp(12, "Unknown or unhandled DG Tag: 0x%02X\n", e.tag); return ZEL_NOT_IMPLEMENTED;
     }
 }
 

@@ -44,10 +44,7 @@ struct Report {
         hexsprintf(buf, sizeof buf, bytes, n);
         line(level, a, buf);
     }
-    void number(uint32_t level, const char *a, uint32_t n)
-    {
-        line(level, a, std::to_string(n).c_str());
-    }
+    void number(uint32_t level, const char *a, uint32_t n) { line(level, a, std::to_string(n).c_str()); }
 };
 
 bool same(const uint8_t *a, uint32_t a_len, const uint8_t *b, uint32_t b_len)
@@ -55,8 +52,8 @@ bool same(const uint8_t *a, uint32_t a_len, const uint8_t *b, uint32_t b_len)
     return a_len == b_len && (a_len == 0 || std::memcmp(a, b, a_len) == 0);
 }
 
-ZEL_STATUS read_global(uint16_t file_id, uint8_t **out, uint32_t *out_len, const uint8_t *ks_enc,
-                       const uint8_t *ks_mac, uint64_t *ssc)
+ZEL_STATUS read_global(uint16_t file_id, uint8_t **out, uint32_t *out_len, const uint8_t *ks_enc, const uint8_t *ks_mac,
+                       uint64_t *ssc)
 {
     const Link link = card_link(&zel_global);
     return bac_read_file(link.transceive, link.context, file_id, out, out_len, ks_enc, ks_mac, ssc);
@@ -428,8 +425,8 @@ bool read_ds_certificate(Validation &v)
         r.number(1, "ECC public key (field) bit-size is ", key_bits);
         break;
     default:
-        r.status(3, "Error while parsing Document Signing (DS) certificate, status is: ",
-                 X509_UNSUPPORTED_PUBLIC_KEY_TYPE);
+        r.status(
+            3, "Error while parsing Document Signing (DS) certificate, status is: ", X509_UNSUPPORTED_PUBLIC_KEY_TYPE);
         return v.stop(X509_UNSUPPORTED_PUBLIC_KEY_TYPE);
     }
     r.blank(1);
@@ -452,8 +449,8 @@ bool check_signed_attributes(Validation &v)
         r.status(3, "Error while parsing SOD, status is: ", st);
         return v.stop(st);
     }
-    r.line(1, "Signature scheme used for Signed Attributes signature verification: ",
-           OrbGetSignatureSchemeName(scheme));
+    r.line(1,
+           "Signature scheme used for Signed Attributes signature verification: ", OrbGetSignatureSchemeName(scheme));
     const ZEL_STATUS sig_st = pkcs7VerifySignature(v.b.sod, v.sod_len);
     switch (sig_st) {
     case ZEL_OK: r.line(1, "Signed Attributes signature is OK."); break;

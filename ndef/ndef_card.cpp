@@ -21,8 +21,14 @@ constexpr uint8_t kNdefAid[7] = {0xD2, 0x76, 0x00, 0x00, 0x85, 0x01, 0x01};
 constexpr uint32_t kT4Chunk = 246;
 constexpr uint8_t kZeroLength[2] = {0, 0};
 
-bool is_iso15693(uint8_t t) { return t >= 80 && t <= 86; }
-bool t2t_sector_form(uint8_t t) { return t >= 13 && t <= 16; }
+bool is_iso15693(uint8_t t)
+{
+    return t >= 80 && t <= 86;
+}
+bool t2t_sector_form(uint8_t t)
+{
+    return t >= 13 && t <= 16;
+}
 
 // One APDU; true only for a completed exchange that ends in 90 00 (the status out value holds SW1 in its low
 // byte).
@@ -56,21 +62,27 @@ ZEL_STATUS write_cc_block(ZEL_HANDLE hnd, uint8_t type, const uint8_t block[16])
 }
 
 // Sector s's trailer block within the sector.
-uint8_t trailer_block(unsigned s) { return s >= 32 ? 15 : 3; }
+uint8_t trailer_block(unsigned s)
+{
+    return s >= 32 ? 15 : 3;
+}
 
 // Reads n bytes at a linear address with a key, checking that all came.
 ZEL_STATUS linear_read_pk(ZEL_HANDLE hnd, uint8_t *out, uint32_t addr, uint32_t n, const uint8_t *key)
 {
     uint16_t got = 0;
-    const ZEL_STATUS st = LinearRead_PKHnd(hnd, out, static_cast<uint16_t>(addr), static_cast<uint16_t>(n), &got,
-                                           ZEL_AUTH_KEY_A, key);
+    const ZEL_STATUS st =
+        LinearRead_PKHnd(hnd, out, static_cast<uint16_t>(addr), static_cast<uint16_t>(n), &got, ZEL_AUTH_KEY_A, key);
     if (st != ZEL_OK)
         return st;
     return got == n ? ZEL_OK : ZEL_READING_ERROR;
 }
 
 // A directory entry that marks an NDEF sector: the application 0xE103, low byte first.
-bool ndef_entry(const uint8_t *e) { return e[0] == 0x03 && e[1] == 0xE1; }
+bool ndef_entry(const uint8_t *e)
+{
+    return e[0] == 0x03 && e[1] == 0xE1;
+}
 
 // Appends the runs of marked sectors of one directory to the image. entries[i] belongs to the sector that
 // starts at start(i) with size(i) bytes.
@@ -186,32 +198,24 @@ struct T2tTemplate {
 bool t2t_template(uint8_t type, T2tTemplate &t)
 {
     switch (type) {
-    case 1: case 2: case 6: case 11: case 20:
-        t = {6, {0x03, 0x00, 0xFE, 0x00}, 4};
-        return true;
-    case 3: case 7:
-        t = {16, {0x01, 0x03, 0x90, 0x0A, 0x34, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 4: case 5:
-        t = {18, {0x01, 0x03, 0xA0, 0x10, 0x44, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 8: case 21:
-        t = {18, {0x01, 0x03, 0xA0, 0x0C, 0x34, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 9:
-        t = {62, {0x01, 0x03, 0x88, 0x08, 0x66, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 10: case 13: case 15:
-        t = {109, {0x01, 0x03, 0xE8, 0x0E, 0x66, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 14:
-        t = {234, {0x01, 0x03, 0xF0, 0x0F, 0x77, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    case 16:
-        t = {109, {0x01, 0x03, 0x78, 0x07, 0x77, 0x03, 0x00, 0xFE}, 8};
-        return true;
-    default:
-        return false;
+    case 1:
+    case 2:
+    case 6:
+    case 11:
+    case 20: t = {6, {0x03, 0x00, 0xFE, 0x00}, 4}; return true;
+    case 3:
+    case 7: t = {16, {0x01, 0x03, 0x90, 0x0A, 0x34, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 4:
+    case 5: t = {18, {0x01, 0x03, 0xA0, 0x10, 0x44, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 8:
+    case 21: t = {18, {0x01, 0x03, 0xA0, 0x0C, 0x34, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 9: t = {62, {0x01, 0x03, 0x88, 0x08, 0x66, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 10:
+    case 13:
+    case 15: t = {109, {0x01, 0x03, 0xE8, 0x0E, 0x66, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 14: t = {234, {0x01, 0x03, 0xF0, 0x0F, 0x77, 0x03, 0x00, 0xFE}, 8}; return true;
+    case 16: t = {109, {0x01, 0x03, 0x78, 0x07, 0x77, 0x03, 0x00, 0xFE}, 8}; return true;
+    default: return false;
     }
 }
 
@@ -271,8 +275,7 @@ ZEL_STATUS format_iso15693(ZEL_HANDLE hnd, uint8_t type)
         size = static_cast<uint8_t>(units > 255 ? 255 : units);
         break;
     }
-    default:
-        return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
+    default: return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
     }
     uint8_t b0[16] = {0xE1, 0x40, size, 0x00};
     uint8_t b1[16] = {0x03, 0x00, 0xFE, 0x00};
@@ -416,8 +419,8 @@ ZEL_STATUS read_card_data(ZEL_HANDLE hnd, uint8_t type, uint8_t *img, uint32_t c
         if (size > cap)
             size = cap;
         uint16_t got = 0;
-        ZEL_STATUS st = LinearReadHnd(hnd, img, is_iso15693(type) ? 4 : 0, static_cast<uint16_t>(size), &got,
-                                      ZEL_AUTH_KEY_A, 0);
+        ZEL_STATUS st =
+            LinearReadHnd(hnd, img, is_iso15693(type) ? 4 : 0, static_cast<uint16_t>(size), &got, ZEL_AUTH_KEY_A, 0);
         // Vicinity tags often leave the factory with a container whose size counts the container's own four
         // bytes: the area then ends four bytes sooner than the size says.
         if (st == ZEL_MAX_ADDRESS_EXCEEDED && is_iso15693(type) && size > 4) {
@@ -434,8 +437,8 @@ ZEL_STATUS read_card_data(ZEL_HANDLE hnd, uint8_t type, uint8_t *img, uint32_t c
     if (!is_mifare(type))
         return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
     ZEL_STATUS st = read_runs(
-        hnd, g_mad.mad1 + 2, 15, [](unsigned i) { return 48 * (i + 1) - 16; }, [](unsigned) { return 48u; }, img,
-        cap, len);
+        hnd, g_mad.mad1 + 2, 15, [](unsigned i) { return 48 * (i + 1) - 16; }, [](unsigned) { return 48u; }, img, cap,
+        len);
     if (st != ZEL_OK || is_mifare_1k(type))
         return st;
     const unsigned count = is_mifare_2k(type) ? 15 : 23;
@@ -473,8 +476,7 @@ ZEL_STATUS ndef_mifare_classic_linear_write(ZEL_HANDLE hnd, const uint8_t *src, 
     if (st != ZEL_OK)
         return st;
     // The part behind sector 16 starts again from the first source byte.
-    return LinearWrite_PKHnd(hnd, src, 800, static_cast<uint16_t>(off + 32 + n - 752), &done, ZEL_AUTH_KEY_A,
-                             kNdefKey);
+    return LinearWrite_PKHnd(hnd, src, 800, static_cast<uint16_t>(off + 32 + n - 752), &done, ZEL_AUTH_KEY_A, kNdefKey);
 }
 
 ZEL_STATUS write_image(ZEL_HANDLE hnd, uint8_t type, const uint8_t *src, uint32_t off, uint32_t n)
@@ -486,8 +488,8 @@ ZEL_STATUS write_image(ZEL_HANDLE hnd, uint8_t type, const uint8_t *src, uint32_
         return LinearWrite_AKM1Hnd(hnd, src, static_cast<uint16_t>(off), static_cast<uint16_t>(n), &done,
                                    ZEL_AUTH_KEY_A);
     if (is_iso15693(type))
-        return LinearWriteHnd(hnd, src, static_cast<uint16_t>(off + 4), static_cast<uint16_t>(n), &done,
-                              ZEL_AUTH_KEY_A, 0);
+        return LinearWriteHnd(hnd, src, static_cast<uint16_t>(off + 4), static_cast<uint16_t>(n), &done, ZEL_AUTH_KEY_A,
+                              0);
     if (is_mifare(type))
         return ndef_mifare_classic_linear_write(hnd, src, off, n);
     return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
@@ -550,6 +552,9 @@ bool t4_update(ZEL_HANDLE hnd, uint32_t off, const uint8_t *data, uint32_t n, ui
     return true;
 }
 
-void t4_done(ZEL_HANDLE hnd) { (void)s_block_deselectHnd(hnd, 100); }
+void t4_done(ZEL_HANDLE hnd)
+{
+    (void)s_block_deselectHnd(hnd, 100);
+}
 
 } // namespace zel::ndef

@@ -19,7 +19,10 @@ const uint8_t kNdefName[7] = {0xD2, 0x76, 0x00, 0x00, 0x85, 0x01, 0x01};
 constexpr uint32_t kReplyCap = 0x10008;
 
 // The card's outcome is read only once the call has filled it in.
-bool card_ok(ZEL_STATUS st, const uint16_t &cs) { return st == ZEL_OK && cs == CARD_OPERATION_OK; }
+bool card_ok(ZEL_STATUS st, const uint16_t &cs)
+{
+    return st == ZEL_OK && cs == CARD_OPERATION_OK;
+}
 
 // Three tries, 50 ms apart, until success or a status that another try cannot change.
 template <typename Try, typename Final> ZEL_STATUS three_tries(Try once, Final final)
@@ -39,7 +42,7 @@ ZEL_STATUS write_message_once(ZEL_HANDLE hnd, const uint8_t *data, uint32_t len)
 {
     uint16_t cs = 0, et = 0;
     const ZEL_STATUS st = Zel_int_DesfireWriteStdDataFile_no_authHnd(hnd, kAid, 0, kNdefFile, 0,
-                                                                      static_cast<uint16_t>(len), 0, data, &cs, &et);
+                                                                     static_cast<uint16_t>(len), 0, data, &cs, &et);
     if (cs == CARD_OPERATION_OK)
         return ZEL_OK;
     // The card's outcome, or the reader's own word that no card answered.
@@ -60,7 +63,10 @@ ZEL_STATUS apdu(ZEL_HANDLE hnd, const std::vector<uint8_t> &cmd, std::vector<uin
     return ZEL_OK;
 }
 
-bool refused(const std::vector<uint8_t> &r) { return r.size() == 2 && !(r[0] == 0x90 && r[1] == 0x00); }
+bool refused(const std::vector<uint8_t> &r)
+{
+    return r.size() == 2 && !(r[0] == 0x90 && r[1] == 0x00);
+}
 
 // The message of the NDEF file, without its length, into out (cap bytes).
 ZEL_STATUS read_message_once(ZEL_HANDLE hnd, uint8_t *out, uint32_t cap, uint32_t &len)
@@ -127,7 +133,7 @@ ZEL_STATUS read_payload_once(ZEL_HANDLE hnd, char *payload, uint32_t &size, bool
 } // namespace
 
 extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireNDEFFormatHnd(ZEL_HANDLE hnd, uint32_t ndef_file_size,
-                                                          uint8_t ndef_free_write)
+                                                           uint8_t ndef_free_write)
 {
     uint16_t cs = 0, et = 0;
     // A card with the all-zero DES master key gets the all-zero AES key; any other card keeps its own.
@@ -153,22 +159,34 @@ extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireNDEFFormatHnd(ZEL_HANDLE hnd, uint3
     // The container holds the size in two bytes.
     if (size > 0xFFFF)
         size = 0xFFFF;
-    const ZEL_STATUS st =
-        Zel_int_DesfireCreateStdDataFile_iso_aes_PKHnd(hnd, kZeroKey, kAid, kNdefFile, size, 14, 14, rw, 0, 0, 0xE104,
-                                                       &cs, &et);
+    const ZEL_STATUS st = Zel_int_DesfireCreateStdDataFile_iso_aes_PKHnd(hnd, kZeroKey, kAid, kNdefFile, size, 14, 14,
+                                                                         rw, 0, 0, 0xE104, &cs, &et);
     if (st != ZEL_OK && cs != CARD_OPERATION_OK)
         return ZEL_NDEF_CARD_FORMAT_ERROR;
-    const uint8_t cc[15] = {0x00, 0x0F, 0x20, 0x00, 0x3A, 0x00, 0x34, 0x04, 0x06, 0xE1, 0x04,
-                            static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), 0x00, 0x00};
-    if (!card_ok(Zel_int_DesfireWriteStdDataFile_aes_PKHnd(hnd, kZeroKey, kAid, 0, kCcFile, 0, sizeof cc, 0, cc, &cs,
-                                                           &et),
-                 cs))
+    const uint8_t cc[15] = {0x00,
+                            0x0F,
+                            0x20,
+                            0x00,
+                            0x3A,
+                            0x00,
+                            0x34,
+                            0x04,
+                            0x06,
+                            0xE1,
+                            0x04,
+                            static_cast<uint8_t>(size >> 8),
+                            static_cast<uint8_t>(size),
+                            0x00,
+                            0x00};
+    if (!card_ok(
+            Zel_int_DesfireWriteStdDataFile_aes_PKHnd(hnd, kZeroKey, kAid, 0, kCcFile, 0, sizeof cc, 0, cc, &cs, &et),
+            cs))
         return ZEL_NDEF_CARD_FORMAT_ERROR;
     return ZEL_OK;
 }
 
 extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireWriteNDEFMessageHnd(ZEL_HANDLE hnd, const uint8_t *ndef_message,
-                                                                uint32_t ndef_message_length)
+                                                                 uint32_t ndef_message_length)
 {
     if (!ndef_message || ndef_message_length == 0 || ndef_message_length > 0xFFFF)
         return ZEL_PARAMETERS_ERROR;
@@ -177,7 +195,7 @@ extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireWriteNDEFMessageHnd(ZEL_HANDLE hnd,
 }
 
 extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireReadNDEFMessageHnd(ZEL_HANDLE hnd, uint8_t *ndef_message,
-                                                               uint32_t *ndef_message_length)
+                                                                uint32_t *ndef_message_length)
 {
     if (!ndef_message || !ndef_message_length)
         return ZEL_PARAMETERS_ERROR;
@@ -219,21 +237,23 @@ extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireReadNDEFPayloadHnd(ZEL_HANDLE hnd, 
     if (!payload)
         return ZEL_PARAMETERS_ERROR;
     uint32_t size = 0;
-    return three_tries([&] { return read_payload_once(hnd, payload, size, false); },
-                       [](ZEL_STATUS) { return false; });
+    return three_tries([&] { return read_payload_once(hnd, payload, size, false); }, [](ZEL_STATUS) { return false; });
 }
 
-extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireReadNDEFPayloadExHnd(ZEL_HANDLE hnd, char *payload,
-                                                                 uint32_t *payload_size)
+extern "C" ZEL_API ZEL_STATUS Zel_int_DesfireReadNDEFPayloadExHnd(ZEL_HANDLE hnd, char *payload, uint32_t *payload_size)
 {
     if (!payload || !payload_size || *payload_size == 0)
         return ZEL_PARAMETERS_ERROR;
     uint32_t size = *payload_size;
-    const ZEL_STATUS st = three_tries([&] { size = *payload_size; return read_payload_once(hnd, payload, size, true); },
-                                      [](ZEL_STATUS s) {
-                                          return s == ZEL_BUFFER_OVERFLOW || s == ZEL_PARAMETERS_ERROR ||
-                                                 s == ZEL_MAX_SIZE_EXCEEDED || s == ZEL_NDEF_MESSAGE_NOT_FOUND;
-                                      });
+    const ZEL_STATUS st = three_tries(
+        [&] {
+            size = *payload_size;
+            return read_payload_once(hnd, payload, size, true);
+        },
+        [](ZEL_STATUS s) {
+            return s == ZEL_BUFFER_OVERFLOW || s == ZEL_PARAMETERS_ERROR || s == ZEL_MAX_SIZE_EXCEEDED ||
+                   s == ZEL_NDEF_MESSAGE_NOT_FOUND;
+        });
     if (st == ZEL_OK)
         *payload_size = size;
     return st;

@@ -6,12 +6,30 @@
 
 namespace zel::ndef {
 
-bool is_t2t(uint8_t t) { return (t >= 1 && t <= 16) || t == 20 || t == 21; }
-bool is_t4(uint8_t t) { return t == 17 || t == 18 || t == 19 || t == 64; }
-bool is_mifare_1k(uint8_t t) { return t == 33; }
-bool is_mifare_2k(uint8_t t) { return t == 46 || t == 47 || t == 48 || t == 73; }
-static bool is_mifare_4k(uint8_t t) { return t == 34 || t == 53 || t == 54 || t == 55 || t == 76; }
-bool is_mifare(uint8_t t) { return is_mifare_1k(t) || is_mifare_2k(t) || is_mifare_4k(t); }
+bool is_t2t(uint8_t t)
+{
+    return (t >= 1 && t <= 16) || t == 20 || t == 21;
+}
+bool is_t4(uint8_t t)
+{
+    return t == 17 || t == 18 || t == 19 || t == 64;
+}
+bool is_mifare_1k(uint8_t t)
+{
+    return t == 33;
+}
+bool is_mifare_2k(uint8_t t)
+{
+    return t == 46 || t == 47 || t == 48 || t == 73;
+}
+static bool is_mifare_4k(uint8_t t)
+{
+    return t == 34 || t == 53 || t == 54 || t == 55 || t == 76;
+}
+bool is_mifare(uint8_t t)
+{
+    return is_mifare_1k(t) || is_mifare_2k(t) || is_mifare_4k(t);
+}
 
 bool gap_from_memory_control(uint8_t position, uint8_t size, uint8_t page_control, uint8_t card_type, Gap &gap)
 {
@@ -48,8 +66,8 @@ bool tlv_length(const uint8_t *img, size_t len, size_t pos, uint32_t &header, ui
 
 } // namespace
 
-ZEL_STATUS find_message(const uint8_t *img, size_t len, unsigned message_nr, uint8_t card_type, Tlv &out,
-                        Gap &gap, size_t from)
+ZEL_STATUS find_message(const uint8_t *img, size_t len, unsigned message_nr, uint8_t card_type, Tlv &out, Gap &gap,
+                        size_t from)
 {
     unsigned count = 0;
     size_t pos = from;
@@ -159,9 +177,8 @@ bool walk_records(const uint8_t *data, size_t avail, uint32_t length, std::vecto
     return true;
 }
 
-bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_len, const uint8_t *id,
-                  uint8_t id_len, const uint8_t *payload, uint32_t payload_len, std::vector<uint8_t> &out,
-                  uint32_t *payload_offset)
+bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_len, const uint8_t *id, uint8_t id_len,
+                  const uint8_t *payload, uint32_t payload_len, std::vector<uint8_t> &out, uint32_t *payload_offset)
 {
     out.clear();
     if (tnf == 0 || tnf >= 7)
@@ -210,12 +227,15 @@ uint8_t mad_crc(const uint8_t *data, size_t n)
 const char *uri_prefix(uint8_t code)
 {
     static const char *const table[36] = {
-        nullptr,      "http://www.", "https://www.", "http://",      "https://",    "tel:",
-        "mailto:",    "ftp://anonymous:anonymous@", "ftp://ftp.", "ftps://", "sftp://", "nfs://",
-        "nfs://",     "ftp://",      "dav://",       "news:",        "telnet://",   "imap:",
-        "rtsp://",    "urn:",        "pop:",         "sip:",         "sips:",       "tftp:",
-        "btspp://",   "btl2cap://",  "btgoep://",    "tcpobex://",   "irdaobex://", "file://",
-        "urn:epc:id:", "urn:epc:tag:", "urn:epc:pat:", "urn:epc:raw:", "urn:epc:",  "urn:nfc:",
+        nullptr,        "http://www.",  "https://www.", "http://",
+        "https://",     "tel:",         "mailto:",      "ftp://anonymous:anonymous@",
+        "ftp://ftp.",   "ftps://",      "sftp://",      "nfs://",
+        "nfs://",       "ftp://",       "dav://",       "news:",
+        "telnet://",    "imap:",        "rtsp://",      "urn:",
+        "pop:",         "sip:",         "sips:",        "tftp:",
+        "btspp://",     "btl2cap://",   "btgoep://",    "tcpobex://",
+        "irdaobex://",  "file://",      "urn:epc:id:",  "urn:epc:tag:",
+        "urn:epc:pat:", "urn:epc:raw:", "urn:epc:",     "urn:nfc:",
     };
     return code < 36 ? table[code] : nullptr;
 }
@@ -259,9 +279,10 @@ ZEL_STATUS t4_walk(const FileReader &read, uint32_t nlen, std::vector<uint32_t> 
         if (need > 3 && read(2 + sum + 3, need - 3, h + 3) != static_cast<int>(need - 3))
             return ZEL_WRONG_NDEF_CARD_FORMAT;
         const uint32_t type_len = (tnf == 5 || tnf == 6) ? 0 : h[1];
-        const uint32_t payload_len = long_form ? (static_cast<uint32_t>(h[2]) << 24 | static_cast<uint32_t>(h[3]) << 16 |
-                                                  static_cast<uint32_t>(h[4]) << 8 | h[5])
-                                               : h[2];
+        const uint32_t payload_len = long_form
+                                         ? (static_cast<uint32_t>(h[2]) << 24 | static_cast<uint32_t>(h[3]) << 16 |
+                                            static_cast<uint32_t>(h[4]) << 8 | h[5])
+                                         : h[2];
         const uint32_t id_len = il ? h[need - 1] : 0;
         const uint64_t size = static_cast<uint64_t>(need) + type_len + id_len + payload_len;
         if (size > left)

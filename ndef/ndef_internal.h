@@ -14,9 +14,9 @@
 
 namespace zel::ndef {
 
-bool is_t2t(uint8_t type);       // Type 2 tags, the generic one (12) included
-bool is_t4(uint8_t type);        // 17, 18, 19, 64
-bool is_mifare(uint8_t type);    // classic and Plus SL1 of 1K, 2K and 4K
+bool is_t2t(uint8_t type);    // Type 2 tags, the generic one (12) included
+bool is_t4(uint8_t type);     // 17, 18, 19, 64
+bool is_mifare(uint8_t type); // classic and Plus SL1 of 1K, 2K and 4K
 bool is_mifare_1k(uint8_t type);
 bool is_mifare_2k(uint8_t type);
 
@@ -43,8 +43,8 @@ struct Tlv {
 
 // Walks the TLVs from offset from and finds the message TLV number message_nr (0 acts as 1), noting the gap
 // of a memory control TLV seen on the way. ZEL_NDEF_MESSAGE_NOT_FOUND at any other TLV type or at the end.
-ZEL_STATUS find_message(const uint8_t *img, size_t len, unsigned message_nr, uint8_t card_type, Tlv &out,
-                        Gap &gap, size_t from = 0);
+ZEL_STATUS find_message(const uint8_t *img, size_t len, unsigned message_nr, uint8_t card_type, Tlv &out, Gap &gap,
+                        size_t from = 0);
 
 // The image position of byte i of data that starts at start, stepping over the gap.
 uint32_t phys_at(uint32_t start, uint32_t i, const Gap &gap);
@@ -73,8 +73,8 @@ bool walk_records(const uint8_t *data, size_t avail, uint32_t length, std::vecto
 // Lays out a record. mb_me gives the MB and ME bits; IL follows the id length, SR a payload below 256 (never
 // for TNF 5 and 6, which take the long form). TNF 0, 7 and above give false. payload_offset tells where the
 // payload starts.
-bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_len, const uint8_t *id,
-                  uint8_t id_len, const uint8_t *payload, uint32_t payload_len, std::vector<uint8_t> &out,
+bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_len, const uint8_t *id, uint8_t id_len,
+                  const uint8_t *payload, uint32_t payload_len, std::vector<uint8_t> &out,
                   uint32_t *payload_offset = nullptr);
 
 // The directory checksum: CRC-8, polynomial 0x1D, preset 0xC7, over the bytes given.
@@ -96,8 +96,7 @@ bool parse_t4_cc(const uint8_t *cc, size_t n, T4Cc &out);
 // at most n bytes at off into out and answers how many it gave, or a negative number for a failure).
 // The records' sizes must add up to nlen exactly. offsets are file offsets (2 + position in the message).
 using FileReader = std::function<int(uint32_t off, uint32_t n, uint8_t *out)>;
-ZEL_STATUS t4_walk(const FileReader &read, uint32_t nlen, std::vector<uint32_t> &offsets,
-                   std::vector<uint8_t> &flags);
+ZEL_STATUS t4_walk(const FileReader &read, uint32_t nlen, std::vector<uint32_t> &offsets, std::vector<uint8_t> &flags);
 
 // The text of a DESFire NDEF message of one URI record as the payload writer lays it out (len bytes of msg,
 // the message without its length): its payload less the code byte, then a 0, into payload. With sized, a

@@ -161,8 +161,8 @@ ZEL_STATUS write_memory_card(ZEL_HANDLE hnd, uint8_t type, uint8_t message_nr, u
         std::vector<uint8_t> moved(m.data.begin(), m.data.begin() + old);
         moved.insert(moved.end(), rec.begin(), rec.end());
         const uint32_t start = m.tlv.offset + 4;
-        if ((st = write_logical(hnd, type, img, len, start, m.gap, 0, moved.data(), static_cast<uint32_t>(moved.size()))) !=
-            ZEL_OK)
+        if ((st = write_logical(hnd, type, img, len, start, m.gap, 0, moved.data(),
+                                static_cast<uint32_t>(moved.size()))) != ZEL_OK)
             return st;
         placed.record_offset = phys_at(start, old, m.gap);
         const uint8_t head[3] = {0xFF, static_cast<uint8_t>(new_len >> 8), static_cast<uint8_t>(new_len)};
@@ -183,10 +183,14 @@ ZEL_STATUS write_memory_card(ZEL_HANDLE hnd, uint8_t type, uint8_t message_nr, u
     return st;
 }
 
-uint16_t be16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+uint16_t be16(const uint8_t *p)
+{
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
 
 // The record walk of a Type 4 NDEF file by READ BINARY.
-ZEL_STATUS t4_open(ZEL_HANDLE hnd, T4Cc &cc, uint32_t &nlen, std::vector<uint32_t> &offsets, std::vector<uint8_t> &flags)
+ZEL_STATUS t4_open(ZEL_HANDLE hnd, T4Cc &cc, uint32_t &nlen, std::vector<uint32_t> &offsets,
+                   std::vector<uint8_t> &flags)
 {
     ZEL_STATUS st = t4_read_cc(hnd, cc);
     if (st == ZEL_OK)
@@ -250,7 +254,8 @@ ZEL_STATUS write_t4(ZEL_HANDLE hnd, uint8_t tnf, const uint8_t *rtype, uint8_t t
     if (!t4_update(hnd, 2 + base, rec.data(), static_cast<uint32_t>(rec.size()), mlc))
         st = ZEL_WRITING_ERROR;
     for (size_t r = 0; st == ZEL_OK && !empty && r < offsets.size(); ++r) {
-        const uint8_t want = r == 0 ? static_cast<uint8_t>((flags[r] & ~0x40) | 0x80) : static_cast<uint8_t>(flags[r] & ~0xC0);
+        const uint8_t want =
+            r == 0 ? static_cast<uint8_t>((flags[r] & ~0x40) | 0x80) : static_cast<uint8_t>(flags[r] & ~0xC0);
         if (want != flags[r] && !t4_update(hnd, offsets[r], &want, 1, mlc))
             st = ZEL_WRITING_ERROR;
     }
@@ -421,10 +426,9 @@ const MirrorTag kMirrorTags[] = {
     {ORB_NTAG_215, 131, true, false}, {ORB_NTAG_216, 227, true, false}, {ORB_NTAG_213_TT, 41, true, true},
 };
 
-ZEL_STATUS write_mirroring(ZEL_HANDLE hnd, uint8_t message_nr, uint8_t *tnf, uint8_t *type_record,
-                           uint8_t *type_length, uint8_t *id, uint8_t *id_length, uint8_t *payload,
-                           uint32_t *payload_length, uint8_t *card_formated, bool uid, bool counter, bool tt,
-                           uint32_t position)
+ZEL_STATUS write_mirroring(ZEL_HANDLE hnd, uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length,
+                           uint8_t *id, uint8_t *id_length, uint8_t *payload, uint32_t *payload_length,
+                           uint8_t *card_formated, bool uid, bool counter, bool tt, uint32_t position)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -593,13 +597,10 @@ extern "C" ZEL_API ZEL_STATUS write_ndef_record_mirroringHnd(ZEL_HANDLE hnd, uin
                            payload_mirroring_pos);
 }
 
-extern "C" ZEL_API ZEL_STATUS write_ndef_record_mirroring_ttHnd(ZEL_HANDLE hnd, uint8_t message_nr, uint8_t *tnf,
-                                                                uint8_t *type_record, uint8_t *type_length,
-                                                                uint8_t *id, uint8_t *id_length, uint8_t *payload,
-                                                                uint32_t *payload_length, uint8_t *card_formated,
-                                                                int use_uid_ascii_mirror, int use_counter_ascii_mirror,
-                                                                int use_tt_message_mirror,
-                                                                uint32_t payload_mirroring_pos)
+extern "C" ZEL_API ZEL_STATUS write_ndef_record_mirroring_ttHnd(
+    ZEL_HANDLE hnd, uint8_t message_nr, uint8_t *tnf, uint8_t *type_record, uint8_t *type_length, uint8_t *id,
+    uint8_t *id_length, uint8_t *payload, uint32_t *payload_length, uint8_t *card_formated, int use_uid_ascii_mirror,
+    int use_counter_ascii_mirror, int use_tt_message_mirror, uint32_t payload_mirroring_pos)
 {
     return write_mirroring(hnd, message_nr, tnf, type_record, type_length, id, id_length, payload, payload_length,
                            card_formated, use_uid_ascii_mirror != 0, use_counter_ascii_mirror != 0,

@@ -89,15 +89,14 @@ ZEL_STATUS async_set(ZEL_HANDLE hnd, uint8_t flags, uint8_t prefix, uint8_t suff
 
 ZEL_STATUS async_get(ZEL_HANDLE hnd, bool json, uint8_t *rec)
 {
-    const ZEL_STATUS status = routed(hnd) ? EE_ReadHnd(hnd, kEeAsync, 8, rec)
-                                          : read_ext(hnd, kCmdAsyncGet, 0, json ? 1 : 0, rec, 8);
+    const ZEL_STATUS status =
+        routed(hnd) ? EE_ReadHnd(hnd, kEeAsync, 8, rec) : read_ext(hnd, kCmdAsyncGet, 0, json ? 1 : 0, rec, 8);
     if (status != ZEL_OK)
         return status;
     return rec[7] == static_cast<uint8_t>(GetChecksumFragment(0, rec, 7) + 7) ? ZEL_OK : ZEL_COMMUNICATION_ERROR;
 }
 
-template <typename T>
-void put_flag(T *out, uint8_t flags, int bit)
+template <typename T> void put_flag(T *out, uint8_t flags, int bit)
 {
     if (out)
         *out = (flags >> bit) & 1u;
@@ -196,8 +195,8 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
     return ZEL_OK;
 }
 
-extern "C" ZEL_API ZEL_STATUS ReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t *data, uint32_t address,
-                                                   uint32_t size, const uint8_t *password)
+extern "C" ZEL_API ZEL_STATUS ReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t *data, uint32_t address, uint32_t size,
+                                                   const uint8_t *password)
 {
     if (size > kEepromMax)
         return ZEL_MAX_SIZE_EXCEEDED;
@@ -300,9 +299,9 @@ extern "C" ZEL_API ZEL_STATUS BusAdminCardMakeHnd(ZEL_HANDLE hnd, uint32_t value
 
 // The asynchronous card id setup.
 
-extern "C" ZEL_API ZEL_STATUS SetAsyncCardIdSendConfigHnd(ZEL_HANDLE hnd, uint32_t send_enable,
-                                                          uint32_t prefix_enable, uint8_t prefix, uint8_t suffix,
-                                                          uint32_t send_removed_enable, uint32_t baud)
+extern "C" ZEL_API ZEL_STATUS SetAsyncCardIdSendConfigHnd(ZEL_HANDLE hnd, uint32_t send_enable, uint32_t prefix_enable,
+                                                          uint8_t prefix, uint8_t suffix, uint32_t send_removed_enable,
+                                                          uint32_t baud)
 {
     const uint8_t flags = bit(send_enable, 0) | bit(prefix_enable, 1) | bit(send_removed_enable, 2);
     return async_set(hnd, flags, prefix, suffix, baud, false);
@@ -310,8 +309,7 @@ extern "C" ZEL_API ZEL_STATUS SetAsyncCardIdSendConfigHnd(ZEL_HANDLE hnd, uint32
 
 extern "C" ZEL_API ZEL_STATUS SetAsyncCardIdSendConfigExHnd(ZEL_HANDLE hnd, uint32_t send_enable,
                                                             uint32_t prefix_enable, uint8_t prefix, uint8_t suffix,
-                                                            uint32_t send_removed_enable,
-                                                            uint32_t reverse_byte_order,
+                                                            uint32_t send_removed_enable, uint32_t reverse_byte_order,
                                                             uint32_t decimal_representation, uint32_t baud)
 {
     const uint8_t flags = bit(send_enable, 0) | bit(prefix_enable, 1) | bit(send_removed_enable, 2) |
@@ -331,14 +329,13 @@ extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigHnd(ZEL_HANDLE hnd, uint32
                                                           uint32_t *prefix_enable, uint8_t *prefix, uint8_t *suffix,
                                                           uint32_t *send_removed_enable, uint32_t *baud)
 {
-    return GetAsyncCardIdSendConfigExHnd(hnd, send_enable, prefix_enable, prefix, suffix, send_removed_enable,
-                                         nullptr, nullptr, baud);
+    return GetAsyncCardIdSendConfigExHnd(hnd, send_enable, prefix_enable, prefix, suffix, send_removed_enable, nullptr,
+                                         nullptr, baud);
 }
 
 extern "C" ZEL_API ZEL_STATUS GetAsyncCardIdSendConfigExHnd(ZEL_HANDLE hnd, uint32_t *send_enable,
-                                                            uint32_t *prefix_enable, uint8_t *prefix,
-                                                            uint8_t *suffix, uint32_t *send_removed_enable,
-                                                            uint32_t *reverse_byte_order,
+                                                            uint32_t *prefix_enable, uint8_t *prefix, uint8_t *suffix,
+                                                            uint32_t *send_removed_enable, uint32_t *reverse_byte_order,
                                                             uint32_t *decimal_representation, uint32_t *baud)
 {
     uint8_t rec[8];
@@ -479,8 +476,7 @@ extern "C" ZEL_API ZEL_STATUS SetUartDefaultSpeedHnd(ZEL_HANDLE hnd, uint8_t rea
 
 // Records written through the EEPROM route.
 
-extern "C" ZEL_API ZEL_STATUS WriteSamUnlockKeyHnd(ZEL_HANDLE hnd, uint8_t key_no, uint8_t key_ver,
-                                                   const uint8_t *key)
+extern "C" ZEL_API ZEL_STATUS WriteSamUnlockKeyHnd(ZEL_HANDLE hnd, uint8_t key_no, uint8_t key_ver, const uint8_t *key)
 {
     if (!key)
         return ZEL_PARAMETERS_ERROR;

@@ -167,9 +167,9 @@ extern "C" ZEL_API ZEL_STATUS GetReaderHardwareVersionHnd(ZEL_HANDLE hnd, uint8_
     return read_pars(hnd, kCmdHardwareVersion, 0x11, 0x22, hw_type, hw_version);
 }
 
-extern "C" ZEL_API ZEL_STATUS GetReaderParametersHnd(ZEL_HANDLE hnd, uint8_t *mui, uint64_t *serial,
-                                                     uint8_t *hw_type, uint8_t *hw_version, uint32_t *device_type,
-                                                     uint8_t *fw_major, uint8_t *fw_minor, uint8_t *fw_build)
+extern "C" ZEL_API ZEL_STATUS GetReaderParametersHnd(ZEL_HANDLE hnd, uint8_t *mui, uint64_t *serial, uint8_t *hw_type,
+                                                     uint8_t *hw_version, uint32_t *device_type, uint8_t *fw_major,
+                                                     uint8_t *fw_minor, uint8_t *fw_build)
 {
     ReaderParams p{};
     const ZEL_STATUS status = parameters(hnd, kCmdParameters, false, &p);
@@ -178,9 +178,9 @@ extern "C" ZEL_API ZEL_STATUS GetReaderParametersHnd(ZEL_HANDLE hnd, uint8_t *mu
     return status;
 }
 
-extern "C" ZEL_API ZEL_STATUS GetReaderParameters2Hnd(ZEL_HANDLE hnd, uint8_t *mui, uint64_t *serial,
-                                                      uint8_t *hw_type, uint8_t *hw_version, uint32_t *device_type,
-                                                      uint8_t *fw_major, uint8_t *fw_minor, uint8_t *fw_build)
+extern "C" ZEL_API ZEL_STATUS GetReaderParameters2Hnd(ZEL_HANDLE hnd, uint8_t *mui, uint64_t *serial, uint8_t *hw_type,
+                                                      uint8_t *hw_version, uint32_t *device_type, uint8_t *fw_major,
+                                                      uint8_t *fw_minor, uint8_t *fw_build)
 {
     ReaderParams p{};
     const ZEL_STATUS status = parameters(hnd, kCmdParameters, true, &p);

@@ -15,28 +15,27 @@ struct TypeName {
 
 // Reader models by the type code of command 0x10.
 constexpr TypeName kModels[] = {
-    {0xD1180022, "Zel Base HD"},       {0xD1180021, "Zel Base HD XL"},     {0xD1180023, "Zel Base HD NFC"},
-    {0xD1150021, "Zel Classic"},       {0xD1150022, "Zel Classic Pro"},    {0xD1170023, "Zel Nano"},
-    {0xD1170024, "Zel Nano USB"},      {0xD1170025, "Zel Nano RS232"},     {0xD1190024, "Zel Advance"},
-    {0xD1190025, "Zel Advance Plus"},  {0xD11A0026, "Zel Online"},         {0xD11A0027, "Zel Online Ethernet"},
-    {0xD11B0028, "Zel Desk"},          {0xD11C0029, "Zel Display"},        {0x01020304, "Zel Test Reader"},
+    {0xD1180022, "Zel Base HD"},      {0xD1180021, "Zel Base HD XL"},  {0xD1180023, "Zel Base HD NFC"},
+    {0xD1150021, "Zel Classic"},      {0xD1150022, "Zel Classic Pro"}, {0xD1170023, "Zel Nano"},
+    {0xD1170024, "Zel Nano USB"},     {0xD1170025, "Zel Nano RS232"},  {0xD1190024, "Zel Advance"},
+    {0xD1190025, "Zel Advance Plus"}, {0xD11A0026, "Zel Online"},      {0xD11A0027, "Zel Online Ethernet"},
+    {0xD11B0028, "Zel Desk"},         {0xD11C0029, "Zel Display"},     {0x01020304, "Zel Test Reader"},
 };
 
 // Firmware types by the top byte of the device type.
 constexpr TypeName kFirmwareTypes[] = {
-    {0xD1, "Standard"}, {0xD2, "Access Control"}, {0xD3, "Payment"},   {0xD4, "Travel Document"},
-    {0xD5, "Loyalty"},  {0xD6, "Display"},        {0xD7, "Emulation"}, {0xD8, "Secure Element"},
+    {0xD1, "Standard"},    {0xD2, "Access Control"}, {0xD3, "Payment"},   {0xD4, "Travel Document"},
+    {0xD5, "Loyalty"},     {0xD6, "Display"},        {0xD7, "Emulation"}, {0xD8, "Secure Element"},
     {0xD9, "Boot Loader"}, {0x01, "Test"},
 };
 
 // Network module firmware types by the module's hardware version.
 constexpr TypeName kEspFirmwareTypes[] = {
-    {1, "ZelNet WiFi Module"}, {2, "ZelNet Ethernet Module"}, {3, "ZelNet PoE Module"},
+    {1, "ZelNet WiFi Module"},      {2, "ZelNet Ethernet Module"}, {3, "ZelNet PoE Module"},
     {4, "ZelNet Bluetooth Module"}, {5, "ZelNet Controller"},
 };
 
-template <size_t N>
-const char *find_name(const TypeName (&table)[N], uint32_t code)
+template <size_t N> const char *find_name(const TypeName (&table)[N], uint32_t code)
 {
     for (const TypeName &row : table)
         if (row.code == code)

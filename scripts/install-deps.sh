@@ -8,7 +8,7 @@ PACKAGES=(
   libssl-dev zlib1g-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  ccache
+  ccache clang-format
   nodejs
   python3
 )

@@ -83,7 +83,11 @@ public:
     virtual bool version(uint8_t out[8]) const = 0;
     // A linear write authenticated with a 16-byte key (the Ultralight C's 3DES key): -1 when the key does not
     // open the tag, else how many pages behind the user area the write may reach (its key pages).
-    virtual int key_write_pages(const uint8_t *key16) { (void)key16; return 0; }
+    virtual int key_write_pages(const uint8_t *key16)
+    {
+        (void)key16;
+        return 0;
+    }
 };
 
 class Card {

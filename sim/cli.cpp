@@ -165,7 +165,8 @@ int serve(zsim *sim, const Options &o, const char *prog)
     if (pipe2(g_stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return 1;
     g_stop = 0;
-    struct sigaction sa{}, old_int{}, old_term{};
+    struct sigaction sa {
+    }, old_int{}, old_term{};
     sa.sa_handler = on_signal;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, &old_int);

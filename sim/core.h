@@ -31,23 +31,23 @@ struct Action {
 // What one link knows of the conversation; its owner holds the simulator's lock while touching it.
 struct LinkCore {
     Engine engine;
-    std::deque<Action> pending;       // ordered by due time
-    bool interim = false;             // sending interim frames until the host speaks
+    std::deque<Action> pending; // ordered by due time
+    bool interim = false;       // sending interim frames until the host speaks
     uint8_t interim_cmd = 0;
     uint64_t interim_next = 0;
     bool unplugged = false;
-    bool boot_pending = false;        // the boot bytes are still to come
-    uint64_t accept_from_ms = 0;      // frames before this moment are not heard (booting)
-    bool stream_started = true;       // for TCP: false until the host's wake byte arrives
-    bool datagram = false;            // replies go out in datagrams of at most 300 bytes
-    bool check_baud = false;          // the link has a line rate: bytes pass only when both sides agree
+    bool boot_pending = false;   // the boot bytes are still to come
+    uint64_t accept_from_ms = 0; // frames before this moment are not heard (booting)
+    bool stream_started = true;  // for TCP: false until the host's wake byte arrives
+    bool datagram = false;       // replies go out in datagrams of at most 300 bytes
+    bool check_baud = false;     // the link has a line rate: bytes pass only when both sides agree
     uint32_t host_baud = 0;
 };
 
 // The boot loader's announcement after a reset, and the reader's start-up times (before the time scale).
 constexpr uint8_t BOOT_BYTES[4] = {0x03, 0x55, 0x55, 0xBB};
-constexpr uint64_t BOOT_DELAY_MS = 20;   // from the reset edge to the boot bytes
-constexpr uint64_t BOOT_READY_MS = 80;   // from the boot bytes to the first frame heard
+constexpr uint64_t BOOT_DELAY_MS = 20; // from the reset edge to the boot bytes
+constexpr uint64_t BOOT_READY_MS = 80; // from the boot bytes to the first frame heard
 
 // What the discovery responder announces: the reader's first UDP or TCP link.
 struct DiscoveryTarget {
@@ -58,11 +58,11 @@ struct DiscoveryTarget {
 
 // A link asked for by a scenario, started by zsim_serve_links (the D2XX stand-in serves its own).
 struct LinkSpec {
-    std::string kind;          // pty, udp, tcp, discovery, gpio, d2xx
+    std::string kind; // pty, udp, tcp, discovery, gpio, d2xx
     std::string host = "127.0.0.1";
     uint16_t port = 0;
-    bool short_form = false;   // discovery: the 19-byte reply
-    std::string path;          // gpio: the socket
+    bool short_form = false; // discovery: the 19-byte reply
+    std::string path;        // gpio: the socket
     uint32_t pin = 23;
     // d2xx
     std::string serial, description;

@@ -40,7 +40,7 @@ struct DfFile {
     uint8_t type = 0, comm = 0;
     uint16_t access = 0xEEEE;
     uint16_t iso_id = 0;
-    std::vector<uint8_t> data;               // standard and backup: the committed image
+    std::vector<uint8_t> data; // standard and backup: the committed image
     int32_t value = 0, lower = 0, upper = 0;
     int32_t lc_value = 0;
     bool lc_enabled = false;
@@ -183,11 +183,11 @@ private:
     std::vector<uint8_t> commit(uint8_t option);
 
     DfSetup setup_;
-    DfApp picc_;                  // AID 0: the master key, its settings, and no files
+    DfApp picc_; // AID 0: the master key, its settings, and no files
     std::vector<DfApp> apps_;
     bool format_disabled_ = false, random_uid_ = false;
     uint32_t selected_ = 0;
-    int auth_key_ = -1;           // the key authenticated in the selected application
+    int auth_key_ = -1; // the key authenticated in the selected application
     // Authentication in progress.
     uint8_t auth_step_ = 0, auth_kind_cmd_ = 0, auth_keyno_ = 0;
     std::vector<uint8_t> rndb_, auth_iv_;

@@ -14,14 +14,14 @@ namespace zs {
 
 namespace {
 
-constexpr uint16_t CS_NO_CARD = 3000, CS_OK = 3001, CS_WRONG_KEY_TYPE = 3002, CS_KEY_AUTH = 3003,
-                   CS_COMM = 3005, CS_CARD = 3072;
+constexpr uint16_t CS_NO_CARD = 3000, CS_OK = 3001, CS_WRONG_KEY_TYPE = 3002, CS_KEY_AUTH = 3003, CS_COMM = 3005,
+                   CS_CARD = 3072;
 constexpr uint8_t WIRE_AES = 0, WIRE_3K3DES = 1, WIRE_DES = 2; // 3 is 2K3DES: a TDES key of 16 bytes
 constexpr uint8_t MORE = 0xAD, STREAM_END = 0xDD;
 constexpr size_t PIECE = 128;
 
-const uint8_t CMDS[] = {0x6D, 0x80, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88, 0x89, 0x8A, 0x8B, 0x8C,
-                        0x8D, 0x8E, 0x8F, 0x98, 0x99, 0x9A, 0x9B, 0x9C, 0xC0, 0xC1, 0xC2, 0xC6, 0xC9, 0xCA};
+const uint8_t CMDS[] = {0x6D, 0x80, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88, 0x89, 0x8A, 0x8B, 0x8C, 0x8D,
+                        0x8E, 0x8F, 0x98, 0x99, 0x9A, 0x9B, 0x9C, 0xC0, 0xC1, 0xC2, 0xC6, 0xC9, 0xCA};
 
 bool is_desfire_cmd(uint8_t c)
 {
@@ -31,9 +31,18 @@ bool is_desfire_cmd(uint8_t c)
     return false;
 }
 
-uint32_t g16(const uint8_t *p) { return p[0] | static_cast<uint32_t>(p[1]) << 8; }
-uint32_t g24(const uint8_t *p) { return g16(p) | static_cast<uint32_t>(p[2]) << 16; }
-uint32_t g32(const uint8_t *p) { return g24(p) | static_cast<uint32_t>(p[3]) << 24; }
+uint32_t g16(const uint8_t *p)
+{
+    return p[0] | static_cast<uint32_t>(p[1]) << 8;
+}
+uint32_t g24(const uint8_t *p)
+{
+    return g16(p) | static_cast<uint32_t>(p[2]) << 16;
+}
+uint32_t g32(const uint8_t *p)
+{
+    return g24(p) | static_cast<uint32_t>(p[3]) << 24;
+}
 void a24(std::vector<uint8_t> &v, uint32_t x)
 {
     for (int i = 0; i < 3; ++i)
@@ -45,7 +54,10 @@ DfKeyKind kind_of_wire(uint8_t t)
     return t == WIRE_AES ? DfKeyKind::AES : t == WIRE_3K3DES ? DfKeyKind::TK3DES : DfKeyKind::TDES;
 }
 
-size_t wire_len(uint8_t t) { return t == WIRE_DES ? 8 : t == WIRE_3K3DES ? 24 : 16; }
+size_t wire_len(uint8_t t)
+{
+    return t == WIRE_DES ? 8 : t == WIRE_3K3DES ? 24 : 16;
+}
 
 // A key as the card's cipher takes it: DES keys become 2K3DES keys of equal halves.
 struct Key {
@@ -282,14 +294,17 @@ void change_key(Reader &r, DesfireCard &card, const uint8_t *frame, const uint8_
             k.set(type, b);
             return true;
         };
-        have = take(auth_type, sel & 1, sel >> 8 & 15, 2, 55, auth) && take(new_type, sel & 2, sel >> 12 & 15, 22, 63, nk) &&
+        have = take(auth_type, sel & 1, sel >> 8 & 15, 2, 55, auth) &&
+               take(new_type, sel & 2, sel >> 12 & 15, 22, 63, nk) &&
                take(new_type, sel & 4, sel >> 4 & 15, 39, 71, ok);
     }
     if (!have)
         return reply(a, frame[1], &op, CS_WRONG_KEY_TYPE);
     const uint32_t aid = g24(ext + 18);
     if (op.select(aid) && op.authenticate(ext[21], auth)) {
-        std::vector<uint8_t> c{0xC4, static_cast<uint8_t>(ext[38] | (new_type == WIRE_AES ? 0x80 : new_type == WIRE_3K3DES ? 0x40 : 0))};
+        std::vector<uint8_t> c{0xC4, static_cast<uint8_t>(ext[38] | (new_type == WIRE_AES      ? 0x80
+                                                                     : new_type == WIRE_3K3DES ? 0x40
+                                                                                               : 0))};
         c.insert(c.end(), nk.bytes, nk.bytes + 24);
         // The card compares the old key as it holds it: of the type the key had before.
         Key old_as_held = ok;

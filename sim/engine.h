@@ -14,17 +14,17 @@ struct Engine {
     enum State { WAIT_FRAME, WAIT_EXT } state = WAIT_FRAME;
     uint8_t buf[7 + 256] = {};
     size_t have = 0;
-    uint8_t frame[7] = {};   // the command whose EXT is awaited
+    uint8_t frame[7] = {}; // the command whose EXT is awaited
     size_t ext_need = 0;
     uint64_t last_ms = 0;
 };
 
 enum class EventKind {
-    NONE,          // all input taken, nothing complete yet
-    FRAME,         // a command frame in ev.frame; ev.frame[3] tells whether it wants an EXT
-    EXT,           // the EXT of the command in ev.frame is in ev.ext
-    BAD_FRAME,     // a command-shaped frame with a wrong checksum
-    BAD_EXT,       // an EXT with a wrong checksum
+    NONE,      // all input taken, nothing complete yet
+    FRAME,     // a command frame in ev.frame; ev.frame[3] tells whether it wants an EXT
+    EXT,       // the EXT of the command in ev.frame is in ev.ext
+    BAD_FRAME, // a command-shaped frame with a wrong checksum
+    BAD_EXT,   // an EXT with a wrong checksum
 };
 
 struct Event {

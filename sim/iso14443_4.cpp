@@ -13,14 +13,14 @@ namespace zs {
 
 namespace {
 
-constexpr uint8_t CMD_BLOCK_I7F = 0x7F, CMD_BLOCK_I = 0x90, CMD_BLOCK_R = 0x91, CMD_DESELECT = 0x92,
-                  CMD_LEVEL4 = 0x93, CMD_CHAIN = 0x94, CMD_CONTACT_OPEN = 0x95, CMD_CONTACT_CLOSE = 0x96,
-                  CMD_LEVEL4_STORAGE = 0x97, CMD_FRONT_END = 0x63, CMD_HALT_ENABLE = 0x64;
+constexpr uint8_t CMD_BLOCK_I7F = 0x7F, CMD_BLOCK_I = 0x90, CMD_BLOCK_R = 0x91, CMD_DESELECT = 0x92, CMD_LEVEL4 = 0x93,
+                  CMD_CHAIN = 0x94, CMD_CONTACT_OPEN = 0x95, CMD_CONTACT_CLOSE = 0x96, CMD_LEVEL4_STORAGE = 0x97,
+                  CMD_FRONT_END = 0x63, CMD_HALT_ENABLE = 0x64;
 constexpr uint8_t MARK_MORE = 0x5A;
 constexpr uint8_t E_APDU = 174, E_BLOCK = 115;
-constexpr size_t REPLY_PIECE = 254;              // data bytes in one reply frame of 0x94
-constexpr size_t CHAIN_LIMIT = 0x10008;          // longest chained command
-constexpr uint64_t CHAIN_STALE_MS = 3000;        // a chained command abandoned this long starts over
+constexpr size_t REPLY_PIECE = 254;       // data bytes in one reply frame of 0x94
+constexpr size_t CHAIN_LIMIT = 0x10008;   // longest chained command
+constexpr uint64_t CHAIN_STALE_MS = 3000; // a chained command abandoned this long starts over
 const char EXIT_TEXT[] = "exit from transceive mode";
 
 uint64_t mono_ms()
@@ -43,26 +43,35 @@ void put_piece(std::vector<uint8_t> &out, uint8_t cmd, const uint8_t *data, size
     out.push_back(checksum(data, n));
 }
 
-bool is_iblock(uint8_t pcb) { return (pcb & 0xE2) == 0x02; }
-bool is_rblock(uint8_t pcb) { return (pcb & 0xE6) == 0xA2; }
-bool is_sblock(uint8_t pcb) { return (pcb & 0xC7) == 0xC2; }
+bool is_iblock(uint8_t pcb)
+{
+    return (pcb & 0xE2) == 0x02;
+}
+bool is_rblock(uint8_t pcb)
+{
+    return (pcb & 0xE6) == 0xA2;
+}
+bool is_sblock(uint8_t pcb)
+{
+    return (pcb & 0xC7) == 0xC2;
+}
 
 } // namespace
 
 struct Iso14443Card::State {
     // The card.
-    bool active = false;                 // at level 4 (after RATS)
-    std::vector<uint8_t> rx;             // command APDU chained to the card so far
+    bool active = false;                  // at level 4 (after RATS)
+    std::vector<uint8_t> rx;              // command APDU chained to the card so far
     std::vector<std::vector<uint8_t>> tx; // response blocks still to send (each PCB first)
-    std::vector<uint8_t> last;           // the last block sent, for a retransmission
+    std::vector<uint8_t> last;            // the last block sent, for a retransmission
     // The reader.
-    uint8_t reader_bn = 0;               // block number of the reader's next I-block
+    uint8_t reader_bn = 0; // block number of the reader's next I-block
     bool contact_open = false;
     bool apdu_to_contact = false;
-    std::vector<uint8_t> chain;          // chained 0x94 command so far
+    std::vector<uint8_t> chain; // chained 0x94 command so far
     bool chaining = false;
     uint64_t chain_ms = 0;
-    std::vector<uint8_t> raw_text;       // tail of raw-mode input, to see the exit text
+    std::vector<uint8_t> raw_text; // tail of raw-mode input, to see the exit text
 };
 
 Iso14443Card::Iso14443Card(const zsim_card &id, Iso14443Setup setup)
@@ -151,12 +160,9 @@ bool Iso14443Card::wants_ext(const uint8_t f[7]) const
     switch (f[1]) {
     case CMD_BLOCK_I:
     case CMD_CHAIN:
-    case CMD_FRONT_END:
-        return true;
-    case CMD_BLOCK_I7F:
-        return f[3] != 0;
-    default:
-        return false;
+    case CMD_FRONT_END: return true;
+    case CMD_BLOCK_I7F: return f[3] != 0;
+    default: return false;
     }
 }
 
@@ -226,9 +232,7 @@ bool Iso14443Card::command(const uint8_t f[7], const uint8_t *ext, size_t ext_le
         put_response(out, cmd, 0, 0);
         return true;
     }
-    case CMD_HALT_ENABLE:
-        put_response(out, cmd, 0, 0);
-        return true;
+    case CMD_HALT_ENABLE: put_response(out, cmd, 0, 0); return true;
     case CMD_BLOCK_I7F:
         if (!ext) { // the interface session switch: 5 opens it, 2 closes it
             const uint8_t what = f[4] & 0x0F;
@@ -345,8 +349,7 @@ bool Iso14443Card::command(const uint8_t f[7], const uint8_t *ext, size_t ext_le
         put_piece(out, cmd, r.data(), r.size(), 0);
         return true;
     }
-    default:
-        return false;
+    default: return false;
     }
 }
 
@@ -355,8 +358,7 @@ void Iso14443Card::raw_input(const uint8_t *in, size_t n, std::vector<uint8_t> &
     State &s = *st_;
     s.raw_text.insert(s.raw_text.end(), in, in + n);
     const size_t tn = sizeof EXIT_TEXT - 1;
-    if (s.raw_text.size() >= tn &&
-        std::memcmp(s.raw_text.data() + s.raw_text.size() - tn, EXIT_TEXT, tn) == 0) {
+    if (s.raw_text.size() >= tn && std::memcmp(s.raw_text.data() + s.raw_text.size() - tn, EXIT_TEXT, tn) == 0) {
         raw_mode_ = false;
         s.raw_text.clear();
         out.push_back('O');
@@ -417,11 +419,8 @@ bool iso14443_reader_command(Reader &r, const uint8_t f[7], Answer &a)
     case CMD_CHAIN:
     case CMD_CONTACT_OPEN:
     case CMD_LEVEL4_STORAGE:
-    case CMD_FRONT_END:
-        put_error(a.bytes, E_NO_CARD);
-        return true;
-    default:
-        return false;
+    case CMD_FRONT_END: put_error(a.bytes, E_NO_CARD); return true;
+    default: return false;
     }
 }
 

@@ -212,8 +212,7 @@ public:
             std::memcpy(file_.data() + off, c.data, c.nc);
             return RApdu::sw_only(SW_OK);
         }
-        default:
-            break;
+        default: break;
         }
         return RApdu::sw_only(c.cla == 0x00 || c.cla == 0x80 ? SW_INS_NOT_SUPPORTED : SW_CLA_NOT_SUPPORTED);
     }

@@ -78,14 +78,16 @@ uint8_t run(Reader &r, VicinityTag &tag, const uint8_t *f, const uint8_t *d, std
         if ((e = password(r, form, d, a)))
             return e;
         return sub == 6 ? tag.em_protect_page(a, d[5], d[6]) : tag.em_enable_rid(a);
-    default:
-        return E_PARAMETERS;
+    default: return E_PARAMETERS;
     }
 }
 
 } // namespace
 
-bool iso15693_reader_wants_ext(const Reader &, const uint8_t f[7]) { return f[1] == CMD; }
+bool iso15693_reader_wants_ext(const Reader &, const uint8_t f[7])
+{
+    return f[1] == CMD;
+}
 
 bool iso15693_reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
 {

@@ -42,14 +42,14 @@ namespace zs {
 
 // Status words (SW1 in the high byte).
 constexpr uint16_t SW_OK = 0x9000;
-constexpr uint16_t SW_MORE_DATA = 0x6100;          // low byte: bytes left for GET RESPONSE (00: 256 or more)
-constexpr uint16_t SW_END_OF_FILE = 0x6282;        // fewer bytes than asked for before the end of the file
+constexpr uint16_t SW_MORE_DATA = 0x6100;   // low byte: bytes left for GET RESPONSE (00: 256 or more)
+constexpr uint16_t SW_END_OF_FILE = 0x6282; // fewer bytes than asked for before the end of the file
 constexpr uint16_t SW_WRONG_LENGTH = 0x6700;
 constexpr uint16_t SW_SECURITY_NOT_SATISFIED = 0x6982;
 constexpr uint16_t SW_CONDITIONS_NOT_SATISFIED = 0x6985;
 constexpr uint16_t SW_WRONG_DATA = 0x6A80;
 constexpr uint16_t SW_FILE_NOT_FOUND = 0x6A82;
-constexpr uint16_t SW_WRONG_P1P2 = 0x6B00;         // also: offset outside the file
+constexpr uint16_t SW_WRONG_P1P2 = 0x6B00; // also: offset outside the file
 constexpr uint16_t SW_INS_NOT_SUPPORTED = 0x6D00;
 constexpr uint16_t SW_CLA_NOT_SUPPORTED = 0x6E00;
 
@@ -57,11 +57,11 @@ constexpr uint16_t SW_CLA_NOT_SUPPORTED = 0x6E00;
 struct Apdu {
     uint8_t cla = 0, ins = 0, p1 = 0, p2 = 0;
     const uint8_t *data = nullptr;
-    size_t nc = 0;          // command data length (Lc)
-    size_t ne = 0;          // expected length: Le 00 is 256 (short) or 65536 (extended); 0 without Le
+    size_t nc = 0; // command data length (Lc)
+    size_t ne = 0; // expected length: Le 00 is 256 (short) or 65536 (extended); 0 without Le
     bool has_le = false;
-    bool extended = false;  // Lc or Le came in the three/two-byte forms
-    int kind = 1;           // case 1 (header only), 2 (Le), 3 (Lc, data), 4 (Lc, data, Le)
+    bool extended = false; // Lc or Le came in the three/two-byte forms
+    int kind = 1;          // case 1 (header only), 2 (Le), 3 (Lc, data), 4 (Lc, data, Le)
 };
 
 // Decodes a command APDU in any of the short and extended cases. False for bytes that are no valid APDU

@@ -147,8 +147,7 @@ struct Parser {
                 put_utf8(s, c1);
                 break;
             }
-            default:
-                return fail("unknown escape");
+            default: return fail("unknown escape");
             }
         }
     }
@@ -242,21 +241,14 @@ struct Parser {
                 return fail("',' or ']' expected");
             }
         }
-        case '"':
-            v.kind = Json::STRING;
-            return string(v.str);
+        case '"': v.kind = Json::STRING; return string(v.str);
         case 't':
             v.kind = Json::BOOL;
             v.b = true;
             return literal("true");
-        case 'f':
-            v.kind = Json::BOOL;
-            return literal("false");
-        case 'n':
-            v.kind = Json::NUL;
-            return literal("null");
-        default:
-            return number(v);
+        case 'f': v.kind = Json::BOOL; return literal("false");
+        case 'n': v.kind = Json::NUL; return literal("null");
+        default: return number(v);
         }
     }
 };

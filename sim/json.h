@@ -17,7 +17,7 @@ struct Json {
     bool b = false;
     double num = 0;
     std::string str;
-    std::vector<Json> items;                          // ARRAY
+    std::vector<Json> items;        // ARRAY
     std::vector<JsonMember> fields; // OBJECT, in file order
 
     // The member of an object by name (the last one when a name repeats), or null.

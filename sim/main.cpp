@@ -1,3 +1,6 @@
 #include "zelsim.h"
 
-int main(int argc, char **argv) { return zsim_main(argc, argv); }
+int main(int argc, char **argv)
+{
+    return zsim_main(argc, argv);
+}

@@ -28,7 +28,10 @@ constexpr uint8_t E_READING = 3, E_WRITING = 4, E_TRAILER_DIRECT = 10, E_NOT_TRA
 
 constexpr size_t LIST_RECORD = 11; // UID length, then the UID in 10 bytes
 
-uint16_t le16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
+uint16_t le16(const uint8_t *p)
+{
+    return static_cast<uint16_t>(p[0] | p[1] << 8);
+}
 
 void put_le32(uint8_t *p, uint32_t v)
 {
@@ -307,8 +310,9 @@ void value_command(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_
         return put_error(a.bytes, reading ? E_VALUE_INVALID : E_TRAILER_DIRECT);
     SectorSession s{r, *m, k};
     const uint8_t *operand = d + 4 + key_len;
-    const int32_t v = static_cast<int32_t>(static_cast<uint32_t>(operand[0]) | static_cast<uint32_t>(operand[1]) << 8 |
-                                           static_cast<uint32_t>(operand[2]) << 16 | static_cast<uint32_t>(operand[3]) << 24);
+    const int32_t v =
+        static_cast<int32_t>(static_cast<uint32_t>(operand[0]) | static_cast<uint32_t>(operand[1]) << 8 |
+                             static_cast<uint32_t>(operand[2]) << 16 | static_cast<uint32_t>(operand[3]) << 24);
     if (reading) {
         uint8_t b[16];
         if (const uint8_t e = s.read(block, b))
@@ -555,7 +559,8 @@ void linear_write(Reader &r, Card &c, const uint8_t *f, const uint8_t *d, size_t
 void card_info(Card &c, const uint8_t *f, Answer &a)
 {
     const zsim_card &id = c.id();
-    uint8_t d[15] = {id.orb_type, id.sak, static_cast<uint8_t>(id.atqa), static_cast<uint8_t>(id.atqa >> 8), id.uid_len};
+    uint8_t d[15] = {id.orb_type, id.sak, static_cast<uint8_t>(id.atqa), static_cast<uint8_t>(id.atqa >> 8),
+                     id.uid_len};
     std::memcpy(d + 5, id.uid, id.uid_len > 10 ? 10 : id.uid_len);
     put_response(a.bytes, f[1], 0, 0, d, sizeof d);
 }
@@ -580,10 +585,8 @@ void anticollision(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, 
         r.anticollision = false;
         r.card_selected = false;
         return put_response(a.bytes, cmd, 0, 0);
-    case 0x3B:
-        return put_response(a.bytes, cmd, r.anticollision ? 1 : 0, r.card_selected ? 1 : 0);
-    default:
-        break;
+    case 0x3B: return put_response(a.bytes, cmd, r.anticollision ? 1 : 0, r.card_selected ? 1 : 0);
+    default: break;
     }
     if (!r.anticollision)
         return put_error(a.bytes, E_ANTICOLL_OFF);
@@ -620,7 +623,8 @@ void anticollision(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, 
             const zsim_card &id = r.cards[i]->id();
             if (id.uid_len == len && std::memcmp(id.uid, ext, len) == 0) {
                 // The selected card becomes the one every card command reaches.
-                std::rotate(r.cards.begin(), r.cards.begin() + static_cast<long>(i), r.cards.begin() + static_cast<long>(i) + 1);
+                std::rotate(r.cards.begin(), r.cards.begin() + static_cast<long>(i),
+                            r.cards.begin() + static_cast<long>(i) + 1);
                 r.selected = id;
                 r.card_selected = true;
                 return put_response(a.bytes, cmd, id.orb_type, 0);
@@ -628,11 +632,8 @@ void anticollision(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, 
         }
         return put_error(a.bytes, E_NO_CARD);
     }
-    case 0x3A:
-        r.card_selected = false;
-        return put_response(a.bytes, cmd, 0, 0);
-    default:
-        return put_error(a.bytes, E_NOT_SUPPORTED);
+    case 0x3A: r.card_selected = false; return put_response(a.bytes, cmd, 0, 0);
+    default: return put_error(a.bytes, E_NOT_SUPPORTED);
     }
 }
 
@@ -654,9 +655,7 @@ bool memory_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
     case 0x38:
     case 0x39:
     case 0x3A:
-    case 0x3B:
-        anticollision(r, f, ext, len, a);
-        return true;
+    case 0x3B: anticollision(r, f, ext, len, a); return true;
     case 0x13:
     case 0x2C:
     case 0x3C:
@@ -685,8 +684,7 @@ bool memory_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ex
             put_response(a.bytes, cmd, 0, 0, v, 8);
         return true;
     }
-    default:
-        break;
+    default: break;
     }
     if (!is_memory_command(cmd) && cmd != 0x2F && cmd != 0x45)
         return false;

@@ -316,8 +316,7 @@ struct GpioLink : ThreadLink {
     }
 };
 
-template <typename L>
-int start(zsim *sim, std::unique_ptr<L> link)
+template <typename L> int start(zsim *sim, std::unique_ptr<L> link)
 {
     if (!link->make_wake())
         return -1;
@@ -329,8 +328,7 @@ int start(zsim *sim, std::unique_ptr<L> link)
 }
 
 // Starts the link on its bound socket fd (closed when the start fails); the port it serves, or -1.
-template <typename L>
-int launch(zsim *sim, std::unique_ptr<L> link, int fd, uint16_t *bound)
+template <typename L> int launch(zsim *sim, std::unique_ptr<L> link, int fd, uint16_t *bound)
 {
     const uint16_t p = bound_port_of(fd);
     if (start(sim, std::move(link)) != 0) {

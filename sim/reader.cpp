@@ -60,9 +60,15 @@ void card_id_ex(const zsim_card *c, uint8_t cmd, Answer &a)
     put_response(a.bytes, cmd, c->sak, n, d, 10);
 }
 
-void ok(Answer &a, uint8_t cmd, uint8_t p0 = 0, uint8_t p1 = 0) { put_response(a.bytes, cmd, p0, p1); }
+void ok(Answer &a, uint8_t cmd, uint8_t p0 = 0, uint8_t p1 = 0)
+{
+    put_response(a.bytes, cmd, p0, p1);
+}
 
-bool password_ok(const Reader &r, const uint8_t *pw) { return std::memcmp(r.password, pw, 8) == 0; }
+bool password_ok(const Reader &r, const uint8_t *pw)
+{
+    return std::memcmp(r.password, pw, 8) == 0;
+}
 
 // The parameter block of 0xF0 and 0xF1: MUI, serial, HW type and version, device type, firmware.
 void parameters(const Reader &r, const uint8_t *f, Answer &a)
@@ -215,10 +221,10 @@ void ee_write(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answe
 // What the reader tells of its state: reader, card, emulation and sleep, one byte each.
 void reader_state(const Reader &r, uint8_t out[4])
 {
-    out[0] = 0;                      // running
+    out[0] = 0;                       // running
     out[1] = r.cards.empty() ? 0 : 1; // a card in the field
-    out[2] = 0;                      // no emulation
-    out[3] = 0;                      // awake
+    out[2] = 0;                       // no emulation
+    out[3] = 0;                       // awake
 }
 
 } // namespace
@@ -402,7 +408,10 @@ void password_write(Reader &r, const Request &q, Answer &a, uint8_t *to, size_t 
 }
 
 // Password change (0x33, and 0xE0 by the EEPROM commands): old, then new.
-void password_change(Reader &r, const Request &q, Answer &a) { password_write(r, q, a, r.password, 8); }
+void password_change(Reader &r, const Request &q, Answer &a)
+{
+    password_write(r, q, a, r.password, 8);
+}
 
 // Key lock by the EEPROM commands: 1 locks, 0 unlocks; the password after it.
 void ee_keys_lock(Reader &r, const Request &q, Answer &a)
@@ -433,9 +442,8 @@ void bus_admin(Reader &r, const Request &q, Answer &a)
 }
 
 const OwnCommand kKeys[] = {
-    {0x12, true, key_write},        {0x27, true, keys_lock},    {0x28, true, keys_lock},
-    {0x33, true, password_change}, {0xE0, true, password_change}, {0xE1, true, ee_keys_lock},
-    {0x36, true, job_id},          {0xFD, true, bus_admin},
+    {0x12, true, key_write},       {0x27, true, keys_lock},    {0x28, true, keys_lock}, {0x33, true, password_change},
+    {0xE0, true, password_change}, {0xE1, true, ee_keys_lock}, {0x36, true, job_id},    {0xFD, true, bus_admin},
 };
 
 // ---- EEPROM, user data and settings kept there ----
@@ -500,7 +508,10 @@ const OwnCommand kStorage[] = {
 // ---- Time, speed, restart and state ----
 
 // Time set: the password, then the 6 time bytes.
-void time_set(Reader &r, const Request &q, Answer &a) { password_write(r, q, a, r.time, 6); }
+void time_set(Reader &r, const Request &q, Answer &a)
+{
+    password_write(r, q, a, r.time, 6);
+}
 
 // Speed kept for the next start: two 2-bit values, marked and with their complement.
 void speed_set(Reader &r, const Request &q, Answer &a)
@@ -601,7 +612,10 @@ bool iso14443_engine(Reader &r, const uint8_t f[7], const uint8_t *, size_t, Ans
     return iso14443_reader_command(r, f, a);
 }
 
-bool card_wants_ext(const Reader &r, const uint8_t f[7]) { return !r.cards.empty() && r.cards.front()->wants_ext(f); }
+bool card_wants_ext(const Reader &r, const uint8_t f[7])
+{
+    return !r.cards.empty() && r.cards.front()->wants_ext(f);
+}
 
 bool card_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
 {

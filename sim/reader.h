@@ -18,14 +18,14 @@ constexpr size_t EEPROM_SIZE = 1024;
 constexpr size_t KEY_COUNT = 32;
 
 // Where the reader keeps its settings in its EEPROM (the same addresses the EEPROM commands reach).
-constexpr size_t EE_SERIAL_DESC = 0;   // 8 characters
-constexpr size_t EE_KEYS = 154;        // 32 reader keys of 6 bytes
-constexpr size_t EE_READER_ID = 621;   // 16
-constexpr size_t EE_USER_DATA = 644;   // 16
-constexpr size_t EE_PRO_MODE = 660;    // 2
-constexpr size_t EE_SPEED = 662;       // mark byte and its complement
-constexpr size_t EE_ASYNC = 669;       // flags, prefix, suffix, baud (4), inner checksum
-constexpr size_t EE_JOB_ID = 677;      // 2, little-endian
+constexpr size_t EE_SERIAL_DESC = 0; // 8 characters
+constexpr size_t EE_KEYS = 154;      // 32 reader keys of 6 bytes
+constexpr size_t EE_READER_ID = 621; // 16
+constexpr size_t EE_USER_DATA = 644; // 16
+constexpr size_t EE_PRO_MODE = 660;  // 2
+constexpr size_t EE_SPEED = 662;     // mark byte and its complement
+constexpr size_t EE_ASYNC = 669;     // flags, prefix, suffix, baud (4), inner checksum
+constexpr size_t EE_JOB_ID = 677;    // 2, little-endian
 
 // Bits of the asynchronous card id setup (the flags byte).
 constexpr uint8_t ASYNC_SEND = 0x01, ASYNC_PREFIX = 0x02, ASYNC_REMOVAL = 0x04, ASYNC_REVERSE = 0x08,
@@ -56,7 +56,7 @@ struct Reader {
     uint8_t speed_par[2] = {0, 0};  // as 0x4B set them
     uint8_t custom_ui[7] = {};      // the user interface setup of 0x65 and 0x66
     bool async_json = false;
-    uint32_t baud = 1000000;        // the rate the reader talks at
+    uint32_t baud = 1000000; // the rate the reader talks at
     // The field; the first card is the one the reader talks to.
     std::vector<std::unique_ptr<Card>> cards;
     zsim_card last_card{};
@@ -79,8 +79,8 @@ struct Reader {
 // What the reader does with one complete command.
 struct Answer {
     std::vector<uint8_t> bytes;
-    bool restart = false;   // the reader restarts after sending the bytes
-    uint32_t new_baud = 0;  // the reader moves to this rate (no reply)
+    bool restart = false;  // the reader restarts after sending the bytes
+    uint32_t new_baud = 0; // the reader moves to this rate (no reply)
 };
 
 // True when the reader takes an EXT for this command frame (it then acknowledges).

@@ -20,29 +20,85 @@ struct OrbName {
 };
 
 const OrbName ORB_NAMES[] = {
-    {"ORB_MIFARE_ULTRALIGHT", 0x01}, {"ORB_MIFARE_ULTRALIGHT_EV1_11", 0x02}, {"ORB_MIFARE_ULTRALIGHT_EV1_21", 0x03},
-    {"ORB_MIFARE_ULTRALIGHT_C", 0x04}, {"ORB_NTAG_203", 0x05}, {"ORB_NTAG_210", 0x06}, {"ORB_NTAG_212", 0x07},
-    {"ORB_NTAG_213", 0x08}, {"ORB_NTAG_215", 0x09}, {"ORB_NTAG_216", 0x0A}, {"ORB_MIKRON_MIK640D", 0x0B},
-    {"NFC_T2T_GENERIC", 0x0C}, {"ORB_NT3H_1101", 0x0D}, {"ORB_NT3H_1201", 0x0E}, {"ORB_NT3H_2111", 0x0F},
-    {"ORB_NT3H_2211", 0x10}, {"ORB_NTAG_413_DNA", 0x11}, {"ORB_NTAG_424_DNA", 0x12}, {"ORB_NTAG_424_DNA_TT", 0x13},
-    {"ORB_NTAG_210U", 0x14}, {"ORB_NTAG_213_TT", 0x15}, {"ORB_MIFARE_CLASSIC_2K", 0x19}, {"ORB_MIFARE_MINI", 0x20},
-    {"ORB_MIFARE_CLASSIC_1K", 0x21}, {"ORB_MIFARE_CLASSIC_4K", 0x22}, {"ORB_MIFARE_PLUS_S_2K_SL0", 0x23},
-    {"ORB_MIFARE_PLUS_S_4K_SL0", 0x24}, {"ORB_MIFARE_PLUS_X_2K_SL0", 0x25}, {"ORB_MIFARE_PLUS_X_4K_SL0", 0x26},
-    {"ORB_MIFARE_DESFIRE", 0x27}, {"ORB_MIFARE_DESFIRE_EV1_2K", 0x28}, {"ORB_MIFARE_DESFIRE_EV1_4K", 0x29},
-    {"ORB_MIFARE_DESFIRE_EV1_8K", 0x2A}, {"ORB_MIFARE_DESFIRE_EV2_2K", 0x2B}, {"ORB_MIFARE_DESFIRE_EV2_4K", 0x2C},
-    {"ORB_MIFARE_DESFIRE_EV2_8K", 0x2D}, {"ORB_MIFARE_PLUS_S_2K_SL1", 0x2E}, {"ORB_MIFARE_PLUS_X_2K_SL1", 0x2F},
-    {"ORB_MIFARE_PLUS_EV1_2K_SL1", 0x30}, {"ORB_MIFARE_PLUS_X_2K_SL2", 0x31}, {"ORB_MIFARE_PLUS_S_2K_SL3", 0x32},
-    {"ORB_MIFARE_PLUS_X_2K_SL3", 0x33}, {"ORB_MIFARE_PLUS_EV1_2K_SL3", 0x34}, {"ORB_MIFARE_PLUS_S_4K_SL1", 0x35},
-    {"ORB_MIFARE_PLUS_X_4K_SL1", 0x36}, {"ORB_MIFARE_PLUS_EV1_4K_SL1", 0x37}, {"ORB_MIFARE_PLUS_X_4K_SL2", 0x38},
-    {"ORB_MIFARE_PLUS_S_4K_SL3", 0x39}, {"ORB_MIFARE_PLUS_X_4K_SL3", 0x3A}, {"ORB_MIFARE_PLUS_EV1_4K_SL3", 0x3B},
-    {"ORB_MIFARE_PLUS_SE_SL0", 0x3C}, {"ORB_MIFARE_PLUS_SE_SL1", 0x3D}, {"ORB_MIFARE_PLUS_SE_SL3", 0x3E},
-    {"ORB_MIFARE_DESFIRE_LIGHT", 0x3F}, {"ORB_GENERIC_ISO14443_4", 0x40}, {"ORB_GENERIC_ISO14443_4_TYPE_B", 0x41},
-    {"ORB_GENERIC_ISO14443_3_TYPE_B", 0x42}, {"ORB_MIFARE_PLUS_EV1_2K_SL0", 0x43}, {"ORB_MIFARE_PLUS_EV1_4K_SL0", 0x44},
-    {"ORB_MIFARE_DESFIRE_EV3_2K", 0x45}, {"ORB_MIFARE_DESFIRE_EV3_4K", 0x46}, {"ORB_MIFARE_DESFIRE_EV3_8K", 0x47},
-    {"ORB_MOBILE_AID", 0x60}, {"ORB_APPLE_VAS_V1", 0x6A}, {"ORB_APPLE_VAS_V2", 0x6B}, {"ORB_IMEI_UID", 0x80},
-    {"M24SR02", 0x82}, {"M24SR64", 0x84}, {"M24SR16", 0x85}, {"M24SR04", 0x86}, {"M24SR02_AUTOMOTIVE", 0x8A},
-    {"M24SR64_AUTOMOTIVE", 0x8C}, {"M24SR16_AUTOMOTIVE", 0x8D}, {"M24SR04_AUTOMOTIVE", 0x8E}, {"OrbSigner81", 0xA0},
-    {"OrbSigner22", 0xA1}, {"OrbSigner30", 0xA2}, {"OrbSigner10", 0xA3}, {"OrbSigner145", 0xAA},
+    {"ORB_MIFARE_ULTRALIGHT", 0x01},
+    {"ORB_MIFARE_ULTRALIGHT_EV1_11", 0x02},
+    {"ORB_MIFARE_ULTRALIGHT_EV1_21", 0x03},
+    {"ORB_MIFARE_ULTRALIGHT_C", 0x04},
+    {"ORB_NTAG_203", 0x05},
+    {"ORB_NTAG_210", 0x06},
+    {"ORB_NTAG_212", 0x07},
+    {"ORB_NTAG_213", 0x08},
+    {"ORB_NTAG_215", 0x09},
+    {"ORB_NTAG_216", 0x0A},
+    {"ORB_MIKRON_MIK640D", 0x0B},
+    {"NFC_T2T_GENERIC", 0x0C},
+    {"ORB_NT3H_1101", 0x0D},
+    {"ORB_NT3H_1201", 0x0E},
+    {"ORB_NT3H_2111", 0x0F},
+    {"ORB_NT3H_2211", 0x10},
+    {"ORB_NTAG_413_DNA", 0x11},
+    {"ORB_NTAG_424_DNA", 0x12},
+    {"ORB_NTAG_424_DNA_TT", 0x13},
+    {"ORB_NTAG_210U", 0x14},
+    {"ORB_NTAG_213_TT", 0x15},
+    {"ORB_MIFARE_CLASSIC_2K", 0x19},
+    {"ORB_MIFARE_MINI", 0x20},
+    {"ORB_MIFARE_CLASSIC_1K", 0x21},
+    {"ORB_MIFARE_CLASSIC_4K", 0x22},
+    {"ORB_MIFARE_PLUS_S_2K_SL0", 0x23},
+    {"ORB_MIFARE_PLUS_S_4K_SL0", 0x24},
+    {"ORB_MIFARE_PLUS_X_2K_SL0", 0x25},
+    {"ORB_MIFARE_PLUS_X_4K_SL0", 0x26},
+    {"ORB_MIFARE_DESFIRE", 0x27},
+    {"ORB_MIFARE_DESFIRE_EV1_2K", 0x28},
+    {"ORB_MIFARE_DESFIRE_EV1_4K", 0x29},
+    {"ORB_MIFARE_DESFIRE_EV1_8K", 0x2A},
+    {"ORB_MIFARE_DESFIRE_EV2_2K", 0x2B},
+    {"ORB_MIFARE_DESFIRE_EV2_4K", 0x2C},
+    {"ORB_MIFARE_DESFIRE_EV2_8K", 0x2D},
+    {"ORB_MIFARE_PLUS_S_2K_SL1", 0x2E},
+    {"ORB_MIFARE_PLUS_X_2K_SL1", 0x2F},
+    {"ORB_MIFARE_PLUS_EV1_2K_SL1", 0x30},
+    {"ORB_MIFARE_PLUS_X_2K_SL2", 0x31},
+    {"ORB_MIFARE_PLUS_S_2K_SL3", 0x32},
+    {"ORB_MIFARE_PLUS_X_2K_SL3", 0x33},
+    {"ORB_MIFARE_PLUS_EV1_2K_SL3", 0x34},
+    {"ORB_MIFARE_PLUS_S_4K_SL1", 0x35},
+    {"ORB_MIFARE_PLUS_X_4K_SL1", 0x36},
+    {"ORB_MIFARE_PLUS_EV1_4K_SL1", 0x37},
+    {"ORB_MIFARE_PLUS_X_4K_SL2", 0x38},
+    {"ORB_MIFARE_PLUS_S_4K_SL3", 0x39},
+    {"ORB_MIFARE_PLUS_X_4K_SL3", 0x3A},
+    {"ORB_MIFARE_PLUS_EV1_4K_SL3", 0x3B},
+    {"ORB_MIFARE_PLUS_SE_SL0", 0x3C},
+    {"ORB_MIFARE_PLUS_SE_SL1", 0x3D},
+    {"ORB_MIFARE_PLUS_SE_SL3", 0x3E},
+    {"ORB_MIFARE_DESFIRE_LIGHT", 0x3F},
+    {"ORB_GENERIC_ISO14443_4", 0x40},
+    {"ORB_GENERIC_ISO14443_4_TYPE_B", 0x41},
+    {"ORB_GENERIC_ISO14443_3_TYPE_B", 0x42},
+    {"ORB_MIFARE_PLUS_EV1_2K_SL0", 0x43},
+    {"ORB_MIFARE_PLUS_EV1_4K_SL0", 0x44},
+    {"ORB_MIFARE_DESFIRE_EV3_2K", 0x45},
+    {"ORB_MIFARE_DESFIRE_EV3_4K", 0x46},
+    {"ORB_MIFARE_DESFIRE_EV3_8K", 0x47},
+    {"ORB_MOBILE_AID", 0x60},
+    {"ORB_APPLE_VAS_V1", 0x6A},
+    {"ORB_APPLE_VAS_V2", 0x6B},
+    {"ORB_IMEI_UID", 0x80},
+    {"M24SR02", 0x82},
+    {"M24SR64", 0x84},
+    {"M24SR16", 0x85},
+    {"M24SR04", 0x86},
+    {"M24SR02_AUTOMOTIVE", 0x8A},
+    {"M24SR64_AUTOMOTIVE", 0x8C},
+    {"M24SR16_AUTOMOTIVE", 0x8D},
+    {"M24SR04_AUTOMOTIVE", 0x8E},
+    {"OrbSigner81", 0xA0},
+    {"OrbSigner22", 0xA1},
+    {"OrbSigner30", 0xA2},
+    {"OrbSigner10", 0xA3},
+    {"OrbSigner145", 0xAA},
 };
 
 struct FaultName {
@@ -51,10 +107,14 @@ struct FaultName {
 };
 
 const FaultName FAULT_NAMES[] = {
-    {"silence", ZSIM_FAULT_SILENCE},         {"late", ZSIM_FAULT_LATE},
-    {"bad_checksum", ZSIM_FAULT_BAD_CHECKSUM}, {"wrong_echo", ZSIM_FAULT_WRONG_ECHO},
-    {"error_frame", ZSIM_FAULT_ERROR_FRAME}, {"truncate", ZSIM_FAULT_TRUNCATE},
-    {"extra_bytes", ZSIM_FAULT_EXTRA_BYTES}, {"endless_interim", ZSIM_FAULT_ENDLESS_INTERIM},
+    {"silence", ZSIM_FAULT_SILENCE},
+    {"late", ZSIM_FAULT_LATE},
+    {"bad_checksum", ZSIM_FAULT_BAD_CHECKSUM},
+    {"wrong_echo", ZSIM_FAULT_WRONG_ECHO},
+    {"error_frame", ZSIM_FAULT_ERROR_FRAME},
+    {"truncate", ZSIM_FAULT_TRUNCATE},
+    {"extra_bytes", ZSIM_FAULT_EXTRA_BYTES},
+    {"endless_interim", ZSIM_FAULT_ENDLESS_INTERIM},
     {"unplug", ZSIM_FAULT_UNPLUG},
 };
 
@@ -151,7 +211,8 @@ namespace {
 bool number_of(const Json *j, const char *what, uint64_t max, uint64_t &v, std::string &err)
 {
     if (j->kind == Json::NUMBER) {
-        if (j->num < 0 || j->num > static_cast<double>(max) || j->num != static_cast<double>(static_cast<uint64_t>(j->num))) {
+        if (j->num < 0 || j->num > static_cast<double>(max) ||
+            j->num != static_cast<double>(static_cast<uint64_t>(j->num))) {
             err = std::string(what) + ": a whole number from 0 to " + std::to_string(max) + " is expected";
             return false;
         }
@@ -210,7 +271,8 @@ bool opt_string(const Json &o, const char *name, const char *where, size_t max, 
     if (!j)
         return true;
     if (j->kind != Json::STRING || j->str.size() > max) {
-        err = std::string(where) + "." + name + ": a string of at most " + std::to_string(max) + " characters is expected";
+        err = std::string(where) + "." + name + ": a string of at most " + std::to_string(max) +
+              " characters is expected";
         return false;
     }
     out = j->str;
@@ -225,7 +287,8 @@ bool opt_hex(const Json &o, const char *name, const char *where, size_t max, std
     if (!j)
         return true;
     if (j->kind != Json::STRING || !parse_hex_text(j->str, out, max)) {
-        err = std::string(where) + "." + name + ": at most " + std::to_string(max) + " bytes in hexadecimal are expected";
+        err =
+            std::string(where) + "." + name + ": at most " + std::to_string(max) + " bytes in hexadecimal are expected";
         return false;
     }
     return true;
@@ -255,13 +318,14 @@ bool parse_reader(const Json &o, Reader &r, std::string &err)
     const char *W = "reader";
     if (!members_known(o, W,
                        {"type", "serial_number", "serial_description", "firmware", "hardware", "device_type", "mui",
-                        "parameter_block", "password", "keys_locked", "keys", "time", "job_id", "user_data",
-                        "pro_mode", "baud", "eeprom", "async", "speed"},
+                        "parameter_block", "password", "keys_locked", "keys", "time", "job_id", "user_data", "pro_mode",
+                        "baud", "eeprom", "async", "speed"},
                        err))
         return false;
     if (!opt_number(o, "type", W, 0xFFFFFFFFu, r.type, err) ||
         !opt_number(o, "serial_number", W, 0xFFFFFFFFu, r.serial, err) ||
-        !opt_number(o, "device_type", W, 0xFFFFFFFFu, r.device_type, err) || !opt_bool(o, "keys_locked", W, r.keys_locked, err))
+        !opt_number(o, "device_type", W, 0xFFFFFFFFu, r.device_type, err) ||
+        !opt_bool(o, "keys_locked", W, r.keys_locked, err))
         return false;
     std::string text;
     if (o.get("serial_description")) {
@@ -410,7 +474,8 @@ bool parse_reader(const Json &o, Reader &r, std::string &err)
                 !opt_hex(e, "data", "reader.eeprom[]", EEPROM_SIZE, bytes, given, err))
                 return false;
             if (bytes.size() > EEPROM_SIZE - addr) {
-                err = "reader.eeprom[]: the data run past the end of the EEPROM (" + std::to_string(EEPROM_SIZE) + " bytes)";
+                err = "reader.eeprom[]: the data run past the end of the EEPROM (" + std::to_string(EEPROM_SIZE) +
+                      " bytes)";
                 return false;
             }
             std::memcpy(r.eeprom + addr, bytes.data(), bytes.size());
@@ -466,16 +531,11 @@ bool parse_card(const Json &o, const char *where, ParsedCard &pc, std::string &e
 uint8_t default_orb_type(uint8_t sak)
 {
     switch (sak) {
-    case 0x00:
-        return 0x08; // a Type 2 tag
-    case 0x09:
-        return 0x20;
-    case 0x18:
-        return 0x22;
-    case 0x20:
-        return 0x40;
-    default:
-        return 0x21; // a 1K classic card
+    case 0x00: return 0x08; // a Type 2 tag
+    case 0x09: return 0x20;
+    case 0x18: return 0x22;
+    case 0x20: return 0x40;
+    default: return 0x21; // a 1K classic card
     }
 }
 
@@ -499,8 +559,7 @@ bool parse_fault(const Json &o, const char *where, zsim_fault &f, std::string &e
             return false;
         f.command = static_cast<int>(v);
     }
-    if (!opt_number(o, "code", where, 0xFF, f.code, err) ||
-        !opt_decimal(o, "delay_ms", where, 600000, v = 0, err))
+    if (!opt_number(o, "code", where, 0xFF, f.code, err) || !opt_decimal(o, "delay_ms", where, 600000, v = 0, err))
         return false;
     f.delay_ms = static_cast<uint32_t>(v);
     v = 0;
@@ -514,7 +573,8 @@ bool parse_fault(const Json &o, const char *where, zsim_fault &f, std::string &e
     if (const Json *t = o.get("times")) {
         if (t->kind == Json::STRING && t->str == "always") {
             f.times = -1;
-        } else if (t->kind == Json::NUMBER && t->num >= 1 && t->num <= 1000000 && t->num == static_cast<int32_t>(t->num)) {
+        } else if (t->kind == Json::NUMBER && t->num >= 1 && t->num <= 1000000 &&
+                   t->num == static_cast<int32_t>(t->num)) {
             f.times = static_cast<int32_t>(t->num);
         } else {
             err = std::string(where) + ".times: a count from 1, or \"always\", is expected";
@@ -529,8 +589,9 @@ namespace {
 bool parse_link(const Json &o, LinkSpec &l, std::string &err)
 {
     const char *W = "links[]";
-    if (!members_known(o, W, {"kind", "host", "port", "form", "socket", "pin", "serial", "description", "invert_rts", "com_port"},
-                       err) ||
+    if (!members_known(
+            o, W, {"kind", "host", "port", "form", "socket", "pin", "serial", "description", "invert_rts", "com_port"},
+            err) ||
         !opt_string(o, "kind", W, 16, l.kind, err))
         return false;
     if (l.kind != "pty" && l.kind != "udp" && l.kind != "tcp" && l.kind != "discovery" && l.kind != "gpio" &&

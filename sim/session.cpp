@@ -77,15 +77,12 @@ bool send_reply(zsim *sim, LinkCore &link, uint8_t cmd, std::vector<uint8_t> byt
     a.due_ms = now;
     bool heard = true;
     switch (f.kind) {
-    case ZSIM_FAULT_NONE:
-        break;
+    case ZSIM_FAULT_NONE: break;
     case ZSIM_FAULT_SILENCE:
         bytes.clear();
         heard = false;
         break;
-    case ZSIM_FAULT_LATE:
-        a.due_ms = now + f.delay_ms;
-        break;
+    case ZSIM_FAULT_LATE: a.due_ms = now + f.delay_ms; break;
     case ZSIM_FAULT_BAD_CHECKSUM:
         if (bytes.size() >= 7)
             bytes[6] = static_cast<uint8_t>(bytes[6] + 1);
@@ -227,11 +224,12 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             return;
     }
     if (link.check_baud && link.host_baud != sim->reader.baud)
-        return; // at another rate the reader hears only noise it cannot frame
+        return;           // at another rate the reader hears only noise it cannot frame
     link.interim = false; // the host speaks: an endless wait ends
     if (now < link.accept_from_ms)
         return; // still booting: nothing is heard
-    if (desfire_link_input(sim, link, in, n)) return; // the later pieces of a DESFire write come raw
+    if (desfire_link_input(sim, link, in, n))
+        return; // the later pieces of a DESFire write come raw
     std::vector<uint8_t> raw;
     if (iso14443_raw_input(sim->reader, in, n, raw)) { // raw transceive mode: no frames
         link_push(sim, link, raw);
@@ -243,8 +241,7 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
         in += used;
         n -= used;
         switch (ev.kind) {
-        case EventKind::NONE:
-            break;
+        case EventKind::NONE: break;
         case EventKind::FRAME: {
             const uint8_t cmd = ev.frame[1];
             size_t need = ev.frame[3];

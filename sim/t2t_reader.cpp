@@ -28,8 +28,7 @@ bool des2_cbc(const uint8_t key[16], const uint8_t iv[8], const uint8_t *in, int
         return false;
     int len = 0;
     const bool ok = EVP_CipherInit_ex(ctx, EVP_des_ede_cbc(), nullptr, key, iv, enc ? 1 : 0) == 1 &&
-                    EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 && EVP_CipherUpdate(ctx, out, &len, in, n) == 1 &&
-                    len == n;
+                    EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 && EVP_CipherUpdate(ctx, out, &len, in, n) == 1 && len == n;
     EVP_CIPHER_CTX_free(ctx);
     return ok;
 }
@@ -225,8 +224,7 @@ uint8_t run(Reader &r, const uint8_t *f, const uint8_t *ext, size_t ext_len, Ans
         put_response(a.bytes, cmd, id.orb_type, n, d, sizeof d);
         return 0;
     }
-    default:
-        return E_NOT_SUPPORTED;
+    default: return E_NOT_SUPPORTED;
     }
 }
 

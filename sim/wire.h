@@ -15,9 +15,8 @@ constexpr uint8_t ERR_HEADER = 0xEC, ERR_TRAILER = 0xCE;
 constexpr uint8_t INT_HEADER = 0xA1, INT_TRAILER = 0x85;
 
 // Error codes the reader puts in an error frame.
-constexpr uint8_t E_CHKSUM = 2, E_MAX_ADDRESS = 6, E_MAX_KEY_INDEX = 7, E_NO_CARD = 8,
-                  E_NOT_SUPPORTED = 9, E_PARAMETERS = 15, E_MAX_SIZE = 16, E_KEYS_LOCKED = 118,
-                  E_WRONG_PASSWORD = 120;
+constexpr uint8_t E_CHKSUM = 2, E_MAX_ADDRESS = 6, E_MAX_KEY_INDEX = 7, E_NO_CARD = 8, E_NOT_SUPPORTED = 9,
+                  E_PARAMETERS = 15, E_MAX_SIZE = 16, E_KEYS_LOCKED = 118, E_WRONG_PASSWORD = 120;
 
 // (XOR of the bytes) + 7, modulo 256.
 inline uint8_t checksum(const uint8_t *p, size_t n)
@@ -29,7 +28,10 @@ inline uint8_t checksum(const uint8_t *p, size_t n)
 }
 
 // True when the last of n bytes is the checksum of the ones before it.
-inline bool checksum_ok(const uint8_t *p, size_t n) { return n >= 1 && p[n - 1] == checksum(p, n - 1); }
+inline bool checksum_ok(const uint8_t *p, size_t n)
+{
+    return n >= 1 && p[n - 1] == checksum(p, n - 1);
+}
 
 inline bool is_command_frame(const uint8_t *f)
 {
@@ -58,7 +60,10 @@ inline void put_response(std::vector<uint8_t> &out, uint8_t cmd, uint8_t p0, uin
     }
 }
 
-inline void put_error(std::vector<uint8_t> &out, uint8_t code) { put_frame(out, ERR_HEADER, code, ERR_TRAILER, 0, 0, 0); }
+inline void put_error(std::vector<uint8_t> &out, uint8_t code)
+{
+    put_frame(out, ERR_HEADER, code, ERR_TRAILER, 0, 0, 0);
+}
 
 } // namespace zs
 #endif

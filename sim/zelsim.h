@@ -15,7 +15,7 @@ typedef struct zsim zsim;
 /* One card in the field. */
 typedef struct zsim_card {
     uint8_t uid[10];
-    uint8_t uid_len;  /* 4, 7, 8 (a vicinity tag) or 10 */
+    uint8_t uid_len; /* 4, 7, 8 (a vicinity tag) or 10 */
     uint8_t sak;
     uint16_t atqa;
     uint8_t orb_type; /* the reader's card type code */
@@ -24,25 +24,25 @@ typedef struct zsim_card {
 /* What the reader does wrong on an exchange (see zsim_fault_push). */
 typedef enum zsim_fault_kind {
     ZSIM_FAULT_NONE = 0,
-    ZSIM_FAULT_SILENCE,        /* answer nothing */
-    ZSIM_FAULT_LATE,           /* answer after delay_ms */
-    ZSIM_FAULT_BAD_CHECKSUM,   /* corrupt the checksum of the first reply frame */
-    ZSIM_FAULT_WRONG_ECHO,     /* echo another command code */
-    ZSIM_FAULT_ERROR_FRAME,    /* answer an error frame with code */
-    ZSIM_FAULT_TRUNCATE,       /* send only `count` bytes of the reply */
-    ZSIM_FAULT_EXTRA_BYTES,    /* append `count` garbage bytes to the reply */
-    ZSIM_FAULT_ENDLESS_INTERIM,/* answer interim frames until the host sends a new command */
-    ZSIM_FAULT_UNPLUG          /* the link goes away (pty closed, socket gone) */
+    ZSIM_FAULT_SILENCE,         /* answer nothing */
+    ZSIM_FAULT_LATE,            /* answer after delay_ms */
+    ZSIM_FAULT_BAD_CHECKSUM,    /* corrupt the checksum of the first reply frame */
+    ZSIM_FAULT_WRONG_ECHO,      /* echo another command code */
+    ZSIM_FAULT_ERROR_FRAME,     /* answer an error frame with code */
+    ZSIM_FAULT_TRUNCATE,        /* send only `count` bytes of the reply */
+    ZSIM_FAULT_EXTRA_BYTES,     /* append `count` garbage bytes to the reply */
+    ZSIM_FAULT_ENDLESS_INTERIM, /* answer interim frames until the host sends a new command */
+    ZSIM_FAULT_UNPLUG           /* the link goes away (pty closed, socket gone) */
 } zsim_fault_kind;
 
 typedef struct zsim_fault {
     zsim_fault_kind kind;
-    uint32_t code;      /* error code for ZSIM_FAULT_ERROR_FRAME */
-    uint32_t delay_ms;  /* for ZSIM_FAULT_LATE */
-    uint32_t count;     /* bytes for TRUNCATE / EXTRA_BYTES */
-    int command;        /* apply only to this command code; -1 for any */
-    int32_t times;      /* exchanges it bends: 0 or 1 once, N that many, -1 a rule that stays until cleared */
-    uint32_t after;     /* matching exchanges to let pass untouched first */
+    uint32_t code;     /* error code for ZSIM_FAULT_ERROR_FRAME */
+    uint32_t delay_ms; /* for ZSIM_FAULT_LATE */
+    uint32_t count;    /* bytes for TRUNCATE / EXTRA_BYTES */
+    int command;       /* apply only to this command code; -1 for any */
+    int32_t times;     /* exchanges it bends: 0 or 1 once, N that many, -1 a rule that stays until cleared */
+    uint32_t after;    /* matching exchanges to let pass untouched first */
 } zsim_fault;
 
 /* A reader with the default identity and an empty field. */
@@ -60,7 +60,7 @@ void zsim_stop(zsim *sim);
 void zsim_set_reader_type(zsim *sim, uint32_t type);
 
 /* The field. */
-int zsim_card_add(zsim *sim, const zsim_card *card);           /* 0, or -1 when the field is full */
+int zsim_card_add(zsim *sim, const zsim_card *card);                  /* 0, or -1 when the field is full */
 int zsim_card_remove(zsim *sim, const uint8_t *uid, uint8_t uid_len); /* 0, or -1 when not there */
 void zsim_field_clear(zsim *sim);
 

@@ -14,11 +14,11 @@
 namespace zel::desfire {
 
 constexpr uint8_t kCmdUid = 0x80, kCmdWrite = 0x82, kCmdRead = 0x83, kCmdCreateApp = 0x84, kCmdCreateStd = 0x85,
-                  kCmdChangeKey = 0x86, kCmdGetKeySettings = 0x87, kCmdChangeKeySettings = 0x88,
-                  kCmdDeleteApp = 0x89, kCmdDeleteFile = 0x8A, kCmdSetConfig = 0x8B, kCmdFormat = 0x8C,
-                  kCmdFreeMem = 0x8D, kCmdWriteKey = 0x8E, kCmdCreateValue = 0x8F, kCmdWriteRecord = 0x98,
-                  kCmdReadRecords = 0x99, kCmdReadValue = 0x9A, kCmdIncrease = 0x9B, kCmdDecrease = 0x9C,
-                  kCmdGetAids = 0xC0, kCmdCreateRecord = 0xC1, kCmdCreateTmac = 0xC2, kCmdFileSettings = 0xC6,
+                  kCmdChangeKey = 0x86, kCmdGetKeySettings = 0x87, kCmdChangeKeySettings = 0x88, kCmdDeleteApp = 0x89,
+                  kCmdDeleteFile = 0x8A, kCmdSetConfig = 0x8B, kCmdFormat = 0x8C, kCmdFreeMem = 0x8D,
+                  kCmdWriteKey = 0x8E, kCmdCreateValue = 0x8F, kCmdWriteRecord = 0x98, kCmdReadRecords = 0x99,
+                  kCmdReadValue = 0x9A, kCmdIncrease = 0x9B, kCmdDecrease = 0x9C, kCmdGetAids = 0xC0,
+                  kCmdCreateRecord = 0xC1, kCmdCreateTmac = 0xC2, kCmdFileSettings = 0xC6,
                   kCmdChangeFileSettings = 0xCA, kCmdClearRecords = 0x6D;
 constexpr uint8_t kMorePrompt = 0xAD;
 constexpr uint32_t kFirstChunk = 160, kChunk = 160;
@@ -62,7 +62,10 @@ uint32_t head(uint8_t *ext, const KeyRef &k, bool with_aid, uint32_t aid)
     return at;
 }
 
-uint8_t par0_of(const KeyRef &k, uint8_t low = 0) { return static_cast<uint8_t>(k.type << 4 | low); }
+uint8_t par0_of(const KeyRef &k, uint8_t low = 0)
+{
+    return static_cast<uint8_t>(k.type << 4 | low);
+}
 
 void results(const uint8_t *reply, uint32_t useful, uint16_t *cs, uint16_t *et)
 {
@@ -107,8 +110,8 @@ ZEL_STATUS send(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t
     return PortWrite(hnd, ext, n + 1);
 }
 
-ZEL_STATUS transact(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *ext, uint32_t n,
-                    uint8_t *reply, uint32_t *useful)
+ZEL_STATUS transact(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *ext, uint32_t n, uint8_t *reply,
+                    uint32_t *useful)
 {
     *useful = 0;
     const ZEL_STATUS st = send(hnd, cmd, par0, par1, ext, n);
@@ -119,8 +122,8 @@ ZEL_STATUS transact(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uin
 
 // Operations whose reply holds the two results and want bytes after them: the results are written
 // whenever they came, and a reply of another size is ZEL_PARAMETERS_ERROR.
-ZEL_STATUS plain_op(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *ext, uint32_t n,
-                    uint16_t *cs, uint16_t *et, uint32_t want = 4, uint8_t *reply_out = nullptr)
+ZEL_STATUS plain_op(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, uint8_t *ext, uint32_t n, uint16_t *cs,
+                    uint16_t *et, uint32_t want = 4, uint8_t *reply_out = nullptr)
 {
     uint8_t reply[256] = {};
     uint32_t useful = 0;
@@ -283,7 +286,10 @@ struct Tmac {
     uint8_t *value;
 };
 
-uint8_t tmac_par1(const Tmac &t) { return t.on ? (t.use_reader_id ? 3 : 1) : 0; }
+uint8_t tmac_par1(const Tmac &t)
+{
+    return t.on ? (t.use_reader_id ? 3 : 1) : 0;
+}
 
 void tmac_clear(const Tmac &t)
 {
@@ -297,8 +303,7 @@ void tmac_clear(const Tmac &t)
         std::memset(t.value, 0, 8);
 }
 
-ZEL_STATUS tmac_reply(ZEL_STATUS st, const uint8_t *reply, uint32_t useful, const Tmac &t, uint16_t *cs,
-                      uint16_t *et)
+ZEL_STATUS tmac_reply(ZEL_STATUS st, const uint8_t *reply, uint32_t useful, const Tmac &t, uint16_t *cs, uint16_t *et)
 {
     if (st != ZEL_OK)
         return st;
@@ -396,7 +401,9 @@ ZEL_STATUS zdf_get_uid(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_n
             *et = e;
     };
     switch (useful) {
-    case 11: set(reply, 7, static_cast<uint16_t>(get16(reply + 7)), static_cast<uint16_t>(get16(reply + 9)), true); break;
+    case 11:
+        set(reply, 7, static_cast<uint16_t>(get16(reply + 7)), static_cast<uint16_t>(get16(reply + 9)), true);
+        break;
     case 4: set(nullptr, 0, static_cast<uint16_t>(get16(reply)), static_cast<uint16_t>(get16(reply + 2)), true); break;
     case 2:
         if (cs)
@@ -413,8 +420,7 @@ ZEL_STATUS zdf_get_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t 
     uint8_t ext[256];
     const uint32_t at = head(ext, k, true, aid);
     uint8_t reply[256] = {};
-    const ZEL_STATUS st =
-        plain_op(hnd, kCmdGetKeySettings, par0_of(k, k.auth ? 0 : 1), 0, ext, at, cs, et, 6, reply);
+    const ZEL_STATUS st = plain_op(hnd, kCmdGetKeySettings, par0_of(k, k.auth ? 0 : 1), 0, ext, at, cs, et, 6, reply);
     if (st == ZEL_CARD_REFUSED_SHORT)
         return ZEL_OK;
     if (st == ZEL_OK) {
@@ -434,8 +440,8 @@ ZEL_STATUS zdf_change_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8
     return plain_op(hnd, kCmdChangeKeySettings, par0_of(k), 0, ext, at + 1, cs, et);
 }
 
-ZEL_STATUS zdf_get_application_ids(ZEL_HANDLE hnd, KeyRef k, uint32_t *aid_list, uint8_t *number_of_aid,
-                                   uint16_t *cs, uint16_t *et)
+ZEL_STATUS zdf_get_application_ids(ZEL_HANDLE hnd, KeyRef k, uint32_t *aid_list, uint8_t *number_of_aid, uint16_t *cs,
+                                   uint16_t *et)
 {
     // On entry *number_of_aid is the list's room in entries (0: the most a reply can hold).
     uint32_t room = number_of_aid && *number_of_aid ? *number_of_aid : ZEL_DESFIRE_MAX_AIDS;
@@ -512,17 +518,17 @@ ZEL_STATUS create_app(ZEL_HANDLE hnd, const KeyRef &k, uint8_t app_type, uint32_
 
 constexpr uint8_t kAppAes = 0, kApp3k3des = 1, kAppDes = 2;
 
-#define ZDF_APP_IMPL(fn, type, iso, par1)                                                                          \
-    ZEL_STATUS fn(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no, uint16_t *cs,     \
-                  uint16_t *et)                                                                                    \
-    {                                                                                                              \
-        return create_app(hnd, k, type, aid_nr, setting, max_key_no, false, 0, nullptr, 0, par1, cs, et);          \
-    }                                                                                                              \
-    ZEL_STATUS fn##_iso(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no,            \
+#define ZDF_APP_IMPL(fn, type, iso, par1)                                                                            \
+    ZEL_STATUS fn(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no, uint16_t *cs,      \
+                  uint16_t *et)                                                                                      \
+    {                                                                                                                \
+        return create_app(hnd, k, type, aid_nr, setting, max_key_no, false, 0, nullptr, 0, par1, cs, et);            \
+    }                                                                                                                \
+    ZEL_STATUS fn##_iso(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no,              \
                         uint16_t iso_df_id, const uint8_t *df_name, uint8_t df_name_len, uint16_t *cs, uint16_t *et) \
-    {                                                                                                              \
-        return create_app(hnd, k, type, aid_nr, setting, max_key_no, true, iso_df_id, df_name, df_name_len, 0, cs, \
-                          et);                                                                                     \
+    {                                                                                                                \
+        return create_app(hnd, k, type, aid_nr, setting, max_key_no, true, iso_df_id, df_name, df_name_len, 0, cs,   \
+                          et);                                                                                       \
     }
 ZDF_APP_IMPL(zdf_create_aes_app, kAppAes, false, 0)
 ZDF_APP_IMPL(zdf_create_des_app, kAppDes, false, 0)
@@ -594,8 +600,8 @@ ZEL_STATUS zdf_create_std_file_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8
                                    uint8_t r, uint8_t w, uint8_t rw, uint8_t c, uint8_t comm, uint16_t iso_file_id,
                                    uint16_t *cs, uint16_t *et)
 {
-    return create_std(hnd, k, 0, aid, file_id, file_size, access_word(r, w, rw, c),
-                      static_cast<uint8_t>(comm + 0x40), true, iso_file_id, cs, et);
+    return create_std(hnd, k, 0, aid, file_id, file_size, access_word(r, w, rw, c), static_cast<uint8_t>(comm + 0x40),
+                      true, iso_file_id, cs, et);
 }
 
 ZEL_STATUS zdf_create_value_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, int32_t lower, int32_t upper,
@@ -673,8 +679,7 @@ ZEL_STATUS zdf_delete_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_
 namespace zel::desfire {
 
 // The four key numbers of the access rights at p into the settings s.
-template <typename S>
-void unpack_access(const uint8_t *p, S *s)
+template <typename S> void unpack_access(const uint8_t *p, S *s)
 {
     const uint32_t a = get16(p);
     s->read_key_no = static_cast<uint8_t>(a >> 12 & 0x0F);
@@ -742,8 +747,8 @@ ZEL_STATUS settings_reply(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t
     return transact(hnd, kCmdFileSettings, par0_of(k), 0, ext, at + 2, reply, useful);
 }
 
-ZEL_STATUS file_settings(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t file_id,
-                         zel_desfire_file_settings *s, uint16_t *cs, uint16_t *et)
+ZEL_STATUS file_settings(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t file_id, zel_desfire_file_settings *s,
+                         uint16_t *cs, uint16_t *et)
 {
     if (s)
         std::memset(s, 0, sizeof *s);
@@ -1128,29 +1133,35 @@ ZEL_STATUS change_key(ZEL_HANDLE hnd, uint8_t auth_key_nr, const uint8_t *auth_k
     return plain_op(hnd, kCmdChangeKey, par0, par1, ext, wide ? 79 : 55, cs, et);
 }
 
-uint8_t auth_nr(const KeyRef &k) { return k.source == ZEL_DESFIRE_KEY_PROVIDED ? ZEL_DESFIRE_KEY_GIVEN : k.number; }
-const uint8_t *auth_bytes(const KeyRef &k) { return k.source == ZEL_DESFIRE_KEY_PROVIDED ? k.bytes : nullptr; }
+uint8_t auth_nr(const KeyRef &k)
+{
+    return k.source == ZEL_DESFIRE_KEY_PROVIDED ? ZEL_DESFIRE_KEY_GIVEN : k.number;
+}
+const uint8_t *auth_bytes(const KeyRef &k)
+{
+    return k.source == ZEL_DESFIRE_KEY_PROVIDED ? k.bytes : nullptr;
+}
 
-#define ZDF_CHANGE_IMPL(fn, new_type)                                                                               \
-    ZEL_STATUS fn(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t auth_no, const uint8_t *new_key, uint8_t key_no,   \
-                  const uint8_t *old_key, uint16_t *cs, uint16_t *et)                                               \
-    {                                                                                                               \
-        if (!new_key || !old_key)                                                                                   \
-            return ZEL_PARAMETERS_ERROR;                                                                            \
-        return change_key(hnd, auth_nr(k), auth_bytes(k), aid, auth_no, ZEL_DESFIRE_KEY_GIVEN, new_key, key_no,      \
-                          ZEL_DESFIRE_KEY_GIVEN, old_key, cs, et, 0, k.type, new_type);                             \
-    }                                                                                                               \
+#define ZDF_CHANGE_IMPL(fn, new_type)                                                                                 \
+    ZEL_STATUS fn(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t auth_no, const uint8_t *new_key, uint8_t key_no,    \
+                  const uint8_t *old_key, uint16_t *cs, uint16_t *et)                                                 \
+    {                                                                                                                 \
+        if (!new_key || !old_key)                                                                                     \
+            return ZEL_PARAMETERS_ERROR;                                                                              \
+        return change_key(hnd, auth_nr(k), auth_bytes(k), aid, auth_no, ZEL_DESFIRE_KEY_GIVEN, new_key, key_no,       \
+                          ZEL_DESFIRE_KEY_GIVEN, old_key, cs, et, 0, k.type, new_type);                               \
+    }                                                                                                                 \
     ZEL_STATUS fn##_numbered(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t auth_no, uint8_t new_nr, uint8_t key_no, \
-                             uint8_t old_nr, uint16_t *cs, uint16_t *et)                                            \
-    {                                                                                                               \
+                             uint8_t old_nr, uint16_t *cs, uint16_t *et)                                              \
+    {                                                                                                                 \
         return change_key(hnd, auth_nr(k), auth_bytes(k), aid, auth_no, new_nr, nullptr, key_no, old_nr, nullptr, cs, \
-                          et, 0, k.type, new_type);                                                                 \
-    }                                                                                                               \
-    ZEL_STATUS fn##_sam(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t auth_no, uint8_t new_nr, uint8_t key_no,     \
-                        uint8_t old_nr, uint16_t *cs, uint16_t *et)                                                 \
-    {                                                                                                               \
+                          et, 0, k.type, new_type);                                                                   \
+    }                                                                                                                 \
+    ZEL_STATUS fn##_sam(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t auth_no, uint8_t new_nr, uint8_t key_no,      \
+                        uint8_t old_nr, uint16_t *cs, uint16_t *et)                                                   \
+    {                                                                                                                 \
         return change_key(hnd, k.number, nullptr, aid, auth_no, new_nr, nullptr, key_no, old_nr, nullptr, cs, et, 1,  \
-                          k.type, new_type);                                                                        \
+                          k.type, new_type);                                                                          \
     }
 ZDF_CHANGE_IMPL(zdf_change_aes, ZEL_DESFIRE_WIRE_AES)
 ZDF_CHANGE_IMPL(zdf_change_des, ZEL_DESFIRE_WIRE_DES)

@@ -105,7 +105,7 @@ uint64_t fold_constant(unsigned e, uint64_t poly, unsigned w)
 }
 
 __attribute__((target("pclmul,sse2"))) void fold_chunks(uint32_t start, const uint8_t *p, size_t blocks, Fold k,
-                                                         uint8_t out[16])
+                                                        uint8_t out[16])
 {
     __m128i x = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)),
                               _mm_cvtsi32_si128(static_cast<int>(start)));
@@ -163,8 +163,14 @@ T crc_run(T crc, const uint8_t *p, size_t n, const Fold &fold, T (*table_run)(T,
     return table_run(crc, p, n);
 }
 
-uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n) { return crc_run(crc, p, n, crc32_fold, crc32_table_run); }
-uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n) { return crc_run(crc, p, n, crca_fold, crca_table_run); }
+uint32_t crc32_run(uint32_t crc, const uint8_t *p, size_t n)
+{
+    return crc_run(crc, p, n, crc32_fold, crc32_table_run);
+}
+uint16_t crca_run(uint16_t crc, const uint8_t *p, size_t n)
+{
+    return crc_run(crc, p, n, crca_fold, crca_table_run);
+}
 
 const uint8_t kZeroIv[16] = {};
 
@@ -205,7 +211,10 @@ bool key_contexts(Contexts &c, const uint8_t *key, size_t key_len, bool aes)
     return c.keyed = true;
 }
 
-Contexts *aes_contexts(const uint8_t *key16) { return key_contexts(aes_ctx, key16, 16, true) ? &aes_ctx : nullptr; }
+Contexts *aes_contexts(const uint8_t *key16)
+{
+    return key_contexts(aes_ctx, key16, 16, true) ? &aes_ctx : nullptr;
+}
 
 Contexts *des_contexts(DesSchedule &ks)
 {
@@ -289,7 +298,10 @@ void chain(Contexts *c, uint8_t *iv, uint8_t *data, int n, int bs, uint8_t direc
         chain_block(e, data + at, iv, bs, direction);
 }
 
-int block_size(const desfire_key *key) { return key->type == DESFIRE_HOST_KEY_AES ? 16 : 8; }
+int block_size(const desfire_key *key)
+{
+    return key->type == DESFIRE_HOST_KEY_AES ? 16 : 8;
+}
 
 // Shifts a block left by one bit and folds the carry into the last byte.
 void subkey_step(const uint8_t *in, uint8_t *out, int bs)
@@ -461,8 +473,8 @@ ZEL_API void cypher_single_block(const uint8_t *key, uint8_t *data, uint8_t *ive
     chain_block(e, data, ivect, 16, direction);
 }
 
-ZEL_API uint32_t aes_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length,
-                                    uint8_t direction, uint8_t operation)
+ZEL_API uint32_t aes_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length, uint8_t direction,
+                                    uint8_t operation)
 {
     if (!key || !ivect || (!data && length))
         return ZEL_PARAMETERS_ERROR;
@@ -494,8 +506,8 @@ ZEL_API void cypher_single_block_des(desfire_key *key, uint8_t *data, uint8_t *i
     chain_block(e, data, ivect, 8, direction);
 }
 
-ZEL_API uint32_t des_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length,
-                                    uint8_t direction, uint8_t operation)
+ZEL_API uint32_t des_blocks_chained(desfire_key *key, uint8_t *ivect, uint8_t *data, uint8_t length, uint8_t direction,
+                                    uint8_t operation)
 {
     if (!key || !ivect || (!data && length))
         return ZEL_PARAMETERS_ERROR;

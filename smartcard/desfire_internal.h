@@ -45,8 +45,8 @@ ZEL_STATUS zdf_get_uid(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_n
                        uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_get_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t *setting, uint8_t *max_key_no,
                                 uint16_t *cs, uint16_t *et);
-ZEL_STATUS zdf_get_application_ids(ZEL_HANDLE hnd, KeyRef k, uint32_t *aid_list, uint8_t *number_of_aid,
-                                   uint16_t *cs, uint16_t *et);
+ZEL_STATUS zdf_get_application_ids(ZEL_HANDLE hnd, KeyRef k, uint32_t *aid_list, uint8_t *number_of_aid, uint16_t *cs,
+                                   uint16_t *et);
 ZEL_STATUS zdf_create_aes_app(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no,
                               uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_create_des_app(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, uint8_t setting, uint8_t max_key_no,
@@ -57,7 +57,8 @@ ZEL_STATUS zdf_delete_app(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint16_t *cs, 
 ZEL_STATUS zdf_create_std_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint32_t file_size, uint8_t r,
                                uint8_t w, uint8_t rw, uint8_t c, uint8_t comm, uint16_t *cs, uint16_t *et);
 ZEL_STATUS zdf_create_backup_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint32_t file_size,
-                                  uint8_t r, uint8_t w, uint8_t rw, uint8_t c, uint8_t comm, uint16_t *cs, uint16_t *et);
+                                  uint8_t r, uint8_t w, uint8_t rw, uint8_t c, uint8_t comm, uint16_t *cs,
+                                  uint16_t *et);
 ZEL_STATUS zdf_create_value_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, int32_t lower, int32_t upper,
                                  int32_t value, uint8_t lc, uint8_t r, uint8_t w, uint8_t rw, uint8_t c, uint8_t comm,
                                  uint16_t *cs, uint16_t *et);

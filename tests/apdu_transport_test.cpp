@@ -22,7 +22,6 @@ using zeltest::ScriptLink;
 
 constexpr uint8_t CMD = 0x55, CTR = 0xAA, ACK = 0xAC, ACT = 0xCA, RSP = 0xDE, RST = 0xED;
 
-
 Bytes pattern(size_t n, uint8_t seed = 0)
 {
     Bytes b(n);
@@ -31,7 +30,10 @@ Bytes pattern(size_t n, uint8_t seed = 0)
     return b;
 }
 
-Bytes slice(const Bytes &b, size_t at, size_t n) { return Bytes(b.begin() + at, b.begin() + at + n); }
+Bytes slice(const Bytes &b, size_t at, size_t n)
+{
+    return Bytes(b.begin() + at, b.begin() + at + n);
+}
 
 // The chained command frame of a piece of n bytes: 16-bit length n + 1, mark 5A while more follow.
 Bytes chain_frame(size_t n, bool more)
@@ -77,7 +79,7 @@ TEST(ApduPlain, PieceBoundariesAndFrames)
         const Bytes cmd = pattern(257, 3);
         link.reply(frame(ACK, 0x94, ACT, 0x01, 0x01, 0x5A));
         link.reply(frame(ACK, 0x94, ACT, 0x00, 0x00, 0x5A)); // the chained piece's acknowledge
-        link.reply({});                                       // no answer to the bare frame
+        link.reply({});                                      // no answer to the bare frame
         link.reply(response(0x94, {0x61, 0x10, 0x90, 0x00}));
         uint8_t reply[16] = {};
         uint32_t n = 0;
@@ -114,9 +116,10 @@ TEST(ApduPlain, InterimFramesChainedRepliesAndEmptyReplies)
         const Bytes cmd{0x00, 0xB0, 0x00, 0x00, 0x00};
         const Bytes whole = pattern(254 + 254 + 10, 7);
         link.reply(frame(ACK, 0x94, ACT, 6, 0, 0));
-        link.reply(cat(cat(frame(0xA1, 0x94, 0x85), frame(0xA1, 0x94, 0x85)),
-                       cat(cat(response(0x94, slice(whole, 0, 254), 0x5A), response(0x94, slice(whole, 254, 254), 0x5A)),
-                           response(0x94, slice(whole, 508, 10)))));
+        link.reply(
+            cat(cat(frame(0xA1, 0x94, 0x85), frame(0xA1, 0x94, 0x85)),
+                cat(cat(response(0x94, slice(whole, 0, 254), 0x5A), response(0x94, slice(whole, 254, 254), 0x5A)),
+                    response(0x94, slice(whole, 508, 10)))));
         uint8_t *reply = nullptr;
         uint32_t n = 0;
         ASSERT_EQ(APDUPlainTransceiveToHeapM(&link.record, cmd.data(), 5, &reply, &n), ZEL_OK);
@@ -129,7 +132,8 @@ TEST(ApduPlain, InterimFramesChainedRepliesAndEmptyReplies)
         ScriptLink link;
         const Bytes cmd{0x00, 0xB0, 0x00, 0x00};
         link.reply(frame(ACK, 0x94, ACT, 5, 0, 0));
-        link.reply(middle ? cat(response(0x94, {1, 2, 3}, 0x5A), frame(RSP, 0x94, RST, 0, 0, 0)) : frame(RSP, 0x94, RST));
+        link.reply(middle ? cat(response(0x94, {1, 2, 3}, 0x5A), frame(RSP, 0x94, RST, 0, 0, 0))
+                          : frame(RSP, 0x94, RST));
         uint8_t *reply = reinterpret_cast<uint8_t *>(&link);
         uint32_t n = 99;
         EXPECT_EQ(APDUPlainTransceiveToHeapM(&link.record, cmd.data(), 4, &reply, &n), ZEL_APDU_TRANSCEIVE_ERROR);
@@ -143,7 +147,7 @@ TEST(ApduPlain, ToHeapWritesPieceAndChecksumApart)
     ScriptLink link;
     const Bytes cmd = pattern(300, 1);
     link.reply(frame(ACK, 0x94, ACT, 0x01, 0x01, 0x5A));
-    link.reply({}); // the piece
+    link.reply({});                                // the piece
     link.reply(frame(ACK, 0x94, ACT, 0, 0, 0x5A)); // its checksum
     link.reply({});
     link.reply({});
@@ -160,7 +164,10 @@ TEST(ApduPlain, ToHeapWritesPieceAndChecksumApart)
 }
 
 uint32_t fake_now = 0;
-uint32_t fake_tick() { return fake_now += 1000; }
+uint32_t fake_tick()
+{
+    return fake_now += 1000;
+}
 
 TEST(ApduPlain, EndlessInterimFramesEnd)
 {
@@ -482,7 +489,8 @@ TEST(ApduBlocks, IBlockRBlockFramesAndReplies)
         link.reply(block_reply(0x90, {0x13, 0xAA, 0xBB}, 1, 0x01020304));
         uint8_t len = 0, chained = 0, data[255] = {};
         uint32_t status = 0;
-        ASSERT_EQ(i_block_trans_rcv_chainM(&link.record, 1, 0x20, 5, inf.data(), &len, data, &chained, &status), ZEL_OK);
+        ASSERT_EQ(i_block_trans_rcv_chainM(&link.record, 1, 0x20, 5, inf.data(), &len, data, &chained, &status),
+                  ZEL_OK);
         EXPECT_EQ(link.writes[0], frame(CMD, 0x90, CTR, 6, 0x0C, 0x20));
         EXPECT_EQ(link.writes[1], ext(inf));
         EXPECT_EQ(len, 3);
@@ -546,7 +554,8 @@ TEST(ApduBlocks, ApduOverBlocksCollectsChainedAnswer)
     uint8_t out[16] = {};
     uint32_t ne = 4;
     uint8_t sw[2] = {0xEE, 0xEE};
-    ASSERT_EQ(Zel_APDU_TransceiveM(&link.record, 0x00, 0xB0, 0x00, 0x00, nullptr, 0, out, sizeof out, &ne, 1, sw), ZEL_OK);
+    ASSERT_EQ(Zel_APDU_TransceiveM(&link.record, 0x00, 0xB0, 0x00, 0x00, nullptr, 0, out, sizeof out, &ne, 1, sw),
+              ZEL_OK);
     EXPECT_EQ(link.writes[0], frame(CMD, 0x90, CTR, 6, 0x04, 100));
     EXPECT_EQ(link.writes[1], ext({0x00, 0xB0, 0x00, 0x00, 0x04}));
     EXPECT_EQ(link.writes[2], frame(CMD, 0x91, CTR, 0, 0x01, 0x64));

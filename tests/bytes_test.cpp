@@ -39,8 +39,8 @@ TEST(Bytes, LittleEndianFieldsKeepOrderAndEveryBit)
     EXPECT_EQ(zel::get_le32(high), 0xFFFFFFFFu);
 
     // The setters write their width and nothing more, whatever v holds above it.
-    for (const uint32_t v : {0u, 1u, 0x80u, 0xFFu, 0x100u, 0x8000u, 0xFFFFu, 0x10000u, 0x800000u, 0xFFFFFFu,
-                             0x1000000u, 0x80000000u, 0xFFFFFFFFu, 0xC4F30281u}) {
+    for (const uint32_t v : {0u, 1u, 0x80u, 0xFFu, 0x100u, 0x8000u, 0xFFFFu, 0x10000u, 0x800000u, 0xFFFFFFu, 0x1000000u,
+                             0x80000000u, 0xFFFFFFFFu, 0xC4F30281u}) {
         uint8_t b[6];
         std::memset(b, 0xEE, sizeof b);
         zel::put_le16(b + 1, v);
@@ -68,7 +68,9 @@ TEST(Bytes, HexDigitsOfEveryCharacter)
     for (int c = -128; c < 256; ++c) {
         const size_t l = c > 0 ? lower.find(static_cast<char>(c)) : std::string::npos;
         const size_t u = c > 0 ? upper.find(static_cast<char>(c)) : std::string::npos;
-        const int want = l != std::string::npos ? static_cast<int>(l) : u != std::string::npos ? static_cast<int>(u) : -1;
+        const int want = l != std::string::npos   ? static_cast<int>(l)
+                         : u != std::string::npos ? static_cast<int>(u)
+                                                  : -1;
         EXPECT_EQ(zel::hex_value(c), want) << c;
         EXPECT_EQ(zel::is_hex_digit(c), want >= 0) << c;
     }
@@ -127,16 +129,15 @@ TEST(Bytes, HexDecodeRefusesBrokenText)
         std::string text;
         uint32_t decoded; // bytes already decoded when the fault is found
     } cases[] = {
-        {"0", 0},          // odd length
-        {"012", 1},        // a last digit without its pair
-        {"0 1", 0},        // a separator inside a byte
-        {"01:2:3", 1},     // the same behind a good byte
-        {"0g", 0},         // not a digit
-        {"G0", 0},
-        {"01,02", 1},      // not a separator
-        {"01\xB0", 1},     // a byte above 0x7F
-        {"0x01", 0},       // no prefix
-        {"+1", 0},         // no sign
+        {"0", 0},                    // odd length
+        {"012", 1},                  // a last digit without its pair
+        {"0 1", 0},                  // a separator inside a byte
+        {"01:2:3", 1},               // the same behind a good byte
+        {"0g", 0},                   // not a digit
+        {"G0", 0},     {"01,02", 1}, // not a separator
+        {"01\xB0", 1},               // a byte above 0x7F
+        {"0x01", 0},                 // no prefix
+        {"+1", 0},                   // no sign
     };
     for (const Case &c : cases) {
         bool ok = true;

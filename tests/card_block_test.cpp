@@ -34,29 +34,67 @@ TEST(BlockFrames, KeyFormsOnTheWire)
         Bytes key;
         uint8_t reply_len;
     } cases[] = {
-        {"reader key, AES mode 0x80 goes as 2", [](ZEL_HANDLE h, uint8_t *d) { return BlockReadM(h, d, 9, 0x80, 3); },
-         0x16, 0x02, 0x03, {}, 17},
-        {"provided key, 0x80 takes 16 bytes", [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_PKM(h, d, 9, 0x80, KEY16.data()); },
-         0x16, 0x80, 0x00, KEY16, 17},
-        {"provided key, 0x02 takes 6 bytes", [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_PKM(h, d, 9, 0x02, KEY6.data()); },
-         0x16, 0x02, 0x00, KEY6, 17},
-        {"AKM1 of 0x81 keeps the AES code", [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_AKM1M(h, d, 9, 0x81); },
-         0x16, 0x23, 0x00, {}, 17},
-        {"AKM2 of 0x61", [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_AKM2M(h, d, 9, 0x61); }, 0x16, 0x41, 0x00, {}, 17},
-        {"SAM key of 0x60", [](ZEL_HANDLE h, uint8_t *d) { return BlockReadSamKeyM(h, d, 9, 0x60, 4); }, 0x16, 0x10, 0x04, {}, 17},
-        {"SAM key of 0x80", [](ZEL_HANDLE h, uint8_t *d) { return BlockReadSamKeyM(h, d, 9, 0x80, 4); }, 0x16, 0x11, 0x04, {}, 17},
+        {"reader key, AES mode 0x80 goes as 2",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockReadM(h, d, 9, 0x80, 3); },
+         0x16,
+         0x02,
+         0x03,
+         {},
+         17},
+        {"provided key, 0x80 takes 16 bytes",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_PKM(h, d, 9, 0x80, KEY16.data()); }, 0x16, 0x80, 0x00, KEY16,
+         17},
+        {"provided key, 0x02 takes 6 bytes",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_PKM(h, d, 9, 0x02, KEY6.data()); }, 0x16, 0x02, 0x00, KEY6,
+         17},
+        {"AKM1 of 0x81 keeps the AES code",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_AKM1M(h, d, 9, 0x81); },
+         0x16,
+         0x23,
+         0x00,
+         {},
+         17},
+        {"AKM2 of 0x61",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockRead_AKM2M(h, d, 9, 0x61); },
+         0x16,
+         0x41,
+         0x00,
+         {},
+         17},
+        {"SAM key of 0x60",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockReadSamKeyM(h, d, 9, 0x60, 4); },
+         0x16,
+         0x10,
+         0x04,
+         {},
+         17},
+        {"SAM key of 0x80",
+         [](ZEL_HANDLE h, uint8_t *d) { return BlockReadSamKeyM(h, d, 9, 0x80, 4); },
+         0x16,
+         0x11,
+         0x04,
+         {},
+         17},
         {"value read AKM1 of 0x81 drops the AES code",
          [](ZEL_HANDLE h, uint8_t *d) {
              uint8_t a;
              return ValueBlockRead_AKM1M(h, reinterpret_cast<int32_t *>(d), &a, 9, 0x81);
          },
-         0x1D, 0x21, 0x00, {}, 5},
+         0x1D,
+         0x21,
+         0x00,
+         {},
+         5},
         {"value read AKM2 of 0x80",
          [](ZEL_HANDLE h, uint8_t *d) {
              uint8_t a;
              return ValueBlockRead_AKM2M(h, reinterpret_cast<int32_t *>(d), &a, 9, 0x80);
          },
-         0x1D, 0x40, 0x00, {}, 5},
+         0x1D,
+         0x40,
+         0x00,
+         {},
+         5},
     };
     for (const Case &c : cases) {
         ScriptLink link;
@@ -163,7 +201,8 @@ TEST(LinearChunks, ReadsOf184AreOneExchange)
         uint16_t remaining = len;
         for (size_t i = 0; i < chunks.size(); ++i) {
             EXPECT_EQ(link.writes[2 * i], cmd(0x14, 7, 0x01, 4));
-            EXPECT_EQ(link.writes[2 * i + 1], ext(cat(cat(le16(static_cast<uint16_t>(100 + at)), le16(chunks[i])), le16(remaining))));
+            EXPECT_EQ(link.writes[2 * i + 1],
+                      ext(cat(cat(le16(static_cast<uint16_t>(100 + at)), le16(chunks[i])), le16(remaining))));
             at = static_cast<uint16_t>(at + chunks[i]);
             remaining = static_cast<uint16_t>(remaining - chunks[i]);
         }
@@ -261,7 +300,8 @@ TEST(HostileReplies, SizesAndChecksumsAreTested)
     } cases[] = {
         {"one byte short", cat(rsp(0x16, 16), ext(Bytes(data.begin(), data.end() - 1)))},
         {"no EXT at all", rsp(0x16, 0)},
-        {"bad checksum", [&] {
+        {"bad checksum",
+         [&] {
              Bytes r = cat(rsp(0x16, 17), ext(data));
              r.back() ^= 1;
              return r;

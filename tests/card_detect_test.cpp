@@ -12,7 +12,6 @@ using namespace zeltest;
 
 namespace {
 
-
 // A GetCardIdEx reply with the UID in a 10-byte EXT.
 Bytes card_id_reply(uint8_t sak, uint8_t len, const Bytes &uid)
 {
@@ -33,7 +32,11 @@ TEST(CardIdEx, LengthsAndTheReversalList)
         {"on the list", 4, {0xF0, 0xAA, 0x94, 0x1E}, ZEL_OK, {0x1E, 0x94, 0xAA, 0xF0}},
         {"the list's last value", 4, {0x11, 0x60, 0x17, 0xDD}, ZEL_OK, {0xDD, 0x17, 0x60, 0x11}},
         {"not on the list", 4, {0xF1, 0xAA, 0x94, 0x1E}, ZEL_OK, {0xF1, 0xAA, 0x94, 0x1E}},
-        {"seven bytes are never reversed", 7, {0xF0, 0xAA, 0x94, 0x1E, 1, 2, 3}, ZEL_OK, {0xF0, 0xAA, 0x94, 0x1E, 1, 2, 3}},
+        {"seven bytes are never reversed",
+         7,
+         {0xF0, 0xAA, 0x94, 0x1E, 1, 2, 3},
+         ZEL_OK,
+         {0xF0, 0xAA, 0x94, 0x1E, 1, 2, 3}},
         {"ten bytes fit", 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, ZEL_OK, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}},
         {"eleven do not", 11, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, ZEL_BUFFER_OVERFLOW, {}},
     };
@@ -107,9 +110,12 @@ TEST(CardSize, TheTableAndItsHoles)
         ZEL_STATUS want;
         uint32_t lin, raw;
     } cases[] = {
-        {ORB_MIFARE_ULTRALIGHT, ZEL_OK, 48, 64},         {ORB_NTAG_210U, ZEL_OK, 48, 60},
-        {ORB_MIFARE_MINI, ZEL_OK, 224, 320},             {ORB_MIFARE_PLUS_S_4K_SL1, ZEL_OK, 3440, 4096},
-        {ORB_MIFARE_PLUS_EV1_2K_SL3, ZEL_OK, 1520, 1520}, {ORB_MIFARE_DESFIRE_EV1_8K, ZEL_OK, 8192, 8192},
+        {ORB_MIFARE_ULTRALIGHT, ZEL_OK, 48, 64},
+        {ORB_NTAG_210U, ZEL_OK, 48, 60},
+        {ORB_MIFARE_MINI, ZEL_OK, 224, 320},
+        {ORB_MIFARE_PLUS_S_4K_SL1, ZEL_OK, 3440, 4096},
+        {ORB_MIFARE_PLUS_EV1_2K_SL3, ZEL_OK, 1520, 1520},
+        {ORB_MIFARE_DESFIRE_EV1_8K, ZEL_OK, 8192, 8192},
         {ORB_MIFARE_CLASSIC_2K, ZEL_UNSUPPORTED_CARD_TYPE, 0, 0},
         {ORB_MIFARE_PLUS_EV1_4K_SL1, ZEL_UNSUPPORTED_CARD_TYPE, 0, 0},
         {ORB_MIFARE_DESFIRE_EV2_2K, ZEL_UNSUPPORTED_CARD_TYPE, 0, 0},
@@ -210,11 +216,13 @@ TEST(AntiCollision, SelectReadsItsOwnReply)
         {"error trailer alone", frame(0xDE, 126, 0xCE), 126},
         {"other command", rsp(0x38, 0, 0x21), ZEL_COMMUNICATION_ERROR},
         {"wrong header", frame(0xAC, 0x39, 0xED), ZEL_COMMUNICATION_ERROR},
-        {"bad checksum", [] {
+        {"bad checksum",
+         [] {
              Bytes b = rsp(0x39, 0, 0x21);
              b[6] ^= 1;
              return b;
-         }(), ZEL_COMMUNICATION_ERROR},
+         }(),
+         ZEL_COMMUNICATION_ERROR},
     };
     for (const Case &c : cases) {
         ScriptLink link;

@@ -155,8 +155,8 @@ protected:
         ASSERT_FALSE(cert.empty());
         uint32_t bits = 0, type = 0, curve = 0;
         const uint8_t *params = nullptr;
-        ASSERT_EQ(X509ParsePubKey(cert.data(), static_cast<uint32_t>(cert.size()), &modulus, &modulus_len, &bits,
-                                  &type, &curve, &params),
+        ASSERT_EQ(X509ParsePubKey(cert.data(), static_cast<uint32_t>(cert.size()), &modulus, &modulus_len, &bits, &type,
+                                  &curve, &params),
                   ZEL_OK);
         uint8_t digest[32];
         ASSERT_EQ(OrbGetHash(ZEL_HASH_SHA256, kAbc, 3, digest, 32), ZEL_OK);
@@ -164,10 +164,9 @@ protected:
     }
     ZEL_STATUS verify(uint32_t hash, uint32_t padding, const Bytes &digest, const Bytes &sig, const uint32_t *salt)
     {
-        return DigitalSignatureVerifyHash(hash, padding, ZEL_SIG_CIPHER_RSA, digest.data(),
-                                          static_cast<uint32_t>(digest.size()), sig.data(),
-                                          static_cast<uint32_t>(sig.size()), salt, salt ? 4 : 0, modulus, modulus_len,
-                                          kExponent, 3);
+        return DigitalSignatureVerifyHash(
+            hash, padding, ZEL_SIG_CIPHER_RSA, digest.data(), static_cast<uint32_t>(digest.size()), sig.data(),
+            static_cast<uint32_t>(sig.size()), salt, salt ? 4 : 0, modulus, modulus_len, kExponent, 3);
     }
     static constexpr uint8_t kExponent[3] = {0x01, 0x00, 0x01};
     Bytes cert, sha256;
@@ -178,8 +177,7 @@ protected:
 TEST_F(CryptoVerifyHash, RsaSchemesAcceptTheirSignatures)
 {
     const uint32_t salt = 32;
-    EXPECT_EQ(verify(ZEL_HASH_SHA256, ZEL_SIG_PADDING_PKCS1_V1_5_NA1, sha256, fixture("abc_raw.sig"), nullptr),
-              ZEL_OK);
+    EXPECT_EQ(verify(ZEL_HASH_SHA256, ZEL_SIG_PADDING_PKCS1_V1_5_NA1, sha256, fixture("abc_raw.sig"), nullptr), ZEL_OK);
     EXPECT_EQ(verify(ZEL_HASH_SHA256, ZEL_SIG_PADDING_PSS, sha256, fixture("abc_sha256_pss.sig"), &salt), ZEL_OK);
     // MD5 (RFC 1321 digest of "abc") is known to this entry alone.
     EXPECT_EQ(verify(ZEL_HASH_MD5, ZEL_SIG_PADDING_PKCS1_V1_5, from_hex("900150983CD24FB0D6963F7D28E17F72"),
@@ -220,9 +218,9 @@ TEST_F(CryptoVerifyHash, WrongSignaturesAndParametersAreToldApart)
                                          modulus_len, kExponent, 3),
               CRYPTO_SUBSYS_INVALID_CIPHER_ALGORITHM);
     const uint8_t zero = 0;
-    EXPECT_EQ(DigitalSignatureVerifyHash(1, 0, 0, sha256.data(), 32, sha256.data(), 32, nullptr, 0, &zero, 1,
-                                         kExponent, 3),
-              CRYPTO_SUBSYS_INVALID_RSA_PUB_KEY);
+    EXPECT_EQ(
+        DigitalSignatureVerifyHash(1, 0, 0, sha256.data(), 32, sha256.data(), 32, nullptr, 0, &zero, 1, kExponent, 3),
+        CRYPTO_SUBSYS_INVALID_RSA_PUB_KEY);
 }
 
 TEST_F(CryptoVerifyHash, EcdsaBranchChecksItsInputsAndNeverSucceeds)

@@ -235,9 +235,9 @@ TEST_F(X509Walk, DocumentSignersAgainstTheirCsca)
         EXPECT_EQ(check(fixture(name), csca_rsa), ZEL_OK);
         EXPECT_EQ(check(fixture(name), csca_ec), X509_SIGNATURE_NOT_MATCH_CA_PUBLIC_KEY);
     }
-    for (const char *name : {"ds_prime256v1.der", "ds_brainpoolP256r1.der", "ds_brainpoolP384r1.der",
-                             "ds_brainpoolP512r1.der", "ds_brainpoolP256t1.der", "ds_explicit.der",
-                             "ds_bp256_sha512.der"}) {
+    for (const char *name :
+         {"ds_prime256v1.der", "ds_brainpoolP256r1.der", "ds_brainpoolP384r1.der", "ds_brainpoolP512r1.der",
+          "ds_brainpoolP256t1.der", "ds_explicit.der", "ds_bp256_sha512.der"}) {
         SCOPED_TRACE(name);
         EXPECT_EQ(check(fixture(name), csca_ec), ZEL_OK);
         EXPECT_EQ(check(fixture(name), csca_rsa), X509_SIGNATURE_NOT_MATCH_CA_PUBLIC_KEY);
@@ -271,8 +271,7 @@ TEST_F(X509Walk, TamperedCertificatesFailVerification)
     const Bytes csca_ec = fixture("csca_bp256.der");
     ASSERT_EQ(X509GetSubjectPos(ec.data(), size32(ec), &subject), ZEL_OK);
     ec[subject + 12] ^= 0x01;
-    EXPECT_EQ(X509VerifyDerCertSignature(ec.data(), size32(ec), csca_ec.data(), size32(csca_ec)),
-              X509_WRONG_SIGNATURE);
+    EXPECT_EQ(X509VerifyDerCertSignature(ec.data(), size32(ec), csca_ec.data(), size32(csca_ec)), X509_WRONG_SIGNATURE);
     // A signature value that is no ECDSA structure.
     Bytes broken = fixture("ds_brainpoolP256r1.der");
     uint32_t sig = 0;

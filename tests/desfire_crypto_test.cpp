@@ -30,9 +30,9 @@ Bytes hex(const std::string &s)
 Bytes ossl_cbc(const char *cipher, const Bytes &key, const Bytes &iv, const Bytes &in, int enc)
 {
     EVP_CIPHER_CTX *c = EVP_CIPHER_CTX_new();
-    EXPECT_EQ(EVP_CipherInit_ex(c, EVP_get_cipherbyname(cipher), nullptr, key.data(), iv.empty() ? nullptr : iv.data(),
-                                enc),
-              1);
+    EXPECT_EQ(
+        EVP_CipherInit_ex(c, EVP_get_cipherbyname(cipher), nullptr, key.data(), iv.empty() ? nullptr : iv.data(), enc),
+        1);
     EVP_CIPHER_CTX_set_padding(c, 0);
     Bytes out(in.size() + 32);
     int n = 0, f = 0;
@@ -60,7 +60,10 @@ Bytes ossl_cmac(const char *cipher, const Bytes &key, const Bytes &msg)
     return out;
 }
 
-uint32_t jamcrc(const Bytes &b) { return ~static_cast<uint32_t>(crc32(0, b.data(), static_cast<uInt>(b.size()))); }
+uint32_t jamcrc(const Bytes &b)
+{
+    return ~static_cast<uint32_t>(crc32(0, b.data(), static_cast<uInt>(b.size())));
+}
 
 desfire_key aes_key(const Bytes &k, uint8_t version = 0)
 {
@@ -516,9 +519,9 @@ TEST(DesfireMessages, PreprocessEnciphersWithCrcAAndPadding)
     uint8_t iv[16];
     std::memcpy(iv, iv0.data(), 16);
     uint8_t len = static_cast<uint8_t>(msg.size());
-    ASSERT_EQ(crypto_preprocess_data_nl(&key, iv, msg.data(), &len, 8, DESFIRE_COMM_ENCIPHERED | DESFIRE_ENC_COMMAND,
-                                        out),
-              0u);
+    ASSERT_EQ(
+        crypto_preprocess_data_nl(&key, iv, msg.data(), &len, 8, DESFIRE_COMM_ENCIPHERED | DESFIRE_ENC_COMMAND, out),
+        0u);
     ASSERT_EQ(len, 8 + 16);
     EXPECT_EQ(Bytes(out, out + 8), Bytes(msg.begin(), msg.begin() + 8)) << "the header stays clear";
     const Bytes plain = ossl_cbc("AES-128-CBC", k, iv0, Bytes(out + 8, out + 24), 0);
@@ -535,9 +538,9 @@ TEST(DesfireMessages, PreprocessEnciphersWithCrcAAndPadding)
     des_key_new(&dk, kd.data());
     uint8_t ivd[16] = {1, 2, 3, 4, 5, 6, 7, 8};
     len = 11;
-    ASSERT_EQ(crypto_preprocess_data_nl(&dk, ivd, msg.data(), &len, 1, 0x3003 /* enciphered, ENC_COMMAND, NO_CRC */,
-                                        out),
-              0u);
+    ASSERT_EQ(
+        crypto_preprocess_data_nl(&dk, ivd, msg.data(), &len, 1, 0x3003 /* enciphered, ENC_COMMAND, NO_CRC */, out),
+        0u);
     EXPECT_EQ(len, 1 + 16);
     Bytes kd3 = kd;
     kd3.insert(kd3.end(), kd.begin(), kd.end());

@@ -12,18 +12,22 @@
 
 namespace {
 
-using zeltest::Bytes;
-using zeltest::ScriptLink;
 using zeltest::ack;
+using zeltest::Bytes;
 using zeltest::cat;
 using zeltest::checksum;
 using zeltest::frame;
 using zeltest::response;
+using zeltest::ScriptLink;
 
 // The card status and error tail of a reply's data.
-Bytes results(uint16_t cs, uint16_t et = 9) { return {static_cast<uint8_t>(cs), static_cast<uint8_t>(cs >> 8), static_cast<uint8_t>(et), 0}; }
+Bytes results(uint16_t cs, uint16_t et = 9)
+{
+    return {static_cast<uint8_t>(cs), static_cast<uint8_t>(cs >> 8), static_cast<uint8_t>(et), 0};
+}
 
-const uint8_t kKey[16] = {0x3A, 0x4B, 0x5C, 0x6D, 0x7E, 0x8F, 0x90, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0x07, 0x18, 0x29};
+const uint8_t kKey[16] = {0x3A, 0x4B, 0x5C, 0x6D, 0x7E, 0x8F, 0x90, 0xA1,
+                          0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0x07, 0x18, 0x29};
 
 TEST(DesfireWrite, DataGoesInPiecesOf160AfterEachPrompt)
 {
@@ -41,9 +45,9 @@ TEST(DesfireWrite, DataGoesInPiecesOf160AfterEachPrompt)
         for (size_t i = 0; i < data.size(); ++i)
             data[i] = static_cast<uint8_t>(i ^ 0x5A);
         uint16_t cs = 0, et = 0;
-        ASSERT_EQ(Zel_int_DesfireWriteStdDataFile_PKM(&link.record, kKey, 0x332211, 2, 5, 7, c.len, 3, data.data(), &cs,
-                                                      &et),
-                  ZEL_OK)
+        ASSERT_EQ(
+            Zel_int_DesfireWriteStdDataFile_PKM(&link.record, kKey, 0x332211, 2, 5, 7, c.len, 3, data.data(), &cs, &et),
+            ZEL_OK)
             << c.len;
         EXPECT_EQ(cs, CARD_OPERATION_OK);
         EXPECT_EQ(et, 9);
@@ -75,7 +79,8 @@ TEST(DesfireWrite, AnotherByteThanThePromptBreaksOff)
     link.reply(cat({0xDD}, response(0x98, results(3072 + 0xBE))));
     Bytes data(400, 0x11);
     uint16_t cs = 0, et = 0;
-    ASSERT_EQ(Zel_int_DesfireWriteRecord_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 400, 0, data.data(), &cs, &et), ZEL_OK);
+    ASSERT_EQ(Zel_int_DesfireWriteRecord_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 400, 0, data.data(), &cs, &et),
+              ZEL_OK);
     EXPECT_EQ(cs, DESFIRE_CARD_BOUNDARY_ERROR);
     EXPECT_EQ(link.writes.size(), 2u) << "nothing more is sent";
 }
@@ -266,7 +271,7 @@ TEST(DesfireReplies, TransactionMacDataByReplyLength)
         uint32_t cnt = 0;
         uint16_t cs = 0, et = 0;
         ASSERT_EQ(Zel_int_DesfireIncreaseValueFile_TransMac_aes_PKM(&link.record, kKey, 1, 0, 2, 0, 100, 1, rid, prev,
-                                                                     &cnt, mac, &cs, &et),
+                                                                    &cnt, mac, &cs, &et),
                   ZEL_OK);
         EXPECT_EQ(rid[0], 0x40);
         EXPECT_EQ(prev[0], 0x50);
@@ -283,8 +288,8 @@ TEST(DesfireReplies, TransactionMacDataByReplyLength)
         std::memset(mac, 1, 8);
         uint32_t cnt = 5;
         uint16_t cs = 0, et = 0;
-        EXPECT_EQ(Zel_int_DesfireClearRecordFile_TransMac_aes_PKM(&link.record, kKey, 1, 2, 0, rid, prev, &cnt, mac, &cs,
-                                                                   &et),
+        EXPECT_EQ(Zel_int_DesfireClearRecordFile_TransMac_aes_PKM(&link.record, kKey, 1, 2, 0, rid, prev, &cnt, mac,
+                                                                  &cs, &et),
                   ZEL_PARAMETERS_ERROR);
         EXPECT_EQ(cnt, 0u);
         EXPECT_EQ(mac[7], 0) << "outputs cleared";
@@ -365,8 +370,8 @@ TEST(DesfireKeys, ChangeKeyFramesCarryKeysAndSelector)
         EXPECT_EQ(f[4], ZEL_DESFIRE_WIRE_2K3DES + 4 * ZEL_DESFIRE_WIRE_DES);
         const Bytes &e = link.writes[1];
         EXPECT_EQ(e[0] | e[1] << 8, 0x0609) << "bit 3, the auth key in the reader as number 6";
-        EXPECT_EQ(Bytes(e.begin() + 22, e.begin() + 38), (Bytes{0xD0, 0xD1, 0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7, 0xD0, 0xD1,
-                                                              0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7}))
+        EXPECT_EQ(Bytes(e.begin() + 22, e.begin() + 38), (Bytes{0xD0, 0xD1, 0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7, 0xD0,
+                                                                0xD1, 0xD2, 0xD3, 0xD4, 0xD5, 0xD6, 0xD7}))
             << "a DES key twice";
         EXPECT_EQ(e[21], 1);
         EXPECT_EQ(e[38], 3);
@@ -408,8 +413,11 @@ TEST(DesfireKeys, WriteKeySizesAndTheEepromRoute)
     const struct {
         uint8_t type;
         size_t ext;
-    } cases[] = {{ZEL_DESFIRE_WIRE_AES, 18}, {ZEL_DESFIRE_WIRE_2K3DES, 18}, {ZEL_DESFIRE_WIRE_DES, 10},
-                 {ZEL_DESFIRE_WIRE_3K3DES, 26}, {7, 2}};
+    } cases[] = {{ZEL_DESFIRE_WIRE_AES, 18},
+                 {ZEL_DESFIRE_WIRE_2K3DES, 18},
+                 {ZEL_DESFIRE_WIRE_DES, 10},
+                 {ZEL_DESFIRE_WIRE_3K3DES, 26},
+                 {7, 2}};
     for (const auto &c : cases) {
         ScriptLink link;
         link.reply(ack(0x8E));
@@ -435,8 +443,8 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
         link.reply(ack(0xCA));
         link.reply(response(0xCA, results(CARD_OPERATION_OK, 31)));
         uint16_t cs = 0, et = 0;
-        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 0x0A0B0C, 2, 0x03, 14, 0, 15, 1, sdm.data(),
-                                                           static_cast<uint8_t>(sdm.size()), &cs, &et),
+        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 0x0A0B0C, 2, 0x03, 14, 0, 15, 1,
+                                                           sdm.data(), static_cast<uint8_t>(sdm.size()), &cs, &et),
                   ZEL_OK);
         EXPECT_EQ(cs, CARD_OPERATION_OK);
         EXPECT_EQ(et, 31);
@@ -460,9 +468,9 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
         link.reply(ack(0xCA));
         link.reply(response(0xCA, results(3072 + 0x9D)));
         uint16_t cs = 0, et = 0;
-        ASSERT_EQ(Zel_SAM_DesfireChangeFileSettingsSdmM(&link.record, 7, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 6,
-                                                        &cs, &et),
-                  ZEL_OK);
+        ASSERT_EQ(
+            Zel_SAM_DesfireChangeFileSettingsSdmM(&link.record, 7, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 6, &cs, &et),
+            ZEL_OK);
         EXPECT_EQ(cs, 3072 + 0x9D);
         EXPECT_EQ(link.writes[1][0], ZEL_DESFIRE_KEY_SAM);
         EXPECT_EQ(link.writes[1][1], 7);
@@ -471,8 +479,8 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
         ScriptLink plain;
         plain.reply(ack(0xCA));
         plain.reply(response(0xCA, results(CARD_OPERATION_OK)));
-        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdmM(&plain.record, 5, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 0, &cs,
-                                                        &et),
+        ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdmM(&plain.record, 5, 0x0A0B0C, 2, 0, 1, 2, 3, 4, sdm.data(), 0,
+                                                        &cs, &et),
                   ZEL_OK);
         EXPECT_EQ(plain.writes[1][0], ZEL_DESFIRE_KEY_READER);
         EXPECT_EQ(plain.writes[1][1], 5);
@@ -486,8 +494,9 @@ TEST(DesfireFiles, SdmSettingsGoBehindTheAccessRightsWithTheirLength)
         EXPECT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 1, 2, 0, 0, 0, 0, 0, big.data(),
                                                            static_cast<uint8_t>(big.size()), &cs, &et),
                   ZEL_PARAMETERS_ERROR);
-        EXPECT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 1, 2, 0, 0, 0, 0, 0, nullptr, 4, &cs, &et),
-                  ZEL_PARAMETERS_ERROR);
+        EXPECT_EQ(
+            Zel_int_DesfireChangeFileSettingsSdm_PKM(&link.record, kKey, 1, 2, 0, 0, 0, 0, 0, nullptr, 4, &cs, &et),
+            ZEL_PARAMETERS_ERROR);
         EXPECT_TRUE(link.writes.empty());
     }
 }
@@ -559,19 +568,41 @@ TEST(DesfireFiles, SdmFileSettingsReadTheOffsetsThatApply)
         uint32_t uid, ctr, picc, mac_in, enc_off, enc_len, mac, limit;
     } cases[] = {
         {"plain mirrors, MAC over encrypted data, counter limit",
-         {0x00, 0x43, 0xE0, 0xEE, 0x00, 0x01, 0x00,     // type, SDM + enciphered, access, size
-          0xF1, 0x02, 0xE3,                             // options, SDM access
-          0x10, 0x00, 0x00, 0x20, 0x00, 0x00,           // UID, counter
+         {0x00, 0x43, 0xE0, 0xEE, 0x00, 0x01, 0x00, // type, SDM + enciphered, access, size
+          0xF1, 0x02, 0xE3,                         // options, SDM access
+          0x10, 0x00, 0x00, 0x20, 0x00, 0x00,       // UID, counter
           0x30, 0x00, 0x00, 0x40, 0x00, 0x00, 0x20, 0x00, 0x00, 0x70, 0x00, 0x00, // MAC input, enc, MAC
-          0xE8, 0x03, 0x00},                            // limit
-         0x10, 0x20, 0, 0x30, 0x40, 0x20, 0x70, 1000},
+          0xE8, 0x03, 0x00},                                                      // limit
+         0x10,
+         0x20,
+         0,
+         0x30,
+         0x40,
+         0x20,
+         0x70,
+         1000},
         {"enciphered PICC data and a MAC",
-         {0x00, 0x40, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xC1, 0x00, 0x22, 0x2A, 0x00, 0x00, 0x50, 0x00, 0x00, 0x80, 0x01, 0x00},
-         0, 0, 0x2A, 0x50, 0, 0, 0x180, 0},
+         {0x00, 0x40, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xC1, 0x00, 0x22, 0x2A, 0x00, 0x00, 0x50, 0x00, 0x00, 0x80, 0x01,
+          0x00},
+         0,
+         0,
+         0x2A,
+         0x50,
+         0,
+         0,
+         0x180,
+         0},
         {"nothing mirrored", {0x00, 0x40, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xC1, 0x00, 0xFF}, 0, 0, 0, 0, 0, 0, 0, 0},
         {"cut in the middle of the MAC offset",
          {0x00, 0x40, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xC1, 0x00, 0x22, 0x2A, 0x00, 0x00, 0x50, 0x00, 0x00, 0x80, 0x01},
-         0, 0, 0x2A, 0x50, 0, 0, 0, 0},
+         0,
+         0,
+         0x2A,
+         0x50,
+         0,
+         0,
+         0,
+         0},
     };
     for (const Case &c : cases) {
         ScriptLink link;
@@ -598,7 +629,8 @@ TEST(DesfireFiles, SdmFileSettingsReadTheOffsetsThatApply)
     {
         ScriptLink link;
         link.reply(ack(0xC6));
-        link.reply(response(0xC6, cat(results(CARD_OPERATION_OK), {0x00, 0x43, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xF1, 0x02, 0xE3, 1, 2})));
+        link.reply(response(
+            0xC6, cat(results(CARD_OPERATION_OK), {0x00, 0x43, 0xE0, 0xEE, 0x00, 0x01, 0x00, 0xF1, 0x02, 0xE3, 1, 2})));
         zel_desfire_sdm_file_settings s;
         uint16_t cs = 0, et = 0;
         ASSERT_EQ(Zel_SAM_DesfireGetFileSettingsSdmAesAuthM(&link.record, 3, 0x010203, 2, &s, &cs, &et), ZEL_OK);

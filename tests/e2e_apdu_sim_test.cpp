@@ -10,7 +10,10 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes sw_of(const Bytes &r) { return Bytes(r.end() - 2, r.end()); }
+Bytes sw_of(const Bytes &r)
+{
+    return Bytes(r.end() - 2, r.end());
+}
 
 TEST(SimApduDecode, ShortAndExtendedCases)
 {
@@ -31,9 +34,9 @@ TEST(SimApduDecode, ShortAndExtendedCases)
         {{0x80, 0x10, 0x00, 0x00, 0x00, 0x00, 0x01, 0x42}, true, 3, 1, 0, true},
         {{0x80, 0x10, 0x00, 0x00, 0x00, 0x00, 0x01, 0x42, 0x02, 0x00}, true, 4, 1, 512, true},
         {{0x00, 0xB0, 0x00}, false, 0, 0, 0, false},
-        {{0x00, 0xD6, 0x00, 0x00, 0x03, 0xAA}, false, 0, 0, 0, false},           // Lc beyond the data
+        {{0x00, 0xD6, 0x00, 0x00, 0x03, 0xAA}, false, 0, 0, 0, false},             // Lc beyond the data
         {{0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x00, 0x00}, false, 0, 0, 0, false}, // one byte too many
-        {{0x00, 0xD6, 0x00, 0x00, 0x00, 0x00}, false, 0, 0, 0, false},           // extended, cut short
+        {{0x00, 0xD6, 0x00, 0x00, 0x00, 0x00}, false, 0, 0, 0, false},             // extended, cut short
         {{0x00, 0xD6, 0x00, 0x00, 0x00, 0x00, 0x00, 0xAA}, false, 0, 0, 0, false}, // extended Lc of 0
     };
     for (const Case &c : cases) {

@@ -19,7 +19,10 @@ const Bytes kAid{0xA0, 0x00, 0x00, 0x07, 0x47, 0x54, 0x45, 0x53, 0x54};
 const zsim_card kCard = {{0x04, 0x51, 0x62, 0x73, 0x84, 0x95, 0xA6}, 7, 0x20, 0x0344, 0x40};
 
 // Byte i of the test application's file, as its setup describes it.
-uint8_t file_byte(size_t i) { return static_cast<uint8_t>((i & 0xFF) ^ (i >> 8)); }
+uint8_t file_byte(size_t i)
+{
+    return static_cast<uint8_t>((i & 0xFF) ^ (i >> 8));
+}
 
 class ApduE2E : public zeltest::CardSimTest {
 protected:

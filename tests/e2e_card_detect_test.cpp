@@ -74,7 +74,8 @@ TEST_F(CardSimTest, WhatIsInTheField)
 
 TEST_F(CardSimTest, TypeTwoTagVersionAndSize)
 {
-    start(R"({"cards": [{"uid": "04998877665544", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_216", "model": "ntag216"}]})");
+    start(
+        R"({"cards": [{"uid": "04998877665544", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_216", "model": "ntag216"}]})");
     uint8_t v[8] = {};
     ASSERT_EQ(GetNfcT2TVersionM(hnd, v), ZEL_OK);
     t2t_version_t tv{};

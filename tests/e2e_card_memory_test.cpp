@@ -164,8 +164,8 @@ TEST_F(CardSimTest, SectorTrailersComposedAndRaw)
     ASSERT_EQ(BlockRead_PKM(hnd, t, 7, 0x61, new_b), ZEL_OK);
     const uint8_t packed2[3] = {0x7F, 0x07, 0x88};
     EXPECT_EQ(std::memcmp(t + 6, packed2, 3), 0);
-    const uint8_t transport[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07, 0x80, 0x69,
-                                   0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    const uint8_t transport[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07,
+                                   0x80, 0x69, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
     ASSERT_EQ(SectorTrailerWriteUnsafe_PKM(hnd, 1, 1, transport, 0x61, new_b), ZEL_OK);
     EXPECT_EQ(BlockRead_PKM(hnd, t, 4, 0x60, FF6), ZEL_OK);
 
@@ -252,7 +252,8 @@ TEST_F(CardSimTest, LinearSpaceSkipsTrailersAndComesInChunks)
 
 TEST_F(CardSimTest, PlusCardsStreamLongReadsAndTakeAesKeys)
 {
-    start(R"({"cards": [{"uid": "04112233445566", "sak": "18", "type": "ORB_MIFARE_PLUS_X_4K_SL1", "model": "plus_4k_sl1",
+    start(
+        R"({"cards": [{"uid": "04112233445566", "sak": "18", "type": "ORB_MIFARE_PLUS_X_4K_SL1", "model": "plus_4k_sl1",
                          "setup": {"sectors": [{"aes_a": "000102030405060708090A0B0C0D0E0F"}]}}]})");
     const std::vector<uint8_t> all = pattern(3440, 5);
     uint16_t n = 0;
@@ -265,7 +266,8 @@ TEST_F(CardSimTest, PlusCardsStreamLongReadsAndTakeAesKeys)
     EXPECT_EQ(back, all);
     // A read from the middle lands at the start of the caller's buffer.
     std::vector<uint8_t> part(300);
-    ASSERT_EQ(LinearRead_AKM1M(hnd, part.data(), 100, 300, &n, 0x60), ZEL_AUTH_ERROR) << "reader key 0 is not the card's";
+    ASSERT_EQ(LinearRead_AKM1M(hnd, part.data(), 100, 300, &n, 0x60), ZEL_AUTH_ERROR)
+        << "reader key 0 is not the card's";
     ASSERT_EQ(LinearRead_PKM(hnd, part.data(), 100, 300, &n, 0x60, FF6), ZEL_OK);
     EXPECT_TRUE(std::equal(part.begin(), part.end(), all.begin() + 100));
     // AES key A of the sector, provided in 16 bytes.

@@ -75,8 +75,7 @@ protected:
     }
 };
 
-template <typename Fn>
-void on_global(ZEL_HANDLE hnd, Fn fn)
+template <typename Fn> void on_global(ZEL_HANDLE hnd, Fn fn)
 {
     zel_handle_record saved;
     std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
@@ -268,9 +267,9 @@ TEST_F(SimConfig, AsyncCardIdSetupAndItsReadBack)
     ASSERT_EQ(SetAsyncCardIdSendConfigExM(hnd, 1, 0, 'x', 'y', 0, 1, 1, 9600), ZEL_OK);
     EXPECT_EQ(last_request()[4], 0x19);
     EXPECT_EQ(eeprom(669, 1)[0], 0x19);
-    ASSERT_EQ(GetAsyncCardIdSendConfigExM(hnd, &send, &prefix_on, &prefix, &suffix, &removed, &reverse, &decimal,
-                                          &baud),
-              ZEL_OK);
+    ASSERT_EQ(
+        GetAsyncCardIdSendConfigExM(hnd, &send, &prefix_on, &prefix, &suffix, &removed, &reverse, &decimal, &baud),
+        ZEL_OK);
     EXPECT_EQ((std::vector<uint32_t>{send, prefix_on, removed, reverse, decimal, baud}),
               (std::vector<uint32_t>{1, 0, 0, 1, 1, 9600}));
     EXPECT_EQ(prefix, 'x');
@@ -296,8 +295,7 @@ TEST_F(SimConfig, AsyncCardIdSetupAndItsReadBack)
         EXPECT_EQ(GetAsyncCardIdSendConfig(&send, &prefix_on, &prefix, &suffix, &removed, &baud), ZEL_OK);
         EXPECT_EQ(baud, 1000000u);
         EXPECT_EQ(SetAsyncCardIdSendConfigEx(0, 0, '!', '!', 0, 0, 1, 1000000), ZEL_OK);
-        EXPECT_EQ(GetAsyncCardIdSendConfigEx(&send, &prefix_on, &prefix, &suffix, &removed, &reverse, &decimal,
-                                             &baud),
+        EXPECT_EQ(GetAsyncCardIdSendConfigEx(&send, &prefix_on, &prefix, &suffix, &removed, &reverse, &decimal, &baud),
                   ZEL_OK);
         EXPECT_EQ(decimal, 1u);
         EXPECT_EQ(SetAsyncCardJsonSendConfig(1, 0, 1000000), ZEL_OK);
@@ -382,7 +380,7 @@ TEST_F(SimConfig, DefaultSpeedRepairCatchesTheBootLoader)
     const uint64_t resets = zsim_reset_count(sim);
     const uint64_t before = zsim_exchange_count(sim);
     ASSERT_EQ(SetUartDefaultSpeedM(hnd, 0, 1, path), ZEL_OK);
-    wait_for_exchange(before + 2); // the rate check and the new rate
+    wait_for_exchange(before + 2);                // the rate check and the new rate
     EXPECT_GE(zsim_reset_count(sim), resets + 2); // the open's reset and the repair's own
     EXPECT_EQ(last_request(), request(0x70, 0, 0, le32(115200)));
     EXPECT_EQ(zsim_baud(sim), 115200u);

@@ -19,14 +19,21 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 constexpr uint16_t OK = CARD_OPERATION_OK;
-constexpr uint16_t card(uint8_t s) { return static_cast<uint16_t>(3072 + s); }
+constexpr uint16_t card(uint8_t s)
+{
+    return static_cast<uint16_t>(3072 + s);
+}
 
 // Keys of the card, none of them trivial.
-const uint8_t kPiccAes[16] = {0x51, 0x2A, 0x93, 0x0C, 0xE4, 0x7D, 0x16, 0xBF, 0x28, 0xC1, 0x5A, 0xF3, 0x8C, 0x25, 0xBE, 0x47};
+const uint8_t kPiccAes[16] = {0x51, 0x2A, 0x93, 0x0C, 0xE4, 0x7D, 0x16, 0xBF,
+                              0x28, 0xC1, 0x5A, 0xF3, 0x8C, 0x25, 0xBE, 0x47};
 const uint8_t kZero24[24] = {};
-const uint8_t kAppKey0[16] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD, 0xAE, 0xAF};
-const uint8_t kReadKey[16] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0x00, 0xAB, 0xCD, 0xEF, 0x01, 0x23, 0x45};
-const uint8_t kWriteKey[16] = {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10, 0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78};
+const uint8_t kAppKey0[16] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7,
+                              0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD, 0xAE, 0xAF};
+const uint8_t kReadKey[16] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
+                              0x99, 0x00, 0xAB, 0xCD, 0xEF, 0x01, 0x23, 0x45};
+const uint8_t kWriteKey[16] = {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10,
+                               0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78};
 constexpr uint32_t kAid = 0x00A1B2;
 
 class DesfireSim : public zeltest::CardSimTest {
@@ -236,7 +243,8 @@ TEST_F(DesfireSim, BackupFilesChangeOnlyOnCommit)
 {
     add_card();
     make_app();
-    ASSERT_EQ(Zel_int_DesfireCreateBackupDataFile_aes_PKM(hnd, kAppKey0, kAid, 4, 32, 14, 2, 2, 0, 0, &cs, &et), ZEL_OK);
+    ASSERT_EQ(Zel_int_DesfireCreateBackupDataFile_aes_PKM(hnd, kAppKey0, kAid, 4, 32, 14, 2, 2, 0, 0, &cs, &et),
+              ZEL_OK);
     ASSERT_EQ(cs, OK);
     Bytes data(20);
     for (size_t i = 0; i < data.size(); ++i)
@@ -327,8 +335,10 @@ TEST_F(DesfireSim, ValueFilesWithLimitsAndTransactionMac)
     EXPECT_EQ(cs, DESFIRE_CARD_FILE_NOT_FOUND) << "a value file has no size";
 
     // Transaction MAC: the counter and the MAC value of the card's commit come back.
-    const uint8_t tmac_key[16] = {0x3C, 0x5A, 0x78, 0x96, 0xB4, 0xD2, 0xF0, 0x1E, 0x2D, 0x4B, 0x69, 0x87, 0xA5, 0xC3, 0xE1, 0x0F};
-    ASSERT_EQ(Zel_int_DesfireCreateTransMacFile_aes_PKM(hnd, kAppKey0, kAid, 7, 1, 2, 0, 0, tmac_key, &cs, &et), ZEL_OK);
+    const uint8_t tmac_key[16] = {0x3C, 0x5A, 0x78, 0x96, 0xB4, 0xD2, 0xF0, 0x1E,
+                                  0x2D, 0x4B, 0x69, 0x87, 0xA5, 0xC3, 0xE1, 0x0F};
+    ASSERT_EQ(Zel_int_DesfireCreateTransMacFile_aes_PKM(hnd, kAppKey0, kAid, 7, 1, 2, 0, 0, tmac_key, &cs, &et),
+              ZEL_OK);
     ASSERT_EQ(cs, OK);
     uint8_t reader_id[16], prev[16], mac[8];
     uint32_t counter = 0;
@@ -416,9 +426,9 @@ TEST_F(DesfireSim, ChangingKeysOfEveryTypeAndTheMasterKeyType)
     // The master key to a 3K3DES key through the general change, then used.
     const uint8_t k3[24] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE, 0xDC, 0xBA, 0x98,
                             0x76, 0x54, 0x32, 0x10, 0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78};
-    ASSERT_EQ(Zel_int_DesfireChangeMasterKey_PKM(hnd, kZero24, ZEL_DESFIRE_WIRE_DES, k3, ZEL_DESFIRE_WIRE_3K3DES, &cs,
-                                                 &et),
-              ZEL_OK);
+    ASSERT_EQ(
+        Zel_int_DesfireChangeMasterKey_PKM(hnd, kZero24, ZEL_DESFIRE_WIRE_DES, k3, ZEL_DESFIRE_WIRE_3K3DES, &cs, &et),
+        ZEL_OK);
     EXPECT_EQ(cs, OK);
     ASSERT_EQ(Zel_int_DesfireCreate3k3desApplication_3k3des_PKM(hnd, k3, 0x330000, 0x0F, 2, &cs, &et), ZEL_OK);
     EXPECT_EQ(cs, OK);
@@ -430,7 +440,8 @@ TEST_F(DesfireSim, ChangingKeysOfEveryTypeAndTheMasterKeyType)
     EXPECT_EQ(cs, DESFIRE_CARD_INTEGRITY_ERROR);
 
     // A 2K3DES application key through the reader's store.
-    const uint8_t k2[16] = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE, 0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
+    const uint8_t k2[16] = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE,
+                            0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
     ASSERT_EQ(Zel_int_DesfireCreateDesApplication_3k3des_PKM(hnd, k3, 0x220000, 0x0F, 2, &cs, &et), ZEL_OK);
     ASSERT_EQ(cs, OK);
     ASSERT_EQ(Zel_int_DesfireWriteKeyM(hnd, 7, k2, ZEL_DESFIRE_WIRE_2K3DES), ZEL_OK);
@@ -503,8 +514,8 @@ TEST_F(DesfireSim, SdmSettingsOfAStandardFile)
     EXPECT_EQ(s.read_key_no, 14);
 
     // Plain UID and counter mirrors, a MAC with the file read key 2, counter key 1.
-    const Bytes sdm = {0x40, 0x00, 0xE0, 0xC1, 0xF1, 0xE2, 0x20, 0x00, 0x00, 0x40, 0x00, 0x00,
-                       0x50, 0x00, 0x00, 0x60, 0x00, 0x00};
+    const Bytes sdm = {0x40, 0x00, 0xE0, 0xC1, 0xF1, 0xE2, 0x20, 0x00, 0x00,
+                       0x40, 0x00, 0x00, 0x50, 0x00, 0x00, 0x60, 0x00, 0x00};
     ASSERT_EQ(Zel_int_DesfireChangeFileSettingsSdm_PKM(hnd, kAppKey0, kAid, 1, 0, 14, 0, 0, 0, sdm.data(),
                                                        static_cast<uint8_t>(sdm.size()), &cs, &et),
               ZEL_OK);

@@ -20,8 +20,7 @@ using zeltest::cmd;
 using zeltest::request;
 
 // The default identity of the simulated reader, as it was built to present itself.
-const Bytes kSimMui = {0x5A, 0x53, 0x49, 0x4D, 0x00, 0x01, 0x02, 0x03,
-                       0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B};
+const Bytes kSimMui = {0x5A, 0x53, 0x49, 0x4D, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B};
 
 class SimIdentity : public zeltest::CardSimTest {
 protected:
@@ -34,8 +33,7 @@ protected:
 };
 
 // Runs fn with the handle copied into the global record, so that the plain forms reach the simulator.
-template <typename Fn>
-void on_global(ZEL_HANDLE hnd, Fn fn)
+template <typename Fn> void on_global(ZEL_HANDLE hnd, Fn fn)
 {
     zel_handle_record saved;
     std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
@@ -152,8 +150,8 @@ TEST_F(SimIdentity, LongParameterBlockOfCurrentFirmware)
 
     // The fixed layout of the second form has the identifier where the reader put it.
     Params q;
-    ASSERT_EQ(GetReaderParameters2M(hnd, q.mui, &q.serial, &q.hw_type, &q.hw_ver, &q.device_type, &q.major,
-                                    &q.minor, &q.build),
+    ASSERT_EQ(GetReaderParameters2M(hnd, q.mui, &q.serial, &q.hw_type, &q.hw_ver, &q.device_type, &q.major, &q.minor,
+                                    &q.build),
               ZEL_OK);
     EXPECT_EQ(last_request(), cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(q.mui_bytes(16), kSimMui);
@@ -172,16 +170,16 @@ TEST_F(SimIdentity, LongParameterBlockOfCurrentFirmware)
 
     on_global(hnd, [&] {
         Params g;
-        EXPECT_EQ(GetReaderParameters(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type, &g.major, &g.minor,
-                                      &g.build),
-                  ZEL_OK);
+        EXPECT_EQ(
+            GetReaderParameters(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type, &g.major, &g.minor, &g.build),
+            ZEL_OK);
         EXPECT_EQ(g.mui_bytes(16), want);
-        EXPECT_EQ(GetReaderParameters2(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type, &g.major,
-                                       &g.minor, &g.build),
-                  ZEL_OK);
+        EXPECT_EQ(
+            GetReaderParameters2(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type, &g.major, &g.minor, &g.build),
+            ZEL_OK);
         EXPECT_EQ(g.mui_bytes(16), kSimMui);
-        EXPECT_EQ(GetReaderParametersDefaultBaudrate(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type,
-                                                     &g.major, &g.minor, &g.build),
+        EXPECT_EQ(GetReaderParametersDefaultBaudrate(g.mui, &g.serial, &g.hw_type, &g.hw_ver, &g.device_type, &g.major,
+                                                     &g.minor, &g.build),
                   ZEL_OK);
     });
 }
@@ -216,8 +214,8 @@ TEST_F(SimIdentity, BlockLengths29And30TurnTheBuildOnAndOff)
 
     // The fixed-layout form tries once and passes the refusal on; the default-rate form answers PAR0 1.
     Params r;
-    EXPECT_EQ(GetReaderParameters2M(hnd, r.mui, &r.serial, &r.hw_type, &r.hw_ver, &r.device_type, &r.major,
-                                    &r.minor, &r.build),
+    EXPECT_EQ(GetReaderParameters2M(hnd, r.mui, &r.serial, &r.hw_type, &r.hw_ver, &r.device_type, &r.major, &r.minor,
+                                    &r.build),
               ZEL_COMMAND_NOT_SUPPORTED);
     EXPECT_EQ(last_request(), cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(r.hw_type, 0);
@@ -288,8 +286,8 @@ TEST_F(SimIdentity, DescriptionReportOfTheSimulatedReader)
     zsim_set_firmware(sim, 5, 0, 60);
     const std::string rule(38, '=');
     const std::string want = rule + "\n   Info about ZelReader:\n\n" + rule + "\nSerial number: ZS000001\n" + rule +
-                             "\nHW type= 1 | HW ver= 2\nFW version: 5.0.60\n" + rule + "\nReaderType: D1180022 : " +
-                             zel::reader_model_name(0xD1180022) + "\n" + rule + "\n";
+                             "\nHW type= 1 | HW ver= 2\nFW version: 5.0.60\n" + rule +
+                             "\nReaderType: D1180022 : " + zel::reader_model_name(0xD1180022) + "\n" + rule + "\n";
     EXPECT_EQ(std::string(GetReaderDescriptionM(hnd)), want);
     on_global(hnd, [&] { EXPECT_EQ(std::string(GetReaderDescription()), want); });
 
@@ -352,8 +350,9 @@ TEST_F(SimIdentity, InfoTextOfThePlainReader)
     zsim_set_hardware(sim, 1, 4);
     const char *info = nullptr;
     ASSERT_EQ(GetReaderInfoStrM(hnd, &info), ZEL_OK);
-    const std::string want = std::string(zel::reader_model_name(0xD1180022)) + " (Firmware Type: " +
-                             zel::firmware_type_name(0xD1) + ", Firmware Version: 5.1.9, Hardware Version: 1.4)";
+    const std::string want = std::string(zel::reader_model_name(0xD1180022)) +
+                             " (Firmware Type: " + zel::firmware_type_name(0xD1) +
+                             ", Firmware Version: 5.1.9, Hardware Version: 1.4)";
     EXPECT_EQ(std::string(info), want);
     EXPECT_EQ(last_request(), cmd(0x10));
     on_global(hnd, [&] {

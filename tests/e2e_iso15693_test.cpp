@@ -50,7 +50,8 @@ TEST_F(CardSimTest, Iso15693SystemInformationMatchesTheTag)
     EXPECT_EQ(i.ic, 1);
     // With a password: the privacy password opens it, another one does not.
     const uint8_t privacy[4] = {1, 2, 3, 4}, wrong[4] = {1, 2, 3, 5};
-    EXPECT_EQ(iso15693_get_system_information_PK_M(hnd, privacy, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic), ZEL_OK);
+    EXPECT_EQ(iso15693_get_system_information_PK_M(hnd, privacy, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic),
+              ZEL_OK);
     EXPECT_EQ(iso15693_get_system_information_PK_M(hnd, wrong, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic),
               ZEL_AUTH_ERROR);
 }
@@ -133,7 +134,8 @@ TEST_F(CardSimTest, Iso15693IndexFormsUseTheReaderKeys)
 {
     start(ICODE);
     Info i;
-    EXPECT_EQ(iso15693_get_system_informationM(hnd, 3, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic), ZEL_AUTH_ERROR);
+    EXPECT_EQ(iso15693_get_system_informationM(hnd, 3, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic),
+              ZEL_AUTH_ERROR);
     ASSERT_EQ(iso15693_get_system_informationM(hnd, 5, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic), ZEL_OK);
     EXPECT_EQ(i.size, 40 * 4);
     // Low page read-protected below block 16.
@@ -203,7 +205,8 @@ TEST_F(CardSimTest, Iso15693SecurityStatusOfMoreBlocksThanAReplyHolds)
 // A card that is not a vicinity tag, and an empty field.
 TEST_F(CardSimTest, Iso15693CommandsNeedAVicinityTag)
 {
-    start(R"({"cards": [{"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215"}]})");
+    start(
+        R"({"cards": [{"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215", "model": "ntag215"}]})");
     Info i;
     EXPECT_EQ(iso15693_get_system_information_no_authM(hnd, &i.flags, i.uid, &i.dsfid, &i.afi, &i.size, &i.ic),
               ZEL_UNSUPPORTED_CARD_TYPE);

@@ -27,7 +27,8 @@ Bytes hex(const std::string &s)
 zs::PassportDocument example_document()
 {
     zs::PassportDocument doc;
-    doc.mrz = std::string("P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<") + "L898902C<3UTO6908061F9406236ZE184226B<<<<<14";
+    doc.mrz =
+        std::string("P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<") + "L898902C<3UTO6908061F9406236ZE184226B<<<<<14";
     doc.files[0x011E] = hex("60145F0104303130365F36063034303030305C026175");
     doc.files[0x0103] = hex("630400000000");
     return doc;
@@ -69,7 +70,8 @@ TEST(PassportChip, WorkedExampleByteForByte)
                         "72C29C2371CC9BDB65B779B8E8D37B29ECC154AA56A8799FAE2F498F76ED92F2"
                         "5F1448EEA8AD90A7"
                         "28"),
-              hex("46B9342A41396CD7386BF5803104D7CEDC122B9132139BAF2EEDC94EE178534F2F2D235D074D7449" "9000"));
+              hex("46B9342A41396CD7386BF5803104D7CEDC122B9132139BAF2EEDC94EE178534F2F2D235D074D7449"
+                  "9000"));
     ASSERT_TRUE(chip.app->authenticated());
     EXPECT_EQ(chip.app->ssc(), 0x887022120C06C226u);
     EXPECT_EQ(chip.send("0CA4020C158709016375432908C044F68E08BF8B92D635FF24F800"),

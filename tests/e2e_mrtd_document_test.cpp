@@ -42,8 +42,7 @@ public:
     uint32_t exchanges() const { return exchanges_; }
 
 private:
-    static ZEL_STATUS transceive(void *context, const uint8_t *cmd, uint32_t cmd_len, uint8_t *resp,
-                                 uint32_t *resp_len)
+    static ZEL_STATUS transceive(void *context, const uint8_t *cmd, uint32_t cmd_len, uint8_t *resp, uint32_t *resp_len)
     {
         auto *self = static_cast<Chip *>(context);
         ++self->exchanges_;
@@ -587,7 +586,8 @@ TEST_F(MrtdOverReader, DocumentReadAndValidatedOverBac)
 
 TEST_F(MrtdOverReader, RsaSignedTd1Card)
 {
-    start(R"({"signer": "rsa", "mrz": "IDUTOD231458907<<<<<<<<<<<<<<<7408122F1204159UTO<<<<<<<<<<<6ERIKSSON<<ANNA<MARIA<<<<<<<<<<"})");
+    start(
+        R"({"signer": "rsa", "mrz": "IDUTOD231458907<<<<<<<<<<<<<<<7408122F1204159UTO<<<<<<<<<<<6ERIKSSON<<ANNA<MARIA<<<<<<<<<<"})");
     ASSERT_EQ(MRTD_SessionInit("D23145890", "740812", "120415"), ZEL_OK);
     ZEL_STATUS st = 0;
     JValue doc;

@@ -85,8 +85,14 @@ TEST_F(NdefClassic, RecordsSpanSectorsAndCountAcrossThem)
     for (size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<uint8_t>(i * 3);
     ASSERT_EQ(write(hnd, 1, 2, "application/octet-stream", "", big), ZEL_OK);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "ensecond")), ZEL_OK);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enthird")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "ensecond")),
+              ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enthird")),
+              ZEL_OK);
     Count c;
     ASSERT_EQ(count(hnd, c), ZEL_OK);
     EXPECT_EQ(c.records, 3);
@@ -95,7 +101,8 @@ TEST_F(NdefClassic, RecordsSpanSectorsAndCountAcrossThem)
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
     EXPECT_EQ(r.payload, big);
     ASSERT_EQ(read(hnd, 1, 3, r), ZEL_OK);
-    EXPECT_EQ(r.text(), std::string("\x02" "enthird"));
+    EXPECT_EQ(r.text(), std::string("\x02"
+                                    "enthird"));
     ASSERT_EQ(erase_last_ndef_recordM(hnd, 1), ZEL_OK);
     ASSERT_EQ(count(hnd, c), ZEL_OK);
     EXPECT_EQ(c.records, 2);
@@ -111,8 +118,7 @@ TEST_F(NdefClassic, DirectoryRefusals)
         {"no directory bit",
          R"({"sectors": [{"sector": 0, "key_a": "A0A1A2A3A4A5", "access": [4, 4, 4, 3], "gpb": "40"}]})",
          ZEL_MAD_NOT_ENABLED},
-        {"version 3",
-         R"({"sectors": [{"sector": 0, "key_a": "A0A1A2A3A4A5", "access": [4, 4, 4, 3], "gpb": "C3"}]})",
+        {"version 3", R"({"sectors": [{"sector": 0, "key_a": "A0A1A2A3A4A5", "access": [4, 4, 4, 3], "gpb": "C3"}]})",
          ZEL_MAD_VERSION_NOT_SUPPORTED},
         {"bad checksum",
          R"({"sectors": [{"sector": 0, "key_a": "A0A1A2A3A4A5", "access": [4, 4, 4, 3], "gpb": "C1"}],

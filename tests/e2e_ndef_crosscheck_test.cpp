@@ -88,7 +88,10 @@ TEST_F(NdefCrossCheck, UriRecord)
 
 TEST_F(NdefCrossCheck, TextRecord)
 {
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enHello, tag")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enHello, tag")),
+              ZEL_OK);
     const std::string out = parsed();
     EXPECT_NE(out.find("\"type\":\"T\""), std::string::npos) << out;
     EXPECT_NE(out.find("\"text\":\"Hello, tag\""), std::string::npos) << out;
@@ -100,7 +103,10 @@ TEST_F(NdefCrossCheck, MultiRecordMessageWithIdAndLongPayload)
     for (size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<uint8_t>('a' + i % 26);
     ASSERT_EQ(write(hnd, 1, 1, "U", "", uri_payload(0x01, "tandro.example")), ZEL_OK);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "deHallo")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "deHallo")),
+              ZEL_OK);
     ASSERT_EQ(write(hnd, 1, 2, "text/plain", "r3", big), ZEL_OK);
     const std::string out = parsed();
     EXPECT_NE(out.find("\"uri\":\"http://www.tandro.example\""), std::string::npos) << out;

@@ -17,7 +17,10 @@ using Bytes = std::vector<uint8_t>;
 
 // No real waits between the tries.
 unsigned g_sleeps = 0;
-void count_sleep(uint32_t) { ++g_sleeps; }
+void count_sleep(uint32_t)
+{
+    ++g_sleeps;
+}
 
 std::string hex(const Bytes &b)
 {

@@ -39,7 +39,10 @@ TEST_F(NdefIso15693, FormatBySizeThenAppendAndErase)
         uint8_t formatted = 0;
         ASSERT_EQ(write(hnd, 1, 1, "U", "", uri_payload(0x06, "desk@tandro.example"), &formatted), ZEL_OK) << c.type;
         EXPECT_EQ(formatted, 1);
-        ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enhi")), ZEL_OK);
+        ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                        bytes("\x02"
+                              "enhi")),
+                  ZEL_OK);
         std::vector<uint8_t> img = blocks(48);
         EXPECT_EQ(std::vector<uint8_t>(img.begin(), img.begin() + 4), (std::vector<uint8_t>{0xE1, 0x40, c.size, 0x00}))
             << c.type;
@@ -80,13 +83,17 @@ TEST_F(NdefIso15693, ContainerCountingItselfStillReads)
     Rec r;
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
     EXPECT_EQ(r.text(), "https://ta.o");
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enok")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enok")),
+              ZEL_OK);
     Count n;
     ASSERT_EQ(count(hnd, n), ZEL_OK);
     EXPECT_EQ(n.records, 2);
     stop();
 
-    start(vicinity("50", R"({"blocks": 28, "block_data": [{"block": 0, "data": "E1401000"}, {"block": 1, "data": "0300FE00"}]})"));
+    start(vicinity(
+        "50", R"({"blocks": 28, "block_data": [{"block": 0, "data": "E1401000"}, {"block": 1, "data": "0300FE00"}]})"));
     EXPECT_EQ(count(hnd, n), ZEL_MAX_ADDRESS_EXCEEDED);
 }
 

@@ -23,7 +23,10 @@ std::string tag(const char *model, const char *type, const std::string &setup = 
 }
 
 // An NTAG 215 whose data area starts with an empty message.
-std::string empty_ntag215() { return tag("ntag215", "ORB_NTAG_215", R"({"pages": [{"page": 4, "data": "0300FE00"}]})"); }
+std::string empty_ntag215()
+{
+    return tag("ntag215", "ORB_NTAG_215", R"({"pages": [{"page": 4, "data": "0300FE00"}]})");
+}
 
 class NdefT2t : public CardSimTest {
 protected:
@@ -63,19 +66,26 @@ TEST_F(NdefT2t, BlankTagIsFormattedByTheFirstWriteAndReadsBack)
     EXPECT_EQ(img[2], 0xD1);
     EXPECT_EQ(img[2 + img[1]], 0xFE);
     // A second write does not format again.
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enhi"), &formatted), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enhi"),
+                    &formatted),
+              ZEL_OK);
     EXPECT_EQ(formatted, 0);
 }
 
 TEST_F(NdefT2t, AppendingKeepsMbOnTheFirstAndMeOnTheLast)
 {
     start(empty_ntag215());
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enone")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enone")),
+              ZEL_OK);
     ASSERT_EQ(write(hnd, 1, 4, "tandro.example:k", "id7", bytes("two")), ZEL_OK);
     ASSERT_EQ(write(hnd, 1, 2, "text/plain", "", bytes("three")), ZEL_OK);
     const std::vector<uint8_t> img = user(64);
     ASSERT_EQ(img[0], 0x03);
-    EXPECT_EQ(img[2] & 0xC0, 0x80);  // first: MB
+    EXPECT_EQ(img[2] & 0xC0, 0x80); // first: MB
     const size_t second = 2 + 3 + 1 + 6;
     EXPECT_EQ(img[second] & 0xC8, 0x08); // neither MB nor ME, IL set
     Count c;
@@ -169,8 +179,14 @@ TEST_F(NdefT2t, ErasingLastAndAll)
 {
     start(empty_ntag215());
     EXPECT_EQ(erase_last_ndef_recordM(hnd, 1), ZEL_NDEF_MESSAGE_NOT_FOUND);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enA")), ZEL_OK);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enB")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enA")),
+              ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enB")),
+              ZEL_OK);
     ASSERT_EQ(erase_last_ndef_recordM(hnd, 1), ZEL_OK);
     std::vector<uint8_t> img = user(32);
     EXPECT_EQ(img[1], 8);
@@ -181,7 +197,10 @@ TEST_F(NdefT2t, ErasingLastAndAll)
     // The old record's bytes are zeroed behind the new terminator.
     EXPECT_EQ(std::vector<uint8_t>(img.begin(), img.begin() + 10),
               (std::vector<uint8_t>{0x03, 0x00, 0xFE, 0, 0, 0, 0, 0, 0, 0}));
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enC")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enC")),
+              ZEL_OK);
     ASSERT_EQ(erase_all_ndef_recordsM(hnd, 1), ZEL_OK);
     img = user(32);
     EXPECT_EQ(std::vector<uint8_t>(img.begin(), img.begin() + 11),
@@ -240,19 +259,25 @@ TEST_F(NdefT2t, ReadCacheHoldsForTwoSeconds)
 {
     start(empty_ntag215());
     zel::set_tick_hook(shifted_tick);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enold")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enold")),
+              ZEL_OK);
     Rec r;
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
-    ASSERT_EQ(r.text(), std::string("\x02" "enold"));
+    ASSERT_EQ(r.text(), std::string("\x02"
+                                    "enold"));
     // Changed behind the cache's back: the cached image answers until it expires.
     const uint8_t newer[3] = {'n', 'e', 'w'};
     uint16_t done = 0;
     ASSERT_EQ(LinearWrite_AKM1M(hnd, newer, 9, 3, &done, 0x60), ZEL_OK);
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
-    EXPECT_EQ(r.text(), std::string("\x02" "enold"));
+    EXPECT_EQ(r.text(), std::string("\x02"
+                                    "enold"));
     clock_offset() += 2001;
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
-    EXPECT_EQ(r.text(), std::string("\x02" "ennew"));
+    EXPECT_EQ(r.text(), std::string("\x02"
+                                    "ennew"));
 }
 
 TEST_F(NdefT2t, UidMirrorPointsTheConfigurationAtThePayload)

@@ -45,13 +45,16 @@ TEST_F(NdefT4, AppendReadCountAndErase)
     uint8_t formatted = 0xAA;
     ASSERT_EQ(write(hnd, 1, 1, "U", "", uri_payload(0x04, "tandro.example/t4"), &formatted), ZEL_OK);
     EXPECT_EQ(formatted, 0);
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "enhello")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "enhello")),
+              ZEL_OK);
     ASSERT_EQ(write(hnd, 1, 2, "text/plain", "i", bytes("third")), ZEL_OK);
     std::vector<uint8_t> f = file(64);
     const uint32_t r1 = 3 + 1 + 18, r2 = 3 + 1 + 8, r3 = 4 + 10 + 1 + 5;
     EXPECT_EQ(f[0] << 8 | f[1], static_cast<int>(r1 + r2 + r3));
-    EXPECT_EQ(f[2], 0x91);          // MB only
-    EXPECT_EQ(f[2 + r1], 0x11);     // neither
+    EXPECT_EQ(f[2], 0x91);           // MB only
+    EXPECT_EQ(f[2 + r1], 0x11);      // neither
     EXPECT_EQ(f[2 + r1 + r2], 0x5A); // ME, SR, IL, TNF 2
     Rec r;
     ASSERT_EQ(read(hnd, 1, 1, r), ZEL_OK);
@@ -143,7 +146,10 @@ TEST_F(NdefT4, CardsWithoutTheApplicationAreNotNdefCards)
 TEST_F(NdefT4, TheTtTagWritesButDoesNotCount)
 {
     start(t4("{}", "ORB_NTAG_424_DNA_TT"));
-    ASSERT_EQ(write(hnd, 1, 1, "T", "", bytes("\x02" "entt")), ZEL_OK);
+    ASSERT_EQ(write(hnd, 1, 1, "T", "",
+                    bytes("\x02"
+                          "entt")),
+              ZEL_OK);
     Count c;
     EXPECT_EQ(count(hnd, c), ZEL_NDEF_UNSUPPORTED_CARD_TYPE);
     EXPECT_EQ(file(8)[2], 0xD1);

@@ -264,9 +264,9 @@ TEST_F(FtdiTest, AutomaticSearchFindsTheReaderThroughTheDeviceTree)
     std::ofstream(dev + "/idProduct") << "6001\n";
     std::ofstream(dev + "/serial") << "FTDI0009\n";
     std::ofstream(port + "/bInterfaceNumber") << "00\n";
-    ASSERT_EQ(symlink("../../../devices/pci0/usb1/1-1/1-1.4/1-1.4:1.0/ttyUSB0",
-                      (root + "/class/tty/ttyUSB0/device").c_str()),
-              0);
+    ASSERT_EQ(
+        symlink("../../../devices/pci0/usb1/1-1/1-1.4/1-1.4:1.0/ttyUSB0", (root + "/class/tty/ttyUSB0/device").c_str()),
+        0);
     zel::set_sysfs_root(root.c_str());
 
     ZEL_HANDLE first = nullptr, second = nullptr;

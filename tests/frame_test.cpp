@@ -261,7 +261,8 @@ TEST(Shapes, WriteExtWaitsForTheAcknowledgeThenSendsTheBlock)
     uint8_t reply_len = 0;
     ASSERT_EQ(zel::exchange_write_ext(&link.record, f, password.data(), 8, par, &reply_len), ZEL_OK);
     ASSERT_EQ(link.writes.size(), 2u);
-    EXPECT_EQ(link.writes[0], (Bytes{0x55, 0x27, 0xAA, 0x09, 0x00, 0x00, static_cast<uint8_t>((0x55 ^ 0x27 ^ 0xAA ^ 0x09) + 7)}));
+    EXPECT_EQ(link.writes[0],
+              (Bytes{0x55, 0x27, 0xAA, 0x09, 0x00, 0x00, static_cast<uint8_t>((0x55 ^ 0x27 ^ 0xAA ^ 0x09) + 7)}));
     EXPECT_EQ(link.writes[1], ext(password));
     EXPECT_EQ(par[0], 1);
     EXPECT_EQ(reply_len, 3);
@@ -424,9 +425,9 @@ TEST(ChainedBlocks, PiecesOutAndReplyAssembled)
     Bytes command(300);
     for (size_t i = 0; i < command.size(); ++i)
         command[i] = static_cast<uint8_t>(i);
-    link.reply(frame(0xAC, 0x94, 0xCA, 0, 0, 0x5A)); // to the first frame
+    link.reply(frame(0xAC, 0x94, 0xCA, 0, 0, 0x5A));                               // to the first frame
     link.reply(cat(frame(0xA1, 0x94, 0x85), frame(0xAC, 0x94, 0xCA, 0, 0, 0x5A))); // to the first piece
-    link.reply({});                                  // to the second frame: nothing
+    link.reply({});                                                                // to the second frame: nothing
     Bytes first(200, 0x11), second{0x90, 0x00};
     link.reply(cat(cat(frame(0xDE, 0x94, 0xED, 201, 0, 0x5A), ext(first)),
                    cat(frame(0xDE, 0x94, 0xED, 3, 0, 0), ext(second))));

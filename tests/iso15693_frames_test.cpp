@@ -37,31 +37,66 @@ TEST(Iso15693Frames, EveryFormOnTheWire)
         uint8_t p0, p1;
         Bytes data;
     } cases[] = {
-        {"write password by index", [](ZEL_HANDLE h) { return icode_write_passwordM(h, 0x02, 3, 5); }, 1, 1,
+        {"write password by index",
+         [](ZEL_HANDLE h) { return icode_write_passwordM(h, 0x02, 3, 5); },
+         1,
+         1,
          {0x02, 0, 0, 0, 0, 3, 0, 0, 0, 0, 5}},
-        {"write password provided", [](ZEL_HANDLE h) { return icode_write_password_PK_M(h, 0x10, PW_A, PW_B); }, 1,
-         0x61, {0x10, 0x11, 0x22, 0x33, 0x44, 0, 0xA1, 0xB2, 0xC3, 0xD4, 0}},
-        {"protect page, all true", [](ZEL_HANDLE h) { return icode_protect_pageM(h, 4, 6, 0x20, 1, 7, 255, 2); }, 2,
-         1, {0, 0, 0, 0, 4, 0, 0, 0, 0, 6, 0x20, 0x33}},
+        {"write password provided",
+         [](ZEL_HANDLE h) { return icode_write_password_PK_M(h, 0x10, PW_A, PW_B); },
+         1,
+         0x61,
+         {0x10, 0x11, 0x22, 0x33, 0x44, 0, 0xA1, 0xB2, 0xC3, 0xD4, 0}},
+        {"protect page, all true",
+         [](ZEL_HANDLE h) { return icode_protect_pageM(h, 4, 6, 0x20, 1, 7, 255, 2); },
+         2,
+         1,
+         {0, 0, 0, 0, 4, 0, 0, 0, 0, 6, 0x20, 0x33}},
         {"protect page provided, low read and high write",
-         [](ZEL_HANDLE h) { return icode_protect_page_PK_M(h, PW_A, PW_B, 9, 1, 0, 0, 1); }, 2, 0x61,
+         [](ZEL_HANDLE h) { return icode_protect_page_PK_M(h, PW_A, PW_B, 9, 1, 0, 0, 1); },
+         2,
+         0x61,
          {0x11, 0x22, 0x33, 0x44, 0, 0xA1, 0xB2, 0xC3, 0xD4, 0, 9, 0x21}},
-        {"lock block by index", [](ZEL_HANDLE h) { return icode_lock_blockM(h, 1, 2, 77); }, 3, 1,
+        {"lock block by index",
+         [](ZEL_HANDLE h) { return icode_lock_blockM(h, 1, 2, 77); },
+         3,
+         1,
          {0, 0, 0, 0, 1, 0, 0, 0, 0, 2, 77}},
-        {"lock block provided", [](ZEL_HANDLE h) { return icode_lock_block_PK_M(h, PW_B, PW_A, 3); }, 3, 0x61,
+        {"lock block provided",
+         [](ZEL_HANDLE h) { return icode_lock_block_PK_M(h, PW_B, PW_A, 3); },
+         3,
+         0x61,
          {0xA1, 0xB2, 0xC3, 0xD4, 0, 0x11, 0x22, 0x33, 0x44, 0, 3}},
-        {"lock block without password", [](ZEL_HANDLE h) { return iso15693_lock_block_no_authM(h, 200); }, 3, 0,
+        {"lock block without password",
+         [](ZEL_HANDLE h) { return iso15693_lock_block_no_authM(h, 200); },
+         3,
+         0,
          {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 200}},
-        {"security status", [&](ZEL_HANDLE h) { return iso15693_get_multiply_block_security_statusM(h, 5, 3, sec); },
-         4, 0, {5, 3}},
+        {"security status",
+         [&](ZEL_HANDLE h) { return iso15693_get_multiply_block_security_statusM(h, 5, 3, sec); },
+         4,
+         0,
+         {5, 3}},
         {"EM4237 security status",
-         [&](ZEL_HANDLE h) { return em4237_get_multiply_block_security_statusM(h, 0, 255, sec); }, 8, 0, {0, 255}},
-        {"EM4237 protect page by index", [](ZEL_HANDLE h) { return em4237_protect_pageM(h, 9, 2, 0xC5); }, 6, 1,
+         [&](ZEL_HANDLE h) { return em4237_get_multiply_block_security_statusM(h, 0, 255, sec); },
+         8,
+         0,
+         {0, 255}},
+        {"EM4237 protect page by index",
+         [](ZEL_HANDLE h) { return em4237_protect_pageM(h, 9, 2, 0xC5); },
+         6,
+         1,
          {0, 0, 0, 0, 9, 2, 0xC5}},
-        {"EM4237 protect page provided", [](ZEL_HANDLE h) { return em4237_protect_page_PK_M(h, PW_A, 1, 3); }, 6,
-         0x61, {0x11, 0x22, 0x33, 0x44, 0, 1, 3}},
+        {"EM4237 protect page provided",
+         [](ZEL_HANDLE h) { return em4237_protect_page_PK_M(h, PW_A, 1, 3); },
+         6,
+         0x61,
+         {0x11, 0x22, 0x33, 0x44, 0, 1, 3}},
         {"EM4237 random id by index", [](ZEL_HANDLE h) { return em4237_enable_RID_M(h, 31); }, 7, 1, {0, 0, 0, 0, 31}},
-        {"EM4237 random id provided", [](ZEL_HANDLE h) { return em4237_enable_RID_PK_M(h, PW_B); }, 7, 0x61,
+        {"EM4237 random id provided",
+         [](ZEL_HANDLE h) { return em4237_enable_RID_PK_M(h, PW_B); },
+         7,
+         0x61,
          {0xA1, 0xB2, 0xC3, 0xD4, 0}},
     };
     for (const Case &c : cases) {
@@ -81,12 +116,21 @@ TEST(Iso15693Frames, EveryFormOnTheWire)
         uint8_t p1;
         Bytes data;
     } infos[] = {
-        {[&](ZEL_HANDLE h) { return iso15693_get_system_informationM(h, 12, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic); },
-         1, {0, 0, 0, 0, 12}},
-        {[&](ZEL_HANDLE h) { return iso15693_get_system_information_PK_M(h, PW_A, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic); },
-         0x61, {0x11, 0x22, 0x33, 0x44, 0}},
-        {[&](ZEL_HANDLE h) { return iso15693_get_system_information_no_authM(h, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic); },
-         0x60, {0, 0, 0, 0, 0}},
+        {[&](ZEL_HANDLE h) {
+             return iso15693_get_system_informationM(h, 12, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic);
+         },
+         1,
+         {0, 0, 0, 0, 12}},
+        {[&](ZEL_HANDLE h) {
+             return iso15693_get_system_information_PK_M(h, PW_A, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic);
+         },
+         0x61,
+         {0x11, 0x22, 0x33, 0x44, 0}},
+        {[&](ZEL_HANDLE h) {
+             return iso15693_get_system_information_no_authM(h, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic);
+         },
+         0x60,
+         {0, 0, 0, 0, 0}},
     };
     for (const InfoCase &c : infos) {
         ScriptLink link;
@@ -223,9 +267,9 @@ TEST(Iso15693SystemInfo, FlagsDriveTheFields)
         ScriptLink link;
         link.reply(ack(B5, 6));
         link.reply(rsp(B5, 0, 5));
-        EXPECT_EQ(iso15693_get_system_information_no_authM(&link.record, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size,
-                                                           &o.ic),
-                  ZEL_COMMUNICATION_ERROR);
+        EXPECT_EQ(
+            iso15693_get_system_information_no_authM(&link.record, &o.flags, o.uid, &o.dsfid, &o.afi, &o.size, &o.ic),
+            ZEL_COMMUNICATION_ERROR);
     }
 }
 

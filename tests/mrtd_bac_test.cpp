@@ -286,7 +286,8 @@ TEST(BacReadFile, ChunksStatusesAndLyingCards)
     for (int i = 0; i < 0x128; ++i)
         file.push_back(uint8_t(i));
     const Bytes head(file.begin(), file.begin() + 4);
-    ReadResult r = read_with(head, {Bytes(file.begin() + 4, file.begin() + 228), Bytes(file.begin() + 228, file.end())});
+    ReadResult r =
+        read_with(head, {Bytes(file.begin() + 4, file.begin() + 228), Bytes(file.begin() + 228, file.end())});
     ASSERT_EQ(r.status, ZEL_OK);
     EXPECT_EQ(r.file, file);
     EXPECT_EQ(r.ssc, kSsc + 8);
@@ -363,8 +364,11 @@ TEST(BacAuthenticate, CardRefusalsAndWrongAnswers)
     // 90 00 but the wrong RND.IFD inside, or too short an answer.
     Bytes wrong = kCardAnswer;
     wrong[10] ^= 0x55;
-    EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, with_ok(wrong)}}), MRTD_SECURE_CHANNEL_SESSION_FAILED);
-    EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, with_ok(Bytes(kCardAnswer.begin(), kCardAnswer.begin() + 31))}}),
+    EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, with_ok(wrong)}}),
+              MRTD_SECURE_CHANNEL_SESSION_FAILED);
+    EXPECT_EQ(run({{{}, hex("9000")},
+                   {{}, with_ok(kRndIc)},
+                   {{}, with_ok(Bytes(kCardAnswer.begin(), kCardAnswer.begin() + 31))}}),
               MRTD_SECURE_CHANNEL_SESSION_FAILED);
     EXPECT_EQ(run({{{}, hex("90")}}), ZEL_APDU_TRANSCEIVE_ERROR);
     zel::mrtd::set_host_random_hook(nullptr);

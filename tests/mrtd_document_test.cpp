@@ -168,27 +168,31 @@ TEST(MrtdImages, SignatureFormatsOfDg7)
     EXPECT_EQ(json, nullptr);
     Bytes lying = tlv(0x67, cat({tlv(0x02, {0x01}), tlv(0x5F43, jpeg)}));
     lying[lying.size() - jpeg.size() - 1] ^= 0x40;
-    EXPECT_EQ(MRTDGetImageFromDG7(lying.data(), int32_t(lying.size()), &image, &len, &format),
-              MRTD_EF_DG_WRONG_DATA);
+    EXPECT_EQ(MRTDGetImageFromDG7(lying.data(), int32_t(lying.size()), &image, &len, &format), MRTD_EF_DG_WRONG_DATA);
 }
 
 TEST(MrtdImages, Base64ByTheRfcVectors)
 {
     // RFC 4648, section 10.
-    const std::pair<const char *, const char *> vectors[] = {{"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
-                                                             {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+    const std::pair<const char *, const char *> vectors[] = {{"", ""},
+                                                             {"f", "Zg=="},
+                                                             {"fo", "Zm8="},
+                                                             {"foo", "Zm9v"},
+                                                             {"foob", "Zm9vYg=="},
+                                                             {"fooba", "Zm9vYmE="},
                                                              {"foobar", "Zm9vYmFy"}};
     for (const auto &v : vectors) {
         const size_t n = std::strlen(v.first);
         char out[16];
         uint64_t out_len = 99;
-        ASSERT_EQ(image_base64_encode(reinterpret_cast<const uint8_t *>(v.first), n, out, (n + 2) / 3 * 4 + 1, &out_len),
-                  0u);
+        ASSERT_EQ(
+            image_base64_encode(reinterpret_cast<const uint8_t *>(v.first), n, out, (n + 2) / 3 * 4 + 1, &out_len), 0u);
         EXPECT_STREQ(out, v.second);
         EXPECT_EQ(out_len, std::strlen(v.second));
         if (n) {
-            EXPECT_EQ(image_base64_encode(reinterpret_cast<const uint8_t *>(v.first), n, out, (n + 2) / 3 * 4, &out_len),
-                      0xFFFFFFFFu);
+            EXPECT_EQ(
+                image_base64_encode(reinterpret_cast<const uint8_t *>(v.first), n, out, (n + 2) / 3 * 4, &out_len),
+                0xFFFFFFFFu);
         }
     }
     uint64_t out_len = 0;
@@ -225,8 +229,9 @@ TEST(MrtdTextGroups, Dg11MembersEscapingAndSkippedObjects)
     EXPECT_EQ(v.members[2].second.str, "\x01\x7f");
 
     // Broken walks: a zero tag, a two-byte tag cut short, a length past the end, another outer tag.
-    const Bytes bad[] = {tlv(0x6B, {0x00, 0x01, 0x41}), tlv(0x6B, {0x5F}), tlv(0x6B, {0x5F, 0x8E, 0x01, 0x41}),
-                         tlv(0x6B, {0x5F, 0x0E, 0x05, 0x41}), tlv(0x6D, {0xA0, 0x03, 0x00}), tlv(0x61, {0x5F, 0x0E, 0x00})};
+    const Bytes bad[] = {tlv(0x6B, {0x00, 0x01, 0x41}),       tlv(0x6B, {0x5F}),
+                         tlv(0x6B, {0x5F, 0x8E, 0x01, 0x41}), tlv(0x6B, {0x5F, 0x0E, 0x05, 0x41}),
+                         tlv(0x6D, {0xA0, 0x03, 0x00}),       tlv(0x61, {0x5F, 0x0E, 0x00})};
     for (const Bytes &b : bad) {
         json = reinterpret_cast<char *>(1);
         EXPECT_EQ(MRTD_DG_To_JSON_Heap(b.data(), uint32_t(b.size()), &json, 0), MRTD_EF_DG_WRONG_DATA);
@@ -266,7 +271,7 @@ TEST(MrtdFilter, TokensCaseAndLimits)
         EXPECT_EQ(a[i], i < 2 ? 1 : 0);
     ASSERT_EQ(parse_dg_filter_string("DG16 DG0 DG17 DGx DG14extra", a), ZEL_OK);
     for (int i = 0; i < 16; ++i)
-        EXPECT_EQ(a[i], i == 15 || i == 13 ? 1 : 0) << i; // "%d" reads the number at the front
+        EXPECT_EQ(a[i], i == 15 || i == 13 ? 1 : 0) << i;                   // "%d" reads the number at the front
     ASSERT_EQ(parse_dg_filter_string("DG0000000000000011 DG3", a), ZEL_OK); // a 16-character token is ignored
     for (int i = 0; i < 16; ++i)
         EXPECT_EQ(a[i], i == 2 ? 1 : 0) << i;

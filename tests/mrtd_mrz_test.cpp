@@ -195,35 +195,33 @@ TEST(MrzText, ReadableFormsOfTheThreeFormats)
               "Sex: F\n"
               "Date of expiry (dd.MM.yyyy.): 15.04.2012.\n"
               "Optional data: ZE184226B     \n");
-    EXPECT_EQ(text_of(MRZSprintfDataTD1Format, kTd1, "\r\n"),
-              "eMRTD format: DG1\r\n"
-              "Document code: ID\r\n"
-              "Issuing State or organization: UTO\r\n"
-              "Document number: D23145890\r\n"
-              "Optional data:                \r\n"
-              "Date of birth (dd.MM.yyyy.): 12.08.1974.\r\n"
-              "Sex: F\r\n"
-              "Date of expiry (dd.MM.yyyy.): 15.04.2012.\r\n"
-              "Nationality: UTO\r\n"
-              "Optional data:            \r\n"
-              "Name of holder: ERIKSSON  ANNA MARIA          \r\n");
+    EXPECT_EQ(text_of(MRZSprintfDataTD1Format, kTd1, "\r\n"), "eMRTD format: DG1\r\n"
+                                                              "Document code: ID\r\n"
+                                                              "Issuing State or organization: UTO\r\n"
+                                                              "Document number: D23145890\r\n"
+                                                              "Optional data:                \r\n"
+                                                              "Date of birth (dd.MM.yyyy.): 12.08.1974.\r\n"
+                                                              "Sex: F\r\n"
+                                                              "Date of expiry (dd.MM.yyyy.): 15.04.2012.\r\n"
+                                                              "Nationality: UTO\r\n"
+                                                              "Optional data:            \r\n"
+                                                              "Name of holder: ERIKSSON  ANNA MARIA          \r\n");
     std::string continued = kTd1;
     continued[14] = '<';
     EXPECT_NE(text_of(MRZSprintfDataTD1Format, continued, nullptr).find("Document number extension: "),
               std::string::npos);
     const std::string td2 = "I<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<D231458907UTO7408122F1204159<<<<<<<6";
     ASSERT_EQ(td2.size(), 72u);
-    EXPECT_EQ(text_of(MRZSprintfDataTD2Format, td2, nullptr),
-              "eMRTD format: DG2\n"
-              "Document code: I \n"
-              "Issuing State or organization: UTO\n"
-              "Name of holder: ERIKSSON  ANNA MARIA           \n"
-              "Document number: D23145890\n"
-              "Nationality: UTO\n"
-              "Date of birth (dd.MM.yyyy.): 12.08.1974.\n"
-              "Sex: F\n"
-              "Date of expiry (dd.MM.yyyy.): 15.04.2012.\n"
-              "Optional data:        \n");
+    EXPECT_EQ(text_of(MRZSprintfDataTD2Format, td2, nullptr), "eMRTD format: DG2\n"
+                                                              "Document code: I \n"
+                                                              "Issuing State or organization: UTO\n"
+                                                              "Name of holder: ERIKSSON  ANNA MARIA           \n"
+                                                              "Document number: D23145890\n"
+                                                              "Nationality: UTO\n"
+                                                              "Date of birth (dd.MM.yyyy.): 12.08.1974.\n"
+                                                              "Sex: F\n"
+                                                              "Date of expiry (dd.MM.yyyy.): 15.04.2012.\n"
+                                                              "Optional data:        \n");
 }
 
 TEST(MrzJson, MembersOfTd3AndTd1)
@@ -253,8 +251,9 @@ TEST(MrzJson, MembersOfTd3AndTd1)
         std::string buf(cap + 8, '#');
         uint32_t n = cap;
         const ZEL_STATUS st = MRZDataToJSON(buf.data(), &n, kTd3.c_str(), 88, nullptr, 0);
-        const ZEL_STATUS want = cap == td3_json.size() + 1 ? ZEL_OK : cap < 2 ? ZEL_BUFFER_SIZE_EXCEEDED
-                                                                              : ZEL_BUFFER_OVERFLOW;
+        const ZEL_STATUS want = cap == td3_json.size() + 1 ? ZEL_OK
+                                : cap < 2                  ? ZEL_BUFFER_SIZE_EXCEEDED
+                                                           : ZEL_BUFFER_OVERFLOW;
         ASSERT_EQ(st, want) << cap;
         EXPECT_EQ(buf.substr(cap), std::string(8, '#')) << cap;
     }
@@ -276,7 +275,10 @@ TEST(MrzJson, HostileTextStaysValidJson)
     uint32_t len = sizeof out;
     ASSERT_EQ(MRZDataToJSON(out, &len, mrz.c_str(), 88, nullptr, 0), ZEL_OK);
     const std::string s(out, len);
-    EXPECT_NE(s.find("\"holder_name\":\"A\\\"B\\\\C\\u0001\\u00ff\xc3\xa9" " ANNA MARIA\""), std::string::npos) << s;
+    EXPECT_NE(s.find("\"holder_name\":\"A\\\"B\\\\C\\u0001\\u00ff\xc3\xa9"
+                     " ANNA MARIA\""),
+              std::string::npos)
+        << s;
     EXPECT_NE(s.find("\"sex\":\"\\\"\""), std::string::npos) << s;
     for (unsigned char c : s)
         EXPECT_GE(c, 0x20);
@@ -298,8 +300,8 @@ TEST(MrzDg1, FileUnwrapAndMalformedFiles)
 
     auto parse = [&](const std::string &f) {
         char *t = nullptr;
-        const ZEL_STATUS st = MRTDParseDG1ToHeap(&t, nullptr, reinterpret_cast<const uint8_t *>(f.data()),
-                                                 uint8_t(f.size()));
+        const ZEL_STATUS st =
+            MRTDParseDG1ToHeap(&t, nullptr, reinterpret_cast<const uint8_t *>(f.data()), uint8_t(f.size()));
         OrbFree(t);
         return st;
     };

@@ -19,8 +19,8 @@ using Bytes = std::vector<uint8_t>;
 TEST(NdefTlvWalk, FindsMessagesPastNullsAndSkippedTlvs)
 {
     // null, lock control (3 value bytes), proprietary with a long length (2), two messages, terminator.
-    const Bytes img = {0x00, 0x01, 0x03, 0xA0, 0x10, 0x44, 0xFD, 0xFF, 0x00, 0x02, 0xAA, 0xBB,
-                       0x03, 0x01, 0x55, 0x03, 0x00, 0xFE};
+    const Bytes img = {0x00, 0x01, 0x03, 0xA0, 0x10, 0x44, 0xFD, 0xFF, 0x00,
+                       0x02, 0xAA, 0xBB, 0x03, 0x01, 0x55, 0x03, 0x00, 0xFE};
     Tlv t;
     Gap g;
     ASSERT_EQ(find_message(img.data(), img.size(), 1, 8, t, g), ZEL_OK);
@@ -61,10 +61,10 @@ TEST(NdefGap, PageAddressTimesPageSizePlusByteOffset)
         bool present;
         uint32_t start;
     } cases[] = {
-        {0xF0, 4, 0x02, 8, true, 60 - 16},        // page 15 of 4 bytes
-        {0x3A, 16, 0x04, 8, true, 48 + 10 - 16},  // page 3 of 16 bytes, byte 10
-        {0x48, 8, 0x03, 33, true, 32 + 8 - 32},   // a sector card takes 32 off
-        {0x10, 4, 0x02, 8, false, 0},             // lands before the image
+        {0xF0, 4, 0x02, 8, true, 60 - 16},       // page 15 of 4 bytes
+        {0x3A, 16, 0x04, 8, true, 48 + 10 - 16}, // page 3 of 16 bytes, byte 10
+        {0x48, 8, 0x03, 33, true, 32 + 8 - 32},  // a sector card takes 32 off
+        {0x10, 4, 0x02, 8, false, 0},            // lands before the image
     };
     for (const Case &c : cases) {
         Gap g;
@@ -111,12 +111,9 @@ TEST(NdefRecords, BuiltRecordsParseBackToTheirParts)
 {
     const Bytes big(300, 0x5A);
     const Built cases[] = {
-        {1, {'U'}, {}, {0x04, 'a', 'b'}},
-        {1, {'T'}, {'i', 'd'}, {0x02, 'e', 'n', 'x'}},
-        {2, {'a', '/', 'b'}, {}, big},
-        {4, {'x', ':', 'y'}, {'7'}, big},
-        {5, {}, {}, {1, 2, 3}},
-        {6, {}, {'q'}, {9}},
+        {1, {'U'}, {}, {0x04, 'a', 'b'}}, {1, {'T'}, {'i', 'd'}, {0x02, 'e', 'n', 'x'}},
+        {2, {'a', '/', 'b'}, {}, big},    {4, {'x', ':', 'y'}, {'7'}, big},
+        {5, {}, {}, {1, 2, 3}},           {6, {}, {'q'}, {9}},
         {3, {'u', 'r', 'n'}, {}, {}},
     };
     for (const Built &c : cases) {
@@ -148,12 +145,12 @@ TEST(NdefRecords, BuiltRecordsParseBackToTheirParts)
 TEST(NdefRecords, LyingHeadersDoNotParse)
 {
     const Bytes cases[] = {
-        {0xD1, 0x01},                                    // header cut short
-        {0xD1, 0x01, 0x09, 'U', 0x00},                   // payload longer than what is there
-        {0xC1, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 'U'},       // 4 GB payload
-        {0xD9, 0x01, 0x01},                              // IL without its length byte
-        {0xD9, 0x01, 0x00, 0xF0, 'U'},                   // id longer than what is there
-        {0xD5, 0x00, 0x01, 0x00},                        // TNF 5 read in the long form: six header bytes needed
+        {0xD1, 0x01},                              // header cut short
+        {0xD1, 0x01, 0x09, 'U', 0x00},             // payload longer than what is there
+        {0xC1, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 'U'}, // 4 GB payload
+        {0xD9, 0x01, 0x01},                        // IL without its length byte
+        {0xD9, 0x01, 0x00, 0xF0, 'U'},             // id longer than what is there
+        {0xD5, 0x00, 0x01, 0x00},                  // TNF 5 read in the long form: six header bytes needed
     };
     for (const Bytes &b : cases) {
         Record r;
@@ -263,8 +260,8 @@ TEST(NdefType4Chain, SizesMustAddUpToNlen)
 
 TEST(NdefUri, PrefixTable)
 {
-    const std::map<uint8_t, const char *> known = {
-        {1, "http://www."}, {4, "https://"}, {6, "mailto:"}, {0x0A, "sftp://"}, {0x1D, "file://"}, {0x23, "urn:nfc:"}};
+    const std::map<uint8_t, const char *> known = {{1, "http://www."}, {4, "https://"},   {6, "mailto:"},
+                                                   {0x0A, "sftp://"},  {0x1D, "file://"}, {0x23, "urn:nfc:"}};
     for (const auto &k : known)
         EXPECT_STREQ(uri_prefix(k.first), k.second) << int(k.first);
     EXPECT_EQ(uri_prefix(0), nullptr);

@@ -53,7 +53,10 @@ inline ZEL_STATUS write(ZEL_HANDLE h, uint8_t msg, uint8_t tnf, const std::strin
     return st;
 }
 
-inline std::vector<uint8_t> bytes(const std::string &s) { return std::vector<uint8_t>(s.begin(), s.end()); }
+inline std::vector<uint8_t> bytes(const std::string &s)
+{
+    return std::vector<uint8_t>(s.begin(), s.end());
+}
 
 // A URI record's payload: the prefix code, then the rest.
 inline std::vector<uint8_t> uri_payload(uint8_t code, const std::string &rest)

@@ -22,7 +22,10 @@ void ack_ok(ScriptLink &link, uint8_t code, uint8_t ext_len)
 
 class NoSleep : public ::testing::Test {
 protected:
-    void SetUp() override { zel::set_sleep_hook([](uint32_t) {}); }
+    void SetUp() override
+    {
+        zel::set_sleep_hook([](uint32_t) {});
+    }
     void TearDown() override { zel::set_sleep_hook(nullptr); }
 };
 

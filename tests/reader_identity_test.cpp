@@ -14,7 +14,6 @@ namespace {
 
 constexpr uint8_t ACK = 0xAC, ACK_T = 0xCA, RSP = 0xDE, RSP_T = 0xED, ERR = 0xEC, ERR_T = 0xCE;
 
-
 // A block of n data bytes numbered from 0x40, with the fixed fields written from its end.
 Bytes block(uint32_t data_len, bool long_form, uint8_t hw_type)
 {
@@ -28,7 +27,7 @@ Bytes block(uint32_t data_len, bool long_form, uint8_t hw_type)
     d[L - 3 + s] = 7;    // minor
     d[L - 4 + s] = 5;    // major
     d[L - 8 + s] = 0x22, d[L - 7 + s] = 0x00, d[L - 6 + s] = 0x18, d[L - 5 + s] = 0xD1;
-    d[L - 9 + s] = 3;    // HW version
+    d[L - 9 + s] = 3; // HW version
     d[L - 10 + s] = hw_type;
     return ext(d);
 }
@@ -81,7 +80,7 @@ TEST(ParameterBlock, BlocksThatCannotBeOneAreRefused)
     Bytes b = block(40, true, 1);
     EXPECT_EQ(zel::decode_parameter_block(b.data(), 17, &p), ZEL_COMMUNICATION_ERROR);
     EXPECT_EQ(zel::decode_parameter_block(b.data(), 18, &p), ZEL_OK); // the smallest block
-    const Bytes big = block(42, true, 1);                               // identifier of 25 bytes
+    const Bytes big = block(42, true, 1);                             // identifier of 25 bytes
     EXPECT_EQ(zel::decode_parameter_block(big.data(), 43, &p), ZEL_COMMUNICATION_ERROR);
     EXPECT_EQ(zel::decode_parameter_block2(b.data(), 33, &p), ZEL_COMMUNICATION_ERROR);
 }
@@ -123,17 +122,17 @@ TEST(ReaderIdentity, ParameterFailuresReachTheCaller)
         ScriptLink link;
         link.reply(cat(frame(ACK, 0xF0, ACK_T, 30), block(29, true, 1)));
         uint8_t hw = 0x77;
-        EXPECT_EQ(GetReaderParametersHnd(&link.record, nullptr, nullptr, &hw, nullptr, nullptr, nullptr, nullptr,
-                                         nullptr),
-                  ZEL_COMMUNICATION_ERROR);
+        EXPECT_EQ(
+            GetReaderParametersHnd(&link.record, nullptr, nullptr, &hw, nullptr, nullptr, nullptr, nullptr, nullptr),
+            ZEL_COMMUNICATION_ERROR);
         EXPECT_EQ(hw, 0x77);
         ScriptLink bad;
         Bytes b = block(29, true, 1);
         b.back() ^= 1;
         bad.reply(cat(frame(RSP, 0xF0, RSP_T, 30), b));
-        EXPECT_EQ(GetReaderParametersHnd(&bad.record, nullptr, nullptr, &hw, nullptr, nullptr, nullptr, nullptr,
-                                         nullptr),
-                  ZEL_COMMUNICATION_ERROR);
+        EXPECT_EQ(
+            GetReaderParametersHnd(&bad.record, nullptr, nullptr, &hw, nullptr, nullptr, nullptr, nullptr, nullptr),
+            ZEL_COMMUNICATION_ERROR);
     }
     {
         // The second form has one try only and a fixed layout.
@@ -216,8 +215,8 @@ TEST(ReaderIdentity, DescriptionReport)
         script_description(link, {'Z', 'S', '0', '0', '0', '0', '0', '1'});
         const std::string text = GetReaderDescriptionHnd(&link.record);
         EXPECT_EQ(text, rule + "   Info about ZelReader:\n\n" + rule + "Serial number: ZS000001\n" + rule +
-                            "HW type= 1 | HW ver= 2\nFW version: 5.0.60\n" + rule + "ReaderType: D1180022 : " +
-                            zel::reader_model_name(0xD1180022) + "\n" + rule);
+                            "HW type= 1 | HW ver= 2\nFW version: 5.0.60\n" + rule +
+                            "ReaderType: D1180022 : " + zel::reader_model_name(0xD1180022) + "\n" + rule);
     }
     {
         ScriptLink link;
@@ -250,8 +249,8 @@ TEST(ReaderIdentity, InfoTextNamesModelAndFirmware)
     const char *text = nullptr;
     ASSERT_EQ(GetReaderInfoStrHnd(&link.record, &text), ZEL_OK);
     ASSERT_NE(text, nullptr);
-    EXPECT_EQ(std::string(text), std::string(zel::reader_model_name(0xD1180022)) + " (Firmware Type: " +
-                                     zel::firmware_type_name(0xD1) +
+    EXPECT_EQ(std::string(text), std::string(zel::reader_model_name(0xD1180022)) +
+                                     " (Firmware Type: " + zel::firmware_type_name(0xD1) +
                                      ", Firmware Version: 5.0.60, Hardware Version: 1.2)");
     EXPECT_EQ(link.writes[0], cmd(0xF0, 0, 1, 0));
     EXPECT_EQ(GetReaderInfoStrHnd(&link.record, nullptr), ZEL_PARAMETERS_ERROR);
@@ -274,10 +273,7 @@ TEST(ReaderIdentity, InfoTextBehindANetworkModule)
         uint8_t module_hw_type, module_hw_ver;
         std::string name;
     } cases[] = {
-        {42, 1, "ZelNet WiFi"},
-        {42, 2, "ZelNet Ethernet"},
-        {42, 7, "ZelNet"},
-        {46, 2, zel::esp_firmware_type_name(2)},
+        {42, 1, "ZelNet WiFi"}, {42, 2, "ZelNet Ethernet"}, {42, 7, "ZelNet"}, {46, 2, zel::esp_firmware_type_name(2)},
         {46, 99, "UNKNOWN"},
     };
     for (const Case &c : cases) {
@@ -292,11 +288,11 @@ TEST(ReaderIdentity, InfoTextBehindANetworkModule)
         const char *text = nullptr;
         ASSERT_EQ(GetReaderInfoStrHnd(&link.record, &text), ZEL_OK) << c.name;
         const std::string fw = zel::firmware_type_name(0xD1);
-        EXPECT_EQ(std::string(text), c.name + " (ESP Firmware Type: " + fw + ", ESP Firmware Version: 2.1.3, " +
-                                         "ESP Hardware Version: " + std::to_string(c.module_hw_type) + "." +
-                                         std::to_string(c.module_hw_ver) + ") (NFC Model: " +
-                                         zel::reader_model_name(0xD1180022) + ", NFC Firmware Type: " + fw +
-                                         ", NFC Firmware Version: 5.0.60, NFC Hardware Version: 1.2)");
+        EXPECT_EQ(std::string(text),
+                  c.name + " (ESP Firmware Type: " + fw + ", ESP Firmware Version: 2.1.3, " +
+                      "ESP Hardware Version: " + std::to_string(c.module_hw_type) + "." +
+                      std::to_string(c.module_hw_ver) + ") (NFC Model: " + zel::reader_model_name(0xD1180022) +
+                      ", NFC Firmware Type: " + fw + ", NFC Firmware Version: 5.0.60, NFC Hardware Version: 1.2)");
         ASSERT_EQ(link.writes.size(), 6u);
         EXPECT_EQ(link.writes[0], cmd(0xF9, 0, 0xFF, 1));
         EXPECT_EQ(link.writes[2], cmd(0xF9, 0, 1, 1));

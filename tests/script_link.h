@@ -18,8 +18,7 @@ class ScriptLink {
 public:
     ScriptLink()
     {
-        hooks_ = {&ScriptLink::read_fn, &ScriptLink::write_fn, &ScriptLink::purge_fn, this,
-                  &ScriptLink::available_fn};
+        hooks_ = {&ScriptLink::read_fn, &ScriptLink::write_fn, &ScriptLink::purge_fn, this, &ScriptLink::available_fn};
         zel::set_link_hooks(&hooks_);
         zel_handle_init(&record);
         record.comm.use = zel::kPortHook;

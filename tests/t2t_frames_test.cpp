@@ -14,7 +14,10 @@ using namespace zeltest;
 
 namespace {
 
-Bytes err(uint8_t code) { return frame(0xEC, code, 0xCE); }
+Bytes err(uint8_t code)
+{
+    return frame(0xEC, code, 0xCE);
+}
 Bytes seq(uint8_t from, size_t n)
 {
     Bytes b(n);
@@ -22,7 +25,10 @@ Bytes seq(uint8_t from, size_t n)
         b[i] = static_cast<uint8_t>(from + i);
     return b;
 }
-Bytes zeros(size_t n) { return Bytes(n, 0); }
+Bytes zeros(size_t n)
+{
+    return Bytes(n, 0);
+}
 Bytes join(std::initializer_list<Bytes> parts)
 {
     Bytes out;
@@ -46,46 +52,92 @@ TEST(T2TFrames, CommandsWithExtOnTheWire)
         std::function<ZEL_STATUS(ZEL_HANDLE)> call;
         Bytes frame, data, reply_ext;
     } cases[] = {
-        {"NFC counter, reader key", [&](ZEL_HANDLE h) { return ReadNFCCounterPwdAuth_RKM(h, &value, 7); },
-         cmd(0xB1, 3, 1, 2), {7, 0}, {1, 0, 0, 0}},
-        {"NFC counter, given bytes", [&](ZEL_HANDLE h) { return ReadNFCCounterPwdAuth_PKM(h, &value, KEY6.data()); },
-         cmd(0xB1, 7, 0x61, 2), KEY6, {1, 0, 0, 0}},
-        {"increment", [](ZEL_HANDLE h) { return IncrementCounterM(h, 1, 0x01020304); }, cmd(0xB2, 5, 0, 1),
-         {4, 3, 2, 1}, {}},
-        {"password, reader key", [&](ZEL_HANDLE h) { return T2T_PwdAuthM(h, 5, pack); }, cmd(0xB7, 5, 1, 5),
-         zeros(4), {0xAB, 0xCD}},
-        {"password given", [&](ZEL_HANDLE h) { return T2T_PwdAuth_PKM(h, PWD.data(), pack); }, cmd(0xB7, 5, 0x61, 0),
-         PWD, {0xAB, 0xCD}},
+        {"NFC counter, reader key",
+         [&](ZEL_HANDLE h) { return ReadNFCCounterPwdAuth_RKM(h, &value, 7); },
+         cmd(0xB1, 3, 1, 2),
+         {7, 0},
+         {1, 0, 0, 0}},
+        {"NFC counter, given bytes",
+         [&](ZEL_HANDLE h) { return ReadNFCCounterPwdAuth_PKM(h, &value, KEY6.data()); },
+         cmd(0xB1, 7, 0x61, 2),
+         KEY6,
+         {1, 0, 0, 0}},
+        {"increment",
+         [](ZEL_HANDLE h) { return IncrementCounterM(h, 1, 0x01020304); },
+         cmd(0xB2, 5, 0, 1),
+         {4, 3, 2, 1},
+         {}},
+        {"password, reader key",
+         [&](ZEL_HANDLE h) { return T2T_PwdAuthM(h, 5, pack); },
+         cmd(0xB7, 5, 1, 5),
+         zeros(4),
+         {0xAB, 0xCD}},
+        {"password given",
+         [&](ZEL_HANDLE h) { return T2T_PwdAuth_PKM(h, PWD.data(), pack); },
+         cmd(0xB7, 5, 0x61, 0),
+         PWD,
+         {0xAB, 0xCD}},
         {"Ultralight C, reader key", [](ZEL_HANDLE h) { return UlcAuthM(h, 3); }, cmd(0xB7, 0x11, 1, 3), zeros(16), {}},
-        {"Ultralight C, key given", [](ZEL_HANDLE h) { return UlcAuth_PKM(h, KEY16.data()); }, cmd(0xB7, 0x11, 0x80, 0),
-         KEY16, {}},
-        {"Ultralight C, external", [](ZEL_HANDLE h) { return ULC_ExternalAuth_PKM(h, KEY16.data()); },
-         cmd(0xB7, 0x11, 0x80, 0), KEY16, {}},
-        {"MIFARE key A, reader", [](ZEL_HANDLE h) { return MifareAuthKeyAM(h, 8, 4); }, cmd(0xB7, 8, 0, 4),
-         join({{8}, zeros(6)}), {}},
-        {"MIFARE key B, reader", [](ZEL_HANDLE h) { return MifareAuthKeyBM(h, 9, 30); }, cmd(0xB7, 8, 1, 30),
-         join({{9}, zeros(6)}), {}},
-        {"MIFARE key A given", [](ZEL_HANDLE h) { return MifareAuthKeyA_PKM(h, 12, KEY6.data()); },
-         cmd(0xB7, 8, 0x60, 0), join({{12}, KEY6}), {}},
-        {"MIFARE key B given", [](ZEL_HANDLE h) { return MifareAuthKeyB_PKM(h, 13, KEY6.data()); },
-         cmd(0xB7, 8, 0x61, 0), join({{13}, KEY6}), {}},
-        {"random id", [&](ZEL_HANDLE h) { return SetRIDM(h, 5, reply); }, cmd(0xB6, 0x13, 1, 0),
-         join({{1, 5}, zeros(16)}), {}},
-        {"random id key", [&](ZEL_HANDLE h) { return SetRID_KeyM(h, KEY16.data(), reply); }, cmd(0xB6, 0x13, 2, 0),
-         join({{0, 0}, KEY16}), {}},
-        {"NTAG DNA signature, reader key", [&](ZEL_HANDLE h) { return nt4h_rid_read_ecc_signatureM(h, 3, 1, sig, &sig_len); },
-         cmd(0xBF, 0x13, 2, 1), join({{1, 3}, zeros(16)}), seq(1, 56)},
+        {"Ultralight C, key given",
+         [](ZEL_HANDLE h) { return UlcAuth_PKM(h, KEY16.data()); },
+         cmd(0xB7, 0x11, 0x80, 0),
+         KEY16,
+         {}},
+        {"Ultralight C, external",
+         [](ZEL_HANDLE h) { return ULC_ExternalAuth_PKM(h, KEY16.data()); },
+         cmd(0xB7, 0x11, 0x80, 0),
+         KEY16,
+         {}},
+        {"MIFARE key A, reader",
+         [](ZEL_HANDLE h) { return MifareAuthKeyAM(h, 8, 4); },
+         cmd(0xB7, 8, 0, 4),
+         join({{8}, zeros(6)}),
+         {}},
+        {"MIFARE key B, reader",
+         [](ZEL_HANDLE h) { return MifareAuthKeyBM(h, 9, 30); },
+         cmd(0xB7, 8, 1, 30),
+         join({{9}, zeros(6)}),
+         {}},
+        {"MIFARE key A given",
+         [](ZEL_HANDLE h) { return MifareAuthKeyA_PKM(h, 12, KEY6.data()); },
+         cmd(0xB7, 8, 0x60, 0),
+         join({{12}, KEY6}),
+         {}},
+        {"MIFARE key B given",
+         [](ZEL_HANDLE h) { return MifareAuthKeyB_PKM(h, 13, KEY6.data()); },
+         cmd(0xB7, 8, 0x61, 0),
+         join({{13}, KEY6}),
+         {}},
+        {"random id",
+         [&](ZEL_HANDLE h) { return SetRIDM(h, 5, reply); },
+         cmd(0xB6, 0x13, 1, 0),
+         join({{1, 5}, zeros(16)}),
+         {}},
+        {"random id key",
+         [&](ZEL_HANDLE h) { return SetRID_KeyM(h, KEY16.data(), reply); },
+         cmd(0xB6, 0x13, 2, 0),
+         join({{0, 0}, KEY16}),
+         {}},
+        {"NTAG DNA signature, reader key",
+         [&](ZEL_HANDLE h) { return nt4h_rid_read_ecc_signatureM(h, 3, 1, sig, &sig_len); }, cmd(0xBF, 0x13, 2, 1),
+         join({{1, 3}, zeros(16)}), seq(1, 56)},
         {"NTAG DNA signature, key given",
          [&](ZEL_HANDLE h) { return nt4h_rid_read_ecc_signature_pkM(h, KEY16.data(), 2, sig, &sig_len); },
          cmd(0xBF, 0x13, 2, 2), join({{0, 0}, KEY16}), seq(1, 56)},
         {"DESFire signature, AES",
-         [&](ZEL_HANDLE h) { return ReadECCSignatureDesfireHnd(h, 0, 0, KEY16.data(), 0x123456, 2, 7, 0x00, sig, &sig_len); },
+         [&](ZEL_HANDLE h) {
+             return ReadECCSignatureDesfireHnd(h, 0, 0, KEY16.data(), 0x123456, 2, 7, 0x00, sig, &sig_len);
+         },
          cmd(0xBF, 0x18, 0x03, 0), join({{0, 0}, KEY16, {0x56, 0x34, 0x12, 2, 7}}), seq(1, 56)},
         {"DESFire signature, 3K3DES",
-         [&](ZEL_HANDLE h) { return ReadECCSignatureDesfireHnd(h, 0, 0, KEY24.data(), 0xA1B2C3, 1, 0, 0x10, sig, &sig_len); },
+         [&](ZEL_HANDLE h) {
+             return ReadECCSignatureDesfireHnd(h, 0, 0, KEY24.data(), 0xA1B2C3, 1, 0, 0x10, sig, &sig_len);
+         },
          cmd(0xBF, 0x20, 0x13, 0), join({{0, 0}, seq(0x50, 16), {0xC3, 0xB2, 0xA1, 1, 0}, seq(0x60, 8)}), seq(1, 56)},
         {"DESFire signature, reader key",
-         [&](ZEL_HANDLE h) { return ReadECCSignatureDesfireHnd(h, 1, 9, nullptr, 0x000001, 0, 0, 0x30, sig, &sig_len); },
+         [&](ZEL_HANDLE h) {
+             return ReadECCSignatureDesfireHnd(h, 1, 9, nullptr, 0x000001, 0, 0, 0x30, sig, &sig_len);
+         },
          cmd(0xBF, 0x18, 0x33, 0), join({{1, 9}, zeros(16), {1, 0, 0, 0, 0}}), seq(1, 56)},
     };
     for (const Case &c : cases) {

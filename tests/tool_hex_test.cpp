@@ -45,15 +45,16 @@ TEST(ToolHex, RefusesOddCountsSplitBytesAndOtherCharacters)
     refused("0");
     refused("abc");
     refused("0a bc d");
-    refused("0 a");      // a separator inside a byte
+    refused("0 a"); // a separator inside a byte
     refused("0a:b:c0");
-    refused("0x0a");     // no prefix
+    refused("0x0a"); // no prefix
     refused("0g");
     refused("0a,bc");
     refused("0a\nbc"); // a line feed ends a script line before it gets here
     refused("0a.bc");
     refused(std::string("0a\0bc", 5));
-    refused("\xc3\xa9" "0a"); // bytes above ASCII
+    refused("\xc3\xa9"
+            "0a"); // bytes above ASCII
 }
 
 TEST(ToolHex, TextAndBytesRoundTrip)

@@ -47,7 +47,10 @@ int hex_digit(char c)
     const char *at = lower ? std::strchr(kDigits, lower) : nullptr;
     return at ? static_cast<int>(at - kDigits) : -1;
 }
-bool hex_separator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == ':' || c == '-'; }
+bool hex_separator(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == ':' || c == '-';
+}
 } // namespace
 
 bool parse_hex(const std::string &text, std::vector<uint8_t> &out)

@@ -14,8 +14,8 @@
 
 namespace {
 
-using tandro::to_hex;
 using tandro::parse_hex;
+using tandro::to_hex;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -119,8 +119,8 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
         st = open_ISO7816_interfaceM(hnd, atr, &atr_len);
         if (st == ZEL_OK)
             st = APDU_switch_to_ISO7816_interfaceM(hnd);
-        head = opt.json ? "\"atr\": \"" + to_hex(atr, st == ZEL_OK ? atr_len : 0) + "\""
-                        : "ATR " + to_hex(atr, atr_len);
+        head =
+            opt.json ? "\"atr\": \"" + to_hex(atr, st == ZEL_OK ? atr_len : 0) + "\"" : "ATR " + to_hex(atr, atr_len);
     } else {
         uint8_t ats[32], uid[10], ats_len = 0, uid_len = 0, sak = 0;
         st = SetISO14443_4_Mode_GetATSM(hnd, ats, &ats_len, uid, &uid_len, &sak);
@@ -152,7 +152,8 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
                 line.erase(hash);
             if (line.find_first_not_of(" \t\r") == std::string::npos)
                 continue;
-            run.exchange(line, (script == "-" ? std::string("standard input") : script) + " line " + std::to_string(no));
+            run.exchange(line,
+                         (script == "-" ? std::string("standard input") : script) + " line " + std::to_string(no));
         }
     }
     if (opt.json)

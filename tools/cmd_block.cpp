@@ -82,7 +82,8 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
     }
     if (has_linear || has_rows) {
         uint32_t addr = 0, len = 0;
-        if (args.size() != 1 || !number(has_linear ? linear_text : rows_text, 0xFFFF, addr) || !number(args[0], 0xFFFF, len))
+        if (args.size() != 1 || !number(has_linear ? linear_text : rows_text, 0xFFFF, addr) ||
+            !number(args[0], 0xFFFF, len))
             return tandro::usage_error("read", "--linear ADDRESS LENGTH (or --rows ADDRESS LENGTH)");
         if (!session.open("read", opt))
             return 1;
@@ -92,10 +93,13 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
         if (has_rows) {
             // The raw space: only the reader key and provided key forms exist for it here.
             st = k.form == KeyOptions::READER
-                     ? LinRowReadM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got, k.auth_mode, k.index)
-                     : LinRowRead_PKM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got, k.auth_mode, k.key.data());
+                     ? LinRowReadM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len),
+                                   &got, k.auth_mode, k.index)
+                     : LinRowRead_PKM(session.hnd(), d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len),
+                                      &got, k.auth_mode, k.key.data());
         } else {
-            st = tandro::key_linear_read(session.hnd(), k, d.data(), static_cast<uint16_t>(addr), static_cast<uint16_t>(len), &got);
+            st = tandro::key_linear_read(session.hnd(), k, d.data(), static_cast<uint16_t>(addr),
+                                         static_cast<uint16_t>(len), &got);
         }
         if (st != ZEL_OK)
             return fail("read", st);
@@ -103,7 +107,8 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
         return 0;
     }
     uint32_t block = 0, count = 1;
-    if (args.empty() || args.size() > 2 || !number(args[0], 255, block) || (args.size() == 2 && !number(args[1], 256, count)))
+    if (args.empty() || args.size() > 2 || !number(args[0], 255, block) ||
+        (args.size() == 2 && !number(args[1], 256, count)))
         return tandro::usage_error("read", "BLOCK [COUNT], --sector N or --linear ADDRESS LENGTH");
     if (!session.open("read", opt))
         return 1;
@@ -191,14 +196,14 @@ int run_write(const tandro::Options &opt, const tandro::Args &in)
     return 0;
 }
 
-#define TANDRO_VALUE_CALL(Name, ...)                                                      \
-    switch (k.form) {                                                                     \
-    case KeyOptions::READER: return Name##M(h, __VA_ARGS__, k.auth_mode, k.index);        \
-    case KeyOptions::AKM1: return Name##_AKM1M(h, __VA_ARGS__, k.auth_mode);              \
-    case KeyOptions::AKM2: return Name##_AKM2M(h, __VA_ARGS__, k.auth_mode);              \
-    case KeyOptions::SAM: return Name##SamKeyM(h, __VA_ARGS__, k.auth_mode, k.index);     \
-    case KeyOptions::PROVIDED: break;                                                     \
-    }                                                                                     \
+#define TANDRO_VALUE_CALL(Name, ...)                                                  \
+    switch (k.form) {                                                                 \
+    case KeyOptions::READER: return Name##M(h, __VA_ARGS__, k.auth_mode, k.index);    \
+    case KeyOptions::AKM1: return Name##_AKM1M(h, __VA_ARGS__, k.auth_mode);          \
+    case KeyOptions::AKM2: return Name##_AKM2M(h, __VA_ARGS__, k.auth_mode);          \
+    case KeyOptions::SAM: return Name##SamKeyM(h, __VA_ARGS__, k.auth_mode, k.index); \
+    case KeyOptions::PROVIDED: break;                                                 \
+    }                                                                                 \
     return Name##_PKM(h, __VA_ARGS__, k.auth_mode, k.key.data())
 
 ZEL_STATUS value_read(ZEL_HANDLE h, const KeyOptions &k, int32_t *v, uint8_t *a, uint8_t b)
@@ -286,7 +291,8 @@ int run_value(const tandro::Options &opt, const tandro::Args &in)
     return 0;
 }
 
-const tandro::Registration read_cmd({"read", "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
+const tandro::Registration read_cmd({"read",
+                                     "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
                                      "card memory as a hex dump (--raw: the bytes)", run_read});
 const tandro::Registration write_cmd({"write", "BLOCK DATA | --linear ADDR DATA|--in FILE [KEY]",
                                       "a block (16 bytes) or a run of the linear space", run_write});

@@ -83,14 +83,14 @@ bool take_key_options(Args &args, KeyOptions &k, std::string &err)
     return true;
 }
 
-#define TANDRO_KEY_CALL(Name, ...)                                                        \
-    switch (k.form) {                                                                     \
-    case KeyOptions::READER: return Name##M(h, __VA_ARGS__, k.auth_mode, k.index);        \
-    case KeyOptions::AKM1: return Name##_AKM1M(h, __VA_ARGS__, k.auth_mode);              \
-    case KeyOptions::AKM2: return Name##_AKM2M(h, __VA_ARGS__, k.auth_mode);              \
-    case KeyOptions::SAM: return Name##SamKeyM(h, __VA_ARGS__, k.auth_mode, k.index);     \
-    case KeyOptions::PROVIDED: break;                                                     \
-    }                                                                                     \
+#define TANDRO_KEY_CALL(Name, ...)                                                    \
+    switch (k.form) {                                                                 \
+    case KeyOptions::READER: return Name##M(h, __VA_ARGS__, k.auth_mode, k.index);    \
+    case KeyOptions::AKM1: return Name##_AKM1M(h, __VA_ARGS__, k.auth_mode);          \
+    case KeyOptions::AKM2: return Name##_AKM2M(h, __VA_ARGS__, k.auth_mode);          \
+    case KeyOptions::SAM: return Name##SamKeyM(h, __VA_ARGS__, k.auth_mode, k.index); \
+    case KeyOptions::PROVIDED: break;                                                 \
+    }                                                                                 \
     return Name##_PKM(h, __VA_ARGS__, k.auth_mode, k.key.data())
 
 ZEL_STATUS key_block_read(ZEL_HANDLE h, const KeyOptions &k, uint8_t *data, uint8_t block)

@@ -31,7 +31,8 @@ void print_dump(const uint8_t *p, size_t n, uint32_t base);
 ZEL_STATUS key_block_read(ZEL_HANDLE h, const KeyOptions &k, uint8_t *data, uint8_t block);
 ZEL_STATUS key_block_in_sector_read(ZEL_HANDLE h, const KeyOptions &k, uint8_t *data, uint8_t sector, uint8_t block);
 ZEL_STATUS key_block_write(ZEL_HANDLE h, const KeyOptions &k, const uint8_t *data, uint8_t block);
-ZEL_STATUS key_linear_read(ZEL_HANDLE h, const KeyOptions &k, uint8_t *data, uint16_t addr, uint16_t len, uint16_t *got);
+ZEL_STATUS key_linear_read(ZEL_HANDLE h, const KeyOptions &k, uint8_t *data, uint16_t addr, uint16_t len,
+                           uint16_t *got);
 ZEL_STATUS key_linear_write(ZEL_HANDLE h, const KeyOptions &k, const uint8_t *data, uint16_t addr, uint16_t len,
                             uint16_t *done);
 

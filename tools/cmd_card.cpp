@@ -111,7 +111,8 @@ int run_cards(const tandro::Options &opt, const tandro::Args &args)
         return 1;
     }
     if (opt.json)
-        std::printf("{\"selected\": \"%s\", \"type\": %s, \"type_code\": %u}\n", tandro::to_hex(uid.data(), uid.size()).c_str(),
+        std::printf("{\"selected\": \"%s\", \"type\": %s, \"type_code\": %u}\n",
+                    tandro::to_hex(uid.data(), uid.size()).c_str(),
                     tandro::json_string(ZEL_OrbCardType2String(type)).c_str(), type);
     else
         std::printf("selected %s: %s (multi-card mode stays on; tandro cards --off ends it)\n",
@@ -119,7 +120,8 @@ int run_cards(const tandro::Options &opt, const tandro::Args &args)
     return 0;
 }
 
-const tandro::Registration card_cmd({"card", "", "the card in the field: UID, type, size, maker, ATQA and SAK", run_card});
+const tandro::Registration card_cmd({"card", "", "the card in the field: UID, type, size, maker, ATQA and SAK",
+                                     run_card});
 const tandro::Registration cards_cmd({"cards", "[--select UID | --off]",
                                       "every card in the field (multi-card mode), or select one", run_cards});
 

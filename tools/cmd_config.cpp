@@ -23,8 +23,8 @@
 
 namespace {
 
-using tandro::to_hex;
 using tandro::parse_hex;
+using tandro::to_hex;
 
 const char kName[] = "config";
 
@@ -286,9 +286,9 @@ int run_async(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &a)
     }
     if (json && (surround || reverse || decimal))
         return tandro::usage_error(kName, "async set json takes only send, removed and baud=N");
-    const ZEL_STATUS st = json ? SetAsyncCardJsonSendConfigM(h, send, removed, baud)
-                               : SetAsyncCardIdSendConfigExM(h, send, surround, prefix, suffix, removed, reverse,
-                                                             decimal, baud);
+    const ZEL_STATUS st =
+        json ? SetAsyncCardJsonSendConfigM(h, send, removed, baud)
+             : SetAsyncCardIdSendConfigExM(h, send, surround, prefix, suffix, removed, reverse, decimal, baud);
     if (st != ZEL_OK)
         return failed("async set", st);
     done(opt, "async setup written");
@@ -324,7 +324,6 @@ int run_config(const tandro::Options &opt, const tandro::Args &given)
 
 const tandro::Registration config_cmd(
     {"config", "time|key|keys|eeprom|async ...",
-     "reads and sets the reader's time, keys, EEPROM bytes and card id setup (--password PW for changes)",
-     run_config});
+     "reads and sets the reader's time, keys, EEPROM bytes and card id setup (--password PW for changes)", run_config});
 
 } // namespace

@@ -31,30 +31,40 @@ struct Key {
 
 // The public forms of one operation, by where the key is and, within that, by its wire type (AES, 3K3DES,
 // DES, 2K3DES); null where the library offers no such form.
-template <typename... A>
-struct Forms {
+template <typename... A> struct Forms {
     ZEL_STATUS (*reader[4])(ZEL_HANDLE, uint8_t, A...);
     ZEL_STATUS (*given[4])(ZEL_HANDLE, const uint8_t *, A...);
     ZEL_STATUS (*sam[4])(ZEL_HANDLE, uint8_t, A...);
     ZEL_STATUS (*none)(ZEL_HANDLE, A...);
 };
 // The Forms type of an operation, from its AES reader-key form.
-template <typename... A>
-Forms<A...> forms_like(ZEL_STATUS (*)(ZEL_HANDLE, uint8_t, A...));
+template <typename... A> Forms<A...> forms_like(ZEL_STATUS (*)(ZEL_HANDLE, uint8_t, A...));
 
 // S the operation's stem, Z what its names end in before the M of the handle forms.
 #define TD_FORMS_T(S, Z) decltype(forms_like(Zel_int_##S##_aes##Z##M))
-#define TD_READER(S, Z)                                                                                       \
-    {Zel_int_##S##_aes##Z##M, Zel_int_##S##_3k3des##Z##M, Zel_int_##S##_des##Z##M, Zel_int_##S##_2k3des##Z##M}
-#define TD_GIVEN(S, Z)                                                                                        \
-    {Zel_int_##S##_aes_PK##Z##M, Zel_int_##S##_3k3des_PK##Z##M, Zel_int_##S##_des_PK##Z##M,                   \
-     Zel_int_##S##_2k3des_PK##Z##M}
-#define TD_SAM(S, Z)                                                                                          \
-    {Zel_SAM_##S##AesAuth##Z##M, Zel_SAM_##S##3k3desAuth##Z##M, Zel_SAM_##S##DesAuth##Z##M,                   \
-     Zel_SAM_##S##2k3desAuth##Z##M}
+#define TD_READER(S, Z)                                                                                          \
+    {                                                                                                            \
+        Zel_int_##S##_aes##Z##M, Zel_int_##S##_3k3des##Z##M, Zel_int_##S##_des##Z##M, Zel_int_##S##_2k3des##Z##M \
+    }
+#define TD_GIVEN(S, Z)                                                                         \
+    {                                                                                          \
+        Zel_int_##S##_aes_PK##Z##M, Zel_int_##S##_3k3des_PK##Z##M, Zel_int_##S##_des_PK##Z##M, \
+            Zel_int_##S##_2k3des_PK##Z##M                                                      \
+    }
+#define TD_SAM(S, Z)                                                                           \
+    {                                                                                          \
+        Zel_SAM_##S##AesAuth##Z##M, Zel_SAM_##S##3k3desAuth##Z##M, Zel_SAM_##S##DesAuth##Z##M, \
+            Zel_SAM_##S##2k3desAuth##Z##M                                                      \
+    }
 // Every key form, with or without the one that does not authenticate.
-#define TD_ALL(S, Z) {TD_READER(S, Z), TD_GIVEN(S, Z), TD_SAM(S, Z), Zel_int_##S##_no_auth##Z##M}
-#define TD_KEYED(S, Z) {TD_READER(S, Z), TD_GIVEN(S, Z), TD_SAM(S, Z), nullptr}
+#define TD_ALL(S, Z)                                                               \
+    {                                                                              \
+        TD_READER(S, Z), TD_GIVEN(S, Z), TD_SAM(S, Z), Zel_int_##S##_no_auth##Z##M \
+    }
+#define TD_KEYED(S, Z)                                         \
+    {                                                          \
+        TD_READER(S, Z), TD_GIVEN(S, Z), TD_SAM(S, Z), nullptr \
+    }
 
 const TD_FORMS_T(DesfireFormatCard, ) kFormat = TD_KEYED(DesfireFormatCard, );
 const TD_FORMS_T(GetDesfireUid, ) kUid = TD_KEYED(GetDesfireUid, );
@@ -74,9 +84,9 @@ const TD_FORMS_T(DesfireDeleteFile, ) kDeleteFile = TD_ALL(DesfireDeleteFile, );
 const TD_FORMS_T(DesfireGetFileSettings, ) kFileSettings = TD_ALL(DesfireGetFileSettings, );
 // SDM settings come by AES keys only.
 const TD_FORMS_T(DesfireGetFileSettingsSdm, ) kSdmSettings = {{Zel_int_DesfireGetFileSettingsSdm_aesM},
-                                                               {Zel_int_DesfireGetFileSettingsSdm_aes_PKM},
-                                                               {Zel_SAM_DesfireGetFileSettingsSdmAesAuthM},
-                                                               nullptr};
+                                                              {Zel_int_DesfireGetFileSettingsSdm_aes_PKM},
+                                                              {Zel_SAM_DesfireGetFileSettingsSdmAesAuthM},
+                                                              nullptr};
 const TD_FORMS_T(DesfireReadStdDataFile, ) kReadStd = TD_ALL(DesfireReadStdDataFile, );
 const TD_FORMS_T(DesfireWriteStdDataFile, ) kWriteStd = TD_ALL(DesfireWriteStdDataFile, );
 const TD_FORMS_T(DesfireReadValueFile, ) kReadValue = TD_ALL(DesfireReadValueFile, );
@@ -111,7 +121,10 @@ bool key_type(const std::string &t, uint8_t &out)
     return true;
 }
 
-size_t key_len(uint8_t t) { return t == ZEL_DESFIRE_WIRE_DES ? 8 : t == ZEL_DESFIRE_WIRE_3K3DES ? 24 : 16; }
+size_t key_len(uint8_t t)
+{
+    return t == ZEL_DESFIRE_WIRE_DES ? 8 : t == ZEL_DESFIRE_WIRE_3K3DES ? 24 : 16;
+}
 
 const char *file_type_name(uint8_t t)
 {
@@ -184,8 +197,7 @@ struct Ctx {
 };
 
 // Runs an operation in the form that fits the key.
-template <typename... A, typename... B>
-ZEL_STATUS run_form(Ctx &c, const Forms<A...> &f, B... args)
+template <typename... A, typename... B> ZEL_STATUS run_form(Ctx &c, const Forms<A...> &f, B... args)
 {
     static const uint8_t kZeroKey[24] = {};
     const Key &k = c.key;
@@ -226,7 +238,10 @@ int outcome(const char *what, ZEL_STATUS st, const Ctx &c)
     return 0;
 }
 
-bool u32(const std::string &s, uint32_t &v) { return tandro::parse_u32(s, &v); }
+bool u32(const std::string &s, uint32_t &v)
+{
+    return tandro::parse_u32(s, &v);
+}
 // A signed 32-bit decimal number.
 bool i32(const std::string &s, int32_t &v)
 {
@@ -248,8 +263,14 @@ bool aid_of(const std::string &s, uint32_t &v)
     v = static_cast<uint32_t>(b[0]) << 16 | b[1] << 8 | b[2];
     return true;
 }
-bool arg_aid(const Ctx &c, size_t i, uint32_t &aid) { return i < c.args.size() && aid_of(c.args[i], aid); }
-bool arg_num(const Ctx &c, size_t i, uint32_t &v) { return i < c.args.size() && u32(c.args[i], v); }
+bool arg_aid(const Ctx &c, size_t i, uint32_t &aid)
+{
+    return i < c.args.size() && aid_of(c.args[i], aid);
+}
+bool arg_num(const Ctx &c, size_t i, uint32_t &v)
+{
+    return i < c.args.size() && u32(c.args[i], v);
+}
 
 // ---- The card and its applications ----
 
@@ -272,7 +293,10 @@ int sub_uid(Ctx &c)
     return 0;
 }
 
-int sub_format(Ctx &c) { return outcome("format", run_form(c, kFormat), c); }
+int sub_format(Ctx &c)
+{
+    return outcome("format", run_form(c, kFormat), c);
+}
 
 // config OPTION HEX [AID]: the card's configuration option with its data, in the application if given.
 int sub_config(Ctx &c)
@@ -317,12 +341,14 @@ int sub_app_create(Ctx &c)
     if ((args.size() > 3 && !arg_num(c, 3, keys)) || (args.size() > 4 && !arg_num(c, 4, settings)) || keys < 1 ||
         keys > 14 || settings > 255)
         return tandro::usage_error("desfire", "app-create: KEYS 1 to 14, SETTINGS a byte");
-    const auto *forms = type == "aes" ? &kCreateAes : type == "des" ? &kCreateDes : type == "3k3des" ? &kCreate3k3des
-                                                                                                     : nullptr;
+    const auto *forms = type == "aes"      ? &kCreateAes
+                        : type == "des"    ? &kCreateDes
+                        : type == "3k3des" ? &kCreate3k3des
+                                           : nullptr;
     if (!forms)
         return tandro::usage_error("desfire", "app-create: the type is aes, des or 3k3des");
-    return outcome("app-create",
-                   run_form(c, *forms, c.aid, static_cast<uint8_t>(settings), static_cast<uint8_t>(keys)), c);
+    return outcome("app-create", run_form(c, *forms, c.aid, static_cast<uint8_t>(settings), static_cast<uint8_t>(keys)),
+                   c);
 }
 
 int sub_app_delete(Ctx &c)
@@ -364,8 +390,8 @@ void print_file_settings(uint8_t f, const zel_desfire_file_settings &s, bool jso
                         s.lower_limit, s.upper_limit, s.limited_credit_enabled ? "true" : "false",
                         s.limited_credit_value);
         else if (s.file_type <= 4)
-            std::printf(", \"record_size\": %u, \"records\": %u, \"max_records\": %u", s.record_size,
-                        s.current_records, s.max_records);
+            std::printf(", \"record_size\": %u, \"records\": %u, \"max_records\": %u", s.record_size, s.current_records,
+                        s.max_records);
         else
             std::printf(", \"key_type\": %u, \"key_version\": %u", s.tmac_key_type, s.tmac_key_version);
         std::printf("}\n");
@@ -410,7 +436,10 @@ int sub_sdm_settings(Ctx &c)
     return 0;
 }
 
-int sub_file_delete(Ctx &c) { return outcome("file-delete", run_form(c, kDeleteFile, c.aid, c.file), c); }
+int sub_file_delete(Ctx &c)
+{
+    return outcome("file-delete", run_form(c, kDeleteFile, c.aid, c.file), c);
+}
 
 int sub_file_create(Ctx &c)
 {

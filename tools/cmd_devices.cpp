@@ -115,9 +115,10 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
         for (size_t i = 0; i < ports.size(); ++i) {
             const SerialPort &p = ports[i];
             out += std::string(i ? ", " : "") + "{\"port\": " + tandro::json_string(p.name) +
-                   ", \"description\": " + tandro::json_string(p.description) + ", \"id\": " + tandro::json_string(p.id) +
-                   ", \"serial\": " + tandro::json_string(p.serial) + ", \"reader\": " + (p.reader ? "true" : "false") +
-                   ", \"ftdi\": " + (p.ftdi ? "true" : "false") + "}";
+                   ", \"description\": " + tandro::json_string(p.description) +
+                   ", \"id\": " + tandro::json_string(p.id) + ", \"serial\": " + tandro::json_string(p.serial) +
+                   ", \"reader\": " + (p.reader ? "true" : "false") + ", \"ftdi\": " + (p.ftdi ? "true" : "false") +
+                   "}";
         }
         out += "], \"ftdi\": ";
         if (!ftdi.loaded) {
@@ -137,11 +138,13 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
 
     std::printf("USB serial ports:%s\n", !listed ? " (the device tree cannot be read)" : ports.empty() ? " none" : "");
     for (const SerialPort &p : ports) {
-        std::printf("  %-16s %s%s\n", p.name.c_str(), p.description.empty() ? "(no description)" : p.description.c_str(),
-                    p.reader ? "  [reader]" : p.ftdi ? "  [FTDI]" : "");
+        std::printf("  %-16s %s%s\n", p.name.c_str(),
+                    p.description.empty() ? "(no description)" : p.description.c_str(),
+                    p.reader ? "  [reader]"
+                    : p.ftdi ? "  [FTDI]"
+                             : "");
         if (!p.id.empty())
-            std::printf("  %-16s id %s%s%s\n", "", p.id.c_str(), p.serial.empty() ? "" : ", serial ",
-                        p.serial.c_str());
+            std::printf("  %-16s id %s%s%s\n", "", p.id.c_str(), p.serial.empty() ? "" : ", serial ", p.serial.c_str());
     }
     if (!ftdi.loaded) {
         std::printf("FTDI devices: the D2XX library (libftd2xx.so) is not installed\n");

@@ -19,7 +19,8 @@ int run_discover(const tandro::Options &opt, const tandro::Args &args)
         // The simulated reader on the network reader's own port, as a network reader would be.
         sim = zsim_new();
         char err[256] = {};
-        if (!sim || (!opt.sim_scenario.empty() && zsim_load_scenario_file(sim, opt.sim_scenario.c_str(), err, sizeof err)) ||
+        if (!sim ||
+            (!opt.sim_scenario.empty() && zsim_load_scenario_file(sim, opt.sim_scenario.c_str(), err, sizeof err)) ||
             zsim_serve_udp(sim, "0.0.0.0", ZEL_NET_FRAME_PORT, nullptr) != 0) {
             std::fprintf(stderr, "tandro discover: the simulated reader could not take UDP port %d%s%s\n",
                          ZEL_NET_FRAME_PORT, err[0] ? ": " : "", err);

@@ -49,10 +49,10 @@ std::string serial_text(const uint8_t *p)
 
 // One line of the report: a label and a value, or the status the reader gave instead.
 struct Field {
-    std::string name;     // JSON member
-    std::string label;    // text form
-    std::string text;     // the value as text
-    std::string json;     // the value as a JSON value
+    std::string name;  // JSON member
+    std::string label; // text form
+    std::string text;  // the value as text
+    std::string json;  // the value as a JSON value
     ZEL_STATUS status = ZEL_OK;
 };
 
@@ -83,8 +83,8 @@ ZEL_STATUS read_parameters(ZEL_HANDLE h, Identity &id, size_t &mui_len)
                                           &id.minor, &id.build);
     mui_len = 16;
     if (st != ZEL_OK) {
-        st = GetReaderParametersM(h, id.mui, &id.serial, &id.hw_type, &id.hw_ver, &id.device_type, &id.major,
-                                  &id.minor, &id.build);
+        st = GetReaderParametersM(h, id.mui, &id.serial, &id.hw_type, &id.hw_ver, &id.device_type, &id.major, &id.minor,
+                                  &id.build);
         mui_len = 12;
     }
     if (id.hw_type == zel::kHwTypeEsp)

@@ -14,9 +14,10 @@
 
 namespace {
 
-const char *USAGE = "[--uid HEX] [info [PWD] | status FIRST [COUNT] | em-status FIRST [COUNT] | lock BLOCK [RPWD WPWD] | "
-                    "protect PAGE RPWD WPWD LR LW HR HW | password ID CURRENT NEW | em-protect PAGE PWD STATUS | "
-                    "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, ...)";
+const char *USAGE =
+    "[--uid HEX] [info [PWD] | status FIRST [COUNT] | em-status FIRST [COUNT] | lock BLOCK [RPWD WPWD] | "
+    "protect PAGE RPWD WPWD LR LW HR HW | password ID CURRENT NEW | em-protect PAGE PWD STATUS | "
+    "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, ...)";
 
 bool number(const std::string &s, uint8_t &out)
 {
@@ -62,8 +63,10 @@ bool password_id(const std::string &s, uint8_t &out)
     static const struct {
         const char *name;
         uint8_t id;
-    } names[] = {{"read", ZEL_ICODE_PWD_READ},       {"write", ZEL_ICODE_PWD_WRITE},
-                 {"privacy", ZEL_ICODE_PWD_PRIVACY}, {"destroy", ZEL_ICODE_PWD_DESTROY},
+    } names[] = {{"read", ZEL_ICODE_PWD_READ},
+                 {"write", ZEL_ICODE_PWD_WRITE},
+                 {"privacy", ZEL_ICODE_PWD_PRIVACY},
+                 {"destroy", ZEL_ICODE_PWD_DESTROY},
                  {"eas-afi", ZEL_ICODE_PWD_EAS_AFI}};
     for (const auto &n : names)
         if (s == n.name) {
@@ -240,7 +243,8 @@ int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
     ZEL_HANDLE h = session.hnd();
     tandro::CardPick pick(h);
     // A vicinity tag: an 8-byte UID whose first byte is E0.
-    ZEL_STATUS st = pick.pick(want_uid, [](const uint8_t *u, uint8_t len, uint8_t) { return len == 8 && u[0] == 0xE0; });
+    ZEL_STATUS st =
+        pick.pick(want_uid, [](const uint8_t *u, uint8_t len, uint8_t) { return len == 8 && u[0] == 0xE0; });
     if (st != ZEL_OK)
         return fail(st);
     if (what == "info")
@@ -255,20 +259,22 @@ int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
         if (pw.empty())
             st = iso15693_lock_block_no_authM(h, a);
         else
-            st = idx ? icode_lock_blockM(h, pw[0].index, pw[1].index, a) : icode_lock_block_PK_M(h, bytes(0), bytes(1), a);
+            st = idx ? icode_lock_blockM(h, pw[0].index, pw[1].index, a)
+                     : icode_lock_block_PK_M(h, bytes(0), bytes(1), a);
         std::snprintf(text, sizeof text, "block %u locked", a);
     } else if (what == "protect") {
         const bool lr = args[4] != "0", lw = args[5] != "0", hr = args[6] != "0", hw = args[7] != "0";
         st = idx ? icode_protect_pageM(h, pw[0].index, pw[1].index, a, lr, lw, hr, hw)
                  : icode_protect_page_PK_M(h, bytes(0), bytes(1), a, lr, lw, hr, hw);
         std::string which;
-        for (const auto &[on, name] : {std::pair{lr, "low read"}, {lw, "low write"}, {hr, "high read"}, {hw, "high write"}})
+        for (const auto &[on, name] :
+             {std::pair{lr, "low read"}, {lw, "low write"}, {hr, "high read"}, {hw, "high write"}})
             if (on)
                 which += (which.empty() ? "" : ", ") + std::string(name);
-        std::snprintf(text, sizeof text, "page %u protection: %s", a,
-                      which.empty() ? "none" : which.c_str());
+        std::snprintf(text, sizeof text, "page %u protection: %s", a, which.empty() ? "none" : which.c_str());
     } else if (what == "password") {
-        st = idx ? icode_write_passwordM(h, a, pw[0].index, pw[1].index) : icode_write_password_PK_M(h, a, bytes(0), bytes(1));
+        st = idx ? icode_write_passwordM(h, a, pw[0].index, pw[1].index)
+                 : icode_write_password_PK_M(h, a, bytes(0), bytes(1));
         std::snprintf(text, sizeof text, "password 0x%02X changed", a);
     } else if (what == "em-protect") {
         st = idx ? em4237_protect_pageM(h, pw[0].index, a, c) : em4237_protect_page_PK_M(h, bytes(0), a, c);

@@ -72,8 +72,8 @@ int run_mrz(const tandro::Options &opt, const tandro::Args &args)
 
     const bool lower_line = mrz.size() == 44;
     const ZEL_STATUS format = lower_line ? MRTD_FORMAT_TD3 : MRTD_MRZDetectFormat(mrz.data(), mrz.size());
-    const ZEL_STATUS check = lower_line ? MRTD_MRZSubjacentCheck(mrz.c_str())
-                                        : MRTD_MRZCheck(mrz.c_str(), static_cast<uint8_t>(mrz.size()));
+    const ZEL_STATUS check =
+        lower_line ? MRTD_MRZSubjacentCheck(mrz.c_str()) : MRTD_MRZCheck(mrz.c_str(), static_cast<uint8_t>(mrz.size()));
     const bool known = format == MRTD_FORMAT_TD1 || format == MRTD_FORMAT_TD2 || format == MRTD_FORMAT_TD3;
 
     char key[MRTD_PROTO_KEY_SIZE] = "";
@@ -121,9 +121,8 @@ int run_mrz(const tandro::Options &opt, const tandro::Args &args)
     return check == ZEL_OK ? 0 : 1;
 }
 
-const tandro::Registration mrz_cmd({"mrz", "TEXT...",
-                                    "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)",
-                                    run_mrz});
+const tandro::Registration mrz_cmd(
+    {"mrz", "TEXT...", "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)", run_mrz});
 
 } // namespace
 
@@ -262,8 +261,9 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
             st = MRTD_ReadDocumentDataEx(buf.data(), &len, 0, 0, nullptr);
             if (st == ZEL_OK && len >= 2) {
                 json.assign(buf.data(), len - 1);
-                json += std::string(json.size() > 1 ? "," : "") + "\"Validation\":{\"document_integrity\":" +
-                        (integrity ? "true" : "false") + ",\"csca_root_validity\":" + (validity ? "true" : "false") +
+                json += std::string(json.size() > 1 ? "," : "") +
+                        "\"Validation\":{\"document_integrity\":" + (integrity ? "true" : "false") +
+                        ",\"csca_root_validity\":" + (validity ? "true" : "false") +
                         ",\"status\":" + tandro::json_string(ZEL_Status2String(vst)) + "}}";
             }
         }

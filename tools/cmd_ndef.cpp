@@ -105,9 +105,10 @@ void print_listing(const Listing &l, bool json)
         const bool is_text = rec.tnf == 1 && rec.type == "T" && text_record(rec.payload, lang, text);
         const std::string hex = tandro::to_hex(rec.payload.data(), rec.payload.size());
         if (json) {
-            std::printf("%s{\"message\": %u, \"record\": %u, \"tnf\": %u, \"type\": %s, \"id\": %s, \"payload\": \"%s\"",
-                        first ? "" : ", ", s.message, s.record, rec.tnf, tandro::json_string(rec.type).c_str(),
-                        tandro::json_string(rec.id).c_str(), hex.c_str());
+            std::printf(
+                "%s{\"message\": %u, \"record\": %u, \"tnf\": %u, \"type\": %s, \"id\": %s, \"payload\": \"%s\"",
+                first ? "" : ", ", s.message, s.record, rec.tnf, tandro::json_string(rec.type).c_str(),
+                tandro::json_string(rec.id).c_str(), hex.c_str());
             if (uri)
                 std::printf(", \"uri\": %s", tandro::json_string(uri_text(rec.payload)).c_str());
             if (is_text)
@@ -156,7 +157,10 @@ ZEL_STATUS list_store(ZEL_HANDLE h, Listing &l)
     return ZEL_OK;
 }
 
-bool is_desfire(uint8_t t) { return (t >= 0x27 && t <= 0x2D) || (t >= 0x45 && t <= 0x47); }
+bool is_desfire(uint8_t t)
+{
+    return (t >= 0x27 && t <= 0x2D) || (t >= 0x45 && t <= 0x47);
+}
 
 bool card_is_desfire(ZEL_HANDLE h)
 {
@@ -394,14 +398,15 @@ int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &args
     payload.push_back(0);
     uint8_t tl = static_cast<uint8_t>(type.size()), il = static_cast<uint8_t>(id.size()), formatted = 0;
     uint32_t pl = static_cast<uint32_t>(payload.size() - 1);
-    const ZEL_STATUS st = write_ndef_recordM(h, message, &tnf, tb.data(), &tl, ib.data(), &il, payload.data(), &pl,
-                                             &formatted);
+    const ZEL_STATUS st =
+        write_ndef_recordM(h, message, &tnf, tb.data(), &tl, ib.data(), &il, payload.data(), &pl, &formatted);
     if (st != ZEL_OK) {
         std::fprintf(stderr, "tandro ndef write: %s\n", ZEL_Status2String(st));
         return 1;
     }
     if (opt.json)
-        std::printf("{\"written\": true, \"formatted\": %s, \"payload_bytes\": %u}\n", formatted ? "true" : "false", pl);
+        std::printf("{\"written\": true, \"formatted\": %s, \"payload_bytes\": %u}\n", formatted ? "true" : "false",
+                    pl);
     else
         std::printf("record written to message %u (%u payload bytes)%s\n", message, pl,
                     formatted ? "; the card was formatted first" : "");
@@ -433,7 +438,8 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
             uint32_t m = 0;
             if (args[i] == "--all")
                 all = true;
-            else if (args[i] == "--message" && i + 1 < args.size() && tandro::parse_u32(args[++i], &m) && m >= 1 && m <= 255)
+            else if (args[i] == "--message" && i + 1 < args.size() && tandro::parse_u32(args[++i], &m) && m >= 1 &&
+                     m <= 255)
                 message = static_cast<uint8_t>(m);
             else
                 return tandro::usage_error("ndef", "erase takes [--all] [--message N]");

@@ -29,7 +29,8 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     char path[256] = {};
     if (zsim_load_scenario(sim, tandro::default_sim_scenario(), err, sizeof err) != 0 ||
         zsim_serve_pty(sim, path, sizeof path) != 0) {
-        std::fprintf(stderr, "tandro demo: the simulated reader did not start: %s\n", err[0] ? err : "no pseudo-terminal");
+        std::fprintf(stderr, "tandro demo: the simulated reader did not start: %s\n",
+                     err[0] ? err : "no pseudo-terminal");
         zsim_free(sim);
         return 1;
     }
@@ -57,8 +58,9 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         return 1;
     }
     if (json)
-        std::printf("{\"reader\": {\"port\": %s, \"type\": \"%08X\", \"serial_number\": %u, \"firmware\": \"%u.%u\"}}\n",
-                    tandro::json_string(path).c_str(), type, serial, fw_major, fw_minor);
+        std::printf(
+            "{\"reader\": {\"port\": %s, \"type\": \"%08X\", \"serial_number\": %u, \"firmware\": \"%u.%u\"}}\n",
+            tandro::json_string(path).c_str(), type, serial, fw_major, fw_minor);
     else
         std::printf("Simulated reader on %s\n  type %08X, serial number %u, firmware %u.%u\n\nCards in the field\n",
                     path, type, serial, fw_major, fw_minor);
@@ -78,8 +80,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     st = GetCardIdEx(&sak, uid, &uid_len);
     if (st == ZEL_OK) {
         if (!json)
-            std::printf("\nSector 1 of %s %s\n", front_card_name(),
-                        tandro::to_hex(uid, uid_len).c_str());
+            std::printf("\nSector 1 of %s %s\n", front_card_name(), tandro::to_hex(uid, uid_len).c_str());
         rc |= tandro::print_sector_dump(hnd, tandro::KeyOptions{}, 1, json);
         zsim_card_remove(sim, uid, uid_len);
     } else {

@@ -28,9 +28,12 @@ std::string product(const uint8_t v[8])
         uint8_t type, storage;
         const char *name;
     } known[] = {
-        {0x03, 0x0B, "Ultralight EV1, 48 bytes"}, {0x03, 0x0E, "Ultralight EV1, 128 bytes"},
-        {0x04, 0x0B, "NTAG 210"},                 {0x04, 0x0E, "NTAG 212"},
-        {0x04, 0x0F, "NTAG 213"},                 {0x04, 0x11, "NTAG 215"},
+        {0x03, 0x0B, "Ultralight EV1, 48 bytes"},
+        {0x03, 0x0E, "Ultralight EV1, 128 bytes"},
+        {0x04, 0x0B, "NTAG 210"},
+        {0x04, 0x0E, "NTAG 212"},
+        {0x04, 0x0F, "NTAG 213"},
+        {0x04, 0x11, "NTAG 215"},
         {0x04, 0x13, "NTAG 216"},
     };
     for (const auto &k : known)
@@ -148,18 +151,17 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
     // The arguments are checked before the reader is reached.
     uint32_t a = 0, b = 0;
     std::vector<uint8_t> p1, p2;
-    const bool ok = (what == "info" && n <= 1) ||
-                    (what == "counter" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
-                    (what == "increment" && n == 3 && tandro::parse_u32(args[1], &a) && a < 256 &&
-                     tandro::parse_u32(args[2], &b)) ||
-                    (what == "nfc-counter" && (n == 1 || (n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 4 &&
-                                                          tandro::parse_hex(args[2], p2) && p2.size() == 2))) ||
-                    (what == "auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 4) ||
-                    (what == "auth-key" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
-                    (what == "ulc-auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 16) ||
-                    (what == "ulc-key" && n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 16 &&
-                     (args[2] == "factory" || args[2] == "no-auth" ||
-                      (tandro::parse_hex(args[2], p2) && p2.size() == 16)));
+    const bool ok =
+        (what == "info" && n <= 1) || (what == "counter" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
+        (what == "increment" && n == 3 && tandro::parse_u32(args[1], &a) && a < 256 &&
+         tandro::parse_u32(args[2], &b)) ||
+        (what == "nfc-counter" && (n == 1 || (n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 4 &&
+                                              tandro::parse_hex(args[2], p2) && p2.size() == 2))) ||
+        (what == "auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 4) ||
+        (what == "auth-key" && n == 2 && tandro::parse_u32(args[1], &a) && a < 256) ||
+        (what == "ulc-auth" && n == 2 && tandro::parse_hex(args[1], p1) && p1.size() == 16) ||
+        (what == "ulc-key" && n == 3 && tandro::parse_hex(args[1], p1) && p1.size() == 16 &&
+         (args[2] == "factory" || args[2] == "no-auth" || (tandro::parse_hex(args[2], p2) && p2.size() == 16)));
     if (!ok)
         return tandro::usage_error("t2t", std::string("usage: tandro t2t ") + USAGE);
     tandro::ReaderSession session;
@@ -168,7 +170,8 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
     ZEL_HANDLE h = session.hnd();
     tandro::CardPick pick(h);
     // Type 2 tags and NFC Forum tags have the type codes 0x01 to 0x15.
-    ZEL_STATUS st = pick.pick(want_uid, [](const uint8_t *, uint8_t, uint8_t type) { return type >= 1 && type <= 0x15; });
+    ZEL_STATUS st =
+        pick.pick(want_uid, [](const uint8_t *, uint8_t, uint8_t type) { return type >= 1 && type <= 0x15; });
     if (st != ZEL_OK)
         return fail(st);
     if (what == "info") {

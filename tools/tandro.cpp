@@ -71,15 +71,16 @@ int usage(FILE *out)
         const std::string head = std::string(c.name) + (c.usage[0] ? " " : "") + c.usage;
         std::fprintf(out, "  %-22s %s\n", head.c_str(), c.summary);
     }
-    std::fprintf(out, "\noptions:\n"
-                      "  --json                 structured output\n"
-                      "  --debug                the library's debug lines on standard error\n"
-                      "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
-                      "  --port NAME            the reader's port: device path, reader serial, or HOST[:PORT] on a network\n"
-                      "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"
-                      "  --interface I          0 auto, 1 serial, 2 FTDI, 10 serial with GPIO reset, T TCP, U UDP\n"
-                      "  --arg WORDS            words of the open, such as \"UNIT_OPEN_RESET_DISABLE\"\n"
-                      "  (no --port and no --sim: the reader is searched for on USB and serial ports)\n");
+    std::fprintf(out,
+                 "\noptions:\n"
+                 "  --json                 structured output\n"
+                 "  --debug                the library's debug lines on standard error\n"
+                 "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
+                 "  --port NAME            the reader's port: device path, reader serial, or HOST[:PORT] on a network\n"
+                 "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"
+                 "  --interface I          0 auto, 1 serial, 2 FTDI, 10 serial with GPIO reset, T TCP, U UDP\n"
+                 "  --arg WORDS            words of the open, such as \"UNIT_OPEN_RESET_DISABLE\"\n"
+                 "  (no --port and no --sim: the reader is searched for on USB and serial ports)\n");
     return out == stdout ? 0 : 2;
 }
 

@@ -13,8 +13,7 @@ zel::D2xxTable g_table{};
 void *g_module = nullptr;
 std::mutex g_table_mutex;
 
-template <typename Fn>
-void resolve(void *module, const char *name, Fn &slot)
+template <typename Fn> void resolve(void *module, const char *name, Fn &slot)
 {
     slot = reinterpret_cast<Fn>(dlsym(module, name));
 }

@@ -22,6 +22,8 @@ struct FtComStat {
     uint32_t cbOutQue;
 };
 
+// The entry points line up as the D2XX library declares them.
+// clang-format off
 struct D2xxTable {
     FT_STATUS (*FT_Open)(int index, FT_HANDLE *handle);
     FT_STATUS (*FT_Close)(FT_HANDLE handle);
@@ -49,6 +51,7 @@ struct D2xxTable {
     FT_STATUS (*FT_GetComPortNumber)(FT_HANDLE handle, int32_t *port);
     FT_STATUS (*FT_ListDevices)(void *arg1, void *arg2, uint32_t flags);
 };
+// clang-format on
 
 // The program data record that FT_EE_Read fills: a header set by the caller, the USB ids, four text buffers
 // of the caller's (64, 16, 64 and 16 bytes) and, of the FT232R part, the InvertRTS bit. 64-bit layout:

@@ -25,8 +25,8 @@ constexpr int kMaxWalkUp = 12;
 constexpr size_t kMaxAttr = 255;
 
 struct Port {
-    std::string name;        // ttyUSB0
-    std::string prefix;      // /dev/ttyUSB
+    std::string name;   // ttyUSB0
+    std::string prefix; // /dev/ttyUSB
     int number = 0;
     std::string device_id;   // the interface's id
     std::string parent_id;   // the USB device's id, or "Unknown"
@@ -130,7 +130,8 @@ bool list_ports(std::vector<Port> *ports)
             const size_t k = std::strlen(kind);
             if (name.size() <= k || name.size() > k + 6 || name.compare(0, k, kind) != 0)
                 continue;
-            if (!std::all_of(name.begin() + static_cast<long>(k), name.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }))
+            if (!std::all_of(name.begin() + static_cast<long>(k), name.end(),
+                             [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }))
                 continue;
             Port p;
             p.name = name;

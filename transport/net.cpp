@@ -134,8 +134,8 @@ bool zel::parse_discovery_reply(const uint8_t *data, size_t len, DiscoveryReply 
     return true;
 }
 
-extern "C" ZEL_API ZEL_STATUS udp_init(ZEL_HANDLE hnd, uint32_t reader_type, const char *host,
-                                       uint32_t port_interface, const char *arg)
+extern "C" ZEL_API ZEL_STATUS udp_init(ZEL_HANDLE hnd, uint32_t reader_type, const char *host, uint32_t port_interface,
+                                       const char *arg)
 {
     (void)reader_type;
     (void)arg;

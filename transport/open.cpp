@@ -25,14 +25,14 @@ using namespace zel;
 
 namespace {
 
-constexpr uint32_t kTestTimeoutMs = 250;     // while the reader is tested
-constexpr uint32_t kOpenedTimeoutMs = 1500;  // a serial port once open
+constexpr uint32_t kTestTimeoutMs = 250;    // while the reader is tested
+constexpr uint32_t kOpenedTimeoutMs = 1500; // a serial port once open
 constexpr uint32_t kFtdiOpenedTimeoutMs = 1000;
 constexpr uint32_t kEspTimeoutMs = 1000;
-constexpr uint32_t kAfterTestMs = 250;       // a reader that just answered settles before the next command
+constexpr uint32_t kAfterTestMs = 250; // a reader that just answered settles before the next command
 constexpr int kTests = 3;
 constexpr uint32_t kArgMax = 300;
-constexpr uint8_t kAsyncOff = 33;            // prefix and suffix of the closing asynchronous id setup
+constexpr uint8_t kAsyncOff = 33; // prefix and suffix of the closing asynchronous id setup
 
 bool starts_with(const char *text, const char *prefix)
 {
@@ -80,8 +80,7 @@ ZEL_STATUS run_tests(zel_handle_record *hnd, const char *log_text)
 ZEL_STATUS reset_and_test(zel_handle_record *hnd, const char *log_text)
 {
     switch (hnd->reset_on_open) {
-    case UNIT_OPEN_RESET_DISABLE:
-        return run_tests(hnd, log_text);
+    case UNIT_OPEN_RESET_DISABLE: return run_tests(hnd, log_text);
     case UNIT_OPEN_RESET_ONLY:
         if (open_reset(hnd) == ZEL_OK)
             return ZEL_OK;
@@ -208,8 +207,8 @@ extern "C" ZEL_API void parse_open_arg(ZEL_HANDLE hnd, const char *arg)
                   {"UNIT_OPEN_RESET_FORCE", UNIT_OPEN_RESET_FORCE},
                   {"UNIT_OPEN_RESET_ONLY", UNIT_OPEN_RESET_ONLY}},
       // 115200 before 250000, then the table's order, so that no rate is taken for a longer one.
-      kBaud[] = {{"BR_115200", 1}, {"BR_250000", 2}, {"BR_1000000", 0}, {"BR_9600", 3}, {"BR_19200", 4},
-                 {"BR_38400", 5},  {"BR_57600", 6},  {"BR_230400", 7},  {"BR_460800", 8}, {"BR_500000", 9}};
+        kBaud[] = {{"BR_115200", 1}, {"BR_250000", 2}, {"BR_1000000", 0}, {"BR_9600", 3},   {"BR_19200", 4},
+                   {"BR_38400", 5},  {"BR_57600", 6},  {"BR_230400", 7},  {"BR_460800", 8}, {"BR_500000", 9}};
     char *save = nullptr;
     for (char *word = strtok_r(copy, " \t", &save); word; word = strtok_r(nullptr, " \t", &save)) {
         for (const auto &w : kRts)
@@ -242,8 +241,8 @@ extern "C" ZEL_API ZEL_STATUS test_reader_fw_version(ZEL_HANDLE hnd)
     uint64_t serial = 0;
     uint8_t hw_type = 0, hw_version = 0, fw_major = 0, fw_minor = 0, fw_build = 0;
     uint32_t device_type = 0;
-    const ZEL_STATUS status = GetReaderParametersHnd(hnd, mui, &serial, &hw_type, &hw_version, &device_type,
-                                                     &fw_major, &fw_minor, &fw_build);
+    const ZEL_STATUS status =
+        GetReaderParametersHnd(hnd, mui, &serial, &hw_type, &hw_version, &device_type, &fw_major, &fw_minor, &fw_build);
     if (status != ZEL_OK && status != ZEL_COMMAND_NOT_SUPPORTED)
         return status;
     std::memset(hnd->serial, 0, 9);
@@ -394,8 +393,7 @@ extern "C" ZEL_API ZEL_STATUS ReaderOpenByTypeNIndex(uint32_t device_index, ZEL_
         return ZEL_DEVICE_WRONG_HANDLE;
     hnd->reader_type = reader_type;
     switch (reader_type) {
-    case 0:
-        return ReaderOpenByFTDIIndex(device_index, hnd);
+    case 0: return ReaderOpenByFTDIIndex(device_index, hnd);
     case 1:
     case 3:
         hnd->open_speed = static_cast<uint8_t>(reader_type);
@@ -408,8 +406,7 @@ extern "C" ZEL_API ZEL_STATUS ReaderOpenByTypeNIndex(uint32_t device_index, ZEL_
         os_sleep(10);
         return ReaderOpenByIdxSpeed(device_index, speed_or_custom(hnd, 1), 1, nullptr, hnd);
     }
-    default:
-        return ZEL_PARAMETERS_ERROR;
+    default: return ZEL_PARAMETERS_ERROR;
     }
 }
 
@@ -427,7 +424,8 @@ extern "C" ZEL_API ZEL_STATUS PortOpen_byFTDI(ZEL_HANDLE hnd, zel_com_ports *wor
     if (!empty(port_name) && !is_reader_serial_number(port_name)) {
         hnd->opened = 0;
         FT_HANDLE dev = nullptr;
-        if (!ft.FT_OpenEx || ft.FT_OpenEx(const_cast<char *>(port_name), FT_OPEN_BY_SERIAL_NUMBER, &dev) != FT_OK || !dev)
+        if (!ft.FT_OpenEx || ft.FT_OpenEx(const_cast<char *>(port_name), FT_OPEN_BY_SERIAL_NUMBER, &dev) != FT_OK ||
+            !dev)
             return ZEL_READER_OPENING_ERROR;
         hnd->ftHandle = dev;
         hnd->opened = 1;
@@ -455,9 +453,7 @@ extern "C" ZEL_API ZEL_STATUS PortOpen_byFTDI(ZEL_HANDLE hnd, zel_com_ports *wor
         for (int i = 0; i < devices && !found; ++i) {
             hnd->reader_type = reader_type;
             switch (reader_type) {
-            case 0:
-                status = ReaderOpenByFTDIIndex(static_cast<uint32_t>(i), hnd);
-                break;
+            case 0: status = ReaderOpenByFTDIIndex(static_cast<uint32_t>(i), hnd); break;
             case 1:
                 status = ReaderOpenByIdxSpeed(static_cast<uint32_t>(i), speed_or_custom(hnd, 0), 0, nullptr, hnd);
                 break;
@@ -471,9 +467,7 @@ extern "C" ZEL_API ZEL_STATUS PortOpen_byFTDI(ZEL_HANDLE hnd, zel_com_ports *wor
             case 3:
                 status = ReaderOpenByIdxSpeed(static_cast<uint32_t>(i), speed_or_custom(hnd, 2), 0, nullptr, hnd);
                 break;
-            default:
-                status = ZEL_PARAMETERS_ERROR;
-                break;
+            default: status = ZEL_PARAMETERS_ERROR; break;
             }
             if (!empty(port_name)) {
                 // The reader's own serial decides, whatever the open said.
@@ -519,14 +513,9 @@ extern "C" ZEL_API ZEL_STATUS PortOpen_by(ZEL_HANDLE hnd, zel_com_ports *work, c
             if (status != ZEL_OK)
                 status = PortOpen_byCOM(hnd, work, port_name, type);
             break;
-        case 1:
-            status = PortOpen_byCOM(hnd, work, port_name, type);
-            break;
-        case 2:
-            status = PortOpen_byFTDI(hnd, work, port_name, type);
-            break;
-        default:
-            return ZEL_READER_OPENING_ERROR;
+        case 1: status = PortOpen_byCOM(hnd, work, port_name, type); break;
+        case 2: status = PortOpen_byFTDI(hnd, work, port_name, type); break;
+        default: return ZEL_READER_OPENING_ERROR;
         }
         if (status == ZEL_OK)
             return ZEL_OK;

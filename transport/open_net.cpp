@@ -209,7 +209,8 @@ extern "C" ZEL_API uint32_t udp_reader_list(void)
     static int next_record = 0;
     uint32_t source_port = kListSourcePortFirst;
     uint32_t added = 0;
-    for (const uint32_t port : {static_cast<uint32_t>(ZEL_NET_FRAME_PORT), static_cast<uint32_t>(ZEL_NET_FRAME_PORT2)}) {
+    for (const uint32_t port :
+         {static_cast<uint32_t>(ZEL_NET_FRAME_PORT), static_cast<uint32_t>(ZEL_NET_FRAME_PORT2)}) {
         zel_handle_record probe;
         zel_handle_init(&probe);
         char text[64];
@@ -231,7 +232,8 @@ extern "C" ZEL_API uint32_t udp_reader_list(void)
             sockaddr_in from{};
             socklen_t from_len = sizeof from;
             uint8_t buf[64];
-            const ssize_t n = recvfrom(probe.udp_socket, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+            const ssize_t n =
+                recvfrom(probe.udp_socket, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &from_len);
             if (n < 0)
                 break;
             if (n == 0 || from.sin_family != AF_INET)

@@ -19,9 +19,9 @@ std::atomic<const zel::PortGuardHooks *> g_guard{nullptr};
 class PortGuard {
 public:
     PortGuard(zel_handle_record *hnd, zel::PortCall call)
-        : hnd_(hnd), hooks_(__atomic_load_n(&hnd->port_lock_on, __ATOMIC_ACQUIRE) != 0
-                                ? g_guard.load(std::memory_order_acquire)
-                                : nullptr)
+        : hnd_(hnd),
+          hooks_(__atomic_load_n(&hnd->port_lock_on, __ATOMIC_ACQUIRE) != 0 ? g_guard.load(std::memory_order_acquire)
+                                                                            : nullptr)
     {
         if (hooks_)
             token_ = hooks_->enter(hnd_, call);

@@ -54,14 +54,15 @@ enum class PortCall { plain, purge, write, read };
 // calls it while port_lock_on is set, and knows nothing else of the session). enter returns what leave
 // needs to undo; session tells whether hnd is the record of the running session; the others act on the
 // session's record only (see the session's arbitration).
+using FilterReplyFn = ZEL_STATUS(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got,
+                                 ZEL_STATUS status);
 struct PortGuardHooks {
     int (*enter)(zel_handle_record *hnd, PortCall call);
     void (*leave)(zel_handle_record *hnd, int token);
     bool (*session)(const zel_handle_record *hnd);
     void (*expect_reply)(zel_handle_record *hnd);
     bool (*rescue_before_purge)(zel_handle_record *hnd);
-    ZEL_STATUS (*filter_reply)(zel_handle_record *hnd, uint8_t *buffer, uint32_t count, uint32_t *got,
-                               ZEL_STATUS status);
+    FilterReplyFn *filter_reply;
 };
 // Installs the guard (null removes it). The table must stay alive while installed.
 void set_port_guard(const PortGuardHooks *hooks);

@@ -54,8 +54,9 @@ bool run_gpio(uint32_t pin, const char *operation)
         first = op.substr(0, space);
         second = op.substr(space + 1);
     }
-    char *argv[] = {program.data(), const_cast<char *>("set"), pin_text, first.data(),
-                    second.empty() ? nullptr : second.data(), nullptr};
+    char *argv[] = {
+        program.data(), const_cast<char *>("set"), pin_text, first.data(), second.empty() ? nullptr : second.data(),
+        nullptr};
     pid_t pid = 0;
     if (posix_spawnp(&pid, program.c_str(), nullptr, nullptr, argv, environ) != 0)
         return false;

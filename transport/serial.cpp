@@ -98,7 +98,7 @@ IoResult serial_read(int fd, ReadAhead ahead, uint8_t *buffer, uint32_t count, u
             return IoResult::failed;
         if (w == Wait::gone)
             return IoResult::failed; // hung up, and nothing was left to take
-        wait = true; // the line has nothing more yet
+        wait = true;                 // the line has nothing more yet
     }
     return IoResult::ok;
 }
@@ -140,8 +140,7 @@ uint32_t serial_unread(ReadAhead ahead, const uint8_t *bytes, uint32_t n)
     return put;
 }
 
-IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written,
-                      int *error)
+IoResult serial_write(int fd, const uint8_t *buffer, uint32_t count, uint32_t timeout_ms, uint32_t *written, int *error)
 {
     *written = 0;
     *error = 0;

@@ -14,7 +14,7 @@
 #include "zel_status.h"
 
 namespace {
-constexpr uint32_t kPiece = 300;        // one receive takes at most this much
+constexpr uint32_t kPiece = 300; // one receive takes at most this much
 constexpr uint32_t kReceiveWaitMs = 1000;
 std::atomic<int> g_open_sockets{0};
 

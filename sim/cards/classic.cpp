@@ -46,12 +46,12 @@ struct TrailerRights {
 };
 // The trailer by C1C2C3.
 const TrailerRights TRAILER_RIGHTS[8] = {
-    {KA, KA, NONE, KA, KA},   // 000
-    {KA, KA, KA, KA, KA},     // 001: transport configuration
-    {NONE, KA, NONE, KA, NONE}, // 010
-    {KB, AB, KB, NONE, KB},   // 011
-    {KB, AB, NONE, NONE, KB}, // 100
-    {NONE, AB, KB, NONE, NONE}, // 101
+    {KA, KA, NONE, KA, KA},       // 000
+    {KA, KA, KA, KA, KA},         // 001: transport configuration
+    {NONE, KA, NONE, KA, NONE},   // 010
+    {KB, AB, KB, NONE, KB},       // 011
+    {KB, AB, NONE, NONE, KB},     // 100
+    {NONE, AB, KB, NONE, NONE},   // 101
     {NONE, AB, NONE, NONE, NONE}, // 110
     {NONE, AB, NONE, NONE, NONE}, // 111
 };
@@ -134,8 +134,8 @@ public:
         b0[at++] = static_cast<uint8_t>(id.atqa >> 8);
         for (size_t i = at; i < 16; ++i)
             b0[i] = static_cast<uint8_t>(0x60 + i);
-        const uint8_t transport[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07, 0x80, 0x69,
-                                       0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+        const uint8_t transport[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07,
+                                       0x80, 0x69, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
         for (unsigned s = 0; s < sectors(); ++s)
             std::memcpy(block(trailer_of(s)), transport, 16);
     }
@@ -319,7 +319,8 @@ bool SectorCard::setup(const Json *cfg, std::string &err)
         }
         for (const Json &e : list->items) {
             const std::string w = "setup.sectors[]";
-            if (!setup_members(&e, w, {"sector", "key_a", "key_b", "access", "access_bytes", "gpb", "aes_a", "aes_b"}, err))
+            if (!setup_members(&e, w, {"sector", "key_a", "key_b", "access", "access_bytes", "gpb", "aes_a", "aes_b"},
+                               err))
                 return false;
             int64_t s = 0;
             bool one = false;
@@ -327,9 +328,11 @@ bool SectorCard::setup(const Json *cfg, std::string &err)
                 return false;
             std::vector<uint8_t> ka, kb, ab, aa, abk;
             bool has_ka, has_kb, has_ab, has_aa, has_abk;
-            if (!setup_hex(e, "key_a", w, 6, false, ka, has_ka, err) || !setup_hex(e, "key_b", w, 6, false, kb, has_kb, err) ||
+            if (!setup_hex(e, "key_a", w, 6, false, ka, has_ka, err) ||
+                !setup_hex(e, "key_b", w, 6, false, kb, has_kb, err) ||
                 !setup_hex(e, "access_bytes", w, 3, false, ab, has_ab, err) ||
-                !setup_hex(e, "aes_a", w, 16, false, aa, has_aa, err) || !setup_hex(e, "aes_b", w, 16, false, abk, has_abk, err))
+                !setup_hex(e, "aes_a", w, 16, false, aa, has_aa, err) ||
+                !setup_hex(e, "aes_b", w, 16, false, abk, has_abk, err))
                 return false;
             int64_t gpb = 0;
             bool has_gpb = false;
@@ -357,7 +360,8 @@ bool SectorCard::setup(const Json *cfg, std::string &err)
                 err = w + ": AES keys are for the Plus models";
                 return false;
             }
-            for (unsigned t = one ? static_cast<unsigned>(s) : 0; t < (one ? static_cast<unsigned>(s) + 1 : sectors()); ++t) {
+            for (unsigned t = one ? static_cast<unsigned>(s) : 0; t < (one ? static_cast<unsigned>(s) + 1 : sectors());
+                 ++t) {
                 uint8_t *tr = block(trailer_of(t));
                 if (has_ka)
                     std::memcpy(tr, ka.data(), 6);
@@ -383,7 +387,8 @@ bool SectorCard::setup(const Json *cfg, std::string &err)
             const std::string w = "setup.blocks[]";
             int64_t b = 0;
             bool has_b = false;
-            if (!setup_members(&e, w, {"block", "data"}, err) || !setup_int(e, "block", w, 0, blocks() - 1, b, has_b, err) ||
+            if (!setup_members(&e, w, {"block", "data"}, err) ||
+                !setup_int(e, "block", w, 0, blocks() - 1, b, has_b, err) ||
                 !setup_hex(e, "data", w, 16, true, bytes, given, err))
                 return false;
             if (!has_b) {

@@ -14,14 +14,17 @@
 
 namespace zs {
 
-size_t df_block(DfKeyKind kind) { return kind == DfKeyKind::AES ? 16 : 8; }
+size_t df_block(DfKeyKind kind)
+{
+    return kind == DfKeyKind::AES ? 16 : 8;
+}
 
 bool df_cbc(DfKeyKind kind, const uint8_t *key, uint8_t *iv, uint8_t *data, size_t n, bool encipher)
 {
     const size_t bs = df_block(kind);
     if (n % bs)
         return false;
-    const EVP_CIPHER *c = kind == DfKeyKind::AES ? EVP_aes_128_cbc()
+    const EVP_CIPHER *c = kind == DfKeyKind::AES      ? EVP_aes_128_cbc()
                           : kind == DfKeyKind::TK3DES ? EVP_des_ede3_cbc()
                                                       : EVP_des_ede_cbc();
     EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
@@ -51,8 +54,14 @@ void df_random(uint8_t *p, size_t n)
 
 namespace {
 
-uint32_t g24(const uint8_t *p) { return p[0] | p[1] << 8 | static_cast<uint32_t>(p[2]) << 16; }
-uint32_t g32(const uint8_t *p) { return g24(p) | static_cast<uint32_t>(p[3]) << 24; }
+uint32_t g24(const uint8_t *p)
+{
+    return p[0] | p[1] << 8 | static_cast<uint32_t>(p[2]) << 16;
+}
+uint32_t g32(const uint8_t *p)
+{
+    return g24(p) | static_cast<uint32_t>(p[3]) << 24;
+}
 void p24(std::vector<uint8_t> &v, uint32_t x)
 {
     for (int i = 0; i < 3; ++i)
@@ -64,14 +73,23 @@ void p32(std::vector<uint8_t> &v, uint32_t x)
         v.push_back(static_cast<uint8_t>(x >> (8 * i)));
 }
 
-size_t key_size(DfKeyKind k) { return k == DfKeyKind::TK3DES ? 24 : 16; }
-uint8_t kind_bits(DfKeyKind k) { return k == DfKeyKind::AES ? 0x80 : k == DfKeyKind::TK3DES ? 0x40 : 0x00; }
+size_t key_size(DfKeyKind k)
+{
+    return k == DfKeyKind::TK3DES ? 24 : 16;
+}
+uint8_t kind_bits(DfKeyKind k)
+{
+    return k == DfKeyKind::AES ? 0x80 : k == DfKeyKind::TK3DES ? 0x40 : 0x00;
+}
 DfKeyKind kind_of_bits(uint8_t b)
 {
     return (b & 0x80) ? DfKeyKind::AES : (b & 0x40) ? DfKeyKind::TK3DES : DfKeyKind::TDES;
 }
 
-std::vector<uint8_t> st(uint8_t s) { return {s}; }
+std::vector<uint8_t> st(uint8_t s)
+{
+    return {s};
+}
 
 // A new file of a type, with the communication mode and access rights of a create command (bytes 2 to 4).
 DfFile new_file(const uint8_t *c, uint8_t type)
@@ -84,10 +102,22 @@ DfFile new_file(const uint8_t *c, uint8_t type)
 }
 
 // The access nibbles of a file: read, write, read-and-write, change.
-uint8_t right_r(const DfFile &f) { return f.access >> 12; }
-uint8_t right_w(const DfFile &f) { return f.access >> 8 & 15; }
-uint8_t right_rw(const DfFile &f) { return f.access >> 4 & 15; }
-uint8_t right_ch(const DfFile &f) { return f.access & 15; }
+uint8_t right_r(const DfFile &f)
+{
+    return f.access >> 12;
+}
+uint8_t right_w(const DfFile &f)
+{
+    return f.access >> 8 & 15;
+}
+uint8_t right_rw(const DfFile &f)
+{
+    return f.access >> 4 & 15;
+}
+uint8_t right_ch(const DfFile &f)
+{
+    return f.access & 15;
+}
 
 constexpr size_t MAX_APPS = 28, MAX_FILES = 32, APP_COST = 64;
 
@@ -159,7 +189,10 @@ DfFile *DesfireCard::file(uint8_t fid)
     return it == a->files.end() ? nullptr : &it->second;
 }
 
-bool DesfireCard::may(uint8_t nibble) const { return nibble == 0x0E || (auth_key_ >= 0 && nibble == auth_key_); }
+bool DesfireCard::may(uint8_t nibble) const
+{
+    return nibble == 0x0E || (auth_key_ >= 0 && nibble == auth_key_);
+}
 
 uint32_t DesfireCard::free_memory() const
 {
@@ -552,7 +585,10 @@ std::vector<uint8_t> DesfireCard::change_key(const Call &k)
 
 // ---- Files and the transaction ----
 
-bool DesfireCard::may_manage(const DfApp &app) const { return (app.settings & 0x04) || auth_key_ == 0; }
+bool DesfireCard::may_manage(const DfApp &app) const
+{
+    return (app.settings & 0x04) || auth_key_ == 0;
+}
 
 std::vector<uint8_t> DesfireCard::add_file(DfApp &app, uint8_t fid, DfFile f)
 {
@@ -639,7 +675,10 @@ std::vector<uint8_t> DesfireCard::delete_file(const Call &k)
     return st(DF_OK);
 }
 
-std::vector<uint8_t> DesfireCard::commit_command(const Call &k) { return commit(k.n > 1 ? k.c[1] : 0); }
+std::vector<uint8_t> DesfireCard::commit_command(const Call &k)
+{
+    return commit(k.n > 1 ? k.c[1] : 0);
+}
 
 std::vector<uint8_t> DesfireCard::abort_command(const Call &)
 {
@@ -876,7 +915,8 @@ namespace {
 bool read_key(const Json &v, std::array<uint8_t, 24> &out, std::string &err)
 {
     std::vector<uint8_t> k;
-    if (v.kind != Json::STRING || !parse_hex_text(v.str, k, 24) || (k.size() != 8 && k.size() != 16 && k.size() != 24)) {
+    if (v.kind != Json::STRING || !parse_hex_text(v.str, k, 24) ||
+        (k.size() != 8 && k.size() != 16 && k.size() != 24)) {
         err = "setup: master_key takes 8, 16 or 24 hex bytes";
         return false;
     }

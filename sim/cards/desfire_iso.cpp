@@ -15,7 +15,10 @@ namespace {
 
 const std::vector<uint8_t> NDEF_NAME = {0xD2, 0x76, 0x00, 0x00, 0x85, 0x01, 0x01};
 
-bool free_right(uint16_t access, int shift) { return ((access >> shift) & 0xF) == 0xE; }
+bool free_right(uint16_t access, int shift)
+{
+    return ((access >> shift) & 0xF) == 0xE;
+}
 
 class DesfireIsoApp final : public Application {
 public:

@@ -12,7 +12,8 @@
 namespace zs {
 
 // An object whose members are all among names (null counts as an empty object).
-bool setup_members(const Json *o, const std::string &where, std::initializer_list<const char *> names, std::string &err);
+bool setup_members(const Json *o, const std::string &where, std::initializer_list<const char *> names,
+                   std::string &err);
 // Hex bytes, exactly len of them (or at most len when up_to is set). given tells whether the member is there.
 bool setup_hex(const Json &o, const char *name, const std::string &where, size_t len, bool up_to,
                std::vector<uint8_t> &out, bool &given, std::string &err);

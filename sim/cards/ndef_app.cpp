@@ -51,10 +51,20 @@ public:
             cc_ = s.cc;
         } else {
             const size_t max = s.file_size > 0xFFFE ? 0xFFFE : s.file_size;
-            cc_ = {0x00, 0x0F, 0x20, static_cast<uint8_t>(mle_ >> 8), static_cast<uint8_t>(mle_),
-                   static_cast<uint8_t>(mlc_ >> 8), static_cast<uint8_t>(mlc_), 0x04, 0x06,
-                   static_cast<uint8_t>(file_id_ >> 8), static_cast<uint8_t>(file_id_),
-                   static_cast<uint8_t>(max >> 8), static_cast<uint8_t>(max), 0x00,
+            cc_ = {0x00,
+                   0x0F,
+                   0x20,
+                   static_cast<uint8_t>(mle_ >> 8),
+                   static_cast<uint8_t>(mle_),
+                   static_cast<uint8_t>(mlc_ >> 8),
+                   static_cast<uint8_t>(mlc_),
+                   0x04,
+                   0x06,
+                   static_cast<uint8_t>(file_id_ >> 8),
+                   static_cast<uint8_t>(file_id_),
+                   static_cast<uint8_t>(max >> 8),
+                   static_cast<uint8_t>(max),
+                   0x00,
                    static_cast<uint8_t>(s.read_only ? 0xFF : 0x00)};
         }
     }
@@ -71,14 +81,10 @@ public:
         if (c.cla != 0x00)
             return RApdu::sw_only(SW_CLA_NOT_SUPPORTED);
         switch (c.ins) {
-        case 0xA4:
-            return select_file(c);
-        case 0xB0:
-            return read_binary(c);
-        case 0xD6:
-            return update_binary(c);
-        default:
-            return RApdu::sw_only(SW_INS_NOT_SUPPORTED);
+        case 0xA4: return select_file(c);
+        case 0xB0: return read_binary(c);
+        case 0xD6: return update_binary(c);
+        default: return RApdu::sw_only(SW_INS_NOT_SUPPORTED);
         }
     }
 
@@ -109,8 +115,9 @@ private:
         if (off > file_->size())
             return RApdu::sw_only(SW_WRONG_P1P2);
         const size_t n = std::min(c.ne, file_->size() - off);
-        RApdu r{std::vector<uint8_t>(file_->begin() + static_cast<long>(off), file_->begin() + static_cast<long>(off + n)),
-                SW_OK};
+        RApdu r{
+            std::vector<uint8_t>(file_->begin() + static_cast<long>(off), file_->begin() + static_cast<long>(off + n)),
+            SW_OK};
         if (n < c.ne)
             r.sw = SW_END_OF_FILE;
         return r;

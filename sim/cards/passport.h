@@ -32,11 +32,11 @@ struct PassportDocument {
 
 // How to build a document.
 struct PassportSpec {
-    std::string mrz;               // TD3 or TD1; empty: the default TD3 specimen
-    std::string signer = "ec";     // "ec" (brainpool P256r1) or "rsa" (2048, PKCS#1 v1.5)
-    size_t face_size = 0;          // 0: the face image as it is; else the image padded to this many bytes
+    std::string mrz;           // TD3 or TD1; empty: the default TD3 specimen
+    std::string signer = "ec"; // "ec" (brainpool P256r1) or "rsa" (2048, PKCS#1 v1.5)
+    size_t face_size = 0;      // 0: the face image as it is; else the image padded to this many bytes
     bool with_dg14 = true;
-    std::string tamper;            // a data group name ("DG1") whose bytes change after signing
+    std::string tamper; // a data group name ("DG1") whose bytes change after signing
 };
 
 // Builds the document of a spec: EF.COM, DG1 from the MRZ, DG2 (a JPEG face), DG3 (protected), DG7 (a JPEG

@@ -24,14 +24,16 @@ struct TagKind {
     const char *model;
     unsigned pages;
     unsigned user_pages;
-    uint8_t cc_size;     // byte 2 of the capability container; 0 leaves page 3 blank
-    uint8_t version[8];  // GET_VERSION; a header byte of 0xFF marks a tag without it
-    unsigned cfg_page;   // CFG0, the first configuration page (0: none); CFG1, PWD and PACK follow it
+    uint8_t cc_size;    // byte 2 of the capability container; 0 leaves page 3 blank
+    uint8_t version[8]; // GET_VERSION; a header byte of 0xFF marks a tag without it
+    unsigned cfg_page;  // CFG0, the first configuration page (0: none); CFG1, PWD and PACK follow it
 };
 
 const TagKind ULTRALIGHT = {"ultralight", 16, 12, 0, {0xFF}, 0};
-const TagKind ULTRALIGHT_EV1_11 = {"ultralight_ev1_11", 20, 12, 0, {0x00, 0x04, 0x03, 0x01, 0x01, 0x00, 0x0B, 0x03}, 16};
-const TagKind ULTRALIGHT_EV1_21 = {"ultralight_ev1_21", 41, 32, 0, {0x00, 0x04, 0x03, 0x01, 0x01, 0x00, 0x0E, 0x03}, 37};
+const TagKind ULTRALIGHT_EV1_11 = {
+    "ultralight_ev1_11", 20, 12, 0, {0x00, 0x04, 0x03, 0x01, 0x01, 0x00, 0x0B, 0x03}, 16};
+const TagKind ULTRALIGHT_EV1_21 = {
+    "ultralight_ev1_21", 41, 32, 0, {0x00, 0x04, 0x03, 0x01, 0x01, 0x00, 0x0E, 0x03}, 37};
 const TagKind ULTRALIGHT_C = {"ultralight_c", 48, 36, 0, {0xFF}, 0};
 const TagKind NTAG213 = {"ntag213", 45, 36, 0x12, {0x00, 0x04, 0x04, 0x02, 0x01, 0x00, 0x0F, 0x03}, 41};
 const TagKind NTAG215 = {"ntag215", 135, 126, 0x3E, {0x00, 0x04, 0x04, 0x02, 0x01, 0x00, 0x11, 0x03}, 131};
@@ -213,10 +215,10 @@ public:
 
     bool setup(const Json *cfg, std::string &err)
     {
-        if (!setup_members(cfg, "setup",
-                           {"pages", "memory", "counters", "password", "pack", "signature", "tt_message", "tt_status",
-                            "key"},
-                           err) ||
+        if (!setup_members(
+                cfg, "setup",
+                {"pages", "memory", "counters", "password", "pack", "signature", "tt_message", "tt_status", "key"},
+                err) ||
             !setup_extras(cfg, err))
             return false;
         if (!cfg || cfg->kind == Json::NUL)
@@ -265,7 +267,8 @@ private:
             }
             for (size_t i = 0; i < 3; ++i) {
                 const Json &e = list->items[i];
-                if (e.kind != Json::NUMBER || e.num < 0 || e.num > 0xFFFFFF || e.num != static_cast<double>(static_cast<uint32_t>(e.num))) {
+                if (e.kind != Json::NUMBER || e.num < 0 || e.num > 0xFFFFFF ||
+                    e.num != static_cast<double>(static_cast<uint32_t>(e.num))) {
                     err = "setup.counters: values from 0 to 16777215 are expected";
                     return false;
                 }
@@ -336,12 +339,33 @@ std::unique_ptr<Card> make_tag(const zsim_card &id, const Json *cfg, std::string
 
 } // namespace
 
-std::unique_ptr<Card> make_ultralight(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, ULTRALIGHT); }
-std::unique_ptr<Card> make_ultralight_ev1_11(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, ULTRALIGHT_EV1_11); }
-std::unique_ptr<Card> make_ultralight_ev1_21(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, ULTRALIGHT_EV1_21); }
-std::unique_ptr<Card> make_ultralight_c(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, ULTRALIGHT_C); }
-std::unique_ptr<Card> make_ntag213(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, NTAG213); }
-std::unique_ptr<Card> make_ntag215(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, NTAG215); }
-std::unique_ptr<Card> make_ntag216(const zsim_card &id, const Json *c, std::string &e) { return make_tag(id, c, e, NTAG216); }
+std::unique_ptr<Card> make_ultralight(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, ULTRALIGHT);
+}
+std::unique_ptr<Card> make_ultralight_ev1_11(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, ULTRALIGHT_EV1_11);
+}
+std::unique_ptr<Card> make_ultralight_ev1_21(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, ULTRALIGHT_EV1_21);
+}
+std::unique_ptr<Card> make_ultralight_c(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, ULTRALIGHT_C);
+}
+std::unique_ptr<Card> make_ntag213(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, NTAG213);
+}
+std::unique_ptr<Card> make_ntag215(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, NTAG215);
+}
+std::unique_ptr<Card> make_ntag216(const zsim_card &id, const Json *c, std::string &e)
+{
+    return make_tag(id, c, e, NTAG216);
+}
 
 } // namespace zs

@@ -269,8 +269,9 @@ FT_API FT_STATUS FT_OpenEx(void *arg, uint32_t flags, FT_HANDLE *handle)
         for (auto &dev : g_devices) {
             const bool match = (flags & OPEN_BY_SERIAL)        ? dev->serial == static_cast<const char *>(arg)
                                : (flags & OPEN_BY_DESCRIPTION) ? dev->description == static_cast<const char *>(arg)
-                               : (flags & OPEN_BY_LOCATION)    ? dev->location == static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg))
-                                                               : false;
+                               : (flags & OPEN_BY_LOCATION)
+                                   ? dev->location == static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg))
+                                   : false;
             if (match) {
                 d = dev.get();
                 break;
@@ -435,13 +436,22 @@ FT_API FT_STATUS FT_GetDriverVersion(FT_HANDLE h, uint32_t *version)
     return FT_OK;
 }
 
-FT_API FT_STATUS FT_SetBitMode(FT_HANDLE h, uint8_t, uint8_t) { return by_handle(h) ? FT_OK : FT_INVALID_HANDLE; }
-FT_API FT_STATUS FT_ResetDevice(FT_HANDLE h) { return by_handle(h) ? FT_OK : FT_INVALID_HANDLE; }
+FT_API FT_STATUS FT_SetBitMode(FT_HANDLE h, uint8_t, uint8_t)
+{
+    return by_handle(h) ? FT_OK : FT_INVALID_HANDLE;
+}
+FT_API FT_STATUS FT_ResetDevice(FT_HANDLE h)
+{
+    return by_handle(h) ? FT_OK : FT_INVALID_HANDLE;
+}
 FT_API FT_STATUS FT_SetDataCharacteristics(FT_HANDLE h, uint8_t, uint8_t, uint8_t)
 {
     return by_handle(h) ? FT_OK : FT_INVALID_HANDLE;
 }
-FT_API FT_STATUS FT_SetFlowControl(FT_HANDLE h, uint16_t, uint8_t, uint8_t) { return by_handle(h) ? FT_OK : FT_INVALID_HANDLE; }
+FT_API FT_STATUS FT_SetFlowControl(FT_HANDLE h, uint16_t, uint8_t, uint8_t)
+{
+    return by_handle(h) ? FT_OK : FT_INVALID_HANDLE;
+}
 
 FT_API FT_STATUS FT_SetLatencyTimer(FT_HANDLE h, uint8_t ms)
 {

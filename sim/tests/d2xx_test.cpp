@@ -41,8 +41,7 @@ struct Ft {
     int (*command)(uint32_t, const char *, char *, size_t);
     int64_t (*resets)(uint32_t);
 
-    template <typename F>
-    void get(F &f, const char *name)
+    template <typename F> void get(F &f, const char *name)
     {
         f = reinterpret_cast<F>(dlsym(lib, name));
         ASSERT_NE(f, nullptr) << name;

@@ -33,9 +33,10 @@ std::unique_ptr<zs::Card> card(const char *model, const std::string &setup)
 // Sector 1 with keys A and B and the given block codes; trailer code 3 keeps key B usable.
 std::unique_ptr<zs::Card> sector1(int c0, int c1, int c2, int ct = 3)
 {
-    return card("classic_1k", R"({"sectors": [{"sector": 1, "key_a": "A0A1A2A3A4A5", "key_b": "B0B1B2B3B4B5", "access": [)" +
-                                      std::to_string(c0) + "," + std::to_string(c1) + "," + std::to_string(c2) + "," +
-                                      std::to_string(ct) + "]}]}");
+    return card("classic_1k",
+                R"({"sectors": [{"sector": 1, "key_a": "A0A1A2A3A4A5", "key_b": "B0B1B2B3B4B5", "access": [)" +
+                    std::to_string(c0) + "," + std::to_string(c1) + "," + std::to_string(c2) + "," +
+                    std::to_string(ct) + "]}]}");
 }
 
 MemResult as(zs::SectorMemory &m, KeyType k, unsigned block)
@@ -120,7 +121,8 @@ TEST(SectorCard, TrailerPartsAndReadableKeyB)
     ASSERT_EQ(m1.read(7, b), MemResult::OK);
     EXPECT_EQ(Bytes(b + 10, b + 16), Bytes(FF, FF + 6)) << "key B readable with key A";
     // Access bytes not in their redundant form close the sector.
-    uint8_t broken[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07, 0x81, 0x69, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    uint8_t broken[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x07,
+                          0x81, 0x69, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
     ASSERT_EQ(m1.write(7, broken), MemResult::OK);
     ASSERT_EQ(m1.authenticate(4, KeyType::A, FF, 6), MemResult::OK);
     EXPECT_EQ(m1.read(4, b), MemResult::DENIED);

@@ -21,7 +21,10 @@ namespace {
 using zeltest::cat;
 using zeltest::rsp;
 
-Bytes text(const std::string &s) { return Bytes(s.begin(), s.end()); }
+Bytes text(const std::string &s)
+{
+    return Bytes(s.begin(), s.end());
+}
 
 const Bytes PW = text("11111111");
 

@@ -34,8 +34,8 @@ TEST(Json, ReadsNestedValuesAndEscapes)
 
 TEST(Json, RefusesBadTextWithItsPlace)
 {
-    const char *bad[] = {"", "{", "[1,]", "{\"a\" 1}", "01", "\"\\x\"", "\"a\nb\"", "[1] 2", "tru", "\"\\ud800\"",
-                         "{\"a\":1,}", "1e999", "[\"\\u12\"]"};
+    const char *bad[] = {"",      "{",   "[1,]",        "{\"a\" 1}",  "01",    "\"\\x\"",    "\"a\nb\"",
+                         "[1] 2", "tru", "\"\\ud800\"", "{\"a\":1,}", "1e999", "[\"\\u12\"]"};
     for (const char *t : bad) {
         zs::Json j;
         std::string err;
@@ -105,7 +105,8 @@ TEST_F(ScenarioReader, SetsIdentityCardsAndFaults)
     })"),
               0);
     serve();
-    EXPECT_EQ(host->exchange(cmd_frame(0x10), 12), (Bytes{0xDE, 0x10, 0xED, 0x05, 0, 0, 0x2D, 0x04, 0x03, 0x02, 0x01, 0x0B}));
+    EXPECT_EQ(host->exchange(cmd_frame(0x10), 12),
+              (Bytes{0xDE, 0x10, 0xED, 0x05, 0, 0, 0x2D, 0x04, 0x03, 0x02, 0x01, 0x0B}));
     Bytes r = host->exchange(cmd_frame(0x11), 12);
     ASSERT_EQ(r.size(), 12u);
     EXPECT_EQ(Bytes(r.begin() + 7, r.begin() + 11), (Bytes{0x78, 0x56, 0x34, 0x12}));
