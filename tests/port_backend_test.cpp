@@ -21,8 +21,7 @@ struct DebugLog {
     std::string text;
     DebugLog()
     {
-        ZEL_DebugPrintSetSink(
-            [](int, const char *t, void *ctx) { static_cast<DebugLog *>(ctx)->text += t; }, this);
+        ZEL_DebugPrintSetSink([](int, const char *t, void *ctx) { static_cast<DebugLog *>(ctx)->text += t; }, this);
         ZEL_DebugPrintEnable(1);
     }
     ~DebugLog()
@@ -174,7 +173,7 @@ TEST_F(GuardFixture, EveryCallOfASessionGoesThroughTheGuard)
     EXPECT_EQ(PortPurge(&rec), ZEL_OK);
     uint32_t n = 0;
     EXPECT_EQ(PortGetAvailable(&rec, &n), ZEL_OK);
-    const std::vector<std::string> want = {"enter2",  "expect_reply", "leave42", "enter3", "filter3",
+    const std::vector<std::string> want = {"enter2",  "expect_reply", "leave42", "enter3",  "filter3",
                                            "leave43", "enter3",       "filter0", "leave43", "enter1",
                                            "rescue",  "leave41",      "enter0",  "leave40"};
     EXPECT_EQ(calls.seen, want);
