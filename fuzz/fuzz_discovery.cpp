@@ -1,8 +1,7 @@
-// The discovery receive loop and the broadcast reader list against arbitrary datagrams, over real sockets on
-// the loopback: a responder in a thread takes the library's request (the discovery request on the discovery
-// port, or the list's probe on the frame port) and answers with the input's datagrams, then with one valid
-// discovery reply (or nothing, for the list) so that the loop ends at once. The open that follows a
-// discovery is asked for a local link, which ends without any further traffic.
+// The discovery receive loop against arbitrary datagrams, over real sockets on the loopback: a responder in
+// a thread takes the library's discovery request and answers with the input's datagrams, then with one
+// valid discovery reply so that the loop ends at once. The open that follows the discovery is asked for a
+// local link, which ends without any further traffic.
 //
 // Input: one option byte, then datagrams, each a two-byte big-endian length (at most 1500) and its bytes.
 #include <arpa/inet.h>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/internal.h"
 #include "tandro.h"
 #include "zel_net.h"
 
@@ -22,8 +22,10 @@ namespace {
 
 using Datagrams = std::vector<std::vector<uint8_t>>;
 
-// A loopback socket on port, with a receive time-out.
-int bound_socket(uint16_t port, uint32_t addr)
+void no_sleep(uint32_t) {}
+
+// A socket on port of addr, with a receive time-out.
+int bound_socket(uint16_t port, uint32_t addr, long wait_ms)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
@@ -31,7 +33,7 @@ int bound_socket(uint16_t port, uint32_t addr)
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    timeval tv{0, 500 * 1000};
+    timeval tv{0, wait_ms * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -63,9 +65,10 @@ bool respond(int fd, const Datagrams &answers, const std::vector<uint8_t> *last)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const int discovery_fd = bound_socket(ZEL_NET_DISCOVERY_PORT, INADDR_LOOPBACK);
+    static const int discovery_fd = bound_socket(ZEL_NET_DISCOVERY_PORT, INADDR_LOOPBACK, 500);
     if (size < 1 || size > 20000)
         return 0;
+    zel::set_sleep_hook(no_sleep);
     Datagrams answers;
     for (size_t at = 1; at + 2 <= size && answers.size() < 32;) {
         size_t n = static_cast<size_t>(data[at]) << 8 | data[at + 1];
@@ -77,43 +80,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         answers.emplace_back(data + at, data + at + n);
         at += n;
     }
-    if (data[0] % 8 != 7) {
-        if (discovery_fd < 0)
-            return 0;
-        // 127.0.0.1, port 1, by UDP: the reply that ends the round when none before it did.
-        static const std::vector<uint8_t> kLast = {127, 0, 0, 1, 1, 0, 'U', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-        std::atomic<bool> answered{false};
-        std::thread responder([&] { answered = respond(discovery_fd, answers, &kLast); });
-        zel_handle_record rec;
-        zel_handle_init(&rec);
-        // A local link: the open after the discovery ends at once.
-        const ZEL_STATUS st = OpenZelNetReader_auto(&rec, "127.0.0.1", 'L', nullptr);
-        responder.join();
-        if (answered && st != ZEL_NOT_IMPLEMENTED)
-            std::abort();
-        ReaderCloseHnd(&rec);
-    } else {
-        // The broadcast list: the probe reaches a responder on the frame port of every local address.
-        const int fd = bound_socket(ZEL_NET_FRAME_PORT, INADDR_ANY);
-        if (fd < 0)
-            return 0;
-        std::thread responder([&] {
-            if (respond(fd, answers, nullptr))
-                for (int i = 0; i < 4 && respond(fd, answers, nullptr); ++i) {
-                }
-        });
-        const uint32_t before = list_size();
-        const uint32_t added = udp_reader_list();
-        responder.join();
-        close(fd);
-        if (list_size() != before + added)
-            std::abort();
-        // The list is the process's: what this run added leaves it again.
-        while (list_size() > before) {
-            ZEL_HANDLE h = list_get_by_idx(before);
-            ReaderCloseHnd(h);
-            removeData(h);
-        }
-    }
+    if (discovery_fd < 0)
+        return 0;
+    // 127.0.0.1, port 1, by UDP: the reply that ends the round when none before it did.
+    static const std::vector<uint8_t> kLast = {127, 0, 0, 1, 1, 0, 'U', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    std::atomic<bool> answered{false};
+    std::thread responder([&] { answered = respond(discovery_fd, answers, &kLast); });
+    zel_handle_record rec;
+    zel_handle_init(&rec);
+    // A local link: the open after the discovery ends at once.
+    const ZEL_STATUS st = OpenZelNetReader_auto(&rec, "127.0.0.1", 'L', nullptr);
+    responder.join();
+    if (answered && st != ZEL_NOT_IMPLEMENTED)
+        std::abort();
+    ReaderCloseHnd(&rec);
+    zel::set_sleep_hook(nullptr);
     return 0;
 }

@@ -39,8 +39,7 @@ void host_randoms(uint8_t out[24])
 struct Chip {
     zs::AppHost host;
 
-    static ZEL_STATUS transceive(void *context, const uint8_t *cmd, uint32_t cmd_len, uint8_t *resp,
-                                 uint32_t *resp_len)
+    static ZEL_STATUS transceive(void *context, const uint8_t *cmd, uint32_t cmd_len, uint8_t *resp, uint32_t *resp_len)
     {
         auto *self = static_cast<Chip *>(context);
         const std::vector<uint8_t> r = self->host.transceive(cmd, cmd_len);

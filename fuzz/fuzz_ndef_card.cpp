@@ -25,8 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 0: {
         uint8_t messages = 0, records = 0, empty = 0;
         std::vector<uint8_t> array(ZEL_NDEF_RECORD_ARRAY_LEN);
-        if (get_ndef_record_countHnd(h, &messages, &records, array.data(), &empty) == ZEL_OK &&
-            empty > messages)
+        if (get_ndef_record_countHnd(h, &messages, &records, array.data(), &empty) == ZEL_OK && empty > messages)
             std::abort();
         break;
     }

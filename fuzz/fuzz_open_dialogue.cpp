@@ -46,19 +46,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if (test_reader_fw_version(h) == ZEL_OK && h->serial[8] != 0)
                 std::abort();
             break;
-        case 1:
-            test_reader_sn(h);
-            break;
-        case 2:
-            test_esp_sn(h);
-            break;
+        case 1: test_reader_sn(h); break;
+        case 2: test_esp_sn(h); break;
         case 3:
             ReaderResetHnd(h);
             test_reader_fw_version(h);
             break;
-        case 4:
-            ReaderWaitForBootSeqHnd(h, pick & 8 ? 1 : 0);
-            break;
+        case 4: ReaderWaitForBootSeqHnd(h, pick & 8 ? 1 : 0); break;
         case 5: {
             uint32_t connected = 7;
             const ZEL_STATUS st = ReaderStillConnectedHnd(h, &connected);

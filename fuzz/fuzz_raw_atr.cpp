@@ -61,8 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             const uint32_t cap = arg % 40;
             auto *atr = static_cast<uint8_t *>(std::malloc(cap ? cap : 1));
             uint32_t n = cap;
-            const ZEL_STATUS st = pick % 4 == 2 ? open_ISO7816_interfaceHnd(h, atr, &n)
-                                                : Open_ISO7816_GenericHnd(h, atr, &n);
+            const ZEL_STATUS st =
+                pick % 4 == 2 ? open_ISO7816_interfaceHnd(h, atr, &n) : Open_ISO7816_GenericHnd(h, atr, &n);
             if (st == ZEL_OK && n > cap)
                 std::abort();
             if (pick & 4) {

@@ -54,10 +54,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t at = 1;
     while (at + 1 < size) {
         const uint8_t op = data[at++];
-        const uint32_t n = data[at++] * 17u;
+        const uint8_t arg = data[at++];
+        const uint32_t n = arg * 17u;
         if (op % 3 == 0) {
             // A datagram of up to 300 bytes, as a reader sends them; an empty one too.
-            size_t k = n % 301;
+            size_t k = (op & 0x80 ? 256u : 0u) + arg;
+            if (k > 300)
+                k = 300;
             if (k > size - at)
                 k = size - at;
             if (send(sp[1], data + at, k, MSG_DONTWAIT) == static_cast<ssize_t>(k))

@@ -62,8 +62,8 @@ void record(const std::string &target, const std::string &name, const std::vecto
 
 std::string card(const char *uid, const char *type, const char *model, const char *setup)
 {
-    std::string s = std::string(R"({"cards": [{"uid": ")") + uid + R"(", "type": ")" + type + R"(", "model": ")" +
-                    model + "\"";
+    std::string s =
+        std::string(R"({"cards": [{"uid": ")") + uid + R"(", "type": ")" + type + R"(", "model": ")" + model + "\"";
     if (setup)
         s += std::string(", \"setup\": ") + setup;
     return s + "}]}";
@@ -88,7 +88,8 @@ void ndef_card_seeds()
     const Card cards[] = {
         {"classic", card("C1C2C3C4", "ORB_MIFARE_CLASSIC_1K", "classic_1k", nullptr)},
         {"classic4k", card("C1C2C3C4", "ORB_MIFARE_CLASSIC_4K", "classic_4k", nullptr)},
-        {"ntag215", card("04A22B1A5C6480", "ORB_NTAG_215", "ntag215", R"({"pages": [{"page": 4, "data": "0300FE00"}]})")},
+        {"ntag215",
+         card("04A22B1A5C6480", "ORB_NTAG_215", "ntag215", R"({"pages": [{"page": 4, "data": "0300FE00"}]})")},
         {"vicinity", card("E004010203040506", "50", "iso15693", R"({"blocks": 28})")},
         {"t4", card("04518A2B3C4D80", "ORB_GENERIC_ISO14443_4", "ndef_t4",
                     R"({"mle": 255, "message": "D1010F550474616E64726F2E6578616D706C65", "file_size": 512})")},
@@ -132,49 +133,64 @@ void reader_seeds()
     // The target's own operation table, run against the simulated reader.
     for (unsigned op = 0; op < 16; ++op) {
         const uint8_t arg = op == 8 ? 15 : op == 14 ? 7 : 1;
-        record(t, "op" + std::to_string(op), {static_cast<uint8_t>(op), arg}, nullptr, nullptr, [op, arg](ZEL_HANDLE h) {
-            uint8_t buf[300] = {};
-            uint32_t a = 0, b = 0, c = 0, d = 0, e = 0, f = 0;
-            uint8_t x = 0, y = 0, z = 0, w = 0, v = 0;
-            uint64_t serial = 0;
-            uint16_t raw = 0;
-            const char *text = nullptr;
-            switch (op) {
-            case 0: GetReaderTypeHnd(h, &a); GetReaderSerialNumberHnd(h, &b); break;
-            case 1: GetReaderSerialDescriptionHnd(h, buf); break;
-            case 2: GetReaderFirmwareVersionHnd(h, &x, &y); GetBuildNumberHnd(h, &z); GetReaderHardwareVersionHnd(h, &w, &v); break;
-            case 3: GetReaderParametersHnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
-            case 4: GetReaderParameters2Hnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
-            case 5: GetReaderParametersDefaultBaudrateHnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
-            case 6: GetReaderProModeHnd(h, &a, &raw); break;
-            case 7: GetReaderInfoStrHnd(h, &text); break;
-            case 8: ReaderEepromReadHnd(h, buf, arg, 1u + arg % 128u); break;
-            case 9: ReadUserDataHnd(h, buf, arg & 1); break;
-            case 10: GetReaderTimeHnd(h, buf); break;
-            case 11:
-                GetAsyncCardIdSendConfigHnd(h, &a, &b, &x, &y, &c, &d);
-                GetAsyncCardIdSendConfigExHnd(h, &a, &b, &x, &y, &c, &e, &f, &d);
-                GetAsyncCardJsonSendConfigHnd(h, &a, &b, &c);
-                break;
-            case 12: GetCustomUiConfigHnd(h, buf); GetSpeedParametersHnd(h, &x, &y); break;
-            case 13: GetReaderStatusHnd(h, &a, &b, &c, &x); GetReaderStatusExHnd(h, buf, &y); break;
-            case 14: EE_ReadHnd(h, arg * 4u, 1u + arg, buf); break;
-            default: {
-                CheckUidChangeableHnd(h);
-                ReaderRfResetHnd(h, arg & 3);
-                const uint8_t password[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
-                ReaderKeysUnlockHnd(h, password);
-                break;
-            }
-            }
-        });
+        record(t, "op" + std::to_string(op), {static_cast<uint8_t>(op), arg}, nullptr, nullptr,
+               [op, arg](ZEL_HANDLE h) {
+                   uint8_t buf[300] = {};
+                   uint32_t a = 0, b = 0, c = 0, d = 0, e = 0, f = 0;
+                   uint8_t x = 0, y = 0, z = 0, w = 0, v = 0;
+                   uint64_t serial = 0;
+                   uint16_t raw = 0;
+                   const char *text = nullptr;
+                   switch (op) {
+                   case 0:
+                       GetReaderTypeHnd(h, &a);
+                       GetReaderSerialNumberHnd(h, &b);
+                       break;
+                   case 1: GetReaderSerialDescriptionHnd(h, buf); break;
+                   case 2:
+                       GetReaderFirmwareVersionHnd(h, &x, &y);
+                       GetBuildNumberHnd(h, &z);
+                       GetReaderHardwareVersionHnd(h, &w, &v);
+                       break;
+                   case 3: GetReaderParametersHnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
+                   case 4: GetReaderParameters2Hnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
+                   case 5: GetReaderParametersDefaultBaudrateHnd(h, buf, &serial, &x, &y, &a, &z, &w, &v); break;
+                   case 6: GetReaderProModeHnd(h, &a, &raw); break;
+                   case 7: GetReaderInfoStrHnd(h, &text); break;
+                   case 8: ReaderEepromReadHnd(h, buf, arg, 1u + arg % 128u); break;
+                   case 9: ReadUserDataHnd(h, buf, arg & 1); break;
+                   case 10: GetReaderTimeHnd(h, buf); break;
+                   case 11:
+                       GetAsyncCardIdSendConfigHnd(h, &a, &b, &x, &y, &c, &d);
+                       GetAsyncCardIdSendConfigExHnd(h, &a, &b, &x, &y, &c, &e, &f, &d);
+                       GetAsyncCardJsonSendConfigHnd(h, &a, &b, &c);
+                       break;
+                   case 12:
+                       GetCustomUiConfigHnd(h, buf);
+                       GetSpeedParametersHnd(h, &x, &y);
+                       break;
+                   case 13:
+                       GetReaderStatusHnd(h, &a, &b, &c, &x);
+                       GetReaderStatusExHnd(h, buf, &y);
+                       break;
+                   case 14: EE_ReadHnd(h, arg * 4u, 1u + arg, buf); break;
+                   default: {
+                       CheckUidChangeableHnd(h);
+                       ReaderRfResetHnd(h, arg & 3);
+                       const uint8_t password[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
+                       ReaderKeysUnlockHnd(h, password);
+                       break;
+                   }
+                   }
+               });
     }
 }
 
 void raw_and_open_seeds()
 {
     const std::string ntag = card("04A22B1A5C6480", "ORB_NTAG_215", "ntag215", nullptr);
-    const std::string iso4 = card("04518A2B3C4D80", "ORB_GENERIC_ISO14443_4", "ndef_t4", R"({"message": "D10101540061"})");
+    const std::string iso4 =
+        card("04518A2B3C4D80", "ORB_GENERIC_ISO14443_4", "ndef_t4", R"({"message": "D10101540061"})");
     static const uint8_t kSend[8] = {0x26, 0x93, 0x20, 0x30, 0x04, 0xA2, 0x05, 0x00};
     record("fuzz_raw_atr", "front_end", {0, 2}, ntag.c_str(), nullptr, [](ZEL_HANDLE h) {
         uint8_t recv[254];
