@@ -1,8 +1,9 @@
-// The socket link's receive buffer against arbitrary datagrams: datagrams of the input's sizes wait on one
-// end of a datagram socket pair whose other end is the record's socket, and are taken by udp_rx with an
+// The socket link's receive buffer against arbitrary datagrams: datagrams of the input's sizes, sent from a
+// loopback socket that stands in for the reader, wait on the record's socket, and are taken by udp_rx with an
 // arbitrary wanted count (the buffer's end and beyond included), by the port's counted reads, and by the
 // frame protocol of a few reader commands. The buffer must hold the datagrams' bytes in order and never grow
 // past its end. The clock runs fast once nothing waits on the socket, so that a receive never waits.
+#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,14 +27,38 @@ uint32_t fast_tick()
 }
 void no_sleep(uint32_t) {}
 
+// A datagram socket on a free loopback port; its address goes to addr.
+int loopback_socket(sockaddr_in &addr)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    addr = sockaddr_in{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2 || size > 20000)
         return 0;
+    // The record's socket and the reader's, on the loopback, each sending to the other.
     int sp[2];
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sp) != 0)
+    sockaddr_in addr[2];
+    for (int i = 0; i < 2; ++i) {
+        sp[i] = loopback_socket(addr[i]);
+        if (sp[i] < 0)
+            std::abort();
+    }
+    if (connect(sp[1], reinterpret_cast<const sockaddr *>(&addr[0]), sizeof addr[0]) != 0)
         std::abort();
     g_socket = sp[0];
     zel::set_tick_hook(fast_tick);
@@ -43,6 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     rec.comm.use = ZEL_PORT_SOCKET;
     rec.udp_socket = sp[0];
     rec.udp_ready = 1;
+    rec.udp_remote = addr[1];
     rec.opened = 1;
 
     std::vector<uint8_t> sent; // every datagram byte sent, in order
