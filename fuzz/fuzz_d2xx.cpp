@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/internal.h"
+#include "fuzz_link.h"
 #include "tandro.h"
 #include "transport/d2xx.h"
 #include "transport/port.h"
@@ -127,13 +128,6 @@ FT_STATUS driver_version(FT_HANDLE, uint32_t *version)
     return status();
 }
 
-void no_sleep(uint32_t) {}
-uint32_t fake_now = 0;
-uint32_t fake_tick()
-{
-    return fake_now += 40;
-}
-
 void check_list(const zel_ftdi_device *list, uint32_t count)
 {
     uint32_t seen = 0;
@@ -182,8 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1 || size > 20000)
         return 0;
     in = Input{data + 1, size - 1};
-    set_sleep_hook(no_sleep);
-    set_tick_hook(fake_tick);
+    zelfuzz::QuickTime quick(40);
     switch (data[0] % 4) {
     case 0: {
         uint32_t readers = 0, adapters = 0;
@@ -246,7 +239,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     }
-    set_tick_hook(nullptr);
-    set_sleep_hook(nullptr);
     return 0;
 }

@@ -55,6 +55,33 @@ private:
     zel::LinkHooks hooks_{};
 };
 
+// Quick time for the span of a test case: the library's sleeps return at once and, with a step, its clock
+// moves step milliseconds at every look, so that every wait ends after a few rounds (a step of 0 leaves
+// the clock alone).
+class QuickTime {
+public:
+    explicit QuickTime(uint32_t step_ms)
+    {
+        step_ = step_ms;
+        zel::set_sleep_hook(&QuickTime::skip);
+        if (step_ms)
+            zel::set_tick_hook(&QuickTime::tick);
+    }
+    ~QuickTime()
+    {
+        zel::set_tick_hook(nullptr);
+        zel::set_sleep_hook(nullptr);
+    }
+    QuickTime(const QuickTime &) = delete;
+    QuickTime &operator=(const QuickTime &) = delete;
+
+private:
+    static void skip(uint32_t) {}
+    static uint32_t tick() { return now_ += step_; }
+    static inline uint32_t now_ = 0;
+    static inline uint32_t step_ = 0;
+};
+
 } // namespace zelfuzz
 
 #endif

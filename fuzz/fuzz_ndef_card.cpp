@@ -9,15 +9,11 @@
 #include "fuzz_link.h"
 #include "tandro.h"
 
-namespace {
-void no_sleep(uint32_t) {}
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1 || size > 200000)
         return 0;
-    zel::set_sleep_hook(no_sleep);
+    zelfuzz::QuickTime quick(0);
     zelfuzz::FuzzLink link(data + 1, size - 1);
     ZEL_HANDLE h = &link.record;
     const uint8_t op = data[0];
@@ -59,6 +55,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     }
-    zel::set_sleep_hook(nullptr);
     return 0;
 }

@@ -11,23 +11,11 @@
 #include "fuzz_link.h"
 #include "tandro.h"
 
-namespace {
-
-void no_sleep(uint32_t) {}
-uint32_t fake_now = 0;
-uint32_t fake_tick()
-{
-    return fake_now += 7;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2 || size > 20000)
         return 0;
-    zel::set_sleep_hook(no_sleep);
-    zel::set_tick_hook(fake_tick);
+    zelfuzz::QuickTime quick(7);
     {
         const uint8_t pick = data[0];
         // The open's argument: a text of up to 48 bytes from the input when asked for.
@@ -71,7 +59,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
     }
-    zel::set_tick_hook(nullptr);
-    zel::set_sleep_hook(nullptr);
     return 0;
 }

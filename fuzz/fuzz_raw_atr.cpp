@@ -8,23 +8,11 @@
 #include "fuzz_link.h"
 #include "tandro.h"
 
-namespace {
-
-void no_sleep(uint32_t) {}
-uint32_t fake_now = 0;
-uint32_t fake_tick()
-{
-    return fake_now += 50;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2 || size > 20000)
         return 0;
-    zel::set_sleep_hook(no_sleep);
-    zel::set_tick_hook(fake_tick);
+    zelfuzz::QuickTime quick(50);
     {
         zelfuzz::FuzzLink link(data + 2, size - 2);
         ZEL_HANDLE h = &link.record;
@@ -78,7 +66,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         }
     }
-    zel::set_tick_hook(nullptr);
-    zel::set_sleep_hook(nullptr);
     return 0;
 }

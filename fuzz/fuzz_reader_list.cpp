@@ -17,42 +17,15 @@
 #include <vector>
 
 #include "core/internal.h"
+#include "fuzz_link.h"
+#include "fuzz_net.h"
 #include "tandro.h"
 #include "zel_net.h"
 
 namespace {
 
-using Datagrams = std::vector<std::vector<uint8_t>>;
-
-void no_sleep(uint32_t) {}
-// A clock that moves almost a second a look: a receive of the list's records polls once and ends.
-uint32_t g_now = 0;
-uint32_t fast_tick()
-{
-    return g_now += 999;
-}
-
-// A socket on port of addr, with a receive time-out.
-int bound_socket(uint16_t port, uint32_t addr, long wait_ms)
-{
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    timeval tv{0, wait_ms * 1000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(addr);
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
+using zelfuzz::bound_socket;
+using zelfuzz::Datagrams;
 
 // Takes one datagram on fd and answers its sender with the datagrams.
 void respond(int fd, const Datagrams &answers)
@@ -72,18 +45,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1 || size > 20000)
         return 0;
-    zel::set_sleep_hook(no_sleep);
-    Datagrams answers;
-    for (size_t at = 1; at + 2 <= size && answers.size() < 32;) {
-        size_t n = static_cast<size_t>(data[at]) << 8 | data[at + 1];
-        at += 2;
-        if (n > 1500)
-            n = 1500;
-        if (n > size - at)
-            n = size - at;
-        answers.emplace_back(data + at, data + at + n);
-        at += n;
-    }
+    // Sleeps skipped, and a clock that moves almost a second a look: a receive of the list's records polls
+    // once and ends.
+    zelfuzz::QuickTime quick(999);
+    const Datagrams answers = zelfuzz::read_datagrams(data, size, 1);
     const int fd = bound_socket(ZEL_NET_FRAME_PORT, INADDR_ANY, 10);
     if (fd < 0)
         return 0;
@@ -98,9 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     });
     const uint32_t before = list_size();
-    zel::set_tick_hook(fast_tick);
     const uint32_t added = udp_reader_list();
-    zel::set_tick_hook(nullptr);
     done = true;
     responder.join();
     close(fd);
@@ -112,6 +75,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         ReaderCloseHnd(h);
         removeData(h);
     }
-    zel::set_sleep_hook(nullptr);
     return 0;
 }

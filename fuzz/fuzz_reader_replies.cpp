@@ -9,8 +9,6 @@
 
 namespace {
 
-void no_sleep(uint32_t) {}
-
 // A heap buffer of exactly n bytes.
 struct Exact {
     explicit Exact(size_t n) : p(static_cast<uint8_t *>(std::malloc(n ? n : 1))) {}
@@ -138,16 +136,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2 || size > 20000)
         return 0;
-    zel::set_sleep_hook(no_sleep);
-    {
-        zelfuzz::FuzzLink link(data + 2, size - 2);
-        ZEL_HANDLE h = &link.record;
-        const unsigned op = data[0] % 16;
-        if (op < 8)
-            identity(h, op);
-        else
-            configuration(h, op - 8, data[1]);
-    }
-    zel::set_sleep_hook(nullptr);
+    zelfuzz::QuickTime quick(0);
+    zelfuzz::FuzzLink link(data + 2, size - 2);
+    ZEL_HANDLE h = &link.record;
+    const unsigned op = data[0] % 16;
+    if (op < 8)
+        identity(h, op);
+    else
+        configuration(h, op - 8, data[1]);
     return 0;
 }

@@ -37,6 +37,16 @@ struct Pipe {
     Pipe &operator=(const Pipe &) = delete;
 };
 
+// A read gave got bytes of out (n asked): never more than asked or than waited, and the next ones in order.
+void take(std::deque<uint8_t> &expected, const std::vector<uint8_t> &out, uint32_t n, uint32_t got)
+{
+    if (got > n || got > expected.size())
+        std::abort();
+    for (uint32_t i = 0; i < got; ++i, expected.pop_front())
+        if (out[i] != expected.front())
+            std::abort();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -78,11 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 port_read_raw(&rec, out.data(), n, &got);
             else
                 serial_read(line.fds[0], ahead, out.data(), n, 0, &got);
-            if (got > n || got > expected.size())
-                std::abort();
-            for (uint32_t i = 0; i < got; ++i, expected.pop_front())
-                if (out[i] != expected.front())
-                    std::abort();
+            take(expected, out, n, got);
             break;
         }
         case 2: {
@@ -92,11 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 got = port_read_some(&rec, out.data(), n);
             else
                 serial_read_some(line.fds[0], ahead, out.data(), n, 0, &got);
-            if (got > n || got > expected.size())
-                std::abort();
-            for (uint32_t i = 0; i < got; ++i, expected.pop_front())
-                if (out[i] != expected.front())
-                    std::abort();
+            take(expected, out, n, got);
             break;
         }
         default: {
