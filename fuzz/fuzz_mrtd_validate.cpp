@@ -51,32 +51,45 @@ struct Chip {
     }
 };
 
-const std::string &folder()
-{
-    static const std::string path = [] {
+// A certificate folder of the test case's own, removed with its files at the end of the case.
+class Folder {
+public:
+    Folder()
+    {
         char tmpl[] = "/tmp/fuzz_mrtd_validate.XXXXXX";
         const char *made = mkdtemp(tmpl);
         if (made == nullptr)
             std::abort();
-        return std::string(made);
-    }();
-    return path;
-}
-
-void put_file(const std::string &name, const uint8_t *data, size_t len, bool present)
-{
-    const std::string path = folder() + "/" + name;
-    if (!present) {
-        unlink(path.c_str());
-        return;
+        path_ = made;
     }
-    FILE *f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr)
-        std::abort();
-    if (len && std::fwrite(data, 1, len, f) != len)
-        std::abort();
-    std::fclose(f);
-}
+    ~Folder()
+    {
+        for (const char *name : kNames)
+            unlink((path_ + "/" + name).c_str());
+        rmdir(path_.c_str());
+    }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+
+    const char *path() const { return path_.c_str(); }
+    // Writes the file when present.
+    void put(const char *name, const uint8_t *data, size_t len, bool present) const
+    {
+        if (!present)
+            return;
+        FILE *f = std::fopen((path_ + "/" + name).c_str(), "wb");
+        if (f == nullptr)
+            std::abort();
+        if (len && std::fwrite(data, 1, len, f) != len)
+            std::abort();
+        std::fclose(f);
+    }
+
+    static constexpr const char *kNames[] = {"csca.der", "list.ml"};
+
+private:
+    std::string path_;
+};
 
 struct Reader {
     const uint8_t *data;
@@ -121,10 +134,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     const uint8_t *p = nullptr;
     size_t n = 0;
+    const Folder folder;
     const bool has_csca = in.next(p, n) && n > 0;
-    put_file("csca.der", p, n, has_csca);
+    folder.put(Folder::kNames[0], p, n, has_csca);
     const bool has_list = in.next(p, n) && n > 0;
-    put_file("list.ml", p, n, has_list);
+    folder.put(Folder::kNames[1], p, n, has_list);
 
     Chip chip;
     auto app = std::make_unique<zs::PassportApp>(std::move(doc));
@@ -149,8 +163,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint32_t verbosity = (options >> 1) % 4;
         char *text = nullptr;
         uint8_t integrity = 0xFF, validity = 0xFF;
-        const ZEL_STATUS st = MRTDValidateHnd(&zel_global, folder().c_str(), verbosity ? &text : nullptr, "\n",
-                                              verbosity, ks_enc, ks_mac, &ssc, &integrity, &validity);
+        const ZEL_STATUS st = MRTDValidateHnd(&zel_global, folder.path(), verbosity ? &text : nullptr, "\n", verbosity,
+                                              ks_enc, ks_mac, &ssc, &integrity, &validity);
         // The flags are always written, and only as 0 or 1; a text is given whenever one was asked for.
         if (integrity > 1 || validity > 1 || (verbosity && text == nullptr))
             std::abort();
