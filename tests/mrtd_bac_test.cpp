@@ -253,15 +253,7 @@ Bytes card_answer(const Bytes &plain, uint16_t sw, uint64_t ssc)
     }
     const Bytes do99 = {0x99, 0x02, uint8_t(sw >> 8), uint8_t(sw)};
     r.insert(r.end(), do99.begin(), do99.end());
-    Bytes mac_in(8);
-    for (int i = 0; i < 8; ++i)
-        mac_in[i] = uint8_t(ssc >> (56 - 8 * i));
-    mac_in.insert(mac_in.end(), r.begin(), r.end());
-    uint8_t mac[8];
-    mrtd_crypto_mac_padding(mac_in.data(), mac, uint32_t(mac_in.size()), kKsMac.data());
-    r.push_back(0x8E);
-    r.push_back(0x08);
-    r.insert(r.end(), mac, mac + 8);
+    r = with_mac(r, ssc);
     r.push_back(uint8_t(sw >> 8));
     r.push_back(uint8_t(sw));
     return r;

@@ -306,23 +306,18 @@ bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string
     if (!sign_sod(lds, spec.signer == "rsa", spec.foreign_ds, sod, err))
         return false;
     f[0x011D] = sod;
-    if (!spec.tamper.empty()) {
-        Bytes *dg = named_group(f, spec.tamper);
-        if (dg == nullptr) {
-            err = "tamper names a data group of the document (\"DG1\")";
+    for (const std::string *name : {&spec.tamper, &spec.forge}) {
+        Bytes *dg = name->empty() ? nullptr : named_group(f, *name);
+        if (!name->empty() && dg == nullptr) {
+            err = (name == &spec.tamper ? "tamper" : "forge") + std::string(" names a data group (\"DG1\")");
             return false;
         }
-        dg->back() ^= 0x01;
+        if (dg != nullptr)
+            dg->back() ^= 0x01;
     }
     if (!spec.forge.empty()) {
-        Bytes *dg = named_group(f, spec.forge);
-        if (dg == nullptr) {
-            err = "forge names a data group of the document (\"DG1\")";
-            return false;
-        }
         // The group, its hash in the security object, the object's digest in the signed attributes: all
         // of the same size, so each takes the place of the one before.
-        dg->back() ^= 0x01;
         const Bytes forged = lds_security_object(f);
         if (!replace_run(f[0x011D], lds, forged) || !replace_run(f[0x011D], sha256(lds), sha256(forged))) {
             err = "the security object could not be forged";
