@@ -67,7 +67,38 @@ ZEL_STATUS plain_exchange(Transceive transceive, void *context, const uint8_t *c
     return ZEL_OK;
 }
 
-// One protected exchange: SSC + 1, wrap, send, SSC + 1, unwrap, status word 90 00. data holds kResponseCap.
+// The chip's MAC over its protected answer, checked before anything of the answer is used. The answer is
+// [DO'87' or DO'85'] DO'99' DO'8E' SW1 SW2; the MAC covers the SSC and every object in front of DO'8E'.
+// An answer that is no protected answer at all (no object of secure messaging in front) is left to the
+// unwrap, which refuses it; one that is protected but lacks DO'99', carries a MAC that does not verify, or
+// whose status word disagrees with the one inside DO'99' is a broken session.
+ZEL_STATUS verify_answer(const uint8_t *resp, uint32_t resp_len, const uint8_t *ks_mac, uint64_t ssc)
+{
+    const uint8_t first = resp[0];
+    if (first != 0x85 && first != 0x87 && first != 0x99 && first != 0x8E)
+        return ZEL_PARAMETERS_ERROR;
+    // DO'99' (4 bytes), DO'8E' (10) and the status word (2) close every protected answer.
+    constexpr uint32_t kTail = 16;
+    if (resp_len < kTail)
+        return MRTD_SECURE_CHANNEL_SESSION_FAILED;
+    const uint32_t do99 = resp_len - kTail;
+    const uint8_t *t = resp + do99;
+    if (t[0] != 0x99 || t[1] != 0x02 || t[4] != 0x8E || t[5] != 0x08 || (first == 0x99) != (do99 == 0))
+        return MRTD_SECURE_CHANNEL_SESSION_FAILED;
+    uint8_t mac_in[8 + kResponseCap];
+    put_u64_be(ssc, mac_in);
+    std::memcpy(mac_in + 8, resp, do99 + 4);
+    uint8_t mac[8];
+    mrtd_crypto_mac_padding(mac_in, mac, 8 + do99 + 4, ks_mac);
+    const bool mac_ok = CRYPTO_memcmp(mac, t + 6, 8) == 0;
+    OPENSSL_cleanse(mac, sizeof mac);
+    if (!mac_ok || t[2] != resp[resp_len - 2] || t[3] != resp[resp_len - 1])
+        return MRTD_SECURE_CHANNEL_SESSION_FAILED;
+    return ZEL_OK;
+}
+
+// One protected exchange: SSC + 1, wrap, send, SSC + 1, verify, unwrap, status word 90 00 (the one inside
+// DO'99', which the MAC covers). data holds kResponseCap.
 ZEL_STATUS sm_exchange(Transceive transceive, void *context, const uint8_t *apdu, uint32_t apdu_len,
                        const uint8_t *ks_enc, const uint8_t *ks_mac, uint64_t *ssc, uint8_t *data, uint32_t *data_len)
 {
@@ -81,13 +112,27 @@ ZEL_STATUS sm_exchange(Transceive transceive, void *context, const uint8_t *apdu
     if (st != ZEL_OK)
         return st;
     ++*ssc;
+    *data_len = 0;
+    st = verify_answer(resp, resp_len, ks_mac, *ssc);
+    if (st != ZEL_OK)
+        return st;
     st = mrtd_bac_decrypt_response(resp, data, resp_len, data_len, ks_enc);
     if (st != ZEL_OK)
         return st;
-    const uint8_t sw1 = resp[resp_len - 2], sw2 = resp[resp_len - 1];
+    const uint8_t sw1 = resp[resp_len - 14], sw2 = resp[resp_len - 13];
     if (sw1 != 0x90 || sw2 != 0x00)
         return card_status(sw1, sw2);
     return ZEL_OK;
+}
+
+// M.ICC, the chip's MAC over E.ICC in its EXTERNAL AUTHENTICATE answer, under K.MAC.
+bool chip_mac_ok(const uint8_t *resp, const uint8_t *kmac)
+{
+    uint8_t mac[8];
+    mrtd_crypto_mac_padding(resp, mac, 32, kmac);
+    const bool ok = CRYPTO_memcmp(mac, resp + 32, 8) == 0;
+    OPENSSL_cleanse(mac, sizeof mac);
+    return ok;
 }
 
 void keep_digest(uint16_t file_id, const uint8_t *file, uint32_t len)
@@ -159,7 +204,9 @@ ZEL_STATUS bac_authenticate(Transceive transceive, void *context, const char *mr
         mrtd_bac_cmd_data(mrtd_bac_rnd_ifd, mrtd_bac_kifd, rnd_icc, kenc, kmac, ext_auth + 5);
         ext_auth[45] = 0x28;
         st = plain_exchange(transceive, context, ext_auth, sizeof ext_auth, resp, &resp_len);
-        if (st == ZEL_OK && (resp_len - 2 < 32 || !mrtd_bac_challenge_ok(resp, kenc, mrtd_bac_rnd_ifd, nullptr, kicc)))
+        // E.ICC and the chip's MAC over it; the MAC is checked before E.ICC is deciphered.
+        if (st == ZEL_OK && (resp_len - 2 < 40 || !chip_mac_ok(resp, kmac) ||
+                             !mrtd_bac_challenge_ok(resp, kenc, mrtd_bac_rnd_ifd, nullptr, kicc)))
             st = MRTD_SECURE_CHANNEL_SESSION_FAILED;
         if (st == ZEL_OK) {
             for (int i = 0; i < 16; ++i)
@@ -168,6 +215,9 @@ ZEL_STATUS bac_authenticate(Transceive transceive, void *context, const char *mr
             *ssc = mrtd_bac_get_ssc(rnd_icc, mrtd_bac_rnd_ifd);
         }
     }
+    // The host's randoms have served their one authentication.
+    OPENSSL_cleanse(mrtd_bac_rnd_ifd, sizeof mrtd_bac_rnd_ifd);
+    OPENSSL_cleanse(mrtd_bac_kifd, sizeof mrtd_bac_kifd);
     OPENSSL_cleanse(kenc, sizeof kenc);
     OPENSSL_cleanse(kmac, sizeof kmac);
     OPENSSL_cleanse(kicc, sizeof kicc);

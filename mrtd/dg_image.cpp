@@ -129,8 +129,9 @@ ZEL_API ZEL_STATUS MRTDGetImageFromDG2(const uint8_t *dg2, int32_t len, const ui
     if (!c.lenient_tag(kGroupTemplate, 2) || !c.length(&vl) || !c.skip_object() || !c.lenient_tag(kTemplate, 2) ||
         !c.length(&vl) || !c.skip_object())
         return MRTD_EF_DG_WRONG_DATA;
-    // The biometric data block, 5F 2E or 7F 2E.
-    if (c.left() < 2 || (c.p[0] & 0xDF) != 0x5F || c.p[1] != 0x2E)
+    // The biometric data block, 5F 2E or 7F 2E, compared as leniently as the tags before it: it fails only
+    // when both bytes differ.
+    if (c.left() < 2 || ((c.p[0] & 0xDF) != 0x5F && c.p[1] != 0x2E))
         return MRTD_EF_DG_WRONG_DATA;
     c.p += 2;
     uint32_t block_len = 0;

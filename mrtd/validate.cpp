@@ -186,6 +186,9 @@ struct Validation {
     uint32_t hash_id = 0, hash_len = 0, sa_hash = 0, sa_len = 0;
     uint8_t *tags = nullptr, count = 0;
     bool matched[3] = {false, false, false}; // DG1, DG2 and DG14 whose hashes matched
+    bool mismatch = false;                   // a computed hash of any data group that differed
+    bool lds_matched = false;                // the LDS security object's digest matched
+    ZEL_STATUS signature = ZEL_OK;           // the verification of the signed attributes' signature
     ZEL_STATUS last_read = ZEL_OK;
     // The document signer's certificate, and the status of reading its AKI.
     const uint8_t *ds = nullptr;
@@ -300,6 +303,7 @@ void compare_data_group(Validation &v, uint8_t index, const std::string &number,
         else if (index == 14)
             v.matched[2] = true;
     } else {
+        v.mismatch = true;
         r.line(1, "ERROR, HASH IS NOT MATCHING! DATA IS TAMPERED!");
     }
     r.blank(2);
@@ -344,8 +348,7 @@ bool check_data_group_hashes(Validation &v)
     return true;
 }
 
-// The digest of the LDS security object against the one in the signed attributes; the document's
-// integrity holds when it matches and so did DG1, DG2 and DG14.
+// The digest of the LDS security object against the one in the signed attributes.
 bool check_lds_digest(Validation &v)
 {
     Report &r = v.r;
@@ -389,8 +392,7 @@ bool check_lds_digest(Validation &v)
         if (same(md, md_len, v.b.digest, v.sa_len)) {
             r.line(1, "DIGEST IS MATCHED");
             r.blank(1);
-            if (v.matched[0] && v.matched[1] && v.matched[2])
-                *v.integrity = 1;
+            v.lds_matched = true;
         } else {
             r.line(1, "ERROR, DIGEST IS NOT MATCHING! DATA IS TAMPERED!");
         }
@@ -433,8 +435,10 @@ bool read_ds_certificate(Validation &v)
     return true;
 }
 
-// The signature over the signed attributes: its scheme, and the verification told in the report (its
-// outcome does not change the status).
+// The signature over the signed attributes: its scheme, and the verification told in the report. A
+// signature that does not verify ends as the validation's status (once the report is complete), and the
+// document's integrity holds only over a verified signature: the LDS digest matched, so did DG1, DG2 and
+// DG14, and no computed hash differed.
 bool check_signed_attributes(Validation &v)
 {
     Report &r = v.r;
@@ -452,6 +456,9 @@ bool check_signed_attributes(Validation &v)
     r.line(1,
            "Signature scheme used for Signed Attributes signature verification: ", OrbGetSignatureSchemeName(scheme));
     const ZEL_STATUS sig_st = pkcs7VerifySignature(v.b.sod, v.sod_len);
+    v.signature = sig_st;
+    if (sig_st == ZEL_OK && v.lds_matched && !v.mismatch && v.matched[0] && v.matched[1] && v.matched[2])
+        *v.integrity = 1;
     switch (sig_st) {
     case ZEL_OK: r.line(1, "Signed Attributes signature is OK."); break;
     case PKCS7_UNSUPPORTED_SIGNATURE_SCHEME: r.line(1, "Error while parsing SOD, unknown signature scheme"); break;
@@ -514,16 +521,20 @@ bool find_csca_certificate(Validation &v)
     return true;
 }
 
-// The chain: the document signer's certificate signed by the CSCA, the CSCA by itself; the verdict.
+// The chain: the document signer's certificate signed by the CSCA, the CSCA by itself; the verdict. The
+// CSCA is valid for this document when both verify; the document is confirmed when, besides, its
+// signature verified and every digest compared matched.
 ZEL_STATUS check_chain(Validation &v)
 {
     Report &r = v.r;
     const bool ds_ok = X509VerifyDerCertSignature(v.ds, v.ds_len, v.b.csca, v.csca_len) == ZEL_OK;
     const bool csca_ok = X509VerifyDerCertSignature(v.b.csca, v.csca_len, v.b.csca, v.csca_len) == ZEL_OK;
-    *v.csca_validity = csca_ok ? 1 : 0;
+    *v.csca_validity = ds_ok && csca_ok ? 1 : 0;
     if (ds_ok && csca_ok) {
-        r.blank(1);
-        r.line(1, "Document validity CONFIRMED");
+        if (v.signature == ZEL_OK && v.lds_matched && !v.mismatch) {
+            r.blank(1);
+            r.line(1, "Document validity CONFIRMED");
+        }
         return v.current;
     }
     if (!ds_ok) {
@@ -543,9 +554,11 @@ ZEL_STATUS validate(const char *cert_folder, Report &r, const uint8_t *ks_enc, c
 {
     Validation v{r, cert_folder, ks_enc, ks_mac, ssc, integrity, csca_validity};
     if (!read_and_parse_sod(v) || !check_data_group_hashes(v) || !check_lds_digest(v) || !read_ds_certificate(v) ||
-        !check_signed_attributes(v) || !read_ds_identifiers(v) || !find_csca_certificate(v))
+        !check_signed_attributes(v))
         return v.result;
-    return check_chain(v);
+    // A signature that failed is found before anything of the certificates: it is the status.
+    const ZEL_STATUS chain = read_ds_identifiers(v) && find_csca_certificate(v) ? check_chain(v) : v.result;
+    return v.signature != ZEL_OK ? v.signature : chain;
 }
 
 } // namespace

@@ -198,6 +198,39 @@ TEST_F(MrtdDocument, WrongMrzIsRefusedByTheChip)
     EXPECT_EQ(st, MRTD_SESSION_NOT_INITIALIZED);
 }
 
+TEST_F(MrtdDocument, AnswersNotMadeByTheChipBreakTheSession)
+{
+    for (const char *fault : {"mac", "cipher", "no_do99", "sw_mismatch"}) {
+        zs::PassportSpec spec;
+        spec.fault = fault;
+        Chip chip(build(spec));
+        Keys k;
+        ASSERT_EQ(authenticate(k), ZEL_OK) << fault;
+        for (uint16_t id : {0x011E, 0x0101}) {
+            const uint8_t fid[2] = {uint8_t(id >> 8), uint8_t(id)};
+            uint8_t *data = nullptr;
+            uint32_t len = 0;
+            EXPECT_EQ(MRTDFileReadBacToHeap(fid, &data, &len, k.ks_enc, k.ks_mac, &k.ssc),
+                      MRTD_SECURE_CHANNEL_SESSION_FAILED)
+                << fault << ' ' << std::hex << id;
+            EXPECT_EQ(data, nullptr) << fault;
+            EXPECT_EQ(len, 0u) << fault;
+            OrbFree(data);
+        }
+    }
+    // The chip's MAC over its part of the authentication.
+    zs::PassportSpec spec;
+    spec.fault = "auth_mac";
+    Chip chip(build(spec));
+    Keys k;
+    EXPECT_EQ(authenticate(k), MRTD_SECURE_CHANNEL_SESSION_FAILED);
+    EXPECT_EQ(k.ssc, 0u);
+    EXPECT_EQ(MRTD_SessionInit("L898902C3", "740812", "120415"), MRTD_SECURE_CHANNEL_SESSION_FAILED);
+    ZEL_STATUS st = 0;
+    read_document(&st, 1, 0, nullptr);
+    EXPECT_EQ(st, MRTD_SESSION_NOT_INITIALIZED);
+}
+
 // ---- The JSON document ----
 
 TEST_F(MrtdDocument, WholeDocumentIsValidJsonWithEveryReadableGroup)
@@ -375,9 +408,12 @@ TEST_F(MrtdValidation, RsaSignerAndTamperedGroup)
     Chip chip(build(spec));
     csca_folder();
     const Validation v = validate(dir.path(), 3);
-    // DG11 does not count towards integrity: only its line tells.
+    // Any data group that differs from its stored hash leaves the document without integrity and
+    // unconfirmed; the status is that of the chain, which is good.
     EXPECT_EQ(v.status, ZEL_OK);
-    EXPECT_EQ(v.integrity, 1);
+    EXPECT_EQ(v.integrity, 0);
+    EXPECT_EQ(v.csca, 1);
+    EXPECT_FALSE(has(v.text, "Document validity CONFIRMED"));
     // The one mismatch stands between the lines of DG11 and DG12.
     const size_t bad = v.text.find("ERROR, HASH IS NOT MATCHING! DATA IS TAMPERED!");
     EXPECT_GT(bad, v.text.find("Data group 11: \n"));
@@ -399,7 +435,7 @@ TEST_F(MrtdValidation, TamperedFaceOrMissingDg14KeepIntegrityFalse)
         EXPECT_EQ(v.status, ZEL_OK);
         EXPECT_EQ(v.integrity, 0);
         EXPECT_TRUE(has(v.text, "Data group 2: \nERROR, HASH IS NOT MATCHING!"));
-        EXPECT_TRUE(has(v.text, "Document validity CONFIRMED"));
+        EXPECT_FALSE(has(v.text, "Document validity CONFIRMED"));
     }
     {
         zs::PassportSpec spec;
@@ -410,6 +446,54 @@ TEST_F(MrtdValidation, TamperedFaceOrMissingDg14KeepIntegrityFalse)
         EXPECT_EQ(v.integrity, 0);
         EXPECT_EQ(v.csca, 1);
         EXPECT_TRUE(has(v.text, "Document validity CONFIRMED"));
+    }
+}
+
+TEST_F(MrtdValidation, ForgedSecurityObjectOrForeignSignerIsNeverConfirmed)
+{
+    csca_folder();
+    {
+        // DG1 changed, its hash and the LDS digest changed to fit, the signature left as it was: every
+        // comparison matches and only the signature tells.
+        zs::PassportSpec spec;
+        spec.forge = "DG1";
+        Chip chip(build(spec));
+        for (uint32_t verbosity : {0u, 1u, 3u}) {
+            const Validation v = validate(dir.path(), verbosity);
+            EXPECT_EQ(v.status, PKCS7_WRONG_SIGNATURE) << verbosity;
+            EXPECT_EQ(v.integrity, 0) << verbosity;
+            // The chain itself is sound.
+            EXPECT_EQ(v.csca, 1) << verbosity;
+            EXPECT_FALSE(has(v.text, "Document validity CONFIRMED")) << verbosity;
+        }
+        const Validation v = validate(dir.path(), 1);
+        EXPECT_TRUE(has(v.text, "Data group 1: \nHASH IS MATCHED"));
+        EXPECT_TRUE(has(v.text, "DIGEST IS MATCHED"));
+        EXPECT_TRUE(has(v.text, "WRONG Signed Attributes signature. DATA IS TAMPERED!"));
+    }
+    {
+        // A document signer that names the right CSCA but was signed by another key.
+        zs::PassportSpec spec;
+        spec.foreign_ds = true;
+        Chip chip(build(spec));
+        const Validation v = validate(dir.path(), 1);
+        EXPECT_EQ(v.status, MRTD_VERIFY_WRONG_DS_SIGNATURE);
+        EXPECT_EQ(v.csca, 0);
+        EXPECT_EQ(v.integrity, 1); // the signed attributes do verify with the signer's key
+        EXPECT_TRUE(has(v.text, "Document Signing (DS) certificate signature verification failed. Wrong signature!"));
+        EXPECT_FALSE(has(v.text, "Document validity CONFIRMED"));
+    }
+    {
+        // Both: the signature is found first and is the status.
+        zs::PassportSpec spec;
+        spec.forge = "DG1";
+        spec.foreign_ds = true;
+        Chip chip(build(spec));
+        const Validation v = validate(dir.path(), 1);
+        EXPECT_EQ(v.status, PKCS7_WRONG_SIGNATURE);
+        EXPECT_EQ(v.integrity, 0);
+        EXPECT_EQ(v.csca, 0);
+        EXPECT_FALSE(has(v.text, "Document validity CONFIRMED"));
     }
 }
 
@@ -582,6 +666,29 @@ TEST_F(MrtdOverReader, DocumentReadAndValidatedOverBac)
     EXPECT_EQ(integrity, 1);
     EXPECT_EQ(validity, 1);
     OrbFree(report);
+}
+
+TEST_F(MrtdOverReader, HostileChipsOfTheScenario)
+{
+    // A forged document and a spoilt MAC, set up the way a scenario sets them up.
+    start(R"({"forge": "DG1", "block_size": 64})");
+    write_text(dir.file("utopia.pem"), zs::passport_csca_pem());
+    Keys k;
+    ASSERT_EQ(authenticate(k), ZEL_OK);
+    uint8_t integrity = 0xFF, validity = 0xFF;
+    EXPECT_EQ(MRTDValidateHnd(&zel_global, dir.path().c_str(), nullptr, nullptr, 0, k.ks_enc, k.ks_mac, &k.ssc,
+                              &integrity, &validity),
+              PKCS7_WRONG_SIGNATURE);
+    EXPECT_EQ(integrity, 0);
+    ReaderClose();
+    zsim_free(sim);
+    sim = nullptr;
+
+    start(R"({"fault": "mac"})");
+    ASSERT_EQ(MRTD_SessionInit("L898902C3", "740812", "120415"), ZEL_OK);
+    ZEL_STATUS st = 0;
+    EXPECT_EQ(read_document(&st, 0, 0, nullptr), "");
+    EXPECT_EQ(st, MRTD_SECURE_CHANNEL_SESSION_FAILED);
 }
 
 TEST_F(MrtdOverReader, RsaSignedTd1Card)

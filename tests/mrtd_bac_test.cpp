@@ -209,12 +209,30 @@ TEST(BacWorkedExample, WholeDialogueThroughATransceiveFunction)
     EXPECT_EQ(cut(file, len), kEfCom);
     EXPECT_EQ(ssc, kSsc + 6);
     EXPECT_TRUE(card.script.empty());
+    // The host's randoms served this one authentication and are gone.
+    EXPECT_EQ(cut(mrtd_bac_rnd_ifd, 8), Bytes(8, 0));
+    EXPECT_EQ(cut(mrtd_bac_kifd, 16), Bytes(16, 0));
 
     uint8_t *tags = nullptr;
     uint8_t count = 0;
     ASSERT_EQ(MRTDGetDGTagListFromCOM(file, len, &tags, &count), ZEL_OK);
     EXPECT_EQ(cut(tags, count), hex("6175"));
     OrbFree(file);
+}
+
+// DO'8E' over the SSC and the objects in front of it, under the example's KS.MAC.
+Bytes with_mac(Bytes objects, uint64_t ssc)
+{
+    Bytes mac_in(8);
+    for (int i = 0; i < 8; ++i)
+        mac_in[i] = uint8_t(ssc >> (56 - 8 * i));
+    mac_in.insert(mac_in.end(), objects.begin(), objects.end());
+    uint8_t mac[8];
+    mrtd_crypto_mac_padding(mac_in.data(), mac, uint32_t(mac_in.size()), kKsMac.data());
+    objects.push_back(0x8E);
+    objects.push_back(0x08);
+    objects.insert(objects.end(), mac, mac + 8);
+    return objects;
 }
 
 // A protected answer made the way a card makes it: DO'87' (when there is data), DO'99', DO'8E'.
@@ -235,15 +253,7 @@ Bytes card_answer(const Bytes &plain, uint16_t sw, uint64_t ssc)
     }
     const Bytes do99 = {0x99, 0x02, uint8_t(sw >> 8), uint8_t(sw)};
     r.insert(r.end(), do99.begin(), do99.end());
-    Bytes mac_in(8);
-    for (int i = 0; i < 8; ++i)
-        mac_in[i] = uint8_t(ssc >> (56 - 8 * i));
-    mac_in.insert(mac_in.end(), r.begin(), r.end());
-    uint8_t mac[8];
-    mrtd_crypto_mac_padding(mac_in.data(), mac, uint32_t(mac_in.size()), kKsMac.data());
-    r.push_back(0x8E);
-    r.push_back(0x08);
-    r.insert(r.end(), mac, mac + 8);
+    r = with_mac(r, ssc);
     r.push_back(uint8_t(sw >> 8));
     r.push_back(uint8_t(sw));
     return r;
@@ -324,6 +334,67 @@ TEST(BacReadFile, ChunksStatusesAndLyingCards)
     EXPECT_EQ(read_with(hex("61850000"), {}).status, ZEL_PARAMETERS_ERROR); // the length field itself is bad
 }
 
+TEST(BacReadFile, AnswersNotMadeByTheChipBreakTheSession)
+{
+    // The head of the file comes back through `answer`; nothing of a refused answer reaches the caller.
+    auto read_head = [](const Bytes &answer) {
+        ScriptedCard card;
+        card.script = {{{}, card_answer({}, 0x9000, kSsc + 2)}, {{}, answer}};
+        uint64_t ssc = kSsc;
+        uint8_t *file = nullptr;
+        uint32_t len = 0;
+        ReadResult r;
+        r.status = zel::mrtd::bac_read_file(ScriptedCard::transceive, &card, 0x0101, &file, &len, kKsEnc.data(),
+                                            kKsMac.data(), &ssc);
+        r.file = file != nullptr ? cut(file, len) : Bytes{};
+        r.ssc = ssc;
+        OrbFree(file);
+        return r;
+    };
+    const Bytes head = hex("6102AABB");
+    const Bytes good = card_answer(head, 0x9000, kSsc + 4);
+    ASSERT_EQ(read_head(good).status, ZEL_OK);
+    ASSERT_EQ(read_head(good).file, head);
+
+    Bytes encrypted;
+    {
+        uint8_t padded[16], enc[16];
+        uint32_t n = 0;
+        mrtd_crypto_padding(head.data(), padded, int32_t(head.size()), &n);
+        mrtd_crypto_encrypt_3des(padded, enc, n, kKsEnc.data());
+        encrypted = hex("870901") + cut(enc, n);
+    }
+    Bytes spoilt_mac = good, flipped_cipher = good, sw_hidden = good;
+    spoilt_mac[spoilt_mac.size() - 3] ^= 0x01;
+    flipped_cipher[4] ^= 0x01; // a bit of the cipher text, the MAC as the chip made it
+    sw_hidden[sw_hidden.size() - 2] = 0x62;
+    sw_hidden[sw_hidden.size() - 1] = 0x82;
+    Bytes refusal_hidden = card_answer({}, 0x6982, kSsc + 4);
+    refusal_hidden[refusal_hidden.size() - 2] = 0x90;
+    refusal_hidden[refusal_hidden.size() - 1] = 0x00;
+    const struct {
+        const char *what;
+        Bytes answer;
+    } hostile[] = {
+        {"spoilt DO'8E'", spoilt_mac},
+        {"flipped cipher text", flipped_cipher},
+        {"answer of another counter", card_answer(head, 0x9000, kSsc + 3)},
+        {"no DO'99', a good MAC over the rest", with_mac(encrypted, kSsc + 4) + hex("9000")},
+        {"no DO'99' nor DO'8E'", encrypted + hex("9000")},
+        {"plain status other than DO'99'", sw_hidden},
+        {"a refusal inside DO'99', 90 00 outside", refusal_hidden},
+        {"DO'8E' cut short", Bytes(good.begin(), good.end() - 3) + hex("9000")},
+    };
+    for (const auto &h : hostile) {
+        const ReadResult r = read_head(h.answer);
+        EXPECT_EQ(r.status, MRTD_SECURE_CHANNEL_SESSION_FAILED) << h.what;
+        EXPECT_TRUE(r.file.empty()) << h.what;
+        EXPECT_EQ(r.ssc, kSsc + 4) << h.what;
+    }
+    // The status that counts is the one the MAC covers: a refusal in both places is the card's status.
+    EXPECT_EQ(read_head(card_answer({}, 0x6982, kSsc + 4)).status, 0xA6982u);
+}
+
 TEST(BacReadFile, LinkFailuresAndPlainAnswers)
 {
     uint8_t *file = nullptr;
@@ -361,10 +432,25 @@ TEST(BacAuthenticate, CardRefusalsAndWrongAnswers)
     EXPECT_EQ(run({{{}, hex("9000")}, {{}, hex("1122339000")}}), ZEL_APDU_TRANSCEIVE_ERROR);
     // A wrong MRZ: the card refuses EXTERNAL AUTHENTICATE.
     EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, hex("6300")}}), 0xA6300u);
-    // 90 00 but the wrong RND.IFD inside, or too short an answer.
-    Bytes wrong = kCardAnswer;
-    wrong[10] ^= 0x55;
+    // 90 00 but the wrong RND.IFD inside (under a good MAC), a MAC that does not verify, or too short an
+    // answer. The host's randoms are wiped after a failure too.
+    Bytes wrong(40);
+    {
+        Bytes plain = kRndIc + kRndIfd + kKIc;
+        plain[10] ^= 0x55;
+        mrtd_crypto_encrypt_3des(plain.data(), wrong.data(), 32, kKEnc.data());
+        mrtd_crypto_mac_padding(wrong.data(), wrong.data() + 32, 32, kKMac.data());
+    }
     EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, with_ok(wrong)}}),
+              MRTD_SECURE_CHANNEL_SESSION_FAILED);
+    EXPECT_EQ(cut(mrtd_bac_kifd, 16), Bytes(16, 0));
+    Bytes spoilt_mac = kCardAnswer;
+    spoilt_mac[39] ^= 0x01;
+    EXPECT_EQ(run({{{}, hex("9000")}, {{}, with_ok(kRndIc)}, {{}, with_ok(spoilt_mac)}}),
+              MRTD_SECURE_CHANNEL_SESSION_FAILED);
+    EXPECT_EQ(run({{{}, hex("9000")},
+                   {{}, with_ok(kRndIc)},
+                   {{}, with_ok(Bytes(kCardAnswer.begin(), kCardAnswer.begin() + 32))}}),
               MRTD_SECURE_CHANNEL_SESSION_FAILED);
     EXPECT_EQ(run({{{}, hex("9000")},
                    {{}, with_ok(kRndIc)},

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 
 #include "mrtd_test_support.h"
 #include "tandro.h"
@@ -105,6 +106,21 @@ TEST(MrtdImages, Dg2LayoutChecks)
     EXPECT_EQ(status(d), MRTD_EF_DG_WRONG_DATA);
     EXPECT_EQ(image, nullptr);
     EXPECT_EQ(format, 0xFFFFFFFFu);
+    // The data block's tag likewise: 5F 2E or 7F 2E (bit 5 of the first byte aside), one byte of two
+    // wrong passes, both wrong fail.
+    const std::string text(good.begin(), good.end());
+    const size_t block = text.rfind(std::string("\x5F\x2E", 2), fac);
+    ASSERT_NE(block, std::string::npos);
+    for (const auto &[first, second, ok] : {std::tuple{0x7F, 0x2E, true}, std::tuple{0x4F, 0x2E, true},
+                                            std::tuple{0x5F, 0x2F, true}, std::tuple{0x4F, 0x2F, false}}) {
+        d = good;
+        d[block] = uint8_t(first);
+        d[block + 1] = uint8_t(second);
+        EXPECT_EQ(status(d), ok ? ZEL_OK : MRTD_EF_DG_WRONG_DATA) << std::hex << first << ' ' << second;
+        if (ok) {
+            EXPECT_EQ(image, d.data() + fac + 46);
+        }
+    }
     // A JPEG 2000 code is taken, any higher code refused.
     d = good;
     d[fac + 35] = 1;

@@ -28,6 +28,12 @@ struct PassportDocument {
     // Replay mode, for measurements: the chip answers every command (its own SELECT included) with the next
     // of these answers (data and status word), from the first again after the last, without looking at it.
     std::vector<Bytes> replay;
+    // A hostile chip, or a man in the middle, for tests of the reader's side (empty: none). Under secure
+    // messaging: "auth_mac" spoils the chip's MAC in its EXTERNAL AUTHENTICATE answer; "mac" spoils DO'8E'
+    // of every protected answer; "cipher" flips a bit of the cipher text in DO'87' (the MAC left as it was);
+    // "no_do99" leaves DO'99' out (and out of the MAC); "sw_mismatch" answers a plain status word other than
+    // the one inside DO'99' (90 00 for any refusal, 62 82 for 90 00).
+    std::string fault;
 };
 
 // How to build a document.
@@ -37,6 +43,13 @@ struct PassportSpec {
     size_t face_size = 0;      // 0: the face image as it is; else the image padded to this many bytes
     bool with_dg14 = true;
     std::string tamper; // a data group name ("DG1") whose bytes change after signing
+    // A data group name ("DG1") whose bytes change together with its hash in the security object and the
+    // digest in the signed attributes, the signature left as it was: a forgery only the signature betrays.
+    std::string forge;
+    // The document signer's certificate signed by another CSCA than the one it names (issuer and key
+    // identifier unchanged), the security object still signed by the signer's key.
+    bool foreign_ds = false;
+    std::string fault; // PassportDocument::fault
 };
 
 // Builds the document of a spec: EF.COM, DG1 from the MRZ, DG2 (a JPEG face), DG3 (protected), DG7 (a JPEG

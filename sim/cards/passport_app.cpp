@@ -281,7 +281,9 @@ struct PassportApp::State {
         r.insert(r.end(), s.begin(), s.begin() + 8); // RND.IFD
         r.insert(r.end(), kicc, kicc + 16);
         Bytes answer = tdes(kenc, r.data(), r.size(), true);
-        const Bytes micc = retail_mac(kmac, answer);
+        Bytes micc = retail_mac(kmac, answer);
+        if (doc.fault == "auth_mac" && !micc.empty())
+            micc[0] ^= 0x01;
         answer.insert(answer.end(), micc.begin(), micc.end());
         uint8_t seed[16];
         for (int i = 0; i < 16; ++i)
@@ -322,17 +324,27 @@ struct PassportApp::State {
             objects.push_back(0x01);
             objects.insert(objects.end(), cipher.begin(), cipher.end());
         }
-        objects.push_back(0x99);
-        objects.push_back(0x02);
-        objects.push_back(uint8_t(sw >> 8));
-        objects.push_back(uint8_t(sw));
+        if (doc.fault != "no_do99") {
+            objects.push_back(0x99);
+            objects.push_back(0x02);
+            objects.push_back(uint8_t(sw >> 8));
+            objects.push_back(uint8_t(sw));
+        }
         Bytes mac_in;
         put_ssc(ssc, mac_in);
         mac_in.insert(mac_in.end(), objects.begin(), objects.end());
-        const Bytes mac = retail_mac(ks_mac, mac_in);
+        Bytes mac = retail_mac(ks_mac, mac_in);
+        if (doc.fault == "mac" && !mac.empty())
+            mac[7] ^= 0x80;
+        // The cipher text's first block: its change garbles the first block of plain text and flips one bit
+        // of the second, and leaves the padding at the end as it was.
+        if (doc.fault == "cipher" && !data.empty())
+            objects[objects[1] == 0x81 ? 4 : objects[1] == 0x82 ? 5 : 3] ^= 0x01;
         objects.push_back(0x8E);
         objects.push_back(0x08);
         objects.insert(objects.end(), mac.begin(), mac.end());
+        if (doc.fault == "sw_mismatch")
+            return {objects, sw == SW_OK ? uint16_t(0x6282) : SW_OK};
         return {objects, sw};
     }
 

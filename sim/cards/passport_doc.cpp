@@ -1,5 +1,6 @@
 // The files of a simulated travel document: EF.COM, the data groups made from the MRZ and the built-in
 // images, and EF.SOD, a CMS SignedData over the LDS Security Object signed by a built-in document signer.
+#include <algorithm>
 #include <cstring>
 
 #include <openssl/bio.h>
@@ -170,12 +171,25 @@ Bytes lds_security_object(const std::map<uint16_t, Bytes> &files)
     return tlv(0x30, cat({{0x02, 0x01, 0x00}, alg, tlv(0x30, hashes)}));
 }
 
-bool sign_sod(const Bytes &lds, bool rsa, Bytes &sod, std::string &err)
+// The signer's certificate signed again by a key of no CSCA, its names and key identifiers unchanged.
+bool sign_by_stranger(X509 *cert)
+{
+    EVP_PKEY *stranger = EVP_EC_gen("prime256v1");
+    const bool ok = stranger != nullptr && X509_sign(cert, stranger, EVP_sha256()) > 0;
+    EVP_PKEY_free(stranger);
+    return ok;
+}
+
+bool sign_sod(const Bytes &lds, bool rsa, bool foreign_ds, Bytes &sod, std::string &err)
 {
     BIO *cert_bio = BIO_new_mem_buf(rsa ? passport_assets::kDsRsaPem : passport_assets::kDsEcPem, -1);
     BIO *key_bio = BIO_new_mem_buf(rsa ? passport_assets::kDsRsaKey : passport_assets::kDsEcKey, -1);
     X509 *cert = cert_bio ? PEM_read_bio_X509(cert_bio, nullptr, nullptr, nullptr) : nullptr;
     EVP_PKEY *key = key_bio ? PEM_read_bio_PrivateKey(key_bio, nullptr, nullptr, nullptr) : nullptr;
+    if (cert != nullptr && foreign_ds && !sign_by_stranger(cert)) {
+        X509_free(cert);
+        cert = nullptr;
+    }
     BIO *in = BIO_new_mem_buf(lds.data(), static_cast<int>(lds.size()));
     ASN1_OBJECT *type = OBJ_txt2obj("2.23.136.1.1.1", 1);
     const unsigned flags = CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
@@ -205,6 +219,29 @@ bool sign_sod(const Bytes &lds, bool rsa, Bytes &sod, std::string &err)
     BIO_free(key_bio);
     BIO_free(cert_bio);
     return n > 0;
+}
+
+// Replaces the one run of old in bytes by new of the same length; false when old is not there.
+bool replace_run(Bytes &bytes, const Bytes &old, const Bytes &now)
+{
+    if (old.empty() || old.size() != now.size())
+        return false;
+    const auto at = std::search(bytes.begin(), bytes.end(), old.begin(), old.end());
+    if (at == bytes.end())
+        return false;
+    std::copy(now.begin(), now.end(), at);
+    return true;
+}
+
+// The file of a data group named "DGn", or null.
+Bytes *named_group(std::map<uint16_t, Bytes> &files, const std::string &name)
+{
+    if (name.size() < 3 || name.compare(0, 2, "DG") != 0)
+        return nullptr;
+    const int n = std::atoi(name.c_str() + 2);
+    if (n < 1 || n > 16 || !files.count(uint16_t(0x0100 | n)))
+        return nullptr;
+    return &files[uint16_t(0x0100 | n)];
 }
 
 bool mrz_ok(const std::string &mrz)
@@ -258,19 +295,34 @@ bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string
     }
     doc.eac_protected.insert(0x0103);
     f[0x011E] = tlv(0x60, cat({tlv(0x5F01, text("0107")), tlv(0x5F36, text("040000")), tlv(0x5C, tags)}));
+    static const char *const kFaults[] = {"", "auth_mac", "mac", "cipher", "no_do99", "sw_mismatch"};
+    if (std::find(std::begin(kFaults), std::end(kFaults), spec.fault) == std::end(kFaults)) {
+        err = "fault is \"auth_mac\", \"mac\", \"cipher\", \"no_do99\" or \"sw_mismatch\"";
+        return false;
+    }
+    doc.fault = spec.fault;
     Bytes sod;
-    if (!sign_sod(lds_security_object(f), spec.signer == "rsa", sod, err))
+    const Bytes lds = lds_security_object(f);
+    if (!sign_sod(lds, spec.signer == "rsa", spec.foreign_ds, sod, err))
         return false;
     f[0x011D] = sod;
-    if (!spec.tamper.empty()) {
-        int n = 0;
-        if (spec.tamper.size() < 3 || spec.tamper.compare(0, 2, "DG") != 0 ||
-            (n = std::atoi(spec.tamper.c_str() + 2)) < 1 || n > 16 || !f.count(uint16_t(0x0100 | n))) {
-            err = "tamper names a data group of the document (\"DG1\")";
+    for (const std::string *name : {&spec.tamper, &spec.forge}) {
+        Bytes *dg = name->empty() ? nullptr : named_group(f, *name);
+        if (!name->empty() && dg == nullptr) {
+            err = (name == &spec.tamper ? "tamper" : "forge") + std::string(" names a data group (\"DG1\")");
             return false;
         }
-        Bytes &dg = f[uint16_t(0x0100 | n)];
-        dg.back() ^= 0x01;
+        if (dg != nullptr)
+            dg->back() ^= 0x01;
+    }
+    if (!spec.forge.empty()) {
+        // The group, its hash in the security object, the object's digest in the signed attributes: all
+        // of the same size, so each takes the place of the one before.
+        const Bytes forged = lds_security_object(f);
+        if (!replace_run(f[0x011D], lds, forged) || !replace_run(f[0x011D], sha256(lds), sha256(forged))) {
+            err = "the security object could not be forged";
+            return false;
+        }
     }
     return true;
 }

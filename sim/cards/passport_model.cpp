@@ -1,8 +1,9 @@
 // The passport card model: an ISO 14443-4 card holding the document application, set up by the scenario:
 //   {"model": "passport", "setup": {"mrz": "P<UTO...", "signer": "ec", "face_size": 20000, "dg14": true,
-//    "tamper": "DG1", "replay": ["hex answer", ...]}}
+//    "tamper": "DG1", "forge": "DG1", "foreign_ds": true, "fault": "mac", "replay": ["hex answer", ...]}}
 // (every member optional, besides the level-4 members ats, atr, block_size, interim_frames). With replay the
-// chip answers its commands with those answers in turn (see PassportDocument).
+// chip answers its commands with those answers in turn (see PassportDocument); forge, foreign_ds and fault
+// make a hostile document or chip (see PassportSpec and PassportDocument).
 #include <cstdlib>
 
 #include "../json.h"
@@ -78,6 +79,27 @@ bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
         }
         spec.tamper = v->str;
     }
+    if (const Json *v = setup->get("forge")) {
+        if (v->kind != Json::STRING) {
+            err = "setup: forge names a data group";
+            return false;
+        }
+        spec.forge = v->str;
+    }
+    if (const Json *v = setup->get("foreign_ds")) {
+        if (v->kind != Json::BOOL) {
+            err = "setup: foreign_ds is true or false";
+            return false;
+        }
+        spec.foreign_ds = v->b;
+    }
+    if (const Json *v = setup->get("fault")) {
+        if (v->kind != Json::STRING) {
+            err = "setup: fault is \"auth_mac\", \"mac\", \"cipher\", \"no_do99\" or \"sw_mismatch\"";
+            return false;
+        }
+        spec.fault = v->str;
+    }
     return true;
 }
 
@@ -86,7 +108,8 @@ bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
 std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *setup, std::string &err)
 {
     Iso14443Setup s;
-    if (!iso14443_setup_read(setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper", "replay"}))
+    if (!iso14443_setup_read(
+            setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper", "forge", "foreign_ds", "fault", "replay"}))
         return nullptr;
     PassportSpec spec;
     if (!read_spec(setup, spec, err))
