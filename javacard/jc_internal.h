@@ -9,7 +9,7 @@
 
 namespace zel::jc {
 
-constexpr uint8_t kCla = 0x80;       // class of every applet command
+constexpr uint8_t kCla = 0x80;      // class of every applet command
 constexpr uint32_t kChunk = 255;    // data of one command APDU
 constexpr uint32_t kReplyMax = 256; // Le 256: the most one answer brings
 constexpr uint32_t kParts = 5;      // parts of an EC public key
@@ -33,8 +33,8 @@ Session &session();
 // One APDU: CLA, INS, P1, P2, data (nc bytes, none when nc is 0) and, when le is not 0, Le le with the answer
 // taken into out (which holds le bytes) and its length in *out_len. Answers the transceive's failure as it
 // came, 0xA0000 | SW1 SW2 for a status word other than 90 00, else ZEL_OK.
-ZEL_STATUS exchange(ZEL_HANDLE hnd, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data,
-                    uint32_t nc, uint8_t *out, uint32_t le, uint32_t *out_len);
+ZEL_STATUS exchange(ZEL_HANDLE hnd, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc,
+                    uint8_t *out, uint32_t le, uint32_t *out_len);
 
 // ---- readers of the applets' answers (bounded; false for an answer that does not have the shape) ----
 

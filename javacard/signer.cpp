@@ -103,7 +103,7 @@ ZEL_STATUS send_secret(ZEL_HANDLE hnd, uint8_t ins, uint8_t p1, const uint8_t *s
 // ---- the rules by card type ----
 
 extern "C" ZEL_API ZEL_STATUS JCCheckSignerAlgorithms(uint8_t card_type, uint8_t cipher, uint8_t digest,
-                                                     uint8_t /*padding*/)
+                                                      uint8_t /*padding*/)
 {
     if (card_type == 0xA3)
         return cipher == 0 && digest == 0 ? ZEL_OK : ZEL_APDU_UNSUPPORTED_ALGORITHMS;
@@ -301,8 +301,7 @@ extern "C" ZEL_API ZEL_STATUS JCAppDeleteEcKeyPairHnd(ZEL_HANDLE hnd, uint8_t ke
 }
 
 extern "C" ZEL_API ZEL_STATUS JCAppGetRsaPublicKeyHnd(ZEL_HANDLE hnd, uint8_t key_index, uint8_t *modulus,
-                                                      uint16_t *modulus_len, uint8_t *exponent,
-                                                      uint16_t *exponent_len)
+                                                      uint16_t *modulus_len, uint8_t *exponent, uint16_t *exponent_len)
 {
     if (key_index > 2)
         return ZEL_APDU_WRONG_KEY_PARAMS;
@@ -440,9 +439,9 @@ extern "C" ZEL_API ZEL_STATUS JCAppSignatureEndHnd(ZEL_HANDLE hnd, uint16_t *sig
     return ZEL_OK;
 }
 
-extern "C" ZEL_API ZEL_STATUS JCAppGenerateSignatureHnd(ZEL_HANDLE hnd, uint8_t cipher, uint8_t digest,
-                                                        uint8_t padding, uint8_t key_index, const uint8_t *plain,
-                                                        uint16_t plain_len, uint16_t *sig_len)
+extern "C" ZEL_API ZEL_STATUS JCAppGenerateSignatureHnd(ZEL_HANDLE hnd, uint8_t cipher, uint8_t digest, uint8_t padding,
+                                                        uint8_t key_index, const uint8_t *plain, uint16_t plain_len,
+                                                        uint16_t *sig_len)
 {
     const ZEL_STATUS checked = check_signing(cipher, digest, padding, key_index, plain_len);
     if (checked != ZEL_OK)

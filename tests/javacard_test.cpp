@@ -176,8 +176,9 @@ TEST(JcKeys, ChecksBeforeAnyApdu)
 
     // The right length goes out with the designator in the top bits of P2 and the flag byte left out.
     script(link, 5 + 195, {0x90, 0x00});
-    ASSERT_EQ(JCAppGenerateKeyPairM(&link.record, JC_KEY_EC_FP, 2, 3, 256, gen.data(), static_cast<uint16_t>(gen.size())),
-              ZEL_OK);
+    ASSERT_EQ(
+        JCAppGenerateKeyPairM(&link.record, JC_KEY_EC_FP, 2, 3, 256, gen.data(), static_cast<uint16_t>(gen.size())),
+        ZEL_OK);
     const Bytes a = apdu(link, 1);
     EXPECT_EQ(a[1], 0x62);
     EXPECT_EQ(a[2], 0x82);
@@ -195,9 +196,12 @@ TEST(JcSignature, HeldSignatureAndItsChecks)
     EXPECT_EQ(JCAppGetSignatureM(&link.record, nullptr, 0), ZEL_APDU_JC_APP_BUFF_EMPTY);
     select(link, 0xA3);
     const Bytes chunk(256, 0x5A);
-    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 1, 0, 0, 0, chunk.data(), 10, nullptr), ZEL_APDU_UNSUPPORTED_ALGORITHMS);
-    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 0, 1, 0, chunk.data(), 10, nullptr), ZEL_APDU_WRONG_SIGNING_ALGORITHM);
-    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 8, 0, 0, chunk.data(), 10, nullptr), ZEL_APDU_WRONG_SIGNING_ALGORITHM);
+    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 1, 0, 0, 0, chunk.data(), 10, nullptr),
+              ZEL_APDU_UNSUPPORTED_ALGORITHMS);
+    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 0, 1, 0, chunk.data(), 10, nullptr),
+              ZEL_APDU_WRONG_SIGNING_ALGORITHM);
+    EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 8, 0, 0, chunk.data(), 10, nullptr),
+              ZEL_APDU_WRONG_SIGNING_ALGORITHM);
     EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 0, 0, 3, chunk.data(), 10, nullptr), ZEL_APDU_WRONG_KEY_PARAMS);
     EXPECT_EQ(JCAppSignatureBeginM(&link.record, 0, 0, 0, 0, chunk.data(), 256, nullptr),
               ZEL_APDU_PLAIN_TEXT_MAX_SIZE_EXCEEDED);
@@ -443,7 +447,8 @@ TEST(JcStorage, ReadToFileKeepsItsTwoBehaviours)
         ScriptLink link;
         script(link, 5, {0x00, 0x01, 0x90, 0x00});
         script(link, 7, {7, 0x90, 0x00});
-        EXPECT_EQ(JCStorageReadFileToFileSystemM(&link.record, 1, "/nonexistent-dir/x"), ZEL_FILE_SYSTEM_PATH_NOT_EXISTS);
+        EXPECT_EQ(JCStorageReadFileToFileSystemM(&link.record, 1, "/nonexistent-dir/x"),
+                  ZEL_FILE_SYSTEM_PATH_NOT_EXISTS);
     }
     ScriptLink link;
     EXPECT_EQ(JCStorageWriteFileFromFileSystemM(&link.record, 1, "/nonexistent-dir/x"), ZEL_FILE_NOT_EXISTS);
