@@ -169,8 +169,9 @@ protected:
     Bytes sign_one_shot(uint8_t cipher, uint8_t index, const Bytes &msg)
     {
         uint16_t len = 0;
-        EXPECT_EQ(JCAppGenerateSignatureM(hnd, cipher, 0, 0, index, msg.data(), static_cast<uint16_t>(msg.size()), &len),
-                  ZEL_OK);
+        EXPECT_EQ(
+            JCAppGenerateSignatureM(hnd, cipher, 0, 0, index, msg.data(), static_cast<uint16_t>(msg.size()), &len),
+            ZEL_OK);
         Bytes sig(len);
         EXPECT_EQ(JCAppGetSignatureM(hnd, sig.data(), len), ZEL_OK);
         return sig;
@@ -266,7 +267,8 @@ TEST_F(JavaCard, EcKeysMadeOnTheCardAndImported)
     Bytes gen = {0x00};
     const Bytes p256 = p256_params();
     gen.insert(gen.end(), p256.begin(), p256.end());
-    ASSERT_EQ(JCAppGenerateKeyPairM(hnd, JC_KEY_EC_FP, 0, 2, 256, gen.data(), static_cast<uint16_t>(gen.size())), ZEL_OK);
+    ASSERT_EQ(JCAppGenerateKeyPairM(hnd, JC_KEY_EC_FP, 0, 2, 256, gen.data(), static_cast<uint16_t>(gen.size())),
+              ZEL_OK);
 
     Bytes parts[5];
     uint16_t lens[5] = {}, k = 0, bits = 0, des = 0;
@@ -281,7 +283,7 @@ TEST_F(JavaCard, EcKeysMadeOnTheCardAndImported)
     EXPECT_EQ(bits, 256);
     EXPECT_EQ(des, 2);
     EXPECT_EQ(k, 1);
-    EXPECT_EQ(parts[1], Bytes(p256.begin(), p256.begin() + 32)); // the field prime
+    EXPECT_EQ(parts[1], Bytes(p256.begin(), p256.begin() + 32));       // the field prime
     EXPECT_EQ(parts[4], Bytes(p256.begin() + 96, p256.begin() + 161)); // the generator
     ASSERT_EQ(parts[0].size(), 65u);
     EVP_PKEY *pub = ec_public("P-256", parts[0]);
@@ -335,7 +337,8 @@ TEST_F(JavaCard, PinsCountDownBlockAndUnblock)
     ASSERT_EQ(JCAppGetPinTriesRemainingM(hnd, JC_PIN_USER, &tries), ZEL_OK);
     EXPECT_EQ(tries, 0);
 
-    const uint8_t wrong_puk[8] = {'9', '9', '9', '9', '9', '9', '9', '9'}, puk[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
+    const uint8_t wrong_puk[8] = {'9', '9', '9', '9', '9', '9', '9', '9'},
+                  puk[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
     EXPECT_EQ(JCAppPinUnblockM(hnd, 0, wrong_puk, 8), 0xA63C4u);
     ASSERT_EQ(JCAppPinUnblockM(hnd, 0, puk, 8), ZEL_OK);
     ASSERT_EQ(JCAppGetPinTriesRemainingM(hnd, JC_PUK_USER, &tries), ZEL_OK);
