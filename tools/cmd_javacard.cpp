@@ -241,8 +241,9 @@ int signer_keys(ZEL_HANDLE h, const tandro::Options &opt)
             EVP_PKEY *key = read_public(h, ec, slot, st, bits);
             const char *kind = ec ? "ec" : "rsa";
             if (opt.json) {
-                json += std::string(first ? "" : ", ") + "{\"type\": \"" + kind + "\", \"slot\": " +
-                        std::to_string(slot) + ", \"bits\": " + (st == ZEL_OK ? std::to_string(bits) : "null") + "}";
+                json += std::string(first ? "" : ", ") + "{\"type\": \"" + kind +
+                        "\", \"slot\": " + std::to_string(slot) +
+                        ", \"bits\": " + (st == ZEL_OK ? std::to_string(bits) : "null") + "}";
                 first = false;
             } else {
                 std::printf("%-3s %u  %s\n", kind, slot,
@@ -550,7 +551,8 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
         if (!write_file(wd[2], data))
             return fail("store", opt, "write " + wd[2], ZEL_FILE_SYSTEM_ERROR);
         if (opt.json)
-            std::printf("{\"file\": %u, \"size\": %u, \"saved\": %s}\n", file, size, tandro::json_string(wd[2]).c_str());
+            std::printf("{\"file\": %u, \"size\": %u, \"saved\": %s}\n", file, size,
+                        tandro::json_string(wd[2]).c_str());
         else
             std::printf("%u bytes of file %u saved to %s\n", size, file, wd[2].c_str());
     } else if (opt.json) {

@@ -459,19 +459,30 @@ private:
         pending_.clear();
     }
 
+    // A piece of a chunked key command: the admin check, the slot, the gathering. True when the last piece
+    // is in; otherwise sw is the answer.
+    bool key_piece(const Apdu &c, uint8_t &index, uint16_t &sw)
+    {
+        bool complete = false;
+        index = c.p1 & 0x7F;
+        if (!admin_ok())
+            sw = SW_SECURITY_NOT_SATISFIED;
+        else if (index > 2)
+            sw = SW_NO_PRECISE;
+        else if (!gather(c, complete))
+            sw = SW_WRONG_LENGTH;
+        else
+            sw = SW_OK;
+        return sw == SW_OK && complete;
+    }
+
     RApdu put_key(const Apdu &c)
     {
-        if (!admin_ok())
-            return RApdu::sw_only(SW_SECURITY_NOT_SATISFIED);
-        const uint8_t index = c.p1 & 0x7F;
-        if (index > 2)
-            return RApdu::sw_only(SW_NO_PRECISE);
-        bool complete = false;
-        if (!gather(c, complete))
-            return RApdu::sw_only(SW_WRONG_LENGTH);
-        if (!complete)
-            return RApdu::sw_only(SW_OK);
-        const uint16_t sw = c.ins == 0x51 ? store_rsa(index, c.p2) : store_ec(index, c.p2);
+        uint8_t index = 0;
+        uint16_t sw = SW_OK;
+        if (!key_piece(c, index, sw))
+            return RApdu::sw_only(sw);
+        sw = c.ins == 0x51 ? store_rsa(index, c.p2) : store_ec(index, c.p2);
         drop_pending();
         return RApdu::sw_only(sw);
     }
@@ -567,16 +578,10 @@ private:
 
     RApdu generate_ec(const Apdu &c)
     {
-        if (!admin_ok())
-            return RApdu::sw_only(SW_SECURITY_NOT_SATISFIED);
-        const uint8_t index = c.p1 & 0x7F;
-        if (index > 2)
-            return RApdu::sw_only(SW_NO_PRECISE);
-        bool complete = false;
-        if (!gather(c, complete))
-            return RApdu::sw_only(SW_WRONG_LENGTH);
-        if (!complete)
-            return RApdu::sw_only(SW_OK);
+        uint8_t index = 0;
+        uint16_t sw = SW_OK;
+        if (!key_piece(c, index, sw))
+            return RApdu::sw_only(sw);
         const int bits = (c.p2 & 0x30) ? -1 : fp_bits(c.p2 & 0x0F);
         const size_t n = bits > 0 ? (static_cast<size_t>(bits) + 7) / 8 : 0;
         const Curve *curve = bits > 0 && pending_.size() == 6 * n + 3
