@@ -228,7 +228,11 @@ public:
         for (auto &o : objects_)
             o.resize(12);
     }
-    ~SignerApplet() override { wipe(); }
+    ~SignerApplet() override
+    {
+        wipe();
+        EVP_MD_CTX_free(md_);
+    }
 
     RApdu select(const Apdu &) override
     {
