@@ -16,6 +16,7 @@
 #include "zel_ftdi.h"
 #include "zel_handle.h"
 #include "zel_iso15693.h"
+#include "zel_javacard.h"
 #include "zel_t2t.h"
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
