@@ -91,13 +91,16 @@ TEST(SecureElement, KeyFrameLayout)
         ScriptLink l;
         l.reply(frame(ACK, 0xC7, ACK_T));
         l.reply(rsp(0xC7));
-        const ZEL_STATUS st = wrapped ? SetATECC608ECCPrivateKeyHnd(&l.record, 3, 0x55, field, first, second)
-                                      : SetATECC608ECCPrivateKeyUnencryptedHnd(&l.record, 3, 0x55, field, first, second);
+        const ZEL_STATUS st = wrapped
+                                  ? SetATECC608ECCPrivateKeyHnd(&l.record, 3, 0x55, field, first, second)
+                                  : SetATECC608ECCPrivateKeyUnencryptedHnd(&l.record, 3, 0x55, field, first, second);
         EXPECT_EQ(st, ZEL_OK);
         ASSERT_EQ(l.writes.size(), 2u);
-        EXPECT_EQ(l.writes[0], (Bytes{0x55, 0xC7, 0xAA, 0x46, static_cast<uint8_t>(wrapped ? 0x87 : 0x85), 3,
-                                      checksum({0x55, 0xC7, 0xAA, 0x46, static_cast<uint8_t>(wrapped ? 0x87 : 0x85), 3})}));
-        const Bytes want = ext(cat({{0x55}, Bytes(field, field + 4), Bytes(first, first + 32), Bytes(second, second + 32)}));
+        EXPECT_EQ(l.writes[0],
+                  (Bytes{0x55, 0xC7, 0xAA, 0x46, static_cast<uint8_t>(wrapped ? 0x87 : 0x85), 3,
+                         checksum({0x55, 0xC7, 0xAA, 0x46, static_cast<uint8_t>(wrapped ? 0x87 : 0x85), 3})}));
+        const Bytes want =
+            ext(cat({{0x55}, Bytes(field, field + 4), Bytes(first, first + 32), Bytes(second, second + 32)}));
         EXPECT_EQ(want.size(), 70u);
         EXPECT_EQ(l.writes[1], want);
     }

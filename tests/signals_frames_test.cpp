@@ -43,14 +43,14 @@ TEST_F(Signals, SpeakerDividerAndItsRange)
         uint8_t lo, hi;
     };
     const Case cases[] = {
-        {false, 1000, 0xE8, 0x03}, {false, 19, 0xFF, 0xFF},    {false, 20001, 0xFF, 0xFF}, {false, 20, 0x50, 0xC3},
-        {false, 20000, 50, 0},     {true, 1000, 0xF4, 0x01},   {true, 0, 0xFF, 0xFF},      {true, 20, 0xA8, 0x61},
+        {false, 1000, 0xE8, 0x03}, {false, 19, 0xFF, 0xFF},  {false, 20001, 0xFF, 0xFF}, {false, 20, 0x50, 0xC3},
+        {false, 20000, 50, 0},     {true, 1000, 0xF4, 0x01}, {true, 0, 0xFF, 0xFF},      {true, 20, 0xA8, 0x61},
     };
     for (const Case &c : cases) {
         ScriptLink link;
         link.reply(rsp(0x73));
-        const ZEL_STATUS st = c.pn7462 ? PN7462_SetSpeakerFrequencyHnd(&link.record, c.hz)
-                                       : SetSpeakerFrequencyHnd(&link.record, c.hz);
+        const ZEL_STATUS st =
+            c.pn7462 ? PN7462_SetSpeakerFrequencyHnd(&link.record, c.hz) : SetSpeakerFrequencyHnd(&link.record, c.hz);
         EXPECT_EQ(st, ZEL_OK);
         ASSERT_EQ(link.writes.size(), 1u);
         EXPECT_EQ(link.writes[0], cmd(0x73, 0, c.lo, c.hi)) << c.hz << (c.pn7462 ? " pn7462" : "");
@@ -101,14 +101,14 @@ TEST_F(Signals, TimedLightsCheckTheTimeAfterTheHandshake)
     sleep_form.reply(frame(ACK, 0x71, ACK_T));
     sleep_form.reply(rsp(0x71));
     EXPECT_EQ(ZelRgbLightControlSleepHnd(&sleep_form.record, 1, 2, 3, 4, 5, 2000, 1), ZEL_OK);
-    EXPECT_EQ(sleep_form.writes,
-              (std::vector<Bytes>{cmd(0x71, 8, 1, 0xC5), ext(cat({{1, 2, 3, 4, 5}, le16(2000)}))}));
+    EXPECT_EQ(sleep_form.writes, (std::vector<Bytes>{cmd(0x71, 8, 1, 0xC5), ext(cat({{1, 2, 3, 4, 5}, le16(2000)}))}));
 
     ScriptLink rf;
     rf.reply(frame(ACK, 0x71, ACK_T));
     rf.reply(rsp(0x71));
     EXPECT_EQ(ZelRgbLightControlRfHnd(&rf.record, 1, 2, 3, 4, 0x1234, 700, 9, 0), ZEL_OK);
-    EXPECT_EQ(rf.writes, (std::vector<Bytes>{cmd(0x71, 10, 0, 0), ext(cat({{1, 2, 3, 4}, le16(0x1234), le16(700), {9}}))}));
+    EXPECT_EQ(rf.writes,
+              (std::vector<Bytes>{cmd(0x71, 10, 0, 0), ext(cat({{1, 2, 3, 4}, le16(0x1234), le16(700), {9}}))}));
 
     // Above 2000: the frame has gone out and been acknowledged, the EXT does not follow.
     for (int form = 0; form < 2; ++form) {
@@ -141,8 +141,7 @@ TEST_F(Signals, DisplayDataRefusalsAndTheReplyReadByHand)
 
     // By hand, an interim frame is no answer (the usual response reader would take it) and an error frame's
     // code passes by either marker.
-    const Bytes replies[] = {interim(0x72), frame(0xEC, 0x0F, 0x00), frame(0x00, 0x33, 0xCE),
-                             frame(RSP, 0x73, RSP_T)};
+    const Bytes replies[] = {interim(0x72), frame(0xEC, 0x0F, 0x00), frame(0x00, 0x33, 0xCE), frame(RSP, 0x73, RSP_T)};
     const ZEL_STATUS want[] = {ZEL_COMMUNICATION_ERROR, 0x0F, 0x33, ZEL_COMMUNICATION_ERROR};
     for (size_t i = 0; i < 4; ++i) {
         ScriptLink l;
@@ -378,7 +377,8 @@ TEST_F(Signals, RfRegisterReadBack)
     // Failures: an error frame gives its code after its EXT was read; a wrong length, a bad EXT checksum, an
     // acknowledge or another command give 1.
     const Bytes replies[] = {cat(frame(0xEC, 0x0F, 0xCE, 2), ext({1})), cat(rsp(0x7E, 3), ext({1, 2})),
-                             cat(rsp(0x7E, 6), Bytes{1, 2, 3, 4, 5, 6}), cat(frame(ACK, 0x7E, ACK_T, 6), ext({1, 2, 3, 4, 5})),
+                             cat(rsp(0x7E, 6), Bytes{1, 2, 3, 4, 5, 6}),
+                             cat(frame(ACK, 0x7E, ACK_T, 6), ext({1, 2, 3, 4, 5})),
                              cat(rsp(0x7D, 6), ext({1, 2, 3, 4, 5}))};
     const ZEL_STATUS want[] = {0x0F, ZEL_COMMUNICATION_ERROR, ZEL_COMMUNICATION_ERROR, ZEL_COMMUNICATION_ERROR,
                                ZEL_COMMUNICATION_ERROR};
