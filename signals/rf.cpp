@@ -21,18 +21,7 @@ constexpr uint8_t kTailB[3] = {0xF8, 0x3F, 0x06};
 // A set command with data (len bytes) as its EXT; the reply read by hand.
 ZEL_STATUS rf_set(ZEL_HANDLE hnd, uint8_t set, const uint8_t *data, uint8_t len)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, kCmdRfSet, static_cast<uint8_t>(len + 1), set, 0);
-    uint8_t ack_len = 0;
-    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
-    if (status != ZEL_OK)
-        return status;
-    uint8_t ext[8];
-    std::memcpy(ext, data, len);
-    ext[len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, len) + 7);
-    if ((status = PortWrite(hnd, ext, len + 1u)) != ZEL_OK)
-        return status;
-    return read_reply_by_hand(hnd, frame, kCmdRfSet);
+    return send_ext_by_hand(hnd, kCmdRfSet, set, 0, data, len);
 }
 
 // Back to the reader's default set: a frame without EXT, the reply read by hand.
@@ -115,8 +104,8 @@ ZEL_STATUS get_five(ZEL_HANDLE hnd, uint8_t set, uint8_t want_ext, bool pn7462, 
     return ZEL_OK;
 }
 
-ZEL_STATUS get_trans(ZEL_HANDLE hnd, uint8_t *first, uint8_t *second, uint8_t *third, uint8_t *fourth,
-                     uint8_t *fifth, uint8_t *tx0, uint8_t *tx1, uint8_t *tx_high, uint8_t *tx_low)
+ZEL_STATUS get_trans(ZEL_HANDLE hnd, uint8_t *first, uint8_t *second, uint8_t *third, uint8_t *fourth, uint8_t *fifth,
+                     uint8_t *tx0, uint8_t *tx1, uint8_t *tx_high, uint8_t *tx_low)
 {
     if (!all_out({tx0, tx1, tx_high, tx_low}))
         return ZEL_PARAMETERS_ERROR;
@@ -189,14 +178,14 @@ ZEL_STATUS zel::sig::rf_get(zel_handle_record *hnd, uint8_t set, uint8_t *ext, u
 
 // Set.
 
-extern "C" ZEL_API ZEL_STATUS SetRfAnalogRegistersTypeAHnd(ZEL_HANDLE hnd, uint8_t first, uint8_t second,
-                                                           uint8_t third, uint8_t fourth, uint8_t fifth)
+extern "C" ZEL_API ZEL_STATUS SetRfAnalogRegistersTypeAHnd(ZEL_HANDLE hnd, uint8_t first, uint8_t second, uint8_t third,
+                                                           uint8_t fourth, uint8_t fifth)
 {
     return set_five(hnd, kRfTypeA, values(first, second, third, fourth, fifth), kTailA);
 }
 
-extern "C" ZEL_API ZEL_STATUS SetRfAnalogRegistersTypeBHnd(ZEL_HANDLE hnd, uint8_t first, uint8_t second,
-                                                           uint8_t third, uint8_t fourth, uint8_t fifth)
+extern "C" ZEL_API ZEL_STATUS SetRfAnalogRegistersTypeBHnd(ZEL_HANDLE hnd, uint8_t first, uint8_t second, uint8_t third,
+                                                           uint8_t fourth, uint8_t fifth)
 {
     return set_five(hnd, kRfTypeB, values(first, second, third, fourth, fifth), kTailB);
 }

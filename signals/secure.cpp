@@ -18,8 +18,8 @@ constexpr uint8_t kCmdSeSet = 0xC7, kCmdSeGet = 0xC8, kCmdFeatureGet = 0xC3, kCm
 
 // Subcommands.
 constexpr uint8_t kSeConfigZone = 0x80, kSeOtpZone = 0x81, kSeLockConfig = 0x82, kSeLockStatus = 0x82,
-                  kSeLockData = 0x83, kSeKeyPlain = 0x85, kSeIoKey = 0x86, kSeKeyWrapped = 0x87,
-                  kSeDefaultSlots = 0x88, kSeDefaultKeys = 0x89, kSeInfo = 0x8A;
+                  kSeLockData = 0x83, kSeKeyPlain = 0x85, kSeIoKey = 0x86, kSeKeyWrapped = 0x87, kSeDefaultSlots = 0x88,
+                  kSeDefaultKeys = 0x89, kSeInfo = 0x8A;
 
 constexpr uint8_t kKeyFrameExt = 70; // option, field (4), two halves of 32, checksum
 constexpr uint32_t kAidBlock = 17;

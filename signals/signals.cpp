@@ -16,32 +16,31 @@ using namespace zel;
 
 namespace {
 
-constexpr uint8_t kCmdUi = 0x26, kCmdBadSelectSet = 0x3F, kCmdBadSelectGet = 0x44, kCmdSleep = 0x46,
-                  kCmdWake = 0x47, kCmdAutoSleepSet = 0x4D, kCmdAutoSleepGet = 0x4E, kCmdLockOn = 0x60,
-                  kCmdOutputs = 0x61, kCmdInputs = 0x62, kCmdLeds = 0x6E, kCmdLight = 0x71, kCmdDisplay = 0x72,
-                  kCmdSpeaker = 0x73, kCmdIntensitySet = 0x74, kCmdIntensityGet = 0x75, kCmdServiceSet = 0xCB,
-                  kCmdServiceGet = 0xCD;
+constexpr uint8_t kCmdUi = 0x26, kCmdBadSelectSet = 0x3F, kCmdBadSelectGet = 0x44, kCmdSleep = 0x46, kCmdWake = 0x47,
+                  kCmdAutoSleepSet = 0x4D, kCmdAutoSleepGet = 0x4E, kCmdLockOn = 0x60, kCmdOutputs = 0x61,
+                  kCmdInputs = 0x62, kCmdLeds = 0x6E, kCmdLight = 0x71, kCmdDisplay = 0x72, kCmdSpeaker = 0x73,
+                  kCmdIntensitySet = 0x74, kCmdIntensityGet = 0x75, kCmdServiceSet = 0xCB, kCmdServiceGet = 0xCD;
 
 // The reader's EEPROM map for the routed settings.
 constexpr uint32_t kEeIntensity = 829, kEeAutoSleep = 831, kEeGreenLed = 832;
-constexpr uint8_t kIntensityCheck = 163;   // the check byte is the value XOR this
+constexpr uint8_t kIntensityCheck = 163;    // the check byte is the value XOR this
 constexpr uint8_t kIntensityFallback = 100; // what a routed read gives when the pair does not hold
 
 constexpr uint8_t kRgbMarker = 0xC5;
 constexpr uint16_t kLightTimeMax = 2000;
 constexpr uint8_t kSoundPar1 = 6;
 
+// The stored settings go through the EEPROM commands when the handle asks for it.
 bool routed(ZEL_HANDLE hnd)
 {
     return hnd && hnd->ee_route;
 }
 
-// Shape 3 with nothing wanted back but the status.
+// Shape 3 whose response carries nothing wanted.
 ZEL_STATUS send_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t par1, const uint8_t *data, uint8_t len)
 {
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, cmd, 0, par0, par1);
-    return exchange_write_ext(hnd, frame, data, len, nullptr, nullptr);
+    Reply r;
+    return command_write_reply(hnd, cmd, par0, par1, data, len, r);
 }
 
 // Shape 1 whose reply's PAR0 goes to out.
@@ -68,10 +67,7 @@ ZEL_STATUS light_timed(ZEL_HANDLE hnd, uint8_t enable, const uint8_t *data, uint
     // Deliberately here: the frame has gone out, its EXT does not follow.
     if (time > kLightTimeMax)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t ext[16];
-    std::memcpy(ext, data, len);
-    ext[len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, len) + 7);
-    if ((status = PortWrite(hnd, ext, len + 1u)) != ZEL_OK)
+    if ((status = sig::write_ext(hnd, data, len)) != ZEL_OK)
         return status;
     return GetAndTestResponseIntro(hnd, frame, kCmdLight);
 }
@@ -126,6 +122,19 @@ ZEL_STATUS service_read(ZEL_HANDLE hnd, uint8_t par0, uint8_t *out, uint32_t cap
     return ZEL_OK;
 }
 
+// A service reply of at least n data bytes, of which the first n go to out.
+ZEL_STATUS service_fixed(ZEL_HANDLE hnd, uint8_t par0, uint8_t *out, uint32_t n)
+{
+    if (!out)
+        return ZEL_PARAMETERS_ERROR;
+    uint8_t buf[256];
+    uint32_t got = 0;
+    const ZEL_STATUS status = service_read(hnd, par0, buf, sizeof buf, n, &got);
+    if (status == ZEL_OK)
+        std::memcpy(out, buf, n);
+    return status;
+}
+
 } // namespace
 
 // The reply read by hand, shared with the RF register operations.
@@ -137,6 +146,28 @@ ZEL_STATUS zel::sig::send_frame(zel_handle_record *hnd, uint8_t *frame)
     (void)PortPurge(hnd); // as in every handshake, a failed purge does not stop the command
     CalcChecksum(frame, kFrameLen);
     return PortWrite(hnd, frame, kFrameLen);
+}
+
+ZEL_STATUS zel::sig::write_ext(zel_handle_record *hnd, const uint8_t *data, uint8_t len)
+{
+    uint8_t ext[256];
+    std::memcpy(ext, data, len);
+    ext[len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, len) + 7);
+    return PortWrite(hnd, ext, len + 1u);
+}
+
+ZEL_STATUS zel::sig::send_ext_by_hand(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1,
+                                      const uint8_t *data, uint8_t len)
+{
+    uint8_t frame[kFrameBufLen] = {};
+    make_command(frame, cmd, static_cast<uint8_t>(len + 1), par0, par1);
+    uint8_t ack_len = 0;
+    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
+    if (status != ZEL_OK)
+        return status;
+    if ((status = write_ext(hnd, data, len)) != ZEL_OK)
+        return status;
+    return read_reply_by_hand(hnd, frame, cmd);
 }
 
 ZEL_STATUS zel::sig::read_reply_by_hand(zel_handle_record *hnd, uint8_t *frame, uint8_t cmd)
@@ -180,8 +211,7 @@ extern "C" ZEL_API ZEL_STATUS ZelRgbLightControlHnd(ZEL_HANDLE hnd, uint8_t red,
 }
 
 extern "C" ZEL_API ZEL_STATUS ZelRgbLightControlSleepHnd(ZEL_HANDLE hnd, uint8_t red, uint8_t green, uint8_t blue,
-                                                         uint8_t intensity, uint8_t mode, uint16_t time,
-                                                         uint8_t enable)
+                                                         uint8_t intensity, uint8_t mode, uint16_t time, uint8_t enable)
 {
     uint8_t ext[7] = {red, green, blue, intensity, mode};
     put_le16(ext + 5, time);
@@ -189,8 +219,8 @@ extern "C" ZEL_API ZEL_STATUS ZelRgbLightControlSleepHnd(ZEL_HANDLE hnd, uint8_t
 }
 
 extern "C" ZEL_API ZEL_STATUS ZelRgbLightControlRfHnd(ZEL_HANDLE hnd, uint8_t red, uint8_t green, uint8_t blue,
-                                                      uint8_t intensity, uint16_t rf_value, uint16_t time,
-                                                      uint8_t mode, uint8_t enable)
+                                                      uint8_t intensity, uint16_t rf_value, uint16_t time, uint8_t mode,
+                                                      uint8_t enable)
 {
     uint8_t ext[9] = {red, green, blue, intensity};
     put_le16(ext + 4, rf_value);
@@ -211,18 +241,7 @@ extern "C" ZEL_API ZEL_STATUS SetDisplayDataHnd(ZEL_HANDLE hnd, const uint8_t *d
     // 255 would wrap EXT_LEN to 0; an empty or missing block has nothing to show.
     if (!data || length == 0 || length == 0xFF)
         return ZEL_PARAMETERS_ERROR;
-    uint8_t frame[kFrameBufLen] = {};
-    make_command(frame, kCmdDisplay, static_cast<uint8_t>(length + 1), length, option);
-    uint8_t ack_len = 0;
-    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
-    if (status != ZEL_OK)
-        return status;
-    uint8_t ext[256];
-    std::memcpy(ext, data, length);
-    ext[length] = static_cast<uint8_t>(GetChecksumFragment(0, ext, length) + 7);
-    if ((status = PortWrite(hnd, ext, length + 1u)) != ZEL_OK)
-        return status;
-    return sig::read_reply_by_hand(hnd, frame, kCmdDisplay);
+    return sig::send_ext_by_hand(hnd, kCmdDisplay, length, option, data, length);
 }
 
 extern "C" ZEL_API ZEL_STATUS SetSpeakerFrequencyHnd(ZEL_HANDLE hnd, uint16_t hertz)
@@ -340,8 +359,8 @@ extern "C" ZEL_API ZEL_STATUS ZelVrtRelayStateHnd(ZEL_HANDLE hnd, uint8_t state)
     return handshake(hnd, kCmdOutputs, state, 0);
 }
 
-extern "C" ZEL_API ZEL_STATUS ZelOutControlHnd(ZEL_HANDLE hnd, uint8_t out0, uint8_t out1, uint8_t out2,
-                                               uint8_t out3, uint8_t option)
+extern "C" ZEL_API ZEL_STATUS ZelOutControlHnd(ZEL_HANDLE hnd, uint8_t out0, uint8_t out1, uint8_t out2, uint8_t out3,
+                                               uint8_t option)
 {
     const uint8_t ext[7] = {out0, out1, out2, out3, 0, option, 0};
     return send_ext(hnd, kCmdOutputs, 0, 1, ext, sizeof ext);
@@ -376,14 +395,7 @@ extern "C" ZEL_API ZEL_STATUS SetServiceDataHnd(ZEL_HANDLE hnd, const uint8_t *d
 
 extern "C" ZEL_API ZEL_STATUS GetServiceDataHnd(ZEL_HANDLE hnd, uint8_t *data)
 {
-    if (!data)
-        return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[256];
-    uint32_t got = 0;
-    const ZEL_STATUS status = service_read(hnd, 0, buf, sizeof buf, 4, &got);
-    if (status == ZEL_OK)
-        std::memcpy(data, buf, 4);
-    return status;
+    return service_fixed(hnd, 0, data, 4);
 }
 
 extern "C" ZEL_API ZEL_STATUS GetI2cDevicesHnd(ZEL_HANDLE hnd, uint8_t *devices, uint32_t *length)
@@ -399,16 +411,9 @@ extern "C" ZEL_API ZEL_STATUS GetI2cDevicesHnd(ZEL_HANDLE hnd, uint8_t *devices,
     return status;
 }
 
-extern "C" ZEL_API ZEL_STATUS GetReaderLockStatusHnd(ZEL_HANDLE hnd, uint8_t *status_out)
+extern "C" ZEL_API ZEL_STATUS GetReaderLockStatusHnd(ZEL_HANDLE hnd, uint8_t *status)
 {
-    if (!status_out)
-        return ZEL_PARAMETERS_ERROR;
-    uint8_t buf[256];
-    uint32_t got = 0;
-    const ZEL_STATUS status = service_read(hnd, 2, buf, sizeof buf, 1, &got);
-    if (status == ZEL_OK)
-        *status_out = buf[0];
-    return status;
+    return service_fixed(hnd, 2, status, 1);
 }
 
 // Animations: this library does not drive them.

@@ -19,6 +19,13 @@ constexpr uint8_t kRfTypeA = 1, kRfTypeB = 2, kRf212 = 3, kRf424 = 4, kRfPn7462 
 // its code, and anything but the response to cmd gives ZEL_COMMUNICATION_ERROR.
 ZEL_STATUS read_reply_by_hand(zel_handle_record *hnd, uint8_t *frame, uint8_t cmd);
 
+// Writes data (len bytes) and its checksum as the EXT of the command just acknowledged.
+ZEL_STATUS write_ext(zel_handle_record *hnd, const uint8_t *data, uint8_t len);
+
+// Shape 3 with the response read by hand: the command with data (len bytes, at most 254) as its EXT.
+ZEL_STATUS send_ext_by_hand(zel_handle_record *hnd, uint8_t cmd, uint8_t par0, uint8_t par1, const uint8_t *data,
+                            uint8_t len);
+
 // Sends the command frame in frame (its checksum is made) after a purge, without reading anything.
 ZEL_STATUS send_frame(zel_handle_record *hnd, uint8_t *frame);
 

@@ -122,8 +122,8 @@ void light(Reader &r, const Request &q, Answer &a)
     o.rgb_time = time;
     o.rgb_mode = q.len == 7 ? e[4] : q.len == 9 ? e[8] : 0;
     o.rgb_rf = q.len == 9 ? u16(e + 4) : 0;
-    note(r, "rgb %02X%02X%02X intensity %u %s form %u time %u", e[0], e[1], e[2], e[3], f[4] ? "on" : "off",
-         o.rgb_form, time);
+    note(r, "rgb %02X%02X%02X intensity %u %s form %u time %u", e[0], e[1], e[2], e[3], f[4] ? "on" : "off", o.rgb_form,
+         time);
     ok(a, f[1]);
 }
 

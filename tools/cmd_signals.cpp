@@ -75,9 +75,10 @@ template <typename F> int with_reader(const char *command, const Options &opt, F
 
 // ---- signal ----
 
-const char kSignalHelp[] = "usage: tandro signal LIGHT SOUND      a light mode and a sound mode (0 to 255 each)\n"
-                           "       tandro signal sound UNITS      a sound of UNITS x 10 ms (0 to 255)\n"
-                           "       tandro signal speaker HERTZ    the speaker's tone (20 to 20000; other values: off)\n";
+const char kSignalHelp[] =
+    "usage: tandro signal LIGHT SOUND      a light mode and a sound mode (0 to 255 each)\n"
+    "       tandro signal sound UNITS      a sound of UNITS x 10 ms (0 to 255)\n"
+    "       tandro signal speaker HERTZ    the speaker's tone (20 to 20000; other values: off)\n";
 
 int run_signal(const Options &opt, const Args &a)
 {
@@ -144,7 +145,8 @@ int run_led(const Options &opt, const Args &a)
         std::vector<uint8_t> rgb;
         uint8_t intensity = 100;
         const bool off = a.size() == 2 && a[1] == "off";
-        if (off || (tandro::parse_hex(a[1], rgb) && rgb.size() == 3 && (a.size() == 2 || byte_arg(a[2], intensity, 100)))) {
+        if (off ||
+            (tandro::parse_hex(a[1], rgb) && rgb.size() == 3 && (a.size() == 2 || byte_arg(a[2], intensity, 100)))) {
             if (off)
                 rgb.assign(3, 0);
             return with_reader(name, opt, [&](ZEL_HANDLE h) {
@@ -214,10 +216,12 @@ struct RfSet {
 };
 
 const RfSet kRfSets[] = {
-    {"a", false, true, [](ZEL_HANDLE h, uint8_t *v) { return GetRfAnalogRegistersTypeAM(h, v, v + 1, v + 2, v + 3, v + 4); },
+    {"a", false, true,
+     [](ZEL_HANDLE h, uint8_t *v) { return GetRfAnalogRegistersTypeAM(h, v, v + 1, v + 2, v + 3, v + 4); },
      [](ZEL_HANDLE h, const uint8_t *v) { return SetRfAnalogRegistersTypeAM(h, v[0], v[1], v[2], v[3], v[4]); },
      SetRfAnalogRegistersTypeADefaultM},
-    {"b", false, true, [](ZEL_HANDLE h, uint8_t *v) { return GetRfAnalogRegistersTypeBM(h, v, v + 1, v + 2, v + 3, v + 4); },
+    {"b", false, true,
+     [](ZEL_HANDLE h, uint8_t *v) { return GetRfAnalogRegistersTypeBM(h, v, v + 1, v + 2, v + 3, v + 4); },
      [](ZEL_HANDLE h, const uint8_t *v) { return SetRfAnalogRegistersTypeBM(h, v[0], v[1], v[2], v[3], v[4]); },
      SetRfAnalogRegistersTypeBDefaultM},
     {"212", false, true,
@@ -329,7 +333,8 @@ int se_read(const Options &opt, ZEL_HANDLE h, const std::string &what)
         if (st)
             return failed(opt, name, "status", st);
         if (opt.json)
-            std::printf("{\"config_locked\": %s, \"data_locked\": %s}\n", cfg ? "true" : "false", dat ? "true" : "false");
+            std::printf("{\"config_locked\": %s, \"data_locked\": %s}\n", cfg ? "true" : "false",
+                        dat ? "true" : "false");
         else
             std::printf("configuration zone %s, data zone %s\n", cfg ? "locked" : "open", dat ? "locked" : "open");
         return 0;
@@ -405,7 +410,8 @@ int run_features(const Options &opt, const Args &a)
     return with_reader(name, opt, [&](ZEL_HANDLE h) {
         const uint32_t n = static_cast<uint32_t>(data.size());
         if (write) {
-            const ZEL_STATUS st = a[0] == "aid" ? SetMobileUniqueIdAidM(h, data.data(), n) : SetDiscoveryLoopM(h, data.data(), n);
+            const ZEL_STATUS st =
+                a[0] == "aid" ? SetMobileUniqueIdAidM(h, data.data(), n) : SetDiscoveryLoopM(h, data.data(), n);
             return st ? failed(opt, name, a[0].c_str(), st) : (done(opt, a[0] + " written"), 0);
         }
         uint8_t buf[256] = {};
