@@ -236,6 +236,19 @@ extern "C" ZEL_API uint16_t CRC16(const uint8_t *data, uint16_t length)
     return crc;
 }
 
+extern "C" ZEL_API uint8_t CRC8(const uint8_t *buffer, uint8_t length)
+{
+    uint8_t crc = 0xFF;
+    if (!buffer)
+        return crc;
+    for (uint32_t i = 0; i < length; ++i) {
+        crc ^= buffer[i];
+        for (int bit = 0; bit < 8; ++bit)
+            crc = static_cast<uint8_t>(crc & 0x80 ? (crc << 1) ^ 0x31 : crc << 1);
+    }
+    return crc;
+}
+
 // Exchange shapes.
 
 ZEL_STATUS zel::exchange_read_ext(zel_handle_record *hnd, uint8_t *buf, uint8_t *par, uint8_t *ext_len)

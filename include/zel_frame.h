@@ -34,6 +34,9 @@ ZEL_API ZEL_STATUS TestAuthMode(uint8_t auth_mode);
 
 /* CRC-16, polynomial 0x1021, initial 0xFFFF, no reflection, no final XOR. */
 ZEL_API uint16_t CRC16(const uint8_t *data, uint16_t length);
+/* CRC-8 of the feature blocks and the emulation NDEF block: polynomial 0x31, initial 0xFF, most significant
+ * bit first, no reflection, no final XOR; length 0 gives 0xFF. */
+ZEL_API uint8_t CRC8(const uint8_t *buffer, uint8_t length);
 
 /* The door controller: a 22-byte coded frame on D2XX device 0; 1 when the controller echoed it. */
 ZEL_API void CodeFrame(uint8_t *frame22, const uint8_t *payload8, uint32_t frame_kind);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "card.h"
+#include "signals.h"
 #include "zelsim.h"
 
 namespace zs {
@@ -68,6 +69,8 @@ struct Reader {
     std::vector<zsim_card> enum_list;
     bool card_selected = false;
     zsim_card selected{};
+    // Lights, sound, sleep, RF tuning, the secure element and the feature blocks (signals.cpp).
+    Outputs outputs;
 
     Reader();
     std::string serial_desc() const;

@@ -134,6 +134,22 @@ int zsim_card_add_model(zsim *sim, const zsim_card *card, const char *model, con
  * What it prints goes to out. Returns 0, 1 for quit, -1 for a bad command. */
 int zsim_command(zsim *sim, const char *line, char *out, size_t out_len);
 
+/* The reader's outputs and tuning. */
+
+/* What changed in the lights, sound, display, sleep, door outputs, RF sets, secure element and feature blocks:
+ * one line per change ("rgb FF0000 intensity 50 on form 0 time 0", "se config locked", ...), oldest first, each
+ * ending in a newline. Copies at most len - 1 bytes and a terminating zero; returns the whole log's length. */
+size_t zsim_signal_log(zsim *sim, char *buf, size_t len);
+/* 1 while the reader sleeps (from command 0x46 to 0x47). */
+int zsim_sleeping(zsim *sim);
+/* An RF analog register set by its number (1 type A, 2 type B, 3 and 4 the higher ISO 14443 rates, 6 PN7462):
+ * its bytes as the set command sends them. Returns their count (5 or 2), 0 for no such set. */
+size_t zsim_rf_registers(zsim *sim, uint8_t set, uint8_t bytes[5]);
+/* A data slot of the secure element (0 to 15): copies up to len bytes; returns the slot's size, 0 for none. */
+size_t zsim_se_slot(zsim *sim, uint8_t slot, uint8_t *buf, size_t len);
+/* What the last phone handed over, answered to command 0xC5 (nothing: no card). */
+void zsim_set_mobile_data(zsim *sim, const uint8_t *data, size_t len);
+
 /* Added for the program and the tools. */
 
 /* The whole tandro-sim command line (tandro-sim --help tells it). Returns the exit status. */

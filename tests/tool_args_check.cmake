@@ -7,30 +7,7 @@ endif()
 
 set(failures 0)
 
-# run(NAME RC REGEX args...): the tool's exit code is RC and its output (standard output and error) matches
-# REGEX; with RC 2 the error is one line.
-function(run name want_rc regex)
-  execute_process(COMMAND ${TOOL} --sim ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err
-                  TIMEOUT 60)
-  set(all "${out}${err}")
-  set(bad "")
-  if(NOT rc STREQUAL want_rc)
-    set(bad "exit code ${rc}, not ${want_rc}")
-  elseif(NOT all MATCHES "${regex}")
-    set(bad "no match for ${regex}")
-  elseif(want_rc EQUAL 2)
-    string(REGEX MATCHALL "\n" lines "${err}")
-    list(LENGTH lines count)
-    if(NOT count EQUAL 1 OR NOT out STREQUAL "")
-      set(bad "the usage error is not one line on standard error")
-    endif()
-  endif()
-  if(bad)
-    message(SEND_ERROR "${name}: ${bad}\n--- output:\n${all}")
-  else()
-    message(STATUS "${name}: ok")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/tool_run.cmake)
 
 # Accepted: both cases and every separator between bytes give the same bytes.
 run(apdu_separators 0 "\"command\": \"00A4040000\"" --json apdu "00 a4:04-00\t00")

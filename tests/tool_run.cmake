@@ -1,0 +1,25 @@
+# The tool against its built-in simulated reader, for the tool tests.
+# run(NAME RC REGEX args...): the tool's exit code is RC and its output (standard output and error) matches
+# REGEX; with RC 2 the error is one line.
+function(run name want_rc regex)
+  execute_process(COMMAND ${TOOL} --sim ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err
+                  TIMEOUT 60)
+  set(all "${out}${err}")
+  set(bad "")
+  if(NOT rc STREQUAL want_rc)
+    set(bad "exit code ${rc}, not ${want_rc}")
+  elseif(NOT all MATCHES "${regex}")
+    set(bad "no match for ${regex}")
+  elseif(want_rc EQUAL 2)
+    string(REGEX MATCHALL "\n" lines "${err}")
+    list(LENGTH lines count)
+    if(NOT count EQUAL 1 OR NOT out STREQUAL "")
+      set(bad "the usage error is not one line on standard error")
+    endif()
+  endif()
+  if(bad)
+    message(SEND_ERROR "${name}: ${bad}\n--- output:\n${all}")
+  else()
+    message(STATUS "${name}: ok")
+  endif()
+endfunction()
