@@ -225,6 +225,27 @@ TEST_F(FtdiTest, OpenBySerialResetsTheReaderAndWaitsForItsBoot)
     EXPECT_EQ(std::memcmp(desc, "ZR000001", 8), 0);
 }
 
+// The EEPROM record is the D2XX library's whole one: the flag is InvertRTS, not a byte of the power settings,
+// and reading it writes nothing past the record (the stand-in fills all of version 5).
+TEST_F(FtdiTest, InvertRtsComesFromTheWholeEepromRecord)
+{
+    devices(R"({"devices": [
+        {"time_scale": 10, "reader": {"serial_description": "ZR000011"},
+         "links": [{"kind": "d2xx", "serial": "FTDI0011", "description": "Zel reader"}]},
+        {"time_scale": 10, "reader": {"serial_description": "ZR000012"},
+         "links": [{"kind": "d2xx", "serial": "FTDI0012", "description": "Zel reader", "invert_rts": true}]}]})");
+    for (int inverted = 0; inverted < 2; inverted++) {
+        ZEL_HANDLE hnd = Zel_Hnd_Create();
+        ASSERT_EQ(ReaderOpenExHnd(hnd, 1, inverted ? "FTDI0012" : "FTDI0011", 2, nullptr), ZEL_OK);
+        EXPECT_EQ(hnd->comm.RTS_inverted, static_cast<uint32_t>(inverted));
+        uint8_t flag = 7;
+        EXPECT_EQ(ftdi_CheckRTS(hnd->ftHandle, &flag), 0);
+        EXPECT_EQ(flag, inverted);
+        EXPECT_EQ(resets(static_cast<uint32_t>(inverted)), 1); // the open's reset edge had the right polarity
+        Zel_Hnd_Destroy(hnd);
+    }
+}
+
 TEST_F(FtdiTest, SpeedLaddersFindAReaderAtItsRate)
 {
     devices(R"({"devices": [
