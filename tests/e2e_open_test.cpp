@@ -4,8 +4,12 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -325,6 +329,26 @@ TEST_F(OpenTest, GpioResetLineThroughPinctrl)
     EXPECT_EQ(ReaderResetOnM(hnd), ZEL_GPIO_RUN_FAILED);
     EXPECT_EQ(ReaderResetOffM(hnd), ZEL_GPIO_RESET_FAILED);
     EXPECT_EQ(setGPIOPin(23, "op dl"), -1);
+    // A pin program that hangs is killed at its deadline, and the call fails.
+    const std::string script = std::string("/tmp/zel-gpio-hang-") + std::to_string(getpid());
+    const std::string pid_file = script + ".pid";
+    {
+        std::ofstream out(script);
+        out << "#!/bin/sh\necho $$ > " << pid_file << "\nexec sleep 30\n";
+    }
+    ASSERT_EQ(chmod(script.c_str(), 0700), 0);
+    zel::set_gpio_program(script.c_str());
+    zel::set_gpio_deadline_ms(1000);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ReaderResetOnM(hnd), ZEL_GPIO_RUN_FAILED);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    pid_t hung = 0;
+    std::ifstream(pid_file) >> hung;
+    ASSERT_GT(hung, 0);
+    EXPECT_NE(kill(hung, 0), 0); // gone, and reaped: not even a zombie is left
+    zel::set_gpio_deadline_ms(0);
+    std::remove(script.c_str());
+    std::remove(pid_file.c_str());
     zel::set_gpio_program(nullptr);
     unsetenv("ZSIM_PINCTRL_SOCKET");
     Zel_Hnd_Destroy(hnd);
