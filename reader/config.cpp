@@ -181,17 +181,28 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
     if (routed(hnd))
         address |= kEeRouteBit;
     // The request carries as many bytes as it asks for: whatever the caller's buffer holds.
-    uint8_t ext[8 + kEepromMax];
+    uint8_t ext[8 + kEepromMax + 1];
     put_le32(ext, address);
     put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
-    Reply r;
-    const ZEL_STATUS status = command_write_reply(hnd, kCmdEepromRead, 0, 0, ext, static_cast<uint8_t>(8 + size), r);
+    const uint8_t ext_len = static_cast<uint8_t>(8 + size);
+    uint8_t frame[kFrameBufLen] = {};
+    make_command(frame, kCmdEepromRead, static_cast<uint8_t>(ext_len + 1), 0, 0);
+    uint8_t ack_len = 0;
+    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
     if (status != ZEL_OK)
         return status;
-    if (r.ext_len != size + 1)
+    ext[ext_len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, ext_len) + 7);
+    if ((status = PortWrite(hnd, ext, ext_len + 1u)) != ZEL_OK)
+        return status;
+    if ((status = GetAndTestResponseIntro(hnd, frame, kCmdEepromRead)) != ZEL_OK)
+        return status;
+    // The reply's length is judged before any of its EXT is read.
+    if (frame[kExtLen] != size + 1)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(data, r.buf, size);
+    if ((status = GetAndTestResponseData(hnd, frame[kExtLen], frame)) != ZEL_OK)
+        return status;
+    std::memcpy(data, frame, size);
     return ZEL_OK;
 }
 
@@ -449,10 +460,11 @@ extern "C" ZEL_API ZEL_STATUS SetUartDefaultSpeedHnd(ZEL_HANDLE hnd, uint8_t rea
         return ZEL_DEVICE_WRONG_HANDLE;
     if (port_kind != 1 && port_kind != 2)
         return ZEL_PARAMETERS_ERROR;
-    (void)PortClose(hnd);
     ZEL_STATUS status = port_kind == 1 ? default_rate_open_serial(hnd, reader_type, port_name)
                                        : default_rate_open_ftdi(hnd, reader_type);
     if (status != ZEL_OK)
+    // The port is closed first, whatever kind is asked for.
+    (void)PortClose(hnd);
         return status;
     // Catch the reader in its boot loader and ask the rate check there.
     (void)reset_pulse_no_wait(hnd);
