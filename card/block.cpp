@@ -6,6 +6,7 @@
 #include "card/memory_frames.h"
 #include "core/bytes.h"
 #include "core/frame.h"
+#include "core/wipe.h"
 #include "zel_block.h"
 #include "zel_port.h"
 #include "zel_status.h"
@@ -69,6 +70,7 @@ ZEL_STATUS common_block_read(ZEL_HANDLE hnd, uint8_t *data, uint8_t *frame, cons
     if (status != ZEL_OK)
         return status;
     uint8_t out[256];
+    const WipeOnExit wipe_out(out, sizeof out);
     std::memcpy(out, ext, ext_size - 1u);
     out[ext_size - 1u] = static_cast<uint8_t>(fold(out, ext_size - 1u) + 7);
     if ((status = PortWrite(hnd, out, ext_size)) != ZEL_OK)
@@ -95,6 +97,7 @@ ZEL_STATUS common_block_write(ZEL_HANDLE hnd, uint8_t *frame, const uint8_t *hea
     if (status != ZEL_OK)
         return status;
     uint8_t out[256];
+    const WipeOnExit wipe_out(out, sizeof out);
     std::memcpy(out, head, head_len);
     if (payload_len)
         std::memcpy(out + head_len, payload, payload_len);
@@ -140,6 +143,7 @@ ZEL_STATUS common_linear_read(ZEL_HANDLE hnd, uint8_t *data, uint16_t address, u
         if (status != ZEL_OK)
             return status;
         uint8_t ext[32];
+        const WipeOnExit wipe_ext(ext, sizeof ext);
         uint32_t n = linear_head(ext, address, chunk, key);
         ext[n++] = static_cast<uint8_t>(remaining);
         ext[n++] = static_cast<uint8_t>(remaining >> 8);
@@ -199,6 +203,7 @@ ZEL_STATUS common_linear_write(ZEL_HANDLE hnd, const uint8_t *data, uint16_t add
         if (status != ZEL_OK)
             return status;
         uint8_t ext[256];
+        const WipeOnExit wipe_ext(ext, sizeof ext);
         uint32_t n = linear_head(ext, address, chunk, key);
         if (chunk) {
             std::memcpy(ext + n, data + *bytes_written, chunk);
@@ -232,6 +237,7 @@ ZEL_STATUS block_read(ZEL_HANDLE hnd, uint8_t cmd, uint8_t *out, uint8_t expecte
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     uint8_t ext[32];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     std::memcpy(ext, head.b, 4);
     if (key.key_len)
         std::memcpy(ext + 4, key.key, key.key_len);
@@ -246,6 +252,7 @@ ZEL_STATUS block_write(ZEL_HANDLE hnd, uint8_t cmd, Head head, const KeyRoute &k
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     uint8_t h[32];
+    const WipeOnExit wipe_h(h, sizeof h);
     std::memcpy(h, head.b, 4);
     if (key.key_len)
         std::memcpy(h + 4, key.key, key.key_len);
@@ -302,6 +309,7 @@ ZEL_STATUS op_linear_format(ZEL_HANDLE h, const KeyRoute &k, uint8_t auth_mode, 
     if (!key_a || !key_b)
         return ZEL_PARAMETERS_ERROR;
     uint8_t payload[32];
+    const WipeOnExit wipe_payload(payload, sizeof payload);
     uint32_t n = 0;
     std::memcpy(payload, key_a, 6);
     std::memcpy(payload + 6, key_b, 6);
@@ -326,6 +334,7 @@ ZEL_STATUS op_trailer_write(ZEL_HANDLE h, const KeyRoute &k, uint8_t auth_mode, 
     if (!key_a || !key_b)
         return ZEL_PARAMETERS_ERROR;
     uint8_t payload[36];
+    const WipeOnExit wipe_payload(payload, sizeof payload);
     std::memcpy(payload, key_a, 6);
     payload[6] = b0;
     payload[7] = b1;
@@ -356,6 +365,7 @@ ZEL_STATUS value_read(ZEL_HANDLE h, uint8_t cmd, const KeyRoute &k, int32_t *val
     if (!value || !value_addr)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[32];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     std::memcpy(ext, head.b, 4);
     if (k.key_len)
         std::memcpy(ext + 4, k.key, k.key_len);

@@ -5,6 +5,7 @@
 
 #include "card/iso15693_parse.h"
 #include "core/frame.h"
+#include "core/wipe.h"
 #include "core/internal.h"
 #include "tandro.h"
 
@@ -44,6 +45,7 @@ ZEL_STATUS send(ZEL_HANDLE hnd, uint8_t *frame, uint8_t sub, uint8_t form, const
     if (ack_len == 0)
         return ZEL_COMMUNICATION_ERROR; // no room for the EXT's checksum
     uint8_t ext[256] = {};
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     std::memcpy(ext, data, data_len);
     CalcChecksum(ext, ack_len);
     if ((status = PortWrite(hnd, ext, ack_len)) != ZEL_OK)
@@ -80,6 +82,7 @@ ZEL_STATUS write_password(ZEL_HANDLE hnd, uint8_t form, uint8_t ident, const uin
                           const uint8_t *next, uint8_t next_index)
 {
     uint8_t d[11];
+    const WipeOnExit wipe_d(d, sizeof d);
     d[0] = ident;
     put_piece(d + 1, cur, cur_index);
     put_piece(d + 6, next, next_index);
@@ -96,6 +99,7 @@ ZEL_STATUS protect_page(ZEL_HANDLE hnd, uint8_t form, const uint8_t *read_pwd, u
                         const uint8_t *write_pwd, uint8_t write_index, uint8_t page, uint8_t status)
 {
     uint8_t d[12];
+    const WipeOnExit wipe_d(d, sizeof d);
     put_piece(d, read_pwd, read_index);
     put_piece(d + 5, write_pwd, write_index);
     d[10] = page;
@@ -107,6 +111,7 @@ ZEL_STATUS lock_block(ZEL_HANDLE hnd, uint8_t form, const uint8_t *read_pwd, uin
                       const uint8_t *write_pwd, uint8_t write_index, uint8_t block)
 {
     uint8_t d[11];
+    const WipeOnExit wipe_d(d, sizeof d);
     put_piece(d, read_pwd, read_index);
     put_piece(d + 5, write_pwd, write_index);
     d[10] = block;
@@ -133,6 +138,7 @@ ZEL_STATUS system_information(ZEL_HANDLE hnd, uint8_t form, const uint8_t *pwd, 
     if (!info_flags || !uid || !dsfid || !afi || !memory_size || !ic_reference)
         return ZEL_PARAMETERS_ERROR;
     uint8_t d[5];
+    const WipeOnExit wipe_d(d, sizeof d);
     put_piece(d, pwd, index);
     uint8_t buf[256];
     size_t n = 0;
@@ -159,6 +165,7 @@ ZEL_STATUS em_protect_page(ZEL_HANDLE hnd, uint8_t form, const uint8_t *pwd, uin
                            uint8_t status)
 {
     uint8_t d[7];
+    const WipeOnExit wipe_d(d, sizeof d);
     put_piece(d, pwd, index);
     d[5] = page;
     d[6] = status;
@@ -168,6 +175,7 @@ ZEL_STATUS em_protect_page(ZEL_HANDLE hnd, uint8_t form, const uint8_t *pwd, uin
 ZEL_STATUS em_enable_rid(ZEL_HANDLE hnd, uint8_t form, const uint8_t *pwd, uint8_t index)
 {
     uint8_t d[5];
+    const WipeOnExit wipe_d(d, sizeof d);
     put_piece(d, pwd, index);
     return run(hnd, kSubEmEnableRid, form, d, sizeof d);
 }

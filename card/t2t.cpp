@@ -5,6 +5,7 @@
 #include "card/t2t_parse.h"
 #include "core/bytes.h"
 #include "core/frame.h"
+#include "core/wipe.h"
 #include "core/internal.h"
 #include "tandro.h"
 
@@ -64,6 +65,7 @@ ZEL_STATUS read_counter(ZEL_HANDLE hnd, uint8_t address, uint8_t mode, uint8_t k
         status = command_reply(hnd, kCmdReadCounter, 0, address, r);
     } else {
         uint8_t d[6] = {};
+        const WipeOnExit wipe_d(d, sizeof d);
         uint8_t len = 2;
         if (mode == 1) {
             d[0] = key_index;
@@ -91,6 +93,7 @@ ZEL_STATUS auth(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t *data, uin
 ZEL_STATUS mifare_auth(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, uint8_t block, const uint8_t *key)
 {
     uint8_t d[7] = {block};
+    const WipeOnExit wipe_d(d, sizeof d);
     if (key)
         std::memcpy(d + 1, key, 6);
     return auth(hnd, p0, p1, d, sizeof d);
@@ -156,6 +159,7 @@ ZEL_API ZEL_STATUS ReadECCSignatureNtagDnaHnd(ZEL_HANDLE hnd, uint8_t key_source
                                               uint8_t key_no, uint8_t *signature, uint8_t *signature_len)
 {
     uint8_t d[18] = {key_source, key_nr};
+    const WipeOnExit wipe_d(d, sizeof d);
     if (key_source == 0) {
         if (!key)
             return ZEL_PARAMETERS_ERROR;
@@ -170,6 +174,7 @@ ZEL_API ZEL_STATUS ReadECCSignatureDesfireHnd(ZEL_HANDLE hnd, uint8_t key_source
 {
     const bool k3 = key_type == 0x10;
     uint8_t d[31] = {key_source, key_nr};
+    const WipeOnExit wipe_d(d, sizeof d);
     if (key_source == 0) {
         if (!key)
             return ZEL_PARAMETERS_ERROR;
@@ -244,6 +249,7 @@ static ZEL_STATUS pwd_auth(ZEL_HANDLE hnd, uint8_t p0, uint8_t p1, const uint8_t
     if (!pack)
         return ZEL_PARAMETERS_ERROR;
     uint8_t d[4] = {};
+    const WipeOnExit wipe_d(d, sizeof d);
     if (pwd)
         std::memcpy(d, pwd, 4);
     uint8_t reply[256] = {}, ext_len = 0;
@@ -314,6 +320,7 @@ ZEL_API ZEL_STATUS RidUidHnd(ZEL_HANDLE hnd, const uint8_t *key, uint8_t key_ind
                              uint8_t *reply)
 {
     uint8_t d[18] = {selector, key_index};
+    const WipeOnExit wipe_d(d, sizeof d);
     if (key)
         std::memcpy(d + 2, key, 16);
     uint8_t buf[256] = {}, ext_len = 0;

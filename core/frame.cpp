@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/internal.h"
+#include "core/wipe.h"
 #include "zel_port.h"
 #include "zel_status.h"
 
@@ -327,6 +328,8 @@ ZEL_STATUS zel::exchange_write_ext(zel_handle_record *hnd, uint8_t *frame, const
     if (status != ZEL_OK)
         return status;
     uint8_t ext[256];
+    // An EXT may carry a key or a password.
+    const WipeOnExit wipe_ext(ext, ext_data_len + 1u);
     if (ext_data_len)
         std::memcpy(ext, ext_data, ext_data_len);
     ext[ext_data_len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, ext_data_len) + 7);

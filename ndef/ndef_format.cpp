@@ -184,7 +184,9 @@ bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_
     if (tnf == 0 || tnf >= 7)
         return false;
     const bool special = tnf == 5 || tnf == 6;
-    const bool sr = payload_len < 256 && !special;
+    // The short-record flag follows the payload's size for every TNF; TNF 5 and 6 keep the four-byte length
+    // all the same, as the parser reads them.
+    const bool sr = payload_len < 256;
     uint8_t flags = static_cast<uint8_t>((mb_me & 0xC0) | tnf);
     if (id_len)
         flags |= 0x08;
@@ -192,7 +194,7 @@ bool build_record(uint8_t mb_me, uint8_t tnf, const uint8_t *type, uint8_t type_
         flags |= 0x10;
     out.push_back(flags);
     out.push_back(special ? 0 : type_len);
-    if (sr) {
+    if (sr && !special) {
         out.push_back(static_cast<uint8_t>(payload_len));
     } else {
         out.push_back(static_cast<uint8_t>(payload_len >> 24));

@@ -6,6 +6,7 @@
 #include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
+#include "core/wipe.h"
 #include "transport/line.h"
 #include "transport/reset_line.h"
 #include "zel_open.h"
@@ -155,6 +156,7 @@ extern "C" ZEL_API ZEL_STATUS ChangeReaderPasswordHnd(ZEL_HANDLE hnd, const uint
     if (status != ZEL_OK)
         return status;
     uint8_t ext[17];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     std::memcpy(ext, old_password, 8);
     std::memcpy(ext + 8, new_password, 8);
     CalcChecksum(ext, sizeof ext);
@@ -181,17 +183,28 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data,
     if (routed(hnd))
         address |= kEeRouteBit;
     // The request carries as many bytes as it asks for: whatever the caller's buffer holds.
-    uint8_t ext[8 + kEepromMax];
+    uint8_t ext[8 + kEepromMax + 1];
     put_le32(ext, address);
     put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
-    Reply r;
-    const ZEL_STATUS status = command_write_reply(hnd, kCmdEepromRead, 0, 0, ext, static_cast<uint8_t>(8 + size), r);
+    const uint8_t ext_len = static_cast<uint8_t>(8 + size);
+    uint8_t frame[kFrameBufLen] = {};
+    make_command(frame, kCmdEepromRead, static_cast<uint8_t>(ext_len + 1), 0, 0);
+    uint8_t ack_len = 0;
+    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
     if (status != ZEL_OK)
         return status;
-    if (r.ext_len != size + 1)
+    ext[ext_len] = static_cast<uint8_t>(GetChecksumFragment(0, ext, ext_len) + 7);
+    if ((status = PortWrite(hnd, ext, ext_len + 1u)) != ZEL_OK)
+        return status;
+    if ((status = GetAndTestResponseIntro(hnd, frame, kCmdEepromRead)) != ZEL_OK)
+        return status;
+    // The reply's length is judged before any of its EXT is read.
+    if (frame[kExtLen] != size + 1)
         return ZEL_COMMUNICATION_ERROR;
-    std::memcpy(data, r.buf, size);
+    if ((status = GetAndTestResponseData(hnd, frame[kExtLen], frame)) != ZEL_OK)
+        return status;
+    std::memcpy(data, frame, size);
     return ZEL_OK;
 }
 
@@ -205,6 +218,7 @@ extern "C" ZEL_API ZEL_STATUS ReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t
     if (routed(hnd))
         address |= kEeRouteBit;
     uint8_t ext[16 + kEepromMax];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     put_le32(ext, address);
     put_le32(ext + 4, size);
     std::memcpy(ext + 8, password, 8);
@@ -252,6 +266,7 @@ extern "C" ZEL_API ZEL_STATUS SetReaderTimeHnd(ZEL_HANDLE hnd, const uint8_t *pa
     if (!password || !time)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[14];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     std::memcpy(ext, password, 8);
     std::memcpy(ext + 8, time, 6);
     return send_ext(hnd, kCmdSetTime, 0, 0, ext, sizeof ext);
@@ -265,6 +280,7 @@ extern "C" ZEL_API ZEL_STATUS ChangeReaderJobIdHnd(ZEL_HANDLE hnd, uint16_t job_
     if (!password)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[10];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     std::memcpy(ext, id, 2);
     std::memcpy(ext + 2, password, 8);
     return send_ext(hnd, kCmdJobId, 0, 0, ext, sizeof ext);
@@ -290,6 +306,7 @@ extern "C" ZEL_API ZEL_STATUS BusAdminCardMakeHnd(ZEL_HANDLE hnd, uint32_t value
         return ZEL_PARAMETERS_ERROR;
     // The password and the value's low three bytes; the checksum takes the fourth's place.
     uint8_t ext[11];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     std::memcpy(ext, password, 8);
     ext[8] = static_cast<uint8_t>(value);
     ext[9] = static_cast<uint8_t>(value >> 8);
@@ -447,9 +464,10 @@ extern "C" ZEL_API ZEL_STATUS SetUartDefaultSpeedHnd(ZEL_HANDLE hnd, uint8_t rea
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
+    // The port is closed first, whatever kind is asked for.
+    (void)PortClose(hnd);
     if (port_kind != 1 && port_kind != 2)
         return ZEL_PARAMETERS_ERROR;
-    (void)PortClose(hnd);
     ZEL_STATUS status = port_kind == 1 ? default_rate_open_serial(hnd, reader_type, port_name)
                                        : default_rate_open_ftdi(hnd, reader_type);
     if (status != ZEL_OK)
@@ -481,6 +499,7 @@ extern "C" ZEL_API ZEL_STATUS WriteSamUnlockKeyHnd(ZEL_HANDLE hnd, uint8_t key_n
     if (!key)
         return ZEL_PARAMETERS_ERROR;
     uint8_t rec[19];
+    const WipeOnExit wipe_rec(rec, sizeof rec); // holds a password or a key
     rec[0] = key_no;
     rec[1] = key_ver;
     std::memcpy(rec + 2, key, 16);
@@ -570,6 +589,7 @@ extern "C" ZEL_API ZEL_STATUS EE_WriteHnd(ZEL_HANDLE hnd, uint32_t address, uint
     if (size > kEeWriteMax)
         return ZEL_MAX_SIZE_EXCEEDED;
     uint8_t ext[8 + kEeWriteMax];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     put_le32(ext, address);
     put_le32(ext + 4, size);
     std::memcpy(ext + 8, data, size);
@@ -581,6 +601,7 @@ extern "C" ZEL_API ZEL_STATUS EE_LockHnd(ZEL_HANDLE hnd, const uint8_t *password
     if (!password)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[9];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     ext[0] = lock ? 1 : 0;
     std::memcpy(ext + 1, password, 8);
     return send_ext(hnd, kCmdEeLock, 0, 0, ext, sizeof ext);
@@ -592,6 +613,7 @@ extern "C" ZEL_API ZEL_STATUS EE_Password_ChangeHnd(ZEL_HANDLE hnd, const uint8_
     if (!old_password || !new_password)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[16];
+    const WipeOnExit wipe_ext(ext, sizeof ext); // holds a password or a key
     std::memcpy(ext, old_password, 8);
     std::memcpy(ext + 8, new_password, 8);
     return send_ext(hnd, kCmdEePasswordChange, 0, 0, ext, sizeof ext);

@@ -8,6 +8,7 @@
 #include "core/bytes.h"
 #include "core/frame.h"
 #include "core/internal.h"
+#include "core/wipe.h"
 #include "transport/port.h"
 #include "tandro.h"
 
@@ -334,6 +335,7 @@ ZEL_STATUS tmac_reply(ZEL_STATUS st, const uint8_t *reply, uint32_t useful, cons
 ZEL_STATUS zdf_format_card(ZEL_HANDLE hnd, KeyRef k, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, false, 0);
     return plain_op(hnd, kCmdFormat, par0_of(k), 0, ext, at, cs, et);
 }
@@ -342,6 +344,7 @@ ZEL_STATUS zdf_set_configuration(ZEL_HANDLE hnd, KeyRef k, uint8_t random_uid, u
                                  uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, false, 0);
     ext[at] = random_uid;
     ext[at + 1] = format_disable;
@@ -356,6 +359,7 @@ ZEL_STATUS zdf_set_configuration_ex(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint
     if (data_length > ZEL_DESFIRE_MAX_CONFIG_DATA || (data_length && !data))
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     uint32_t at = head(ext, k, false, 0);
     ext[at] = option;
     ext[at + 1] = data_length;
@@ -380,6 +384,7 @@ ZEL_STATUS zdf_get_uid(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_n
                        uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = aid_key_nr;
     uint8_t reply[256] = {};
@@ -418,6 +423,7 @@ ZEL_STATUS zdf_get_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t 
                                 uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     uint8_t reply[256] = {};
     const ZEL_STATUS st = plain_op(hnd, kCmdGetKeySettings, par0_of(k, k.auth ? 0 : 1), 0, ext, at, cs, et, 6, reply);
@@ -435,6 +441,7 @@ ZEL_STATUS zdf_get_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t 
 ZEL_STATUS zdf_change_key_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t setting, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = setting;
     return plain_op(hnd, kCmdChangeKeySettings, par0_of(k), 0, ext, at + 1, cs, et);
@@ -448,6 +455,7 @@ ZEL_STATUS zdf_get_application_ids(ZEL_HANDLE hnd, KeyRef k, uint32_t *aid_list,
     if (number_of_aid)
         *number_of_aid = 0;
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, false, 0);
     ext[at] = k.auth;
     uint8_t reply[256] = {};
@@ -488,6 +496,7 @@ ZEL_STATUS create_app(ZEL_HANDLE hnd, const KeyRef &k, uint8_t app_type, uint32_
                       uint8_t par1, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256] = {};
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid_nr);
     ext[at] = k.auth;
     ext[at + 1] = setting;
@@ -544,6 +553,7 @@ ZEL_STATUS zdf_create_aes_app_ascd(ZEL_HANDLE hnd, KeyRef k, uint32_t aid_nr, ui
 ZEL_STATUS zdf_delete_app(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     return plain_op(hnd, kCmdDeleteApp, par0_of(k), 0, ext, at, cs, et);
 }
@@ -551,6 +561,7 @@ ZEL_STATUS zdf_delete_app(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint16_t *cs, 
 ZEL_STATUS zdf_delete_app_master(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     return plain_op(hnd, kCmdDeleteApp, par0_of(k, 1), 0, ext, at, cs, et);
 }
@@ -561,6 +572,7 @@ ZEL_STATUS create_std(ZEL_HANDLE hnd, const KeyRef &k, uint8_t par1, uint32_t ai
                       uint16_t access, uint8_t comm, bool with_iso, uint16_t iso_file_id, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     put16(ext + at + 1, access);
@@ -609,6 +621,7 @@ ZEL_STATUS zdf_create_value_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t
                                  uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     put16(ext + at + 1, access_word(r, w, rw, c));
@@ -626,6 +639,7 @@ ZEL_STATUS create_record(ZEL_HANDLE hnd, const KeyRef &k, uint8_t kind, uint32_t
                          uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     put16(ext + at + 1, access);
@@ -657,6 +671,7 @@ ZEL_STATUS zdf_create_tmac_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t 
     if (!tmac_key)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = comm;
@@ -668,6 +683,7 @@ ZEL_STATUS zdf_create_tmac_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t 
 ZEL_STATUS zdf_delete_file(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t file_id, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = k.auth;
@@ -741,6 +757,7 @@ ZEL_STATUS settings_reply(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t
                           uint32_t *useful)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = k.auth;
@@ -869,6 +886,7 @@ ZEL_STATUS zdf_change_file_settings(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint
                                     uint8_t w, uint8_t rw, uint8_t c, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = comm;
@@ -885,6 +903,7 @@ ZEL_STATUS zdf_change_file_settings_sdm(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, 
     if (sdm_len > ZEL_DESFIRE_MAX_SDM_SETTINGS || (sdm_len && !sdm_settings))
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = comm;
@@ -914,6 +933,7 @@ ZEL_STATUS zdf_read_std(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key_
                         uint16_t length, uint8_t comm, uint8_t *data, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t n = data_head(ext, k, aid, aid_key_nr, file_id, offset, length, comm);
     return streamed(hnd, kCmdRead, par0_of(k), ext, n, data, length, true, cs, et);
 }
@@ -922,6 +942,7 @@ ZEL_STATUS zdf_write_std(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_key
                          uint16_t length, uint8_t comm, const uint8_t *data, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t n = data_head(ext, k, aid, aid_key_nr, file_id, offset, length, comm);
     uint8_t reply[256] = {};
     uint32_t useful = 0;
@@ -946,6 +967,7 @@ ZEL_STATUS zdf_read_value(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_ke
                           int32_t *value, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t n = value_head(ext, k, aid, aid_key_nr, file_id, comm);
     uint8_t reply[256] = {};
     const ZEL_STATUS st = plain_op(hnd, kCmdReadValue, par0_of(k), 0, ext, n, cs, et, 8, reply);
@@ -960,6 +982,7 @@ ZEL_STATUS change_value(ZEL_HANDLE hnd, const KeyRef &k, uint8_t cmd, uint32_t a
                         uint8_t comm, uint32_t value, const Tmac &t, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t n = value_head(ext, k, aid, aid_key_nr, file_id, comm);
     put32(ext + n, value);
     uint8_t reply[256] = {};
@@ -1001,6 +1024,7 @@ ZEL_STATUS zdf_read_records(ZEL_HANDLE hnd, KeyRef k, uint32_t aid, uint8_t aid_
                             uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     uint32_t n = data_head(ext, k, aid, aid_key_nr, file_id, offset, count, comm);
     put16(ext + n, record_size);
     n += 2;
@@ -1013,6 +1037,7 @@ ZEL_STATUS write_record(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t a
                         uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t n = data_head(ext, k, aid, aid_key_nr, file_id, offset, length, comm);
     uint8_t reply[256] = {};
     uint32_t useful = 0;
@@ -1040,6 +1065,7 @@ ZEL_STATUS clear_records(ZEL_HANDLE hnd, const KeyRef &k, uint32_t aid, uint8_t 
                          const Tmac &t, uint16_t *cs, uint16_t *et)
 {
     uint8_t ext[256];
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     const uint32_t at = head(ext, k, true, aid);
     ext[at] = file_id;
     ext[at + 1] = k.auth;
@@ -1104,6 +1130,7 @@ ZEL_STATUS change_key(ZEL_HANDLE hnd, uint8_t auth_key_nr, const uint8_t *auth_k
         return ZEL_PARAMETERS_ERROR;
     const bool wide = auth_type == ZEL_DESFIRE_WIRE_3K3DES || new_type == ZEL_DESFIRE_WIRE_3K3DES;
     uint8_t ext[256] = {};
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     uint8_t par0 = static_cast<uint8_t>(auth_type + 4 * new_type), par1 = 0;
     if (flag) {
         // Keys named in the SAM: no key bytes go out.
@@ -1183,10 +1210,12 @@ ZEL_STATUS zdf_change_master_pk(ZEL_HANDLE hnd, KeyRef k, uint8_t auth_key_type,
         return ZEL_PARAMETERS_ERROR;
     // The old key is the authenticating one, of the type it had.
     uint8_t ext_auth[24] = {};
+    const WipeOnExit wipe_ext_auth(ext_auth, sizeof ext_auth);
     std::memcpy(ext_auth, k.bytes, key_len(auth_key_type));
     if (auth_key_type != new_key_type) {
         // A change of type: the old key field carries the old key as the new type's width takes it.
         uint8_t old[24] = {};
+        const WipeOnExit wipe_old(old, sizeof old);
         std::memcpy(old, ext_auth, key_len(auth_key_type));
         if (auth_key_type == ZEL_DESFIRE_WIRE_DES)
             std::memcpy(old + 8, ext_auth, 8);
@@ -1255,6 +1284,7 @@ ZEL_STATUS write_key(ZEL_HANDLE hnd, uint8_t key_no, const uint8_t *key, uint8_t
     if (n && !key)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[32] = {};
+    const WipeOnExit wipe_ext(ext, sizeof ext);
     ext[0] = key_no;
     if (n)
         std::memcpy(ext + 1, key, n);

@@ -6,6 +6,7 @@
 #include <immintrin.h>
 #include <openssl/evp.h>
 
+#include "core/wipe.h"
 #include "zel_desfire_crypto.h"
 #include "zel_status.h"
 
@@ -219,6 +220,7 @@ Contexts *aes_contexts(const uint8_t *key16)
 Contexts *des_contexts(DesSchedule &ks)
 {
     uint8_t k3[24];
+    const zel::WipeOnExit wipe_k3(k3, sizeof k3);
     for (int i = 0; i < 3; ++i)
         std::memcpy(k3 + 8 * i, ks.key, 8);
     return key_contexts(ks.ctx, k3, 24, false) ? &ks.ctx : nullptr;
@@ -407,6 +409,7 @@ ZEL_API void session_key_new(const uint8_t *rnda, const uint8_t *rndb, desfire_k
     if (!rnda || !rndb || !key)
         return;
     uint8_t k[16];
+    const zel::WipeOnExit wipe_k(k, sizeof k);
     std::memcpy(k, rnda, 4);
     std::memcpy(k + 4, rndb, 4);
     if (key->type == DESFIRE_HOST_KEY_AES) {

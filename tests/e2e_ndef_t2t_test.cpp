@@ -112,16 +112,17 @@ TEST_F(NdefT2t, UnknownAndUnchangedRecordsTakeTheLongFormAndCount)
 {
     start(empty_ntag215());
     ASSERT_EQ(write(hnd, 1, 1, "U", "", uri_payload(0x04, "t.example")), ZEL_OK);
-    // TNF 5 with an id, TNF 6 without: the type the caller gives is not written.
+    // TNF 5 with an id, TNF 6 without: the type the caller gives is not written; the short-record flag is set
+    // for their small payloads, the length keeps its four bytes.
     ASSERT_EQ(write(hnd, 1, 5, "", "u", bytes("abc")), ZEL_OK);
     ASSERT_EQ(write(hnd, 1, 6, "", "", bytes("de")), ZEL_OK);
     const std::vector<uint8_t> img = user(64);
     const size_t second = 2 + 3 + 1 + 10;
     EXPECT_EQ(std::vector<uint8_t>(img.begin() + second, img.begin() + second + 11),
-              (std::vector<uint8_t>{0x0D, 0x00, 0x00, 0x00, 0x00, 0x03, 0x01, 'u', 'a', 'b', 'c'}));
+              (std::vector<uint8_t>{0x1D, 0x00, 0x00, 0x00, 0x00, 0x03, 0x01, 'u', 'a', 'b', 'c'}));
     const size_t third = second + 11;
     EXPECT_EQ(std::vector<uint8_t>(img.begin() + third, img.begin() + third + 8),
-              (std::vector<uint8_t>{0x46, 0x00, 0x00, 0x00, 0x00, 0x02, 'd', 'e'}));
+              (std::vector<uint8_t>{0x56, 0x00, 0x00, 0x00, 0x00, 0x02, 'd', 'e'}));
     EXPECT_EQ(img[1], 14 + 11 + 8);
     EXPECT_EQ(img[third + 8], 0xFE);
     Count c;

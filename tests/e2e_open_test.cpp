@@ -4,8 +4,12 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -225,6 +229,27 @@ TEST_F(FtdiTest, OpenBySerialResetsTheReaderAndWaitsForItsBoot)
     EXPECT_EQ(std::memcmp(desc, "ZR000001", 8), 0);
 }
 
+// The EEPROM record is the D2XX library's whole one: the flag is InvertRTS, not a byte of the power settings,
+// and reading it writes nothing past the record (the stand-in fills all of version 5).
+TEST_F(FtdiTest, InvertRtsComesFromTheWholeEepromRecord)
+{
+    devices(R"({"devices": [
+        {"time_scale": 10, "reader": {"serial_description": "ZR000011"},
+         "links": [{"kind": "d2xx", "serial": "FTDI0011", "description": "Zel reader"}]},
+        {"time_scale": 10, "reader": {"serial_description": "ZR000012"},
+         "links": [{"kind": "d2xx", "serial": "FTDI0012", "description": "Zel reader", "invert_rts": true}]}]})");
+    for (int inverted = 0; inverted < 2; inverted++) {
+        ZEL_HANDLE hnd = Zel_Hnd_Create();
+        ASSERT_EQ(ReaderOpenExHnd(hnd, 1, inverted ? "FTDI0012" : "FTDI0011", 2, nullptr), ZEL_OK);
+        EXPECT_EQ(hnd->comm.RTS_inverted, static_cast<uint32_t>(inverted));
+        uint8_t flag = 7;
+        EXPECT_EQ(ftdi_CheckRTS(hnd->ftHandle, &flag), 0);
+        EXPECT_EQ(flag, inverted);
+        EXPECT_EQ(resets(static_cast<uint32_t>(inverted)), 1); // the open's reset edge had the right polarity
+        Zel_Hnd_Destroy(hnd);
+    }
+}
+
 TEST_F(FtdiTest, SpeedLaddersFindAReaderAtItsRate)
 {
     devices(R"({"devices": [
@@ -304,6 +329,26 @@ TEST_F(OpenTest, GpioResetLineThroughPinctrl)
     EXPECT_EQ(ReaderResetOnM(hnd), ZEL_GPIO_RUN_FAILED);
     EXPECT_EQ(ReaderResetOffM(hnd), ZEL_GPIO_RESET_FAILED);
     EXPECT_EQ(setGPIOPin(23, "op dl"), -1);
+    // A pin program that hangs is killed at its deadline, and the call fails.
+    const std::string script = std::string("/tmp/zel-gpio-hang-") + std::to_string(getpid());
+    const std::string pid_file = script + ".pid";
+    {
+        std::ofstream out(script);
+        out << "#!/bin/sh\necho $$ > " << pid_file << "\nexec sleep 30\n";
+    }
+    ASSERT_EQ(chmod(script.c_str(), 0700), 0);
+    zel::set_gpio_program(script.c_str());
+    zel::set_gpio_deadline_ms(1000);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ReaderResetOnM(hnd), ZEL_GPIO_RUN_FAILED);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    pid_t hung = 0;
+    std::ifstream(pid_file) >> hung;
+    ASSERT_GT(hung, 0);
+    EXPECT_NE(kill(hung, 0), 0); // gone, and reaped: not even a zombie is left
+    zel::set_gpio_deadline_ms(0);
+    std::remove(script.c_str());
+    std::remove(pid_file.c_str());
     zel::set_gpio_program(nullptr);
     unsetenv("ZSIM_PINCTRL_SOCKET");
     Zel_Hnd_Destroy(hnd);

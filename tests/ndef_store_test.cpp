@@ -114,7 +114,7 @@ TEST(NdefRecords, BuiltRecordsParseBackToTheirParts)
         {1, {'U'}, {}, {0x04, 'a', 'b'}}, {1, {'T'}, {'i', 'd'}, {0x02, 'e', 'n', 'x'}},
         {2, {'a', '/', 'b'}, {}, big},    {4, {'x', ':', 'y'}, {'7'}, big},
         {5, {}, {}, {1, 2, 3}},           {6, {}, {'q'}, {9}},
-        {3, {'u', 'r', 'n'}, {}, {}},
+        {3, {'u', 'r', 'n'}, {}, {}},     {5, {}, {}, big},
     };
     for (const Built &c : cases) {
         Bytes out;
@@ -131,8 +131,12 @@ TEST(NdefRecords, BuiltRecordsParseBackToTheirParts)
         EXPECT_EQ(r.payload_len, c.payload.size());
         EXPECT_EQ(Bytes(out.begin() + at, out.end()), c.payload);
         const bool special = c.tnf == 5 || c.tnf == 6;
-        // TNF 5 and 6 take the long length form and carry no type, whatever the caller gave.
-        EXPECT_EQ(out[0] & 0x10, (!special && c.payload.size() < 256) ? 0x10 : 0x00);
+        // The short-record flag follows the payload's size for every TNF; TNF 5 and 6 still take the long length
+        // form and carry no type, whatever the caller gave.
+        EXPECT_EQ(out[0] & 0x10, c.payload.size() < 256 ? 0x10 : 0x00);
+        if (special) {
+            EXPECT_EQ(r.header_len, 6u + (c.id.empty() ? 0u : 1u));
+        }
         EXPECT_EQ(r.type_len, special ? 0 : c.type.size());
         EXPECT_EQ(Bytes(out.begin() + r.header_len, out.begin() + r.header_len + r.type_len),
                   special ? Bytes{} : c.type);

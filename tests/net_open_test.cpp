@@ -2,6 +2,10 @@
 // broadcast search. These use the protocol's fixed ports, so they run one at a time.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <string>
 
@@ -146,6 +150,27 @@ TEST_F(NetOpen, ShortDiscoveryRepliesMatchOnlyAnEmptySerial)
     ReaderCloseM(hnd);
     // Asked by serial, a reply without one never matches: with the flag set there is no fall-back.
     EXPECT_EQ(ReaderOpen_ZelNetHnd(hnd, 1, "ON000003"), ZEL_READER_OPENING_ERROR);
+    Zel_Hnd_Destroy(hnd);
+}
+
+// The discovery socket cannot be set up (its port is held by another socket): that is a failure of its own, 84,
+// and not a reason to search USB instead, which would hide a network fault behind whatever reader is plugged in.
+TEST_F(NetOpen, DiscoverySocketFailureDoesNotFallBackToUsb)
+{
+    const int holder = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(holder, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_port = htons(ZEL_NET_DISCOVERY_SOURCE_PORT);
+    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    ZEL_HANDLE hnd = Zel_Hnd_Create();
+    // The USB search clears the busy mark before anything else; it stays as set when no search ran.
+    hnd->port_busy = 7;
+    EXPECT_EQ(ReaderOpen_ZelNetHnd(hnd, 0, "ON000001"), ZEL_READER_OPENING_ERROR);
+    EXPECT_EQ(hnd->port_busy, 7u);
+    EXPECT_EQ(ReaderOpen_ZelNet("ON000001"), ZEL_READER_OPENING_ERROR);
+    close(holder);
     Zel_Hnd_Destroy(hnd);
 }
 

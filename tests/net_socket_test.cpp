@@ -116,6 +116,32 @@ TEST(NetSocket, UdpWakesTheReaderAndCarriesFrames)
     EXPECT_EQ(ReaderCloseM(&rec), ZEL_OK);
 }
 
+// A record opened on a reader's address hears that address and port only: a datagram of another sender, even
+// one that looks like a reply and comes first, is never taken as the reader's.
+TEST(NetSocket, UdpTakesDatagramsOnlyFromItsReader)
+{
+    Listener reader(SOCK_DGRAM);
+    Listener stray(SOCK_DGRAM);
+    zel_handle_record rec;
+    zel_handle_init(&rec);
+    const std::string host = "127.0.0.1:" + std::to_string(reader.port);
+    ASSERT_EQ(udp_init(&rec, 0, host.c_str(), 'U', nullptr), ZEL_OK);
+    uint8_t got[64];
+    sockaddr_in from{};
+    socklen_t from_len = sizeof from;
+    ASSERT_EQ(recvfrom(reader.fd, got, sizeof got, 0, reinterpret_cast<sockaddr *>(&from), &from_len), 1);
+
+    const uint8_t forged[7] = {0xDE, 0x10, 0xED, 0, 0x66, 0x66, 0x51};
+    const uint8_t genuine[7] = {0xDE, 0x10, 0xED, 0, 0x11, 0x22, 0x1B};
+    ASSERT_EQ(sendto(stray.fd, forged, 7, 0, reinterpret_cast<sockaddr *>(&from), from_len), 7);
+    ASSERT_EQ(sendto(reader.fd, genuine, 7, 0, reinterpret_cast<sockaddr *>(&from), from_len), 7);
+    ASSERT_EQ(PortRead(&rec, got, 7), ZEL_OK);
+    EXPECT_EQ(std::memcmp(got, genuine, 7), 0);
+    // Nothing of the stray sender is left waiting either.
+    EXPECT_EQ(udp_rx(&rec, 1), 0);
+    EXPECT_EQ(ReaderCloseM(&rec), ZEL_OK);
+}
+
 TEST(NetSocket, TcpStreamBeginsWithTheWakeByte)
 {
     Listener reader(SOCK_STREAM);

@@ -49,6 +49,16 @@ TEST_F(NoSleep, EepromReadAndWriteFrames)
     uint8_t one = 0;
     EXPECT_EQ(ReaderEepromReadHnd(&routed.record, &one, 7, 1), ZEL_COMMUNICATION_ERROR);
     EXPECT_EQ(routed.writes[1], ext(cat(cat(le32(0x80000007), le32(1)), {0})));
+    // The length is judged on the response frame alone: an EXT that never comes, or one that is spoilt, is not
+    // waited for or tested (either would answer another status).
+    for (const Bytes &tail : {Bytes{}, Bytes{1, 2, 0x55}}) {
+        ScriptLink bad;
+        bad.reply(frame(ACK, 0x34, ACK_T, 10));
+        bad.reply(cat(frame(RSP, 0x34, RSP_T, 3), tail));
+        one = 0x77;
+        EXPECT_EQ(ReaderEepromReadHnd(&bad.record, &one, 7, 1), ZEL_COMMUNICATION_ERROR);
+        EXPECT_EQ(one, 0x77);
+    }
 
     ScriptLink w;
     ack_ok(w, 0x35, 19);
@@ -67,7 +77,9 @@ TEST_F(NoSleep, RefusedBeforeAnyFrame)
     EXPECT_EQ(EE_WriteHnd(&link.record, 0, 4, nullptr), ZEL_NO_MEMORY_ERROR);
     EXPECT_EQ(EE_ReadHnd(&link.record, 0, 4, nullptr), ZEL_NO_MEMORY_ERROR);
     EXPECT_EQ(SetUartSpeedHnd(&link.record, 12345), ZEL_PARAMETERS_ERROR);
+    link.record.opened = 1;
     EXPECT_EQ(SetUartDefaultSpeedHnd(&link.record, 1, 3, "x"), ZEL_PARAMETERS_ERROR);
+    EXPECT_EQ(link.record.opened, 0); // an unknown port kind still closes the port
     link.record.ee_route = 1;
     EXPECT_EQ(ReaderKeyWriteHnd(&link.record, PW, 32), ZEL_MAX_KEY_INDEX_EXCEEDED);
     EXPECT_TRUE(link.writes.empty());

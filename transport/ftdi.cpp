@@ -12,7 +12,8 @@
 
 using namespace zel;
 
-static_assert(offsetof(FtProgramData, invert_rts) == 48, "the program data record is shared with the D2XX library");
+static_assert(sizeof(void *) != 8 || offsetof(FtProgramData, invert_rts) == 91,
+              "InvertRTS sits in the FT232R block of the program data record");
 
 namespace {
 

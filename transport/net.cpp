@@ -139,6 +139,11 @@ extern "C" ZEL_API ZEL_STATUS udp_init(ZEL_HANDLE hnd, uint32_t reader_type, con
 {
     (void)reader_type;
     (void)arg;
+    return zel::udp_setup(hnd, host, port_interface, true);
+}
+
+ZEL_STATUS zel::udp_setup(zel_handle_record *hnd, const char *host, uint32_t port_interface, bool one_peer)
+{
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     if (hnd->udp_socket > 0)
@@ -185,9 +190,13 @@ extern "C" ZEL_API ZEL_STATUS udp_init(ZEL_HANDLE hnd, uint32_t reader_type, con
     hnd->udp_remote.sin_port = htons(static_cast<uint16_t>(parsed.port));
     bool ok = resolve_ipv4(hnd->udp_host, &hnd->udp_remote.sin_addr);
 
-    if (ok && port_interface == 'U')
+    if (ok && port_interface == 'U') {
         ok = bind(hnd->udp_socket, reinterpret_cast<const sockaddr *>(&hnd->udp_local), sizeof hnd->udp_local) == 0;
-    else if (ok && tcp)
+        // Connected to the reader: the system drops datagrams from any other address or port.
+        if (ok && one_peer)
+            ok = connect(hnd->udp_socket, reinterpret_cast<const sockaddr *>(&hnd->udp_remote),
+                         sizeof hnd->udp_remote) == 0;
+    } else if (ok && tcp)
         ok = connect_bounded(hnd->udp_socket, hnd->udp_remote);
     if (!ok) {
         wake_reader(hnd);

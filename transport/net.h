@@ -1,9 +1,11 @@
-// Pure pieces of the network link: host texts and discovery replies.
+// Pieces of the network link: host texts, discovery replies and the socket set-up.
 #ifndef ZEL_TRANSPORT_NET_H
 #define ZEL_TRANSPORT_NET_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "zel_types.h"
 
 namespace zel {
 
@@ -24,6 +26,11 @@ struct DiscoveryReply {
 };
 // A discovery reply of 19 or 28 bytes; any other length is not one.
 bool parse_discovery_reply(const uint8_t *data, size_t len, DiscoveryReply *out);
+
+// The socket set-up of udp_init. With one_peer a datagram socket is connected to the reader's address, so
+// that only its datagrams are taken; without it the socket hears any sender (a broadcast probe learns the
+// readers from their replies).
+ZEL_STATUS udp_setup(zel_handle_record *hnd, const char *host, uint32_t port_interface, bool one_peer);
 
 } // namespace zel
 

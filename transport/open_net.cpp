@@ -27,13 +27,16 @@ constexpr uint32_t kDiscoveryRecvMs = 80;
 constexpr uint32_t kListSourcePortFirst = ZEL_NET_FIRST_SOURCE_PORT;
 constexpr int kListRecords = 64;
 
+enum class Discovery { found, none, socket_failed };
+
 // One discovery round: the request to target (a broadcast or a reader's address) and the replies for up to
-// a second. With wanted empty the first reply is taken, otherwise the one with that serial number.
-bool discover(const char *target, const char *wanted, DiscoveryReply *found)
+// a second. With wanted empty the first reply is taken, otherwise the one with that serial number. The socket
+// stays unconnected: the sender of each reply is what is learnt.
+Discovery discover(const char *target, const char *wanted, DiscoveryReply *found)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return false;
+        return Discovery::socket_failed;
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -49,7 +52,7 @@ bool discover(const char *target, const char *wanted, DiscoveryReply *found)
     if (bind(fd, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0 ||
         inet_pton(AF_INET, target, &remote.sin_addr) != 1) {
         close(fd);
-        return false;
+        return Discovery::socket_failed;
     }
     static const uint8_t kRequest[2] = {0x41, 0x00};
     (void)sendto(fd, kRequest, sizeof kRequest, 0, reinterpret_cast<const sockaddr *>(&remote), sizeof remote);
@@ -71,7 +74,7 @@ bool discover(const char *target, const char *wanted, DiscoveryReply *found)
         }
     }
     close(fd);
-    return ok;
+    return ok ? Discovery::found : Discovery::none;
 }
 
 bool serial_is(zel_handle_record *hnd, const char *wanted)
@@ -152,7 +155,7 @@ extern "C" ZEL_API ZEL_STATUS OpenZelNetReader_auto(ZEL_HANDLE hnd, const char *
             std::snprintf(target, sizeof target, "%s", port_name);
     }
     DiscoveryReply r{};
-    if (!discover(target, wanted, &r))
+    if (discover(target, wanted, &r) != Discovery::found)
         return ZEL_READER_OPENING_ERROR;
     const uint32_t iface = port_interface ? port_interface : r.protocol;
     char address[32];
@@ -175,7 +178,11 @@ extern "C" ZEL_API ZEL_STATUS ReaderOpen_ZelNetHnd(ZEL_HANDLE hnd, uint32_t flag
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     DiscoveryReply r{};
-    if (discover(get_local_net_addr(), serial, &r)) {
+    const Discovery d = discover(get_local_net_addr(), serial, &r);
+    // A socket that cannot be set up is a failure of its own, not a reader that is elsewhere.
+    if (d == Discovery::socket_failed)
+        return ZEL_READER_OPENING_ERROR;
+    if (d == Discovery::found) {
         char address[32];
         std::snprintf(address, sizeof address, "%s", r.address);
         const ZEL_STATUS status = ReaderOpenExHnd(hnd, 0, address, r.protocol, nullptr);
@@ -215,7 +222,8 @@ extern "C" ZEL_API uint32_t udp_reader_list(void)
         zel_handle_init(&probe);
         char text[64];
         std::snprintf(text, sizeof text, "%s:%u:%u", "255.255.255.255", port, source_port);
-        const ZEL_STATUS st = udp_init(&probe, 0, text, 'U', nullptr);
+        // The probe hears every reader that answers, so its socket is not tied to one peer.
+        const ZEL_STATUS st = udp_setup(&probe, text, 'U', false);
         dp(6, "BROADCAST::udp_init(%s):= %s", text, ZEL_Status2String(st));
         ++source_port;
         if (st != ZEL_OK) {

@@ -2,14 +2,18 @@
 // port calls only, no frames.
 #include "transport/reset_line.h"
 
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "core/internal.h"
 #include "zel_ftdi.h"
@@ -29,6 +33,9 @@ constexpr uint32_t kAfterBootMs = 80;
 std::mutex g_gpio_mutex;
 std::string g_gpio_program = "pinctrl";
 zel::PinCommandHook g_pin_hook = nullptr;
+constexpr uint32_t kGpioDeadlineMs = 2000;
+constexpr uint32_t kGpioPollMs = 2;
+std::atomic<uint32_t> g_gpio_deadline_ms{kGpioDeadlineMs};
 
 // Runs the GPIO program with its arguments given directly, no shell in between: true when it ran and
 // reported success.
@@ -60,10 +67,22 @@ bool run_gpio(uint32_t pin, const char *operation)
     pid_t pid = 0;
     if (posix_spawnp(&pid, program.c_str(), nullptr, nullptr, argv, environ) != 0)
         return false;
+    // The program gets a deadline of real time: one that hangs is killed and the pin counts as not set.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(g_gpio_deadline_ms.load());
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
+    for (;;) {
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid)
+            break;
+        if (done < 0 && errno != EINTR)
             return false;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(kGpioPollMs));
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -96,6 +115,11 @@ void zel::set_gpio_program(const char *program)
 {
     std::lock_guard<std::mutex> lock(g_gpio_mutex);
     g_gpio_program = program ? program : "pinctrl";
+}
+
+void zel::set_gpio_deadline_ms(uint32_t ms)
+{
+    g_gpio_deadline_ms = ms ? ms : kGpioDeadlineMs;
 }
 
 void zel::set_pin_command_hook(PinCommandHook hook)

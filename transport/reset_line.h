@@ -13,6 +13,8 @@ ZEL_STATUS reset_boot_wait(zel_handle_record *hnd);
 ZEL_STATUS reset_pulse_no_wait(zel_handle_record *hnd);
 // Test seam: the program that drives a GPIO pin (null: "pinctrl" from the search path).
 void set_gpio_program(const char *program);
+// Test seam: how long the GPIO program may run before it is killed and the call fails (0: the usual 2 s).
+void set_gpio_deadline_ms(uint32_t ms);
 // Test seam: replaces running the GPIO program; the hook gets the whole command line ("pinctrl set 23 op dl")
 // and returns 0 when it ran. Null restores the program.
 using PinCommandHook = int (*)(const char *command);

@@ -4,6 +4,7 @@
 // InvertRTS bit and COM number. Line rate, time-outs, purges and RTS edges reach the reader: an RTS edge into
 // the running level (RTS XOR InvertRTS = 1) restarts it.
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -475,6 +476,7 @@ FT_API FT_STATUS FT_GetLatencyTimer(FT_HANDLE h, uint8_t *ms)
     return FT_OK;
 }
 
+// An FT232R's EEPROM as the record of the caller's version holds it; no byte past that version's end is written.
 FT_API FT_STATUS FT_EE_Read(FT_HANDLE h, void *program_data)
 {
     Device *d = by_handle(h);
@@ -482,14 +484,38 @@ FT_API FT_STATUS FT_EE_Read(FT_HANDLE h, void *program_data)
         return FT_INVALID_HANDLE;
     if (!program_data)
         return FT_INVALID_PARAMETER;
-    auto *pd = static_cast<zsim_ft_program_data *>(program_data);
-    pd->vendor_id = 0x0403;
-    pd->product_id = 0x6001;
-    copy_text(pd->manufacturer, 64, "Zel (simulated)");
-    copy_text(pd->manufacturer_id, 16, "ZS");
-    copy_text(pd->description, 64, d->description);
-    copy_text(pd->serial_number, 16, d->serial);
-    pd->invert_rts = d->invert_rts ? 1 : 0;
+    zsim_ft_program_data r;
+    std::memcpy(&r, program_data, offsetof(zsim_ft_program_data, VendorId));
+    if (r.Signature1 != 0x00000000u || r.Signature2 != 0xFFFFFFFFu || r.Version > 5)
+        return FT_INVALID_PARAMETER;
+    static const size_t ends[] = {ZSIM_FT_PD_END_V0, ZSIM_FT_PD_END_V1, ZSIM_FT_PD_END_V2,
+                                  ZSIM_FT_PD_END_V3, ZSIM_FT_PD_END_V4, sizeof(zsim_ft_program_data)};
+    const size_t end = ends[r.Version];
+    std::memcpy(&r.Manufacturer, static_cast<char *>(program_data) + offsetof(zsim_ft_program_data, Manufacturer),
+                4 * sizeof(char *));
+    std::memset(reinterpret_cast<char *>(&r) + offsetof(zsim_ft_program_data, MaxPower), 0,
+                sizeof r - offsetof(zsim_ft_program_data, MaxPower));
+    r.VendorId = 0x0403;
+    r.ProductId = 0x6001;
+    copy_text(r.Manufacturer, 64, "Zel (simulated)");
+    copy_text(r.ManufacturerId, 16, "ZS");
+    copy_text(r.Description, 64, d->description);
+    copy_text(r.SerialNumber, 16, d->serial);
+    r.MaxPower = 90;
+    r.PnP = 1;
+    r.RemoteWakeup = 1;
+    r.SerNumEnable = 1;
+    r.USBVersion = 0x0200;
+    r.USBVersion5 = 0x0200;
+    r.EndPointSize = 64;
+    r.SerNumEnableR = 1;
+    r.InvertRTS = d->invert_rts ? 1 : 0;
+    r.Cbus0 = 3; // the CBUS pins' functions
+    r.Cbus1 = 2;
+    r.Cbus2 = 0;
+    r.Cbus3 = 1;
+    r.Cbus4 = 5;
+    std::memcpy(program_data, &r, end);
     return FT_OK;
 }
 

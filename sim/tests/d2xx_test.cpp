@@ -125,12 +125,31 @@ TEST(D2xx, DevicesIdentityLineRateAndResetEdges)
     EXPECT_NE(ft.Open(0, &again), 0u); // already open
     char m[64], mid[16], d[64], s[16];
     zsim_ft_program_data pd{};
-    pd.manufacturer = m;
-    pd.manufacturer_id = mid;
-    pd.description = d;
-    pd.serial_number = s;
+    pd.Signature2 = 0xFFFFFFFFu;
+    pd.Version = 5;
+    pd.Manufacturer = m;
+    pd.ManufacturerId = mid;
+    pd.Description = d;
+    pd.SerialNumber = s;
     ASSERT_EQ(ft.EE_Read(h, &pd), 0u);
-    EXPECT_EQ(pd.invert_rts, 1);
+    EXPECT_EQ(pd.InvertRTS, 1);
+    EXPECT_EQ(pd.MaxPower, 90);
+    EXPECT_EQ(pd.ProductId, 0x6001);
+    // A record of an older version is filled no further than that version's end.
+    alignas(zsim_ft_program_data) unsigned char older[sizeof(zsim_ft_program_data)];
+    std::memset(older, 0xA5, sizeof older);
+    std::memcpy(older, &pd, offsetof(zsim_ft_program_data, MaxPower));
+    reinterpret_cast<zsim_ft_program_data *>(older)->Version = 2;
+    ASSERT_EQ(ft.EE_Read(h, older), 0u);
+    EXPECT_EQ(older[offsetof(zsim_ft_program_data, InvertRTS)], 1);
+    for (size_t i = ZSIM_FT_PD_END_V2; i < sizeof older; i++)
+        ASSERT_EQ(older[i], 0xA5) << "byte " << i;
+    // A header that is not the caller's record's is refused.
+    pd.Signature2 = 0;
+    EXPECT_EQ(ft.EE_Read(h, &pd), 6u);
+    pd.Signature2 = 0xFFFFFFFFu;
+    pd.Version = 6;
+    EXPECT_EQ(ft.EE_Read(h, &pd), 6u);
     EXPECT_STREQ(s, "ZR000001");
     EXPECT_STREQ(d, "Zel reader one");
     int32_t com = 0;
