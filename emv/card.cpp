@@ -1,0 +1,326 @@
+// The card dialogue of the payment card reader: READ RECORD, the account number and the last entry of the
+// transaction log. Every command goes to the card of the global reader through APDUTransceive.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "emv/emv_internal.h"
+#include "tandro.h"
+
+namespace zel::emv {
+namespace {
+
+constexpr uint32_t kLe = 256;
+
+// A parsed tree whose top level grows by whole answers; freed with the object.
+struct Tree {
+    emv_tree_node_t *root = nullptr;
+    ~Tree() { emvTreeCleanup(root); }
+    // Chains a parsed answer at the end of the top level and answers its first node.
+    emv_tree_node_t *append(emv_tree_node_t *part)
+    {
+        if (!root) {
+            root = part;
+            return part;
+        }
+        emv_tree_node_t *t = root;
+        while (t->next)
+            t = t->next;
+        t->next = part;
+        return part;
+    }
+};
+
+struct Afl {
+    afl_list_item_t *list = nullptr;
+    ~Afl() { emvAflListCleanup(list); }
+};
+
+struct Buffer {
+    uint8_t *p = nullptr;
+    ~Buffer() { std::free(p); }
+};
+
+// One command with Le 256; the data to out (kLe bytes), SW1 and SW2 apart.
+ZEL_STATUS transceive(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out,
+                      uint32_t &out_len, uint8_t &sw1, uint8_t &sw2)
+{
+    uint16_t sw = 0;
+    out_len = kLe;
+    const ZEL_STATUS st = APDUTransceive(cla, ins, p1, p2, data, nc, out, &out_len, 1, &sw);
+    sw1 = static_cast<uint8_t>(sw);
+    sw2 = static_cast<uint8_t>(sw >> 8);
+    return st;
+}
+
+// SELECT by name, and the answer parsed. reader_failed tells a failed exchange from a card's refusal or a
+// malformed answer.
+ZEL_STATUS select(const uint8_t *name, uint32_t len, emv_tree_node_t **part, const char *send_line,
+                  const char *parse_line, bool &reader_failed)
+{
+    reader_failed = false;
+    uint8_t resp[kLe];
+    uint32_t n = 0;
+    uint8_t sw1 = 0, sw2 = 0;
+    ZEL_STATUS st = transceive(0x00, 0xA4, 0x04, 0x00, name, len, resp, n, sw1, sw2);
+    reader_failed = st != ZEL_OK;
+    if (st == ZEL_OK && sw1 != 0x90)
+        st = ZEL_APDU_TRANSCEIVE_ERROR;
+    if (st != ZEL_OK) {
+        dp(0, send_line, st);
+        return st;
+    }
+    st = newEmvTag(part, resp, static_cast<int32_t>(n), 0);
+    if (st != ZEL_OK)
+        dp(0, parse_line, st);
+    return st;
+}
+
+// The records of the directory the tree names with tag 88, chained at the top level.
+void read_directory(Tree &tree)
+{
+    uint8_t sfi = 0;
+    if (getSfi(tree.root, &sfi) != ZEL_OK)
+        return;
+    sfi &= 0x1F;
+    uint8_t resp[EMV_RECORD_SIZE];
+    for (uint32_t record = 1; record <= EMV_MAX_RECORDS; ++record) {
+        uint32_t n = 0;
+        uint8_t sw[2];
+        if (emvReadRecord(resp, &n, sfi, record, sw) != ZEL_OK)
+            return;
+        emv_tree_node_t *part = nullptr;
+        if (newEmvTag(&part, resp, static_cast<int32_t>(n), 0) != ZEL_OK)
+            return;
+        tree.append(part);
+    }
+}
+
+bool name_ok(const char *df_name, size_t &len)
+{
+    if (!df_name)
+        return false;
+    len = strnlen(df_name, 256);
+    return len >= 1 && len <= 255;
+}
+
+} // namespace
+} // namespace zel::emv
+
+using namespace zel::emv;
+
+extern "C" {
+
+ZEL_API ZEL_STATUS emvReadRecord(uint8_t *response, uint32_t *response_len, uint32_t sfi, uint32_t record,
+                                 uint8_t sw[2])
+{
+    if (!response || !response_len || !sw)
+        return EMV_ERR_WRONG_INPUT_DATA;
+    const uint8_t p1 = static_cast<uint8_t>(record);
+    const uint8_t p2 = static_cast<uint8_t>(sfi << 3 | 4);
+    uint32_t ne = kLe;
+    uint16_t word = 0;
+    ZEL_STATUS st = APDUTransceive(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, 1, &word);
+    if (st == ZEL_OK && static_cast<uint8_t>(word) == 0x6C) {
+        // The card names the length it has: asked again once with that Le.
+        const uint8_t le = static_cast<uint8_t>(word >> 8);
+        ne = le ? le : kLe;
+        st = APDUTransceive(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, 1, &word);
+    }
+    if (st != ZEL_OK)
+        return EMV_ERR_IN_CARD_READER;
+    sw[0] = static_cast<uint8_t>(word);
+    sw[1] = static_cast<uint8_t>(word >> 8);
+    if (sw[0] == 0x62 && sw[1] == 0x82) {
+        sw[0] = 0x90;
+        sw[1] = 0x00;
+    }
+    *response_len = ne;
+    if (sw[0] != 0x90 || sw[1] != 0x00)
+        return EMV_ERR_READING_RECORD;
+    return ZEL_OK;
+}
+
+ZEL_API ZEL_STATUS EMV_GetPANHnd(ZEL_HANDLE, const char *df_name, char *pan)
+{
+    size_t name_len = 0;
+    if (!pan || !name_ok(df_name, name_len))
+        return EMV_ERR_WRONG_INPUT_DATA;
+    Tree tree;
+    bool reader_failed = false;
+    ZEL_STATUS st = select(reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len), &tree.root,
+                           "APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                           "newEmvTag():> status != ZEL_OK (%d vs 0)\n", reader_failed);
+    if (st != ZEL_OK)
+        return st;
+    read_directory(tree);
+
+    uint8_t aid[EMV_AID_MAX];
+    uint8_t aid_len = 0;
+    st = getAid(tree.root, aid, &aid_len);
+    if (st != ZEL_OK) {
+        dp(0, "getAid():> status != OK (%d vs 0)\n", st);
+        return EMV_ERR_AFL_NOT_FOUND;
+    }
+
+    // The application: SELECT, GET PROCESSING OPTIONS and the records of its AFL. A card's refusal ends this
+    // part, and the account number is looked for in what was read.
+    do {
+        uint8_t resp[kLe];
+        uint32_t n = 0;
+        uint8_t sw1 = 0, sw2 = 0;
+        st = transceive(0x00, 0xA4, 0x04, 0x00, aid, aid_len, resp, n, sw1, sw2);
+        if (st != ZEL_OK || sw1 != 0x90) {
+            dp(0, "getAid OK -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+               st != ZEL_OK ? st : ZEL_APDU_TRANSCEIVE_ERROR);
+            if (st != ZEL_OK)
+                return st;
+            break;
+        }
+        emv_tree_node_t *app = nullptr;
+        st = newEmvTag(&app, resp, static_cast<int32_t>(n), 0);
+        if (st != ZEL_OK) {
+            dp(0, "getAid OK -> newEmvTag():> status != OK (%d vs 0)\n", st);
+            break;
+        }
+        tree.append(app);
+        Buffer gpo;
+        uint16_t gpo_len = 0;
+        st = formatGetProcessingOptionsDataField(app, &gpo.p, &gpo_len);
+        if (st != ZEL_OK) {
+            dp(0, "getAid OK -> formatGetProcessingOptionsDataField():> status != OK (%d vs 0)\n", st);
+            break;
+        }
+        st = transceive(0x80, 0xA8, 0x00, 0x00, gpo.p, gpo_len, resp, n, sw1, sw2);
+        if (st != ZEL_OK || sw1 != 0x90) {
+            dp(0, "getAid OK -> APDUTransceive#2 SW(%02X|%02X):> status != ZEL_OK (%d vs 0)\n", sw1, sw2,
+               st != ZEL_OK ? st : ZEL_APDU_TRANSCEIVE_ERROR);
+            if (st != ZEL_OK)
+                return st;
+            break;
+        }
+        emv_tree_node_t *answer = nullptr;
+        st = newEmvTag(&answer, resp, static_cast<int32_t>(n), 0);
+        if (st != ZEL_OK) {
+            dp(0, "getAid -> newEmvTag#2 ():> status != OK (%d vs 0)\n", st);
+            break;
+        }
+        tree.append(answer);
+        Afl afl;
+        uint8_t count = 0;
+        st = getAfl(answer, &afl.list, &count);
+        if (st != ZEL_OK) {
+            dp(0, "getAfl():> status != ZEL_OK (%d vs 0)\n", st);
+            break;
+        }
+        for (const afl_list_item_t *e = afl.list; e; e = e->next) {
+            for (uint32_t record = e->first_record; record <= e->last_record; ++record) {
+                uint8_t sw[2];
+                if (emvReadRecord(resp, &n, e->sfi, record, sw) != ZEL_OK)
+                    continue;
+                emv_tree_node_t *part = nullptr;
+                if (newEmvTag(&part, resp, static_cast<int32_t>(n), 0) == ZEL_OK)
+                    tree.append(part);
+            }
+        }
+    } while (false);
+
+    for (const emv_tree_node_t *t = tree.root; t; t = t->next) {
+        for (const emv_tree_node_t *s = t->sub; s; s = s->next) {
+            if (s->tag != 0x5A)
+                continue;
+            if (s->value_len > EMV_PAN_MAX_BYTES)
+                return EMV_ERR_TAG_WRONG_SIZE;
+            hex_text(s->value, s->value_len, pan);
+            return ZEL_OK;
+        }
+    }
+    return EMV_ERR_AFL_NOT_FOUND;
+}
+
+ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, char *text)
+{
+    size_t name_len = 0;
+    if (!text || !name_ok(df_name, name_len))
+        return EMV_ERR_WRONG_INPUT_DATA;
+    Tree tree;
+    bool reader_failed = false;
+    ZEL_STATUS st = select(reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len), &tree.root,
+                           "APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                           "newEmvTag():> status != ZEL_OK (%d vs 0)\n", reader_failed);
+    if (st != ZEL_OK)
+        return st;
+    read_directory(tree);
+
+    uint8_t log_sfi = 0, log_records = 0;
+    st = getLogEntry(tree.root, &log_sfi, &log_records);
+    if (st != ZEL_OK) {
+        // The log entry is in the application's FCI.
+        uint8_t aid[EMV_AID_MAX];
+        uint8_t aid_len = 0;
+        if (getAid(tree.root, aid, &aid_len) == ZEL_OK) {
+            emv_tree_node_t *app = nullptr;
+            const ZEL_STATUS sst =
+                select(aid, aid_len, &app, "getAid -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                       "getAid -> newEmvTag():> status != OK (%d vs 0)\n", reader_failed);
+            if (sst != ZEL_OK && reader_failed)
+                return sst;
+            if (app)
+                tree.append(app);
+            st = getLogEntry(tree.root, &log_sfi, &log_records);
+        }
+    }
+    if (st != ZEL_OK) {
+        dp(0, "getLogEntry():> status != OK (%d vs 0)\n", st);
+        return EMV_ERR_TAG_NOT_FOUND;
+    }
+
+    // The Log Format: the layout of one entry.
+    uint8_t resp[kLe];
+    uint32_t n = 0;
+    uint8_t sw1 = 0, sw2 = 0;
+    st = transceive(0x80, 0xCA, 0x9F, 0x4F, nullptr, 0, resp, n, sw1, sw2);
+    if (st != ZEL_OK) {
+        dp(0, "getLogEntry -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n", st);
+        return st;
+    }
+    if (sw1 != 0x90) {
+        dp(0, "getLogEntry -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n", ZEL_APDU_TRANSCEIVE_ERROR);
+        return EMV_ERR_LIST_FORMAT_NOT_FOUND;
+    }
+    Tree format;
+    st = newEmvTag(&format.root, resp, static_cast<int32_t>(n), 0);
+    if (st != ZEL_OK) {
+        dp(0, "getLogEntry -> newEmvTag():> status != OK (%d vs 0)\n", st);
+        return st;
+    }
+    const emv_tree_node_t *list_node = find_tag(format.root, 0x9F4F);
+    uint16_t entry_len = 0;
+    st = getListLength(list_node, &entry_len);
+    if (st == ZEL_OK && entry_len == 0)
+        st = EMV_ERR_LIST_FORMAT_NOT_FOUND;
+    if (st != ZEL_OK) {
+        dp(0, "getLogEntry -> getListLength():> status != OK (%d vs 0)\n", st);
+        return st;
+    }
+
+    Buffer log;
+    log.p = static_cast<uint8_t *>(std::calloc(static_cast<size_t>(entry_len) * (log_records ? log_records : 1), 1));
+    if (!log.p) {
+        dp(0, "\n !!! Out of memory error. !!! \n\n");
+        return SYS_ERR_OUT_OF_MEMORY;
+    }
+    // Record 1 is the most recent entry; each turn asks it again, so the turns only retry a failed read.
+    for (uint32_t turn = 1; turn <= log_records; ++turn) {
+        uint8_t sw[2];
+        if (emvReadRecord(resp, &n, log_sfi, 1, sw) != ZEL_OK)
+            continue;
+        std::memcpy(log.p, resp, n < entry_len ? n : entry_len);
+    }
+    char composed[EMV_LOG_TEXT_SIZE];
+    log_entry_text(list_node->list, log.p, entry_len, composed, sizeof composed);
+    std::memcpy(text, composed, std::strlen(composed) + 1);
+    return ZEL_OK;
+}
+
+} // extern "C"
