@@ -4,13 +4,36 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/internal.h"
 #include "emv/emv_internal.h"
 #include "tandro.h"
 
 namespace zel::emv {
 namespace {
 
+TransceiveHook g_hook = nullptr;
+void *g_hook_ctx = nullptr;
+
+} // namespace
+
+void set_transceive_hook(TransceiveHook hook, void *ctx)
+{
+    g_hook = hook;
+    g_hook_ctx = ctx;
+}
+
+namespace {
+
 constexpr uint32_t kLe = 256;
+
+// APDUTransceive on the global reader with Le, or the test seam.
+ZEL_STATUS apdu(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out,
+                uint32_t *ne, uint16_t *sw)
+{
+    if (g_hook)
+        return g_hook(g_hook_ctx, cla, ins, p1, p2, data, nc, out, ne, sw);
+    return APDUTransceive(cla, ins, p1, p2, data, nc, out, ne, 1, sw);
+}
 
 // A parsed tree whose top level grows by whole answers; freed with the object.
 struct Tree {
@@ -31,6 +54,16 @@ struct Tree {
     }
 };
 
+// Records carry the account number and the track data: the debug print of the layers below (frames, APDUs) is
+// held off while one is read, so that the number never reaches it.
+struct QuietPrint {
+    bool was = zel::dp_enabled();
+    QuietPrint() { ZEL_DebugPrintEnable(0); }
+    ~QuietPrint() { ZEL_DebugPrintEnable(was ? 1 : 0); }
+    QuietPrint(const QuietPrint &) = delete;
+    QuietPrint &operator=(const QuietPrint &) = delete;
+};
+
 struct Afl {
     afl_list_item_t *list = nullptr;
     ~Afl() { emvAflListCleanup(list); }
@@ -47,7 +80,7 @@ ZEL_STATUS transceive(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const ui
 {
     uint16_t sw = 0;
     out_len = kLe;
-    const ZEL_STATUS st = APDUTransceive(cla, ins, p1, p2, data, nc, out, &out_len, 1, &sw);
+    const ZEL_STATUS st = apdu(cla, ins, p1, p2, data, nc, out, &out_len, &sw);
     sw1 = static_cast<uint8_t>(sw);
     sw2 = static_cast<uint8_t>(sw >> 8);
     return st;
@@ -116,16 +149,17 @@ ZEL_API ZEL_STATUS emvReadRecord(uint8_t *response, uint32_t *response_len, uint
 {
     if (!response || !response_len || !sw)
         return EMV_ERR_WRONG_INPUT_DATA;
+    const QuietPrint quiet;
     const uint8_t p1 = static_cast<uint8_t>(record);
     const uint8_t p2 = static_cast<uint8_t>(sfi << 3 | 4);
     uint32_t ne = kLe;
     uint16_t word = 0;
-    ZEL_STATUS st = APDUTransceive(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, 1, &word);
+    ZEL_STATUS st = apdu(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, &word);
     if (st == ZEL_OK && static_cast<uint8_t>(word) == 0x6C) {
         // The card names the length it has: asked again once with that Le.
         const uint8_t le = static_cast<uint8_t>(word >> 8);
         ne = le ? le : kLe;
-        st = APDUTransceive(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, 1, &word);
+        st = apdu(0x00, 0xB2, p1, p2, nullptr, 0, response, &ne, &word);
     }
     if (st != ZEL_OK)
         return EMV_ERR_IN_CARD_READER;

@@ -34,6 +34,13 @@ void hex_text(const uint8_t *bytes, uint32_t n, char *out);
 // The text of a log entry (entry_len bytes) laid out by the Log Format list, into out (size bytes).
 void log_entry_text(const emv_tree_node_t *format, const uint8_t *entry, uint32_t entry_len, char *out, size_t size);
 
+// Test seam: every command of the payment card calls goes to hook instead of APDUTransceive while one is set
+// (null puts APDUTransceive back). ne holds the capacity of out on entry and the data's length on return; sw
+// has SW1 in its low byte, as APDUTransceive gives it.
+using TransceiveHook = ZEL_STATUS (*)(void *ctx, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data,
+                                      uint32_t nc, uint8_t *out, uint32_t *ne, uint16_t *sw);
+void set_transceive_hook(TransceiveHook hook, void *ctx);
+
 } // namespace zel::emv
 
 #endif

@@ -74,8 +74,8 @@ ZEL_STATUS parse(emv_tree_node_t **link, const uint8_t *p, int64_t remaining, bo
         return EMV_ERR_WRONG_INPUT_DATA;
     for (;;) {
         uint32_t tag = 0, tag_bytes = 0, length_bytes = 0, value_len = 0;
-        const ZEL_STATUS st = read_header(p, static_cast<size_t>(remaining), kTreeLengthBytes, tag, tag_bytes,
-                                          length_bytes, value_len);
+        const ZEL_STATUS st =
+            read_header(p, static_cast<size_t>(remaining), kTreeLengthBytes, tag, tag_bytes, length_bytes, value_len);
         if (st != ZEL_OK)
             return st;
         emv_tree_node_t *node = new_node(tag, tag_bytes, value_len);
@@ -216,8 +216,8 @@ void log_entry_text(const emv_tree_node_t *format, const uint8_t *entry, uint32_
         amount = static_cast<float>(bin_bcd_to_ll(entry + off, 6)) / 100.0f;
     const char *currency = "---";
     if (isExistTransactionCurrency(format, &off, entry_len))
-        currency = emv_currencies[findCurrencyIndexByNumCode(static_cast<uint16_t>(bin_bcd_to_i(entry + off, 2)))]
-                       .alpha;
+        currency =
+            emv_currencies[findCurrencyIndexByNumCode(static_cast<uint16_t>(bin_bcd_to_i(entry + off, 2)))].alpha;
     const char *country = "---";
     if (isExistTerminalCountry(format, &off, entry_len))
         country = emv_countries[findCountryIndexByNumCode(static_cast<uint16_t>(bin_bcd_to_i(entry + off, 2)))].alpha2;
@@ -318,8 +318,7 @@ ZEL_API ZEL_STATUS parseEmvTag(const uint8_t *data, uint32_t *tag, uint8_t **val
     if (!data || !tag || !value || !tag_bytes || !length_bytes || !value_len)
         return EMV_ERR_WRONG_INPUT_DATA;
     // The caller's data holds the whole object: the header is read as it comes.
-    const ZEL_STATUS st =
-        read_header(data, SIZE_MAX, kHeaderLengthBytes, *tag, *tag_bytes, *length_bytes, *value_len);
+    const ZEL_STATUS st = read_header(data, SIZE_MAX, kHeaderLengthBytes, *tag, *tag_bytes, *length_bytes, *value_len);
     if (st != ZEL_OK)
         return st;
     if (*value_len > 0) {
@@ -350,7 +349,6 @@ ZEL_API ZEL_STATUS getSfi(const emv_tree_node_t *tree, uint8_t *sfi)
         *sfi = n->value[0];
     return ZEL_OK;
 }
-
 
 ZEL_API ZEL_STATUS getAid(const emv_tree_node_t *tree, uint8_t *aid, uint8_t *aid_len)
 {
@@ -474,8 +472,7 @@ ZEL_API ZEL_STATUS findEMVTagValue(const emv_tree_node_t *tree, uint32_t tag, co
     return ZEL_OK;
 }
 
-ZEL_API ZEL_STATUS formatGetProcessingOptionsDataField(const emv_tree_node_t *tree, uint8_t **data,
-                                                       uint16_t *data_len)
+ZEL_API ZEL_STATUS formatGetProcessingOptionsDataField(const emv_tree_node_t *tree, uint8_t **data, uint16_t *data_len)
 {
     if (!data || !data_len)
         return EMV_ERR_WRONG_INPUT_DATA;

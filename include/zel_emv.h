@@ -45,13 +45,13 @@ extern "C" {
 
 /* One node of a parsed answer. */
 typedef struct emv_tree_node {
-    uint32_t tag;              /* 1 to 3 tag bytes as one big-endian number */
-    uint32_t tag_bytes;        /* their count */
-    const char *description;   /* from the tag table */
-    uint32_t type;             /* from the tag table */
-    uint8_t constructed;       /* type is EMV_TYPE_CONSTRUCTED */
-    uint8_t *value;            /* copy of the value (primitive, non-empty, not in a list), or null */
-    uint32_t value_len;        /* the length field as read */
+    uint32_t tag;               /* 1 to 3 tag bytes as one big-endian number */
+    uint32_t tag_bytes;         /* their count */
+    const char *description;    /* from the tag table */
+    uint32_t type;              /* from the tag table */
+    uint8_t constructed;        /* type is EMV_TYPE_CONSTRUCTED */
+    uint8_t *value;             /* copy of the value (primitive, non-empty, not in a list), or null */
+    uint32_t value_len;         /* the length field as read */
     struct emv_tree_node *list; /* type 21: the data object list of the value */
     struct emv_tree_node *next; /* next node of the same level, or the next parsed answer */
     struct emv_tree_node *sub;  /* first child of a constructed node */
@@ -133,8 +133,7 @@ ZEL_API ZEL_STATUS findEMVTagValue(const emv_tree_node_t *tree, uint32_t tag, co
                                    uint32_t *value_len);
 
 /* The data field of GET PROCESSING OPTIONS for the PDOL in the tree (83 00 without one); allocated. */
-ZEL_API ZEL_STATUS formatGetProcessingOptionsDataField(const emv_tree_node_t *tree, uint8_t **data,
-                                                       uint16_t *data_len);
+ZEL_API ZEL_STATUS formatGetProcessingOptionsDataField(const emv_tree_node_t *tree, uint8_t **data, uint16_t *data_len);
 
 /* Log entry fields: true when the list (a Log Format) names the field, with its offset in one entry. len is
  * the size of one entry: the field's bytes that the text reads (2, 3, 3, 6, 2, 2) must lie inside it. */
