@@ -36,8 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (int format = 0; format < 2; ++format) {
         afl_list_item_t *afl = nullptr;
         uint8_t count = 0;
-        const ZEL_STATUS ast = format ? getAflFromResponseMessageTemplateFormat1(tree, &afl, &count)
-                                      : getAfl(tree, &afl, &count);
+        const ZEL_STATUS ast =
+            format ? getAflFromResponseMessageTemplateFormat1(tree, &afl, &count) : getAfl(tree, &afl, &count);
         uint32_t seen = 0;
         for (const afl_list_item_t *e = afl; e; e = e->next)
             ++seen;

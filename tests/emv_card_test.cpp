@@ -53,8 +53,8 @@ public:
     std::vector<Command> sent;
 
 private:
-    static ZEL_STATUS hook(void *ctx, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc,
-                           uint8_t *out, uint32_t *ne, uint16_t *sw)
+    static ZEL_STATUS hook(void *ctx, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data,
+                           uint32_t nc, uint8_t *out, uint32_t *ne, uint16_t *sw)
     {
         auto *self = static_cast<Card *>(ctx);
         Command c{cla, ins, p1, p2, Bytes(data, data + nc), *ne};
@@ -71,7 +71,6 @@ private:
     }
     std::function<Answer(const Command &)> fn_;
 };
-
 
 // A card with a proximity directory, one application and records by the given rule.
 struct Script {
@@ -126,9 +125,9 @@ TEST(EmvCard, ReadRecordStatusWords)
         uint8_t sw1, sw2;
         size_t commands;
     } cases[] = {
-        {{hex("7001AA"), 0x6282}, ZEL_OK, 0x90, 0x00, 1},         // a warning counts as success
-        {{{}, 0x6C10}, EMV_ERR_READING_RECORD, 0x6C, 0x10, 2},     // a card naming lengths forever: one retry
-        {{{}, 0x6A83}, EMV_ERR_READING_RECORD, 0x6A, 0x83, 1},     // no such record
+        {{hex("7001AA"), 0x6282}, ZEL_OK, 0x90, 0x00, 1},      // a warning counts as success
+        {{{}, 0x6C10}, EMV_ERR_READING_RECORD, 0x6C, 0x10, 2}, // a card naming lengths forever: one retry
+        {{{}, 0x6A83}, EMV_ERR_READING_RECORD, 0x6A, 0x83, 1}, // no such record
         {{{}, 0x9000, ZEL_COMMUNICATION_ERROR}, EMV_ERR_IN_CARD_READER, 0, 0, 1},
         {{Bytes(300, 0x70), 0x9000}, EMV_ERR_IN_CARD_READER, 0, 0, 1}, // more than Le: refused below
     };

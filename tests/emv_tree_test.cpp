@@ -84,7 +84,8 @@ TEST(EmvTree, ParsesNestedTemplatesWithTableTextsAndTypes)
         EXPECT_EQ(n->value, nullptr);
         entries.emplace_back(n->tag, n->value_len);
     }
-    const std::vector<std::pair<uint32_t, uint32_t>> want{{0x9F66, 4}, {0x9F02, 6}, {0x5F2A, 2}, {0x9A, 3}, {0x9F37, 4}};
+    const std::vector<std::pair<uint32_t, uint32_t>> want{
+        {0x9F66, 4}, {0x9F02, 6}, {0x5F2A, 2}, {0x9A, 3}, {0x9F37, 4}};
     EXPECT_EQ(entries, want);
     const emv_tree_node_t *bf0c = pdol->next;
     ASSERT_NE(bf0c, nullptr);

@@ -65,15 +65,17 @@ struct Walk {
 };
 
 // One command with Le 256 on the global reader; true for a 90 00 answer.
-bool send(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out,
-          uint32_t &n)
+bool send(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out, uint32_t &n)
 {
     uint16_t sw = 0;
     n = 256;
     return APDUTransceive(cla, ins, p1, p2, data, nc, out, &n, 1, &sw) == ZEL_OK && (sw & 0xFF) == 0x90;
 }
 
-std::string hexs(const uint8_t *p, size_t n) { return tandro::to_hex(p, n); }
+std::string hexs(const uint8_t *p, size_t n)
+{
+    return tandro::to_hex(p, n);
+}
 
 // The same dialogue as the library's calls, keeping every answer; the AFL in either format.
 ZEL_STATUS walk_card(const std::string &df, Walk &w)
@@ -129,7 +131,10 @@ ZEL_STATUS walk_card(const std::string &df, Walk &w)
 }
 
 // Tags whose values carry the account number: shown only with --show-pan.
-bool secret_tag(uint32_t tag) { return tag == 0x5A || tag == 0x57 || tag == 0x56 || tag == 0x9F6B || tag == 0x9F1F; }
+bool secret_tag(uint32_t tag)
+{
+    return tag == 0x5A || tag == 0x57 || tag == 0x56 || tag == 0x9F6B || tag == 0x9F1F;
+}
 
 std::string tag_text(const emv_tree_node_t *n)
 {
@@ -207,8 +212,8 @@ std::string transaction_json(const std::string &text)
 {
     static const struct {
         const char *label, *key;
-    } fields[] = {{"ATCounter", "atc"},     {"Date", "date"},         {"Time", "time"},
-                  {"Amount", "amount"},     {"Currency", "currency"}, {"Terminal country", "terminal_country"}};
+    } fields[] = {{"ATCounter", "atc"}, {"Date", "date"},         {"Time", "time"},
+                  {"Amount", "amount"}, {"Currency", "currency"}, {"Terminal country", "terminal_country"}};
     std::string out = "{";
     size_t at = 0;
     while (at < text.size()) {

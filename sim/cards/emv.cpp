@@ -56,7 +56,10 @@ Bytes cat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-Bytes text(const std::string &s) { return Bytes(s.begin(), s.end()); }
+Bytes text(const std::string &s)
+{
+    return Bytes(s.begin(), s.end());
+}
 
 // Decimal digits packed two a byte, an odd count padded with F.
 Bytes packed_digits(const std::string &digits)
@@ -96,7 +99,8 @@ struct AppSetup {
     std::string name = "CARDHOLDER/SIM";
     Bytes pdol{0x9F, 0x66, 0x04, 0x9F, 0x02, 0x06, 0x9F, 0x37, 0x04, 0x5F, 0x2A, 0x02, 0x9A, 0x03};
     int gpo_format = 2;
-    Bytes log_format{0x9A, 0x03, 0x9F, 0x21, 0x03, 0x9F, 0x02, 0x06, 0x5F, 0x2A, 0x02, 0x9F, 0x1A, 0x02, 0x9F, 0x36, 0x02};
+    Bytes log_format{0x9A, 0x03, 0x9F, 0x21, 0x03, 0x9F, 0x02, 0x06, 0x5F,
+                     0x2A, 0x02, 0x9F, 0x1A, 0x02, 0x9F, 0x36, 0x02};
     std::vector<Bytes> log{
         {0x26, 0x11, 0x20, 0x14, 0x30, 0x05, 0x00, 0x00, 0x00, 0x01, 0x23, 0x45, 0x09, 0x78, 0x02, 0x76, 0x00, 0x42},
         {0x26, 0x11, 0x18, 0x09, 0x15, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x09, 0x78, 0x02, 0x50, 0x00, 0x41},
@@ -117,7 +121,10 @@ RApdu record_answer(const Bytes &record, const Apdu &c, RecordSw rule)
 }
 
 // READ RECORD P1 = record, P2 = SFI << 3 | 4: the SFI, or 0 for another P2.
-uint8_t record_sfi(const Apdu &c) { return (c.p2 & 0x07) == 0x04 ? static_cast<uint8_t>(c.p2 >> 3) : 0; }
+uint8_t record_sfi(const Apdu &c)
+{
+    return (c.p2 & 0x07) == 0x04 ? static_cast<uint8_t>(c.p2 >> 3) : 0;
+}
 
 class PaymentApp final : public Application {
 public:
@@ -127,12 +134,13 @@ public:
         Bytes t2;
         for (size_t i = 0; i < track2.size(); i += 2) {
             auto nib = [](char ch) { return static_cast<uint8_t>(ch == 'D' ? 0x0D : ch - '0'); };
-            t2.push_back(static_cast<uint8_t>(nib(track2[i]) << 4 | (i + 1 < track2.size() ? nib(track2[i + 1]) : 0x0F)));
+            t2.push_back(
+                static_cast<uint8_t>(nib(track2[i]) << 4 | (i + 1 < track2.size() ? nib(track2[i + 1]) : 0x0F)));
         }
         const Bytes expiry = packed_digits(s.expiry);
         records_[0] = tlv(0x70, cat({tlv(0x57, t2), tlv(0x5F20, text(s.name))}));
-        records_[1] = tlv(0x70, cat({tlv(0x5A, packed_digits(s.pan)), tlv(0x5F24, expiry), tlv(0x5F25, {0x24, 0x01, 0x01}),
-                                     tlv(0x5F28, {0x02, 0x76}), tlv(0x5F34, {0x01})}));
+        records_[1] = tlv(0x70, cat({tlv(0x5A, packed_digits(s.pan)), tlv(0x5F24, expiry),
+                                     tlv(0x5F25, {0x24, 0x01, 0x01}), tlv(0x5F28, {0x02, 0x76}), tlv(0x5F34, {0x01})}));
         records_[2] = tlv(0x70, cat({tlv(0x9F42, {0x09, 0x78}), tlv(0x9F44, {0x02})}));
     }
 
