@@ -74,39 +74,48 @@ struct Buffer {
     ~Buffer() { std::free(p); }
 };
 
-// One command with Le 256; the data to out (kLe bytes), SW1 and SW2 apart.
-ZEL_STATUS transceive(uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc, uint8_t *out,
-                      uint32_t &out_len, uint8_t &sw1, uint8_t &sw2)
-{
-    uint16_t sw = 0;
-    out_len = kLe;
-    const ZEL_STATUS st = apdu(cla, ins, p1, p2, data, nc, out, &out_len, &sw);
-    sw1 = static_cast<uint8_t>(sw);
-    sw2 = static_cast<uint8_t>(sw >> 8);
-    return st;
-}
+// One command with Le 256 whose answer is parsed and chained at the end of the tree's top level (*part: its
+// first node). A failed exchange, or another SW1 than 90 (ZEL_APDU_TRANSCEIVE_ERROR), logs send_line; a
+// malformed answer logs parse_line. reader_failed tells a failed exchange apart from the card's doing. A
+// send_line with_sw takes SW1 and SW2 before the status.
+struct Step {
+    const char *send_line;
+    const char *parse_line;
+    bool with_sw = false;
+};
 
-// SELECT by name, and the answer parsed. reader_failed tells a failed exchange from a card's refusal or a
-// malformed answer.
-ZEL_STATUS select(const uint8_t *name, uint32_t len, emv_tree_node_t **part, const char *send_line,
-                  const char *parse_line, bool &reader_failed)
+ZEL_STATUS ask(Tree &tree, uint8_t cla, uint8_t ins, uint8_t p1, uint8_t p2, const uint8_t *data, uint32_t nc,
+               const Step &step, emv_tree_node_t **part, bool &reader_failed)
 {
-    reader_failed = false;
     uint8_t resp[kLe];
-    uint32_t n = 0;
-    uint8_t sw1 = 0, sw2 = 0;
-    ZEL_STATUS st = transceive(0x00, 0xA4, 0x04, 0x00, name, len, resp, n, sw1, sw2);
+    uint32_t n = kLe;
+    uint16_t sw = 0;
+    ZEL_STATUS st = apdu(cla, ins, p1, p2, data, nc, resp, &n, &sw);
     reader_failed = st != ZEL_OK;
+    const uint8_t sw1 = static_cast<uint8_t>(sw), sw2 = static_cast<uint8_t>(sw >> 8);
     if (st == ZEL_OK && sw1 != 0x90)
         st = ZEL_APDU_TRANSCEIVE_ERROR;
     if (st != ZEL_OK) {
-        dp(0, send_line, st);
+        if (step.with_sw)
+            dp(0, step.send_line, sw1, sw2, st);
+        else
+            dp(0, step.send_line, st);
         return st;
     }
-    st = newEmvTag(part, resp, static_cast<int32_t>(n), 0);
-    if (st != ZEL_OK)
-        dp(0, parse_line, st);
-    return st;
+    emv_tree_node_t *parsed = nullptr;
+    st = newEmvTag(&parsed, resp, static_cast<int32_t>(n), 0);
+    if (st != ZEL_OK) {
+        dp(0, step.parse_line, st);
+        return st;
+    }
+    *part = tree.append(parsed);
+    return ZEL_OK;
+}
+
+ZEL_STATUS select(Tree &tree, const uint8_t *name, uint32_t len, const Step &step, emv_tree_node_t **part,
+                  bool &reader_failed)
+{
+    return ask(tree, 0x00, 0xA4, 0x04, 0x00, name, len, step, part, reader_failed);
 }
 
 // The records of the directory the tree names with tag 88, chained at the top level.
@@ -128,6 +137,58 @@ void read_directory(Tree &tree)
         tree.append(part);
     }
 }
+
+// The application: SELECT, GET PROCESSING OPTIONS and the records of its AFL, chained at the top level. A
+// card's refusal or a malformed answer ends this part with ZEL_OK (what was read stays); a failed exchange
+// is returned.
+ZEL_STATUS read_application(Tree &tree, const uint8_t *aid, uint8_t aid_len)
+{
+    bool reader_failed = false;
+    emv_tree_node_t *app = nullptr;
+    ZEL_STATUS st = select(tree, aid, aid_len,
+                           {"getAid OK -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                            "getAid OK -> newEmvTag():> status != OK (%d vs 0)\n"},
+                           &app, reader_failed);
+    if (st != ZEL_OK)
+        return reader_failed ? st : ZEL_OK;
+    Buffer gpo;
+    uint16_t gpo_len = 0;
+    st = formatGetProcessingOptionsDataField(app, &gpo.p, &gpo_len);
+    if (st != ZEL_OK) {
+        dp(0, "getAid OK -> formatGetProcessingOptionsDataField():> status != OK (%d vs 0)\n", st);
+        return ZEL_OK;
+    }
+    emv_tree_node_t *answer = nullptr;
+    st = ask(tree, 0x80, 0xA8, 0x00, 0x00, gpo.p, gpo_len,
+             {"getAid OK -> APDUTransceive#2 SW(%02X|%02X):> status != ZEL_OK (%d vs 0)\n",
+              "getAid -> newEmvTag#2 ():> status != OK (%d vs 0)\n", true},
+             &answer, reader_failed);
+    if (st != ZEL_OK)
+        return reader_failed ? st : ZEL_OK;
+    Afl afl;
+    uint8_t count = 0;
+    st = getAfl(answer, &afl.list, &count);
+    if (st != ZEL_OK) {
+        dp(0, "getAfl():> status != ZEL_OK (%d vs 0)\n", st);
+        return ZEL_OK;
+    }
+    uint8_t resp[EMV_RECORD_SIZE];
+    for (const afl_list_item_t *e = afl.list; e; e = e->next) {
+        for (uint32_t record = e->first_record; record <= e->last_record; ++record) {
+            uint32_t n = 0;
+            uint8_t sw[2];
+            if (emvReadRecord(resp, &n, e->sfi, record, sw) != ZEL_OK)
+                continue;
+            emv_tree_node_t *part = nullptr;
+            if (newEmvTag(&part, resp, static_cast<int32_t>(n), 0) == ZEL_OK)
+                tree.append(part);
+        }
+    }
+    return ZEL_OK;
+}
+
+const Step kDirectoryStep{"APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                          "newEmvTag():> status != ZEL_OK (%d vs 0)\n"};
 
 bool name_ok(const char *df_name, size_t &len)
 {
@@ -182,9 +243,9 @@ ZEL_API ZEL_STATUS EMV_GetPANHnd(ZEL_HANDLE, const char *df_name, char *pan)
         return EMV_ERR_WRONG_INPUT_DATA;
     Tree tree;
     bool reader_failed = false;
-    ZEL_STATUS st = select(reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len), &tree.root,
-                           "APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
-                           "newEmvTag():> status != ZEL_OK (%d vs 0)\n", reader_failed);
+    emv_tree_node_t *dir = nullptr;
+    ZEL_STATUS st = select(tree, reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len),
+                           kDirectoryStep, &dir, reader_failed);
     if (st != ZEL_OK)
         return st;
     read_directory(tree);
@@ -197,67 +258,9 @@ ZEL_API ZEL_STATUS EMV_GetPANHnd(ZEL_HANDLE, const char *df_name, char *pan)
         return EMV_ERR_AFL_NOT_FOUND;
     }
 
-    // The application: SELECT, GET PROCESSING OPTIONS and the records of its AFL. A card's refusal ends this
-    // part, and the account number is looked for in what was read.
-    do {
-        uint8_t resp[kLe];
-        uint32_t n = 0;
-        uint8_t sw1 = 0, sw2 = 0;
-        st = transceive(0x00, 0xA4, 0x04, 0x00, aid, aid_len, resp, n, sw1, sw2);
-        if (st != ZEL_OK || sw1 != 0x90) {
-            dp(0, "getAid OK -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
-               st != ZEL_OK ? st : ZEL_APDU_TRANSCEIVE_ERROR);
-            if (st != ZEL_OK)
-                return st;
-            break;
-        }
-        emv_tree_node_t *app = nullptr;
-        st = newEmvTag(&app, resp, static_cast<int32_t>(n), 0);
-        if (st != ZEL_OK) {
-            dp(0, "getAid OK -> newEmvTag():> status != OK (%d vs 0)\n", st);
-            break;
-        }
-        tree.append(app);
-        Buffer gpo;
-        uint16_t gpo_len = 0;
-        st = formatGetProcessingOptionsDataField(app, &gpo.p, &gpo_len);
-        if (st != ZEL_OK) {
-            dp(0, "getAid OK -> formatGetProcessingOptionsDataField():> status != OK (%d vs 0)\n", st);
-            break;
-        }
-        st = transceive(0x80, 0xA8, 0x00, 0x00, gpo.p, gpo_len, resp, n, sw1, sw2);
-        if (st != ZEL_OK || sw1 != 0x90) {
-            dp(0, "getAid OK -> APDUTransceive#2 SW(%02X|%02X):> status != ZEL_OK (%d vs 0)\n", sw1, sw2,
-               st != ZEL_OK ? st : ZEL_APDU_TRANSCEIVE_ERROR);
-            if (st != ZEL_OK)
-                return st;
-            break;
-        }
-        emv_tree_node_t *answer = nullptr;
-        st = newEmvTag(&answer, resp, static_cast<int32_t>(n), 0);
-        if (st != ZEL_OK) {
-            dp(0, "getAid -> newEmvTag#2 ():> status != OK (%d vs 0)\n", st);
-            break;
-        }
-        tree.append(answer);
-        Afl afl;
-        uint8_t count = 0;
-        st = getAfl(answer, &afl.list, &count);
-        if (st != ZEL_OK) {
-            dp(0, "getAfl():> status != ZEL_OK (%d vs 0)\n", st);
-            break;
-        }
-        for (const afl_list_item_t *e = afl.list; e; e = e->next) {
-            for (uint32_t record = e->first_record; record <= e->last_record; ++record) {
-                uint8_t sw[2];
-                if (emvReadRecord(resp, &n, e->sfi, record, sw) != ZEL_OK)
-                    continue;
-                emv_tree_node_t *part = nullptr;
-                if (newEmvTag(&part, resp, static_cast<int32_t>(n), 0) == ZEL_OK)
-                    tree.append(part);
-            }
-        }
-    } while (false);
+    st = read_application(tree, aid, aid_len);
+    if (st != ZEL_OK)
+        return st; // the reader failed
 
     for (const emv_tree_node_t *t = tree.root; t; t = t->next) {
         for (const emv_tree_node_t *s = t->sub; s; s = s->next) {
@@ -279,9 +282,9 @@ ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, ch
         return EMV_ERR_WRONG_INPUT_DATA;
     Tree tree;
     bool reader_failed = false;
-    ZEL_STATUS st = select(reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len), &tree.root,
-                           "APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
-                           "newEmvTag():> status != ZEL_OK (%d vs 0)\n", reader_failed);
+    emv_tree_node_t *dir = nullptr;
+    ZEL_STATUS st = select(tree, reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len),
+                           kDirectoryStep, &dir, reader_failed);
     if (st != ZEL_OK)
         return st;
     read_directory(tree);
@@ -294,13 +297,12 @@ ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, ch
         uint8_t aid_len = 0;
         if (getAid(tree.root, aid, &aid_len) == ZEL_OK) {
             emv_tree_node_t *app = nullptr;
-            const ZEL_STATUS sst =
-                select(aid, aid_len, &app, "getAid -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
-                       "getAid -> newEmvTag():> status != OK (%d vs 0)\n", reader_failed);
+            const ZEL_STATUS sst = select(tree, aid, aid_len,
+                                          {"getAid -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+                                           "getAid -> newEmvTag():> status != OK (%d vs 0)\n"},
+                                          &app, reader_failed);
             if (sst != ZEL_OK && reader_failed)
                 return sst;
-            if (app)
-                tree.append(app);
             st = getLogEntry(tree.root, &log_sfi, &log_records);
         }
     }
@@ -310,24 +312,16 @@ ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, ch
     }
 
     // The Log Format: the layout of one entry.
-    uint8_t resp[kLe];
-    uint32_t n = 0;
-    uint8_t sw1 = 0, sw2 = 0;
-    st = transceive(0x80, 0xCA, 0x9F, 0x4F, nullptr, 0, resp, n, sw1, sw2);
-    if (st != ZEL_OK) {
-        dp(0, "getLogEntry -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n", st);
-        return st;
-    }
-    if (sw1 != 0x90) {
-        dp(0, "getLogEntry -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n", ZEL_APDU_TRANSCEIVE_ERROR);
-        return EMV_ERR_LIST_FORMAT_NOT_FOUND;
-    }
     Tree format;
-    st = newEmvTag(&format.root, resp, static_cast<int32_t>(n), 0);
-    if (st != ZEL_OK) {
-        dp(0, "getLogEntry -> newEmvTag():> status != OK (%d vs 0)\n", st);
+    emv_tree_node_t *answer = nullptr;
+    st = ask(format, 0x80, 0xCA, 0x9F, 0x4F, nullptr, 0,
+             {"getLogEntry -> APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
+              "getLogEntry -> newEmvTag():> status != OK (%d vs 0)\n"},
+             &answer, reader_failed);
+    if (st == ZEL_APDU_TRANSCEIVE_ERROR && !reader_failed)
+        return EMV_ERR_LIST_FORMAT_NOT_FOUND;
+    if (st != ZEL_OK)
         return st;
-    }
     const emv_tree_node_t *list_node = find_tag(format.root, 0x9F4F);
     uint16_t entry_len = 0;
     st = getListLength(list_node, &entry_len);
@@ -345,7 +339,9 @@ ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, ch
         return SYS_ERR_OUT_OF_MEMORY;
     }
     // Record 1 is the most recent entry; each turn asks it again, so the turns only retry a failed read.
+    uint8_t resp[EMV_RECORD_SIZE];
     for (uint32_t turn = 1; turn <= log_records; ++turn) {
+        uint32_t n = 0;
         uint8_t sw[2];
         if (emvReadRecord(resp, &n, log_sfi, 1, sw) != ZEL_OK)
             continue;

@@ -362,7 +362,9 @@ ZEL_API ZEL_STATUS getAid(const emv_tree_node_t *tree, uint8_t *aid, uint8_t *ai
 
 ZEL_API ZEL_STATUS getAid__(const emv_tree_node_t *tree, uint8_t *aid, uint8_t *aid_len)
 {
-    const emv_tree_node_t *n = find_tag(tree, 0x4F);
+    // A node of a data object list has a length but no value: it is no AID.
+    const emv_tree_node_t *n =
+        find_first(tree, 0x4F, [](const emv_tree_node_t *x) { return x->value || x->value_len == 0; });
     if (!n)
         return EMV_ERR_AID_NOT_FOUND;
     if (n->value_len > EMV_AID_MAX)

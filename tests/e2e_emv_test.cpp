@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "card_sim_fixture.h"
+#include "emv_test_support.h"
 
 using zeltest::CardSimTest;
 
@@ -325,19 +326,7 @@ TEST_F(EmvCrossCheck, TheSimulatedCardsAnswers)
 
 TEST_F(EmvCrossCheck, HandMadeAnswers)
 {
-    auto h = [](const std::string &hex_text) {
-        const char *text = hex_text.c_str();
-        Bytes out;
-        for (const char *p = text; p[0] && p[1];) {
-            if (*p == ' ') {
-                ++p;
-                continue;
-            }
-            out.push_back(static_cast<uint8_t>(std::stoul(std::string(p, 2), nullptr, 16)));
-            p += 2;
-        }
-        return out;
-    };
+    const auto h = emvtest::hex;
     std::vector<Bytes> answers{
         h("77 12 82 02 1980 94 0C 08010100 10010300 18010201"),
         h("80 0E 3C00 08010100 10010300 18010201"),

@@ -8,25 +8,14 @@
 #include <vector>
 
 #include "emv/emv_internal.h"
+#include "emv_test_support.h"
 #include "tandro.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes hex(const std::string &text)
-{
-    Bytes out;
-    for (size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ') {
-            ++i;
-            continue;
-        }
-        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
-    return out;
-}
+using emvtest::hex;
 
 struct Command {
     uint8_t cla, ins, p1, p2;

@@ -7,25 +7,14 @@
 #include <vector>
 
 #include "emv/emv_internal.h"
+#include "emv_test_support.h"
 #include "tandro.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes hex(const char *text)
-{
-    Bytes out;
-    for (const char *p = text; p[0] && p[1];) {
-        if (*p == ' ') {
-            ++p;
-            continue;
-        }
-        out.push_back(static_cast<uint8_t>(std::stoul(std::string(p, 2), nullptr, 16)));
-        p += 2;
-    }
-    return out;
-}
+using emvtest::hex;
 
 // A parsed tree freed with the object.
 struct Parsed {
@@ -214,6 +203,12 @@ TEST(EmvTree, LookupsSkipOrRefuseWrongSizes)
     EXPECT_EQ(getSfi(t.root, &sfi), EMV_ERR_TAG_WRONG_SIZE);
     EXPECT_EQ(getLogEntry(t.root, &sfi, &records), EMV_ERR_TAG_NOT_FOUND);
     EXPECT_EQ(getLogEntry__(t.root, &sfi, &records), EMV_ERR_TAG_WRONG_SIZE);
+
+    // Entries of a data object list have lengths but no values: no AID there.
+    Parsed dol(hex("4F05 9A03"), 1);
+    ASSERT_EQ(dol.st, ZEL_OK);
+    EXPECT_EQ(getAid(dol.root, aid, &aid_len), EMV_ERR_AID_NOT_FOUND);
+    EXPECT_EQ(getAid__(dol.root, aid, &aid_len), EMV_ERR_AID_NOT_FOUND);
 
     Parsed fci(hex(kFci));
     ASSERT_EQ(getLogEntry(fci.root, &sfi, &records), ZEL_OK);
