@@ -287,6 +287,8 @@ int run_emv(const tandro::Options &opt, const tandro::Args &args)
         zsim_field_clear(session.sim());
         zsim_card card{{0x04, 0xE3, 0xA1, 0xB2, 0xC3, 0xD4, 0x80}, 7, 0x20, 0x0344, ORB_GENERIC_ISO14443_4};
         zsim_card_add_model(session.sim(), &card, "emv", nullptr);
+    } else if (session.sim()) {
+        tandro::bring_forward(session.sim(), "emv");
     }
     GlobalReader global(session.hnd());
     ZEL_STATUS st = SetISO14443_4_Mode();
