@@ -187,15 +187,21 @@ ZEL_STATUS read_application(Tree &tree, const uint8_t *aid, uint8_t aid_len)
     return ZEL_OK;
 }
 
-const Step kDirectoryStep{"APDUTransceive():> status != ZEL_OK (%d vs 0)\n",
-                          "newEmvTag():> status != ZEL_OK (%d vs 0)\n"};
-
-bool name_ok(const char *df_name, size_t &len)
+// SELECT of the directory by its name (1 to 255 characters) and the records its tag 88 names.
+ZEL_STATUS open_directory(Tree &tree, const char *df_name)
 {
-    if (!df_name)
-        return false;
-    len = strnlen(df_name, 256);
-    return len >= 1 && len <= 255;
+    const size_t len = df_name ? strnlen(df_name, 256) : 0;
+    if (len < 1 || len > 255)
+        return EMV_ERR_WRONG_INPUT_DATA;
+    bool reader_failed = false;
+    emv_tree_node_t *dir = nullptr;
+    const ZEL_STATUS st =
+        select(tree, reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(len),
+               {"APDUTransceive():> status != ZEL_OK (%d vs 0)\n", "newEmvTag():> status != ZEL_OK (%d vs 0)\n"}, &dir,
+               reader_failed);
+    if (st == ZEL_OK)
+        read_directory(tree);
+    return st;
 }
 
 } // namespace
@@ -238,17 +244,12 @@ ZEL_API ZEL_STATUS emvReadRecord(uint8_t *response, uint32_t *response_len, uint
 
 ZEL_API ZEL_STATUS EMV_GetPANHnd(ZEL_HANDLE, const char *df_name, char *pan)
 {
-    size_t name_len = 0;
-    if (!pan || !name_ok(df_name, name_len))
+    if (!pan)
         return EMV_ERR_WRONG_INPUT_DATA;
     Tree tree;
-    bool reader_failed = false;
-    emv_tree_node_t *dir = nullptr;
-    ZEL_STATUS st = select(tree, reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len),
-                           kDirectoryStep, &dir, reader_failed);
+    ZEL_STATUS st = open_directory(tree, df_name);
     if (st != ZEL_OK)
         return st;
-    read_directory(tree);
 
     uint8_t aid[EMV_AID_MAX];
     uint8_t aid_len = 0;
@@ -277,18 +278,14 @@ ZEL_API ZEL_STATUS EMV_GetPANHnd(ZEL_HANDLE, const char *df_name, char *pan)
 
 ZEL_API ZEL_STATUS EMV_GetLastTransactionHnd(ZEL_HANDLE, const char *df_name, char *text)
 {
-    size_t name_len = 0;
-    if (!text || !name_ok(df_name, name_len))
+    if (!text)
         return EMV_ERR_WRONG_INPUT_DATA;
     Tree tree;
-    bool reader_failed = false;
-    emv_tree_node_t *dir = nullptr;
-    ZEL_STATUS st = select(tree, reinterpret_cast<const uint8_t *>(df_name), static_cast<uint32_t>(name_len),
-                           kDirectoryStep, &dir, reader_failed);
+    ZEL_STATUS st = open_directory(tree, df_name);
     if (st != ZEL_OK)
         return st;
-    read_directory(tree);
 
+    bool reader_failed = false;
     uint8_t log_sfi = 0, log_records = 0;
     st = getLogEntry(tree.root, &log_sfi, &log_records);
     if (st != ZEL_OK) {
