@@ -2,6 +2,7 @@
 // 6C and 62 82 rules, and cards that answer with too much, too long or forever.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -46,14 +47,14 @@ private:
                            uint32_t nc, uint8_t *out, uint32_t *ne, uint16_t *sw)
     {
         auto *self = static_cast<Card *>(ctx);
-        Command c{cla, ins, p1, p2, Bytes(data, data + nc), *ne};
+        Command c{cla, ins, p1, p2, nc ? Bytes(data, data + nc) : Bytes(), *ne};
         self->sent.push_back(c);
         const Answer a = self->fn_(c);
         if (a.st != ZEL_OK)
             return a.st;
         if (a.data.size() > *ne)
             return ZEL_BUFFER_SIZE_EXCEEDED;
-        std::memcpy(out, a.data.data(), a.data.size());
+        std::copy(a.data.begin(), a.data.end(), out);
         *ne = static_cast<uint32_t>(a.data.size());
         *sw = static_cast<uint16_t>((a.sw >> 8) | (a.sw & 0xFF) << 8); // SW1 in the low byte
         return ZEL_OK;
