@@ -43,3 +43,13 @@ else
   (cd "$NDEF_CHECK" && npm ci --no-audit --no-fund) ||
     echo "install-deps: the npm package ndef could not be installed; the NDEF cross-check test will skip"
 fi
+
+# The independent BER-TLV parser of the payment card cross-check test, pinned by its lock file.
+EMV_CHECK="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/emv_check"
+if [ -d "$EMV_CHECK/node_modules/ber-tlv" ]; then
+  echo "install-deps: ber-tlv package present"
+else
+  # Not fatal: without it the cross-check test skips and says why.
+  (cd "$EMV_CHECK" && npm ci --no-audit --no-fund) ||
+    echo "install-deps: the npm package ber-tlv could not be installed; the payment card cross-check test will skip"
+fi

@@ -24,6 +24,7 @@ std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *config
 std::unique_ptr<Card> make_ndef_t4_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_iso15693_tag(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_javacard(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_emv_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -52,6 +53,7 @@ const Model MODELS[] = {
     {"ndef_t4", make_ndef_t4_card},
     {"iso15693", make_iso15693_tag},
     {"javacard", make_javacard},
+    {"emv", make_emv_card},
 };
 
 } // namespace
