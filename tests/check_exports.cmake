@@ -19,7 +19,8 @@ if(NOT sorted STREQUAL listed)
 endif()
 
 # The exported names; weak instances of the C++ standard library's inline templates that the compiler
-# emits with default visibility are not part of the interface and are set apart (and shown).
+# emits with default visibility are not part of the interface and are set apart (and shown), and so are the
+# one-definition markers that AddressSanitizer adds beside every exported variable.
 string(REPLACE "\n" ";" lines "${syms}")
 set(exported "")
 set(std_weak "")
@@ -29,6 +30,8 @@ foreach(line IN LISTS lines)
     set(name ${CMAKE_MATCH_2})
     if(type MATCHES "^[WVu]$" AND name MATCHES "^_Z+N?K?St|^_ZSt")
       list(APPEND std_weak ${name})
+    elseif(name MATCHES "^__odr_asan[.]")
+      # not part of the interface: present only in AddressSanitizer builds
     else()
       list(APPEND exported ${name})
     endif()
