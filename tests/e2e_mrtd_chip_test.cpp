@@ -146,21 +146,21 @@ TEST(PassportChip, BuiltDocumentsAndTheirSetup)
     EXPECT_TRUE(std::search(dg2.begin(), dg2.end(), face.begin(), face.end()) != dg2.end());
     EXPECT_EQ(doc.eac_protected.count(0x0103), 1u);
     // A padded face keeps the size asked for.
-    zs::PassportSpec spec;
-    spec.face_size = 20000;
-    ASSERT_TRUE(zs::passport_build(spec, doc, err));
+    zs::PassportSetup setup;
+    setup.face_size = 20000;
+    ASSERT_TRUE(zs::passport_build(setup, doc, err));
     EXPECT_GT(doc.files.at(0x0102).size(), 20000u);
     EXPECT_LT(doc.files.at(0x0102).size(), 20100u);
     // Bad setups.
-    spec = {};
-    spec.mrz = "P<UTO";
-    EXPECT_FALSE(zs::passport_build(spec, doc, err));
-    spec = {};
-    spec.signer = "dsa";
-    EXPECT_FALSE(zs::passport_build(spec, doc, err));
-    spec = {};
-    spec.tamper = "DG9";
-    EXPECT_FALSE(zs::passport_build(spec, doc, err));
+    setup = {};
+    setup.mrz = "P<UTO";
+    EXPECT_FALSE(zs::passport_build(setup, doc, err));
+    setup = {};
+    setup.signer = "dsa";
+    EXPECT_FALSE(zs::passport_build(setup, doc, err));
+    setup = {};
+    setup.tamper = "DG9";
+    EXPECT_FALSE(zs::passport_build(setup, doc, err));
 }
 
 } // namespace

@@ -58,11 +58,11 @@ private:
     uint32_t exchanges_ = 0;
 };
 
-zs::PassportDocument build(zs::PassportSpec spec = {})
+zs::PassportDocument build(zs::PassportSetup setup = {})
 {
     zs::PassportDocument doc;
     std::string err;
-    EXPECT_TRUE(zs::passport_build(spec, doc, err)) << err;
+    EXPECT_TRUE(zs::passport_build(setup, doc, err)) << err;
     return doc;
 }
 
@@ -201,9 +201,9 @@ TEST_F(MrtdDocument, WrongMrzIsRefusedByTheChip)
 TEST_F(MrtdDocument, AnswersNotMadeByTheChipBreakTheSession)
 {
     for (const char *fault : {"mac", "cipher", "no_do99", "sw_mismatch"}) {
-        zs::PassportSpec spec;
-        spec.fault = fault;
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.fault = fault;
+        Chip chip(build(setup));
         Keys k;
         ASSERT_EQ(authenticate(k), ZEL_OK) << fault;
         for (uint16_t id : {0x011E, 0x0101}) {
@@ -219,9 +219,9 @@ TEST_F(MrtdDocument, AnswersNotMadeByTheChipBreakTheSession)
         }
     }
     // The chip's MAC over its part of the authentication.
-    zs::PassportSpec spec;
-    spec.fault = "auth_mac";
-    Chip chip(build(spec));
+    zs::PassportSetup setup;
+    setup.fault = "auth_mac";
+    Chip chip(build(setup));
     Keys k;
     EXPECT_EQ(authenticate(k), MRTD_SECURE_CHANNEL_SESSION_FAILED);
     EXPECT_EQ(k.ssc, 0u);
@@ -323,9 +323,9 @@ TEST_F(MrtdDocument, FilterFlatFormAndSmallBuffers)
 
 TEST_F(MrtdDocument, Td1IdentityCardDocument)
 {
-    zs::PassportSpec spec;
-    spec.mrz = kTd1;
-    Chip chip(build(spec));
+    zs::PassportSetup setup;
+    setup.mrz = kTd1;
+    Chip chip(build(setup));
     ASSERT_EQ(MRTD_SessionInit("D23145890", "740812", "120415"), ZEL_OK);
     ZEL_STATUS st = 0;
     JValue doc;
@@ -402,10 +402,10 @@ TEST_F(MrtdValidation, GoodDocumentAtEveryVerbosity)
 
 TEST_F(MrtdValidation, RsaSignerAndTamperedGroup)
 {
-    zs::PassportSpec spec;
-    spec.signer = "rsa";
-    spec.tamper = "DG11";
-    Chip chip(build(spec));
+    zs::PassportSetup setup;
+    setup.signer = "rsa";
+    setup.tamper = "DG11";
+    Chip chip(build(setup));
     csca_folder();
     const Validation v = validate(dir.path(), 3);
     // Any data group that differs from its stored hash leaves the document without integrity and
@@ -427,9 +427,9 @@ TEST_F(MrtdValidation, TamperedFaceOrMissingDg14KeepIntegrityFalse)
 {
     csca_folder();
     {
-        zs::PassportSpec spec;
-        spec.tamper = "DG2";
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.tamper = "DG2";
+        Chip chip(build(setup));
         // The changed DG2 read first: its digest is what the library keeps.
         const Validation v = validate(dir.path(), 1, true);
         EXPECT_EQ(v.status, ZEL_OK);
@@ -438,9 +438,9 @@ TEST_F(MrtdValidation, TamperedFaceOrMissingDg14KeepIntegrityFalse)
         EXPECT_FALSE(has(v.text, "Document validity CONFIRMED"));
     }
     {
-        zs::PassportSpec spec;
-        spec.with_dg14 = false;
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.with_dg14 = false;
+        Chip chip(build(setup));
         const Validation v = validate(dir.path(), 1);
         EXPECT_EQ(v.status, ZEL_OK);
         EXPECT_EQ(v.integrity, 0);
@@ -455,9 +455,9 @@ TEST_F(MrtdValidation, ForgedSecurityObjectOrForeignSignerIsNeverConfirmed)
     {
         // DG1 changed, its hash and the LDS digest changed to fit, the signature left as it was: every
         // comparison matches and only the signature tells.
-        zs::PassportSpec spec;
-        spec.forge = "DG1";
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.forge = "DG1";
+        Chip chip(build(setup));
         for (uint32_t verbosity : {0u, 1u, 3u}) {
             const Validation v = validate(dir.path(), verbosity);
             EXPECT_EQ(v.status, PKCS7_WRONG_SIGNATURE) << verbosity;
@@ -473,9 +473,9 @@ TEST_F(MrtdValidation, ForgedSecurityObjectOrForeignSignerIsNeverConfirmed)
     }
     {
         // A document signer that names the right CSCA but was signed by another key.
-        zs::PassportSpec spec;
-        spec.foreign_ds = true;
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.foreign_ds = true;
+        Chip chip(build(setup));
         const Validation v = validate(dir.path(), 1);
         EXPECT_EQ(v.status, MRTD_VERIFY_WRONG_DS_SIGNATURE);
         EXPECT_EQ(v.csca, 0);
@@ -485,10 +485,10 @@ TEST_F(MrtdValidation, ForgedSecurityObjectOrForeignSignerIsNeverConfirmed)
     }
     {
         // Both: the signature is found first and is the status.
-        zs::PassportSpec spec;
-        spec.forge = "DG1";
-        spec.foreign_ds = true;
-        Chip chip(build(spec));
+        zs::PassportSetup setup;
+        setup.forge = "DG1";
+        setup.foreign_ds = true;
+        Chip chip(build(setup));
         const Validation v = validate(dir.path(), 1);
         EXPECT_EQ(v.status, PKCS7_WRONG_SIGNATURE);
         EXPECT_EQ(v.integrity, 0);

@@ -37,7 +37,7 @@ struct PassportDocument {
 };
 
 // How to build a document.
-struct PassportSpec {
+struct PassportSetup {
     std::string mrz;           // TD3 or TD1; empty: the default TD3 specimen
     std::string signer = "ec"; // "ec" (brainpool P256r1) or "rsa" (2048, PKCS#1 v1.5)
     size_t face_size = 0;      // 0: the face image as it is; else the image padded to this many bytes
@@ -52,10 +52,10 @@ struct PassportSpec {
     std::string fault; // PassportDocument::fault
 };
 
-// Builds the document of a spec: EF.COM, DG1 from the MRZ, DG2 (a JPEG face), DG3 (protected), DG7 (a JPEG
+// Builds the document of a setup: EF.COM, DG1 from the MRZ, DG2 (a JPEG face), DG3 (protected), DG7 (a JPEG
 // signature), DG11, DG12, DG14 and EF.SOD signed by the built-in document signer. False with a message on
 // failure.
-bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string &err);
+bool passport_build(const PassportSetup &setup, PassportDocument &doc, std::string &err);
 
 // The built-in CSCA certificate (PEM) that issued the document signers, for a validation folder.
 const char *passport_csca_pem();

@@ -267,15 +267,15 @@ const Bytes &passport_face_jpeg()
     return face;
 }
 
-bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string &err)
+bool passport_build(const PassportSetup &setup, PassportDocument &doc, std::string &err)
 {
     doc = PassportDocument{};
-    doc.mrz = spec.mrz.empty() ? kDefaultTd3 : spec.mrz;
+    doc.mrz = setup.mrz.empty() ? kDefaultTd3 : setup.mrz;
     if (!mrz_ok(doc.mrz)) {
         err = "a passport's MRZ has 88 (TD3) or 90 (TD1) characters of A-Z, 0-9 and <";
         return false;
     }
-    if (spec.signer != "ec" && spec.signer != "rsa") {
+    if (setup.signer != "ec" && setup.signer != "rsa") {
         err = "a passport's signer is \"ec\" or \"rsa\"";
         return false;
     }
@@ -283,39 +283,39 @@ bool passport_build(const PassportSpec &spec, PassportDocument &doc, std::string
     const std::string name = td1 ? doc.mrz.substr(60, 30) : doc.mrz.substr(5, 39);
     auto &f = doc.files;
     f[0x0101] = tlv(0x61, tlv(0x5F1F, text(doc.mrz)));
-    f[0x0102] = dg2(spec.face_size);
+    f[0x0102] = dg2(setup.face_size);
     f[0x0103] = dg3();
     f[0x0107] = dg7();
     f[0x010B] = dg11(name.substr(0, name.find_last_not_of('<') + 1));
     f[0x010C] = dg12();
     Bytes tags = {0x61, 0x75, 0x63, 0x67, 0x6B, 0x6C};
-    if (spec.with_dg14) {
+    if (setup.with_dg14) {
         f[0x010E] = dg14();
         tags.push_back(0x6E);
     }
     doc.eac_protected.insert(0x0103);
     f[0x011E] = tlv(0x60, cat({tlv(0x5F01, text("0107")), tlv(0x5F36, text("040000")), tlv(0x5C, tags)}));
     static const char *const kFaults[] = {"", "auth_mac", "mac", "cipher", "no_do99", "sw_mismatch"};
-    if (std::find(std::begin(kFaults), std::end(kFaults), spec.fault) == std::end(kFaults)) {
+    if (std::find(std::begin(kFaults), std::end(kFaults), setup.fault) == std::end(kFaults)) {
         err = "fault is \"auth_mac\", \"mac\", \"cipher\", \"no_do99\" or \"sw_mismatch\"";
         return false;
     }
-    doc.fault = spec.fault;
+    doc.fault = setup.fault;
     Bytes sod;
     const Bytes lds = lds_security_object(f);
-    if (!sign_sod(lds, spec.signer == "rsa", spec.foreign_ds, sod, err))
+    if (!sign_sod(lds, setup.signer == "rsa", setup.foreign_ds, sod, err))
         return false;
     f[0x011D] = sod;
-    for (const std::string *name : {&spec.tamper, &spec.forge}) {
+    for (const std::string *name : {&setup.tamper, &setup.forge}) {
         Bytes *dg = name->empty() ? nullptr : named_group(f, *name);
         if (!name->empty() && dg == nullptr) {
-            err = (name == &spec.tamper ? "tamper" : "forge") + std::string(" names a data group (\"DG1\")");
+            err = (name == &setup.tamper ? "tamper" : "forge") + std::string(" names a data group (\"DG1\")");
             return false;
         }
         if (dg != nullptr)
             dg->back() ^= 0x01;
     }
-    if (!spec.forge.empty()) {
+    if (!setup.forge.empty()) {
         // The group, its hash in the security object, the object's digest in the signed attributes: all
         // of the same size, so each takes the place of the one before.
         const Bytes forged = lds_security_object(f);

@@ -3,7 +3,7 @@
 //    "tamper": "DG1", "forge": "DG1", "foreign_ds": true, "fault": "mac", "replay": ["hex answer", ...]}}
 // (every member optional, besides the level-4 members ats, atr, block_size, interim_frames). With replay the
 // chip answers its commands with those answers in turn (see PassportDocument); forge, foreign_ds and fault
-// make a hostile document or chip (see PassportSpec and PassportDocument).
+// make a hostile document or chip (see PassportSetup and PassportDocument).
 #include <cstdlib>
 
 #include "../json.h"
@@ -40,7 +40,7 @@ bool read_replay(const Json *setup, std::vector<Bytes> &replay, std::string &err
     return true;
 }
 
-bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
+bool read_setup(const Json *setup, PassportSetup &wanted, std::string &err)
 {
     if (setup == nullptr || setup->kind != Json::OBJECT)
         return true;
@@ -49,56 +49,56 @@ bool read_spec(const Json *setup, PassportSpec &spec, std::string &err)
             err = "setup: mrz is a text";
             return false;
         }
-        spec.mrz = v->str;
+        wanted.mrz = v->str;
     }
     if (const Json *v = setup->get("signer")) {
         if (v->kind != Json::STRING) {
             err = "setup: signer is \"ec\" or \"rsa\"";
             return false;
         }
-        spec.signer = v->str;
+        wanted.signer = v->str;
     }
     if (const Json *v = setup->get("face_size")) {
         if (v->kind != Json::NUMBER || v->num < 0 || v->num > 32000) {
             err = "setup: face_size is a number up to 32000";
             return false;
         }
-        spec.face_size = static_cast<size_t>(v->num);
+        wanted.face_size = static_cast<size_t>(v->num);
     }
     if (const Json *v = setup->get("dg14")) {
         if (v->kind != Json::BOOL) {
             err = "setup: dg14 is true or false";
             return false;
         }
-        spec.with_dg14 = v->b;
+        wanted.with_dg14 = v->b;
     }
     if (const Json *v = setup->get("tamper")) {
         if (v->kind != Json::STRING) {
             err = "setup: tamper names a data group";
             return false;
         }
-        spec.tamper = v->str;
+        wanted.tamper = v->str;
     }
     if (const Json *v = setup->get("forge")) {
         if (v->kind != Json::STRING) {
             err = "setup: forge names a data group";
             return false;
         }
-        spec.forge = v->str;
+        wanted.forge = v->str;
     }
     if (const Json *v = setup->get("foreign_ds")) {
         if (v->kind != Json::BOOL) {
             err = "setup: foreign_ds is true or false";
             return false;
         }
-        spec.foreign_ds = v->b;
+        wanted.foreign_ds = v->b;
     }
     if (const Json *v = setup->get("fault")) {
         if (v->kind != Json::STRING) {
             err = "setup: fault is \"auth_mac\", \"mac\", \"cipher\", \"no_do99\" or \"sw_mismatch\"";
             return false;
         }
-        spec.fault = v->str;
+        wanted.fault = v->str;
     }
     return true;
 }
@@ -111,11 +111,11 @@ std::unique_ptr<Card> make_passport_card(const zsim_card &id, const Json *setup,
     if (!iso14443_setup_read(
             setup, s, err, {"mrz", "signer", "face_size", "dg14", "tamper", "forge", "foreign_ds", "fault", "replay"}))
         return nullptr;
-    PassportSpec spec;
-    if (!read_spec(setup, spec, err))
+    PassportSetup wanted;
+    if (!read_setup(setup, wanted, err))
         return nullptr;
     PassportDocument doc;
-    if (!passport_build(spec, doc, err)) {
+    if (!passport_build(wanted, doc, err)) {
         err = "setup: " + err;
         return nullptr;
     }
