@@ -15,19 +15,6 @@ namespace {
 
 const char *USAGE = "[tree] [--show-pan] [--df NAME]";
 
-// The global reader is the session's reader while the command runs: the payment card calls use it.
-struct GlobalReader {
-    zel_handle_record saved;
-    explicit GlobalReader(ZEL_HANDLE hnd)
-    {
-        std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
-        std::memcpy(static_cast<void *>(&zel_global), hnd, sizeof saved);
-    }
-    ~GlobalReader() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
-    GlobalReader(const GlobalReader &) = delete;
-    GlobalReader &operator=(const GlobalReader &) = delete;
-};
-
 struct Args {
     bool tree = false;
     bool show_pan = false;
@@ -290,7 +277,7 @@ int run_emv(const tandro::Options &opt, const tandro::Args &args)
     } else if (session.sim()) {
         tandro::bring_forward(session.sim(), "emv");
     }
-    GlobalReader global(session.hnd());
+    tandro::GlobalReader global(session.hnd());
     ZEL_STATUS st = SetISO14443_4_Mode();
     if (st != ZEL_OK)
         return fail(opt, "no payment card at ISO 14443-4 level", st);

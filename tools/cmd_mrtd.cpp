@@ -200,17 +200,6 @@ bool parse_passport_args(const tandro::Options &opt, const tandro::Args &args, P
     return true;
 }
 
-// The global reader is the session's reader while the command runs (the document session always uses it).
-struct GlobalReader {
-    zel_handle_record saved;
-    explicit GlobalReader(ZEL_HANDLE hnd)
-    {
-        std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
-        std::memcpy(static_cast<void *>(&zel_global), hnd, sizeof saved);
-    }
-    ~GlobalReader() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
-};
-
 int run_passport(const tandro::Options &opt, const tandro::Args &args)
 {
     PassportArgs a;
@@ -238,7 +227,7 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
     if (a.csca.empty())
         a.csca = "./csca";
     initCryptoSubsys();
-    GlobalReader global(session.hnd());
+    tandro::GlobalReader global(session.hnd());
     auto fail = [](const char *what, ZEL_STATUS st) {
         std::fprintf(stderr, "tandro passport: %s: %s\n", what, ZEL_Status2String(st));
         return 1;

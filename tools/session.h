@@ -2,6 +2,7 @@
 #ifndef TANDRO_TOOLS_SESSION_H
 #define TANDRO_TOOLS_SESSION_H
 
+#include <cstring>
 #include <string>
 
 #include "tandro.h"
@@ -10,6 +11,20 @@
 struct zsim;
 
 namespace tandro {
+
+// The global reader is the given reader while this guard lives, for operations that have only the global
+// form (the document session, the payment card calls); the previous global reader comes back after.
+struct GlobalReader {
+    zel_handle_record saved;
+    explicit GlobalReader(ZEL_HANDLE hnd)
+    {
+        std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
+        std::memcpy(static_cast<void *>(&zel_global), hnd, sizeof saved);
+    }
+    ~GlobalReader() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
+    GlobalReader(const GlobalReader &) = delete;
+    GlobalReader &operator=(const GlobalReader &) = delete;
+};
 
 // The cards and reader of the built-in simulated reader when --sim names no scenario file. Every card
 // family the simulator models has one card here, so that each command has something to work on.
