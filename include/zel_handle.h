@@ -113,6 +113,9 @@ struct zel_handle_record {
     uint8_t esp_session;
     zel_ndef_cache ndef_cache;
     uint8_t open_speed;
+    /* Bytes moved over the link in both directions since the record was made. Another thread may follow
+     * a long operation's progress by it, reading with an atomic load (__atomic_load_n). */
+    uint64_t link_bytes;
     /* Asynchronous session. port_busy and async_stop are shared between threads and only ever touched
      * with atomic operations; the record stays a plain, copyable value. */
     uint32_t port_busy;

@@ -239,6 +239,32 @@ TEST(SerialPort, BytesReadAheadBelongToTheNextReadUntilAPurge)
     PortClose(&rec);
 }
 
+// The record's count of link bytes follows what the caller actually got and sent, short reads included, so
+// that another thread can draw a long operation's progress from it.
+TEST(SerialPort, LinkByteCountFollowsWhatMoved)
+{
+    Pty pty;
+    zel_handle_record rec;
+    zel_handle_init(&rec);
+    ASSERT_EQ(zel::serial_open(&rec, pty.path, 1000000, true), ZEL_OK);
+    PortSetTimeout(&rec, 30);
+    EXPECT_EQ(__atomic_load_n(&rec.link_bytes, __ATOMIC_RELAXED), 0u);
+    const uint8_t out[5] = {1, 2, 3, 4, 5};
+    ASSERT_EQ(PortWrite(&rec, out, sizeof out), ZEL_OK);
+    EXPECT_EQ(rec.link_bytes, 5u);
+    ASSERT_EQ(write(pty.master, "0123456789", 10), 10);
+    uint8_t in[16];
+    ASSERT_EQ(PortRead(&rec, in, 4), ZEL_OK);
+    EXPECT_EQ(rec.link_bytes, 9u); // the bytes read ahead count when the caller takes them
+    uint32_t got = 0;
+    PortRead1(&rec, in, 16, &got); // asks more than is there: a short read
+    EXPECT_EQ(got, 6u);
+    EXPECT_EQ(rec.link_bytes, 15u);
+    EXPECT_NE(PortRead(&rec, in, 3), ZEL_OK); // nothing came
+    EXPECT_EQ(rec.link_bytes, 15u);
+    PortClose(&rec);
+}
+
 TEST(SerialPort, EveryRateOfTheBaudTable)
 {
     Pty pty;

@@ -12,6 +12,7 @@ namespace tandro {
 struct Options {
     bool json = false;
     bool debug = false;
+    bool quiet = false; // no progress bars
     // Where the reader is: the built-in simulated reader (with a scenario file, or the default one), or a
     // port name (a device path, or a host text for network readers).
     bool sim = false;

@@ -15,6 +15,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 
 namespace {
@@ -75,18 +76,6 @@ bool open_card(const char *cmd, const tandro::Options &given, const Bytes &aid, 
     if (st == ZEL_OK)
         st = JCAppSelectByAidM(session.hnd(), aid.data(), static_cast<uint8_t>(aid.size()), resp);
     return true;
-}
-
-// A progress bar on standard error for long transfers (not with --json).
-void progress(const tandro::Options &opt, const char *what, uint32_t done, uint32_t total)
-{
-    if (opt.json || total == 0)
-        return;
-    const int width = 30, fill = static_cast<int>(static_cast<uint64_t>(done) * width / total);
-    std::fprintf(stderr, "\r%s [%.*s%*s] %u/%u bytes", what, fill, "##############################", width - fill, "",
-                 done, total);
-    if (done == total)
-        std::fprintf(stderr, "\n");
 }
 
 bool read_file(const std::string &path, Bytes &out)
@@ -414,13 +403,14 @@ int run_signer(const tandro::Options &opt, const tandro::Args &all)
     const uint8_t cipher = a.ec ? JC_CIPHER_ECDSA : JC_CIPHER_RSA, slot = static_cast<uint8_t>(a.slot);
     const uint32_t total = static_cast<uint32_t>(msg.size());
     const uint16_t first = static_cast<uint16_t>(total < 255 ? total : 255);
+    tandro::Progress bar(opt, "signing", total > 4096 ? total : 0);
     st = JCAppSignatureBeginM(h, cipher, 0, 0, slot, msg.empty() ? nullptr : msg.data(), first, nullptr);
     for (uint32_t at = first; st == ZEL_OK && at < total; at += 255) {
         const uint16_t piece = static_cast<uint16_t>(total - at < 255 ? total - at : 255);
         st = JCAppSignatureUpdateM(h, msg.data() + at, piece);
-        if (total > 4096)
-            progress(opt, "signing", at + piece, total);
+        bar.update(at + piece);
     }
+    bar.done(st == ZEL_OK);
     uint16_t sig_len = 0;
     if (st == ZEL_OK)
         st = JCAppSignatureEndM(h, &sig_len);
@@ -527,10 +517,11 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
     }
     if (what == "put") {
         const uint32_t size = static_cast<uint32_t>(data.size());
-        progress(opt, "writing", 0, size);
-        if ((st = JCStorageWriteFileM(h, f, data.empty() ? nullptr : data.data(), size)) != ZEL_OK)
+        tandro::LinkProgress bar(opt, h, "writing", size);
+        st = JCStorageWriteFileM(h, f, data.empty() ? nullptr : data.data(), size);
+        bar.done(st == ZEL_OK);
+        if (st != ZEL_OK)
             return fail("store", opt, "write", st);
-        progress(opt, "writing", size, size);
         if (opt.json)
             std::printf("{\"file\": %u, \"written\": %u}\n", file, size);
         else
@@ -542,10 +533,11 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
     if ((st = JCStorageGetFileSizeM(h, f, &size)) != ZEL_OK)
         return fail("store", opt, "size", st);
     data.assign(size ? size : 1, 0);
-    progress(opt, "reading", 0, size);
-    if ((st = JCStorageReadFileM(h, f, data.data(), size)) != ZEL_OK)
+    tandro::LinkProgress bar(opt, h, "reading", size);
+    st = JCStorageReadFileM(h, f, data.data(), size);
+    bar.done(st == ZEL_OK);
+    if (st != ZEL_OK)
         return fail("store", opt, "read", st);
-    progress(opt, "reading", size, size);
     data.resize(size);
     if (n == 3) {
         if (!write_file(wd[2], data))

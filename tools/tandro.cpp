@@ -35,6 +35,8 @@ bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &ba
         opt.json = true;
     else if (a == "--debug")
         opt.debug = true;
+    else if (a == "--quiet" || a == "-q")
+        opt.quiet = true;
     else if (a == "--sim")
         opt.sim = true;
     else if (a.rfind("--sim=", 0) == 0) {
@@ -64,7 +66,7 @@ bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &ba
 
 int usage(FILE *out)
 {
-    std::fprintf(out, "usage: tandro [--json] [--debug] COMMAND [ARGS]\n\ncommands:\n");
+    std::fprintf(out, "usage: tandro [--json] [--debug] [--quiet] COMMAND [ARGS]\n\ncommands:\n");
     std::vector<tandro::Command> list = tandro::commands();
     std::sort(list.begin(), list.end(), [](const auto &a, const auto &b) { return std::string(a.name) < b.name; });
     for (const auto &c : list) {
@@ -75,6 +77,7 @@ int usage(FILE *out)
                  "\noptions:\n"
                  "  --json                 structured output\n"
                  "  --debug                the library's debug lines on standard error\n"
+                 "  --quiet, -q            no progress bars (they show only on a terminal, never with --json)\n"
                  "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
                  "  --port NAME            the reader's port: device path, reader serial, or HOST[:PORT] on a network\n"
                  "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"

@@ -43,6 +43,13 @@ private:
     int token_ = 0;
 };
 
+// Adds what moved to the record's count of link bytes.
+uint32_t count_moved(zel_handle_record *hnd, uint32_t n)
+{
+    __atomic_fetch_add(&hnd->link_bytes, static_cast<uint64_t>(n), __ATOMIC_RELAXED);
+    return n;
+}
+
 void log_transfer(const char *format, ZEL_STATUS status, uint32_t asked, uint32_t done, const uint8_t *bytes)
 {
     if (!zel::dp_enabled())
@@ -62,7 +69,11 @@ ZEL_STATUS zel::port_read_raw(zel_handle_record *hnd, uint8_t *buffer, uint32_t 
 {
     *got = 0;
     const LinkDriver &link = link_driver(hnd);
-    return link.read ? link.read(hnd, buffer, count, got) : ZEL_PARAMETERS_ERROR;
+    if (!link.read)
+        return ZEL_PARAMETERS_ERROR;
+    const ZEL_STATUS status = link.read(hnd, buffer, count, got);
+    count_moved(hnd, *got < count ? *got : count);
+    return status;
 }
 
 ZEL_STATUS zel::port_available_raw(zel_handle_record *hnd, uint32_t *available)
@@ -81,7 +92,7 @@ bool zel::port_can_stream(const zel_handle_record *hnd)
 uint32_t zel::port_read_some(zel_handle_record *hnd, uint8_t *buffer, uint32_t max)
 {
     const LinkDriver &link = link_driver(hnd);
-    return link.read_some ? link.read_some(hnd, buffer, max) : 0u;
+    return link.read_some ? count_moved(hnd, link.read_some(hnd, buffer, max)) : 0u;
 }
 
 uint32_t zel::port_unread(zel_handle_record *hnd, const uint8_t *bytes, uint32_t n)
@@ -120,6 +131,7 @@ extern "C" ZEL_API ZEL_STATUS PortRead1(ZEL_HANDLE hnd, uint8_t *buffer, uint32_
         std::memset(buffer, 0, count);
     const zel::LinkDriver &link = zel::link_driver(hnd);
     const ZEL_STATUS status = link.counted_read ? link.read(hnd, buffer, count, &got) : ZEL_COMMUNICATION_ERROR;
+    count_moved(hnd, got < count ? got : count);
     if (count_read)
         *count_read = got;
     return status;
@@ -137,6 +149,7 @@ extern "C" ZEL_API ZEL_STATUS PortWrite(ZEL_HANDLE hnd, const uint8_t *buffer, u
         return ZEL_PARAMETERS_ERROR;
     uint32_t done = 0;
     const ZEL_STATUS status = link.write(hnd, buffer, count, &done);
+    count_moved(hnd, done < count ? done : count);
     // A link whose library is missing moved nothing and logs nothing (no driver status maps to this one).
     if (status == ZEL_FTD2XX_DLL_NOT_FOUND)
         return status;
