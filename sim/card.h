@@ -82,11 +82,12 @@ public:
     // The 8-byte answer to GET_VERSION; false for tags without it.
     virtual bool version(uint8_t out[8]) const = 0;
     // A linear write authenticated with a 16-byte key (the Ultralight C's 3DES key): -1 when the key does not
-    // open the tag, else how many pages behind the user area the write may reach (its key pages).
+    // open the tag, else how many pages behind the user area the write may reach (its key pages). A tag
+    // without 3DES authentication fails it, as on a real reader.
     virtual int key_write_pages(const uint8_t *key16)
     {
         (void)key16;
-        return 0;
+        return -1;
     }
 };
 

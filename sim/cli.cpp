@@ -52,10 +52,11 @@ const char USAGE[] =
     "  --card UID[:SAK[:ATQA[:TYPE]]]  put a card in the field (hex; TYPE may be a name like ORB_NTAG_213)\n"
     "  --time-scale PERCENT  run the reader's own times (the boot) faster or slower; 100 is real time\n"
     "  --log                 log every exchange on standard error\n"
+    "  --commands            read commands from standard input even when it is not a terminal (a pipe)\n"
     "  --help                this text\n"
     "\n"
     "Each link is printed on standard output, one a line (\"pty /dev/pts/4\", \"udp 127.0.0.1:8881\").\n"
-    "Commands on standard input, one a line:\n"
+    "Commands on standard input, one a line, when it is the terminal of a foreground run (or with --commands):\n"
     "  add UID [SAK [ATQA [TYPE [MODEL]]]]  a card enters the field (hex)\n"
     "  remove UID                    the card leaves the field\n"
     "  clear                         the field empties\n"
@@ -122,7 +123,17 @@ struct Options {
     std::vector<zs::LinkSpec> links;
     bool short_discovery = false;
     int time_scale = -1;
+    bool commands = false;
 };
+
+// Whether standard input brings commands: always with --commands; else only from a terminal whose
+// foreground this run is, since a run in the background (`--pty &`) would be stopped by reading it.
+bool read_commands(const Options &o)
+{
+    if (o.commands)
+        return true;
+    return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
 
 int serve(zsim *sim, const Options &o, const char *prog)
 {
@@ -173,7 +184,7 @@ int serve(zsim *sim, const Options &o, const char *prog)
     sigaction(SIGTERM, &sa, &old_term);
 
     std::string pending;
-    bool stdin_open = true;
+    bool stdin_open = read_commands(o);
     while (!g_stop) {
         pollfd p[2] = {{g_stop_pipe[0], POLLIN, 0}, {stdin_open ? 0 : -1, POLLIN, 0}};
         if (poll(p, 2, -1) < 0 && errno != EINTR)
@@ -263,6 +274,8 @@ extern "C" int zsim_main(int argc, char **argv)
                 rc = 2;
             }
             o.time_scale = static_cast<int>(v);
+        } else if (a == "--commands") {
+            o.commands = true;
         } else if (a == "--log") {
             o.log = true;
         } else if (a == "--scenario" && has_value) {

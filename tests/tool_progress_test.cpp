@@ -10,7 +10,8 @@ TEST(ToolProgress, BarTextIsProportionalAndClamped)
     EXPECT_EQ(tandro::Progress::line("reading", 100, 200, "bytes"),
               "reading [###############               ]  50% 100/200 bytes");
     // More than the total (frames carry more than the payload) stays at the end.
-    EXPECT_EQ(tandro::Progress::line("w", 5000, 4000, "bytes"), "w [##############################] 100% 4000/4000 bytes");
+    EXPECT_EQ(tandro::Progress::line("w", 5000, 4000, "bytes"),
+              "w [##############################] 100% 4000/4000 bytes");
     // A 64-bit count does not wrap the arithmetic.
     const uint64_t big = 1ull << 40;
     EXPECT_EQ(tandro::Progress::line("x", big / 4, big, "B").substr(0, 39), "x [#######                       ]  25%");

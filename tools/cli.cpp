@@ -1,3 +1,4 @@
+#include "tandro.h"
 #include "tools/cli.h"
 
 #include <cerrno>
@@ -112,10 +113,52 @@ std::string json_string(const std::string &text)
     return out + "\"";
 }
 
+namespace {
+
+Failure g_failure;
+
+} // namespace
+
 int usage_error(const char *command, const std::string &message)
 {
     std::fprintf(stderr, "tandro %s: %s\n", command, message.c_str());
+    g_failure = Failure{message, false, 0};
     return 2;
+}
+
+int fail(const char *command, const std::string &what, uint32_t status)
+{
+    const std::string text = ZEL_Status2String(status);
+    g_failure = Failure{what.empty() ? text : what + ": " + text, true, status};
+    std::fprintf(stderr, "tandro %s: %s\n", command, g_failure.message.c_str());
+    return 1;
+}
+
+int fail_text(const char *command, const std::string &message, uint32_t status)
+{
+    g_failure = Failure{message, true, status};
+    std::fprintf(stderr, "tandro %s: %s\n", command, message.c_str());
+    return 1;
+}
+
+const Failure &last_failure()
+{
+    return g_failure;
+}
+
+void set_failure_partial(const std::string &json_value)
+{
+    g_failure.partial = json_value;
+}
+
+std::string failure_json(const Failure &failure)
+{
+    std::string out = "{\"error\": " + json_string(failure.message) + ", \"status\": ";
+    if (!failure.has_status)
+        out += "null, \"status_text\": null";
+    else
+        out += std::to_string(failure.status) + ", \"status_text\": " + json_string(ZEL_Status2String(failure.status));
+    return out + (failure.partial.empty() ? "" : ", \"partial\": " + failure.partial) + "}";
 }
 
 } // namespace tandro

@@ -51,6 +51,24 @@ std::string to_hex(const uint8_t *p, size_t n);
 std::string json_string(const std::string &text);
 // Prints "tandro NAME: message" on standard error and returns the exit code for a usage error (2).
 int usage_error(const char *command, const std::string &message);
+// Prints "tandro NAME: what: STATUS TEXT" on standard error and returns 1 (with what empty: no "what: ").
+// The status goes into the error object the tool prints under --json.
+int fail(const char *command, const std::string &what, uint32_t status);
+// The same with a message of the command's own in place of "what: STATUS TEXT".
+int fail_text(const char *command, const std::string &message, uint32_t status);
+
+// The last failure a command reported through usage_error or fail.
+struct Failure {
+    std::string message; // the line printed, without "tandro NAME: "
+    bool has_status = false;
+    uint32_t status = 0;
+    std::string partial; // a JSON value of what was found before the failure, or empty
+};
+const Failure &last_failure();
+// Keeps what a command found before it failed, for the error object ("partial": value).
+void set_failure_partial(const std::string &json_value);
+// The error object of a failure: {"error": ..., "status": n or null, "status_text": ...[, "partial": ...]}.
+std::string failure_json(const Failure &failure);
 
 } // namespace tandro
 

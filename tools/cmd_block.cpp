@@ -1,4 +1,8 @@
 // tandro read, tandro write and tandro value: blocks, sectors and the linear space of memory cards.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -40,24 +44,35 @@ bool number(const std::string &s, uint32_t max, uint32_t &v)
     return tandro::parse_u32(s, &v) && v <= max;
 }
 
-void print_bytes(const tandro::Options &opt, bool raw, const char *what, uint32_t base, const uint8_t *d, size_t n)
+// Bytes read, from byte address base; under --json with what and json_index naming where they start.
+void print_bytes(const tandro::Options &opt, bool raw, const char *what, uint32_t json_index, uint32_t base,
+                 const uint8_t *d, size_t n)
 {
     if (raw) {
         std::fwrite(d, 1, n, stdout);
         return;
     }
     if (opt.json) {
-        std::printf("{\"%s\": %u, \"length\": %zu, \"data\": \"%s\"}\n", what, base, n, tandro::to_hex(d, n).c_str());
+        std::printf("{\"%s\": %u, \"length\": %zu, \"data\": \"%s\"}\n", what, json_index, n,
+                    tandro::to_hex(d, n).c_str());
         return;
     }
-    // Block reads number their lines by byte address too: block * 16.
-    tandro::print_dump(d, n, std::strcmp(what, "block") == 0 ? base * 16 : base);
+    // Lines are numbered by byte address, blocks and pages included.
+    tandro::print_dump(d, n, base);
 }
 
 int fail(const char *cmd, ZEL_STATUS st)
 {
-    std::fprintf(stderr, "tandro %s: %s\n", cmd, ZEL_Status2String(st));
-    return 1;
+    return tandro::fail(cmd, "", st);
+}
+
+// Whether the card in the field is a Type 2 tag, whose blocks are pages of 4 bytes.
+ZEL_STATUS page_card(ZEL_HANDLE h, bool &pages)
+{
+    uint8_t type = 0;
+    const ZEL_STATUS st = GetOrbCardTypeM(h, &type);
+    pages = st == ZEL_OK && type >= 0x01 && type <= 0x15;
+    return st;
 }
 
 int run_read(const tandro::Options &opt, const tandro::Args &in)
@@ -103,7 +118,7 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
         }
         if (st != ZEL_OK)
             return fail("read", st);
-        print_bytes(opt, raw, "address", addr, d.data(), got);
+        print_bytes(opt, raw, "address", addr, addr, d.data(), got);
         return 0;
     }
     uint32_t block = 0, count = 1;
@@ -112,15 +127,22 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
         return tandro::usage_error("read", "BLOCK [COUNT], --sector N or --linear ADDRESS LENGTH");
     if (!session.open("read", opt))
         return 1;
+    bool pages = false;
+    if (const ZEL_STATUS st = page_card(session.hnd(), pages); st != ZEL_OK)
+        return fail("read", st);
+    // A read of a Type 2 tag gives four pages from the one asked: one read serves four pages.
+    const uint32_t unit = pages ? 4 : 16, step = pages ? 4 : 1;
     std::vector<uint8_t> d;
-    for (uint32_t b = block; b < block + count && b < 256; ++b) {
+    const uint32_t end = std::min(block + count, 256u);
+    for (uint32_t b = block; b < end; b += step) {
         uint8_t one[16];
         const ZEL_STATUS st = tandro::key_block_read(session.hnd(), k, one, static_cast<uint8_t>(b));
         if (st != ZEL_OK)
             return fail("read", st);
-        d.insert(d.end(), one, one + 16);
+        const uint32_t take = std::min(step, end - b);
+        d.insert(d.end(), one, one + take * unit);
     }
-    print_bytes(opt, raw, "block", block, d.data(), d.size());
+    print_bytes(opt, raw, pages ? "page" : "block", block, block * unit, d.data(), d.size());
     return 0;
 }
 
@@ -129,16 +151,35 @@ bool write_data(Args &args, std::vector<uint8_t> &data, std::string &err)
 {
     std::string file;
     if (take_value(args, "--in", file)) {
+        // A regular file of at most the largest linear space (64 KiB): anything else is refused whole.
+        struct stat st {};
+        if (stat(file.c_str(), &st) != 0) {
+            err = file + ": " + std::strerror(errno);
+            return false;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            err = file + " is not a regular file";
+            return false;
+        }
+        if (st.st_size > 0xFFFF) {
+            err = file + " holds " + std::to_string(st.st_size) + " bytes, more than a card's linear space can";
+            return false;
+        }
         FILE *f = std::fopen(file.c_str(), "rb");
         if (!f) {
-            err = "cannot read " + file;
+            err = file + ": " + std::strerror(errno);
             return false;
         }
         uint8_t buf[4096];
         size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && data.size() < 0x10000)
+        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && data.size() <= 0xFFFF)
             data.insert(data.end(), buf, buf + n);
+        const bool failed = std::ferror(f) != 0;
         std::fclose(f);
+        if (failed || data.size() > 0xFFFF) {
+            err = "cannot read " + file;
+            return false;
+        }
         return true;
     }
     if (args.empty() || !tandro::parse_hex(args.back(), data)) {
@@ -157,6 +198,7 @@ int run_write(const tandro::Options &opt, const tandro::Args &in)
     if (!tandro::take_key_options(args, k, err))
         return tandro::usage_error("write", err);
     const bool has_linear = take_value(args, "--linear", linear_text);
+    const bool pad = take_flag(args, "--pad");
     std::vector<uint8_t> data;
     if (!write_data(args, data, err))
         return tandro::usage_error("write", err);
@@ -167,13 +209,23 @@ int run_write(const tandro::Options &opt, const tandro::Args &in)
             return tandro::usage_error("write", "--linear ADDRESS DATA");
         if (!session.open("write", opt))
             return 1;
+        // The whole run must fit the card's linear space before anything is written.
+        uint32_t linear = 0, raw = 0;
+        if (const ZEL_STATUS st = GetCardSizeM(session.hnd(), &linear, &raw); st != ZEL_OK)
+            return fail("write", st);
+        if (addr + data.size() > linear)
+            return tandro::fail_text("write",
+                                     std::to_string(data.size()) + " bytes at " + std::to_string(addr) +
+                                         " do not fit the card's linear space of " + std::to_string(linear) +
+                                         " bytes; nothing was written",
+                                     ZEL_MAX_SIZE_EXCEEDED);
+        if (data.empty())
+            return tandro::usage_error("write", "no data to write");
         uint16_t done = 0;
         const ZEL_STATUS st = tandro::key_linear_write(session.hnd(), k, data.data(), static_cast<uint16_t>(addr),
                                                        static_cast<uint16_t>(data.size()), &done);
-        if (st != ZEL_OK) {
-            std::fprintf(stderr, "tandro write: %s after %u bytes\n", ZEL_Status2String(st), done);
-            return 1;
-        }
+        if (st != ZEL_OK)
+            return tandro::fail("write", "after " + std::to_string(done) + " bytes", st);
         if (opt.json)
             std::printf("{\"address\": %u, \"written\": %u}\n", addr, done);
         else
@@ -181,18 +233,28 @@ int run_write(const tandro::Options &opt, const tandro::Args &in)
         return 0;
     }
     uint32_t block = 0;
-    if (args.size() != 1 || !number(args[0], 255, block) || data.size() > 16)
-        return tandro::usage_error("write", "BLOCK DATA (up to 16 bytes) or --linear ADDRESS DATA");
-    data.resize(16, 0);
+    if (args.size() != 1 || !number(args[0], 255, block) || data.size() > 16 || data.empty())
+        return tandro::usage_error("write", "BLOCK DATA (16 bytes, a page of a Type 2 tag 4; fewer with --pad, "
+                                            "filled with zeros) or --linear ADDRESS DATA");
     if (!session.open("write", opt))
         return 1;
+    // A block of a memory card holds 16 bytes, a page of a Type 2 tag 4: other sizes only with --pad.
+    bool pages = false;
+    if (const ZEL_STATUS st = page_card(session.hnd(), pages); st != ZEL_OK)
+        return fail("write", st);
+    const size_t unit = pages ? 4 : 16;
+    if (data.size() > unit || (data.size() < unit && !pad))
+        return tandro::usage_error("write", std::string("a ") + (pages ? "page of this tag" : "block") + " takes " +
+                                                std::to_string(unit) + " bytes, not " + std::to_string(data.size()) +
+                                                (data.size() < unit ? " (--pad fills the rest with zeros)" : ""));
+    data.resize(16, 0);
     const ZEL_STATUS st = tandro::key_block_write(session.hnd(), k, data.data(), static_cast<uint8_t>(block));
     if (st != ZEL_OK)
         return fail("write", st);
     if (opt.json)
-        std::printf("{\"block\": %u, \"written\": 16}\n", block);
+        std::printf("{\"%s\": %u, \"written\": %zu}\n", pages ? "page" : "block", block, unit);
     else
-        std::printf("block %u written\n", block);
+        std::printf("%s %u written\n", pages ? "page" : "block", block);
     return 0;
 }
 
@@ -294,7 +356,7 @@ int run_value(const tandro::Options &opt, const tandro::Args &in)
 const tandro::Registration read_cmd({"read",
                                      "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
                                      "card memory as a hex dump (--raw: the bytes)", run_read});
-const tandro::Registration write_cmd({"write", "BLOCK DATA | --linear ADDR DATA|--in FILE [KEY]",
+const tandro::Registration write_cmd({"write", "BLOCK DATA [--pad] | --linear ADDR DATA|--in FILE [KEY]",
                                       "a block (16 bytes) or a run of the linear space", run_write});
 const tandro::Registration value_cmd({"value", "read|write|inc|dec BLOCK [N] [--address A] [KEY]",
                                       "value blocks: read, set, increment, decrement", run_value});

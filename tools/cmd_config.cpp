@@ -68,8 +68,7 @@ bool take_password(tandro::Args &args, std::string &password, int &error)
 
 int failed(const char *what, ZEL_STATUS st)
 {
-    std::fprintf(stderr, "tandro config: %s: %s\n", what, ZEL_Status2String(st));
-    return 1;
+    return tandro::fail("config", what, st);
 }
 
 int need_password(const std::string &text, uint8_t pw[8])

@@ -227,14 +227,24 @@ int outcome(const char *what, ZEL_STATUS st, const Ctx &c)
 {
     if (c.no_form)
         return tandro::usage_error("desfire", std::string(what) + " has no form for this key");
-    if (st != ZEL_OK) {
-        std::fprintf(stderr, "tandro desfire %s: %s\n", what, ZEL_Status2String(st));
-        return 1;
-    }
-    if (c.cs != CARD_OPERATION_OK) {
-        std::fprintf(stderr, "tandro desfire %s: card status %u (%s)\n", what, c.cs, ZEL_Status2String(c.cs));
-        return 1;
-    }
+    if (st != ZEL_OK)
+        return tandro::fail("desfire", what, st);
+    if (c.cs != CARD_OPERATION_OK)
+        return tandro::fail_text(
+            "desfire",
+            std::string(what) + ": card status " + std::to_string(c.cs) + " (" + ZEL_Status2String(c.cs) + ")", c.cs);
+    return 0;
+}
+
+// The outcome of a change to the card, confirmed when it was made.
+int changed(const char *what, ZEL_STATUS st, const Ctx &c)
+{
+    if (int e = outcome(what, st, c))
+        return e;
+    if (c.json)
+        std::printf("{\"done\": %s}\n", tandro::json_string(what).c_str());
+    else
+        std::printf("%s: done\n", what);
     return 0;
 }
 
@@ -295,7 +305,7 @@ int sub_uid(Ctx &c)
 
 int sub_format(Ctx &c)
 {
-    return outcome("format", run_form(c, kFormat), c);
+    return changed("format", run_form(c, kFormat), c);
 }
 
 // config OPTION HEX [AID]: the card's configuration option with its data, in the application if given.
@@ -306,7 +316,7 @@ int sub_config(Ctx &c)
     if (!arg_num(c, 1, option) || option > 255 || c.args.size() < 3 || !parse_hex(c.args[2], data) ||
         data.size() > ZEL_DESFIRE_MAX_CONFIG_DATA || (c.args.size() > 3 && !arg_aid(c, 3, c.aid)))
         return tandro::usage_error("desfire", "config takes OPTION, the data in hex and an AID if any");
-    return outcome("config",
+    return changed("config",
                    run_form(c, kConfig, c.aid, static_cast<uint8_t>(option), static_cast<const uint8_t *>(data.data()),
                             static_cast<uint8_t>(data.size())),
                    c);
@@ -347,7 +357,7 @@ int sub_app_create(Ctx &c)
                                            : nullptr;
     if (!forms)
         return tandro::usage_error("desfire", "app-create: the type is aes, des or 3k3des");
-    return outcome("app-create", run_form(c, *forms, c.aid, static_cast<uint8_t>(settings), static_cast<uint8_t>(keys)),
+    return changed("app-create", run_form(c, *forms, c.aid, static_cast<uint8_t>(settings), static_cast<uint8_t>(keys)),
                    c);
 }
 
@@ -355,7 +365,7 @@ int sub_app_delete(Ctx &c)
 {
     if (!arg_aid(c, 1, c.aid))
         return tandro::usage_error("desfire", "app-delete takes an AID");
-    return outcome("app-delete", run_form(c, kDeleteApp, c.aid), c);
+    return changed("app-delete", run_form(c, kDeleteApp, c.aid), c);
 }
 
 int sub_key_settings(Ctx &c)
@@ -438,7 +448,7 @@ int sub_sdm_settings(Ctx &c)
 
 int sub_file_delete(Ctx &c)
 {
-    return outcome("file-delete", run_form(c, kDeleteFile, c.aid, c.file), c);
+    return changed("file-delete", run_form(c, kDeleteFile, c.aid, c.file), c);
 }
 
 int sub_file_create(Ctx &c)
@@ -460,7 +470,7 @@ int sub_file_create(Ctx &c)
     else
         return tandro::usage_error("desfire", "file-create: std|backup SIZE, value LOWER UPPER VALUE, "
                                               "linear|cyclic RECSIZE RECORDS");
-    return outcome("file-create", st, c);
+    return changed("file-create", st, c);
 }
 
 // ---- Data, values and records (after AID FID) ----
@@ -497,7 +507,7 @@ int sub_write(Ctx &c)
         (c.args.size() > 4 && !arg_num(c, 4, off)))
         return tandro::usage_error("desfire", c.sub + ": " + c.usage);
     const auto &forms = c.sub == "write" ? kWriteStd : kWriteRecord;
-    return outcome(c.sub.c_str(),
+    return changed(c.sub.c_str(),
                    run_form(c, forms, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
                             static_cast<uint16_t>(data.size()), c.comm, static_cast<const uint8_t *>(data.data())),
                    c);
@@ -519,7 +529,7 @@ int sub_credit_debit(Ctx &c)
     if (!arg_num(c, 3, amount))
         return tandro::usage_error("desfire", c.sub + ": " + c.usage);
     const auto &forms = c.sub == "credit" ? kCredit : kDebit;
-    return outcome(c.sub.c_str(), run_form(c, forms, c.aid, c.aid_key, c.file, c.comm, amount), c);
+    return changed(c.sub.c_str(), run_form(c, forms, c.aid, c.aid_key, c.file, c.comm, amount), c);
 }
 
 int sub_records(Ctx &c)
@@ -558,7 +568,7 @@ int sub_records(Ctx &c)
 
 int sub_records_clear(Ctx &c)
 {
-    return outcome("records-clear", run_form(c, kClearRecords, c.aid, c.aid_key, c.file), c);
+    return changed("records-clear", run_form(c, kClearRecords, c.aid, c.aid_key, c.file), c);
 }
 
 // change-key AID KEYNO NEWHEX OLDHEX: the key number stands where the other subcommands have their file.
@@ -569,7 +579,7 @@ int sub_change_key(Ctx &c)
         nk.size() != key_len(c.new_type) || ok.size() != key_len(c.new_type))
         return tandro::usage_error("desfire", "change-key: AID KEYNO NEWHEX OLDHEX (keys of --new-type)");
     const uint8_t auth_nr = c.key.source == ZEL_DESFIRE_KEY_PROVIDED ? ZEL_DESFIRE_KEY_GIVEN : c.key.number;
-    return outcome("change-key",
+    return changed("change-key",
                    Zel_int_DesfireChangeKeyM(c.hnd, auth_nr, c.key.bytes, c.aid, c.aid_key, ZEL_DESFIRE_KEY_GIVEN,
                                              nk.data(), c.file, ZEL_DESFIRE_KEY_GIVEN, ok.data(), &c.cs, &c.et, 0,
                                              c.key.type, c.new_type),
@@ -744,11 +754,12 @@ int run_store_key(const tandro::Options &opt, const tandro::Args &args)
     if (!session.open("desfire-key", opt))
         return 1;
     const ZEL_STATUS st = Zel_int_DesfireWriteKeyM(session.hnd(), static_cast<uint8_t>(nr), key.data(), type);
-    if (st != ZEL_OK) {
-        std::fprintf(stderr, "tandro desfire-key: %s\n", ZEL_Status2String(st));
-        return 1;
-    }
-    std::printf("key %u stored in the reader\n", nr);
+    if (st != ZEL_OK)
+        return tandro::fail("desfire-key", "", st);
+    if (opt.json)
+        std::printf("{\"stored\": %u}\n", nr);
+    else
+        std::printf("key %u stored in the reader\n", nr);
     return 0;
 }
 

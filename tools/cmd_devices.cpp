@@ -133,7 +133,7 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
             out += "]}";
         }
         std::printf("%s}\n", out.c_str());
-        return 0;
+        return listed ? 0 : tandro::fail_text(kName, "the device tree cannot be read", ZEL_FILE_SYSTEM_ERROR);
     }
 
     std::printf("USB serial ports:%s\n", !listed ? " (the device tree cannot be read)" : ports.empty() ? " none" : "");
@@ -148,7 +148,7 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
     }
     if (!ftdi.loaded) {
         std::printf("FTDI devices: the D2XX library (libftd2xx.so) is not installed\n");
-        return 0;
+        return listed ? 0 : tandro::fail_text(kName, "the device tree cannot be read", ZEL_FILE_SYSTEM_ERROR);
     }
     if (ftdi.status != 0)
         std::printf("FTDI devices: listing failed with D2XX status %u\n", ftdi.status);
@@ -159,7 +159,7 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
     for (const zel_ftdi_device &e : ftdi.adapters)
         std::printf("  %u. %-16s %-32s port %s, RTS %s%s\n", e.count, e.serial, e.description, e.com_port_name,
                     e.rts_inverted ? "inverted" : "plain", e.ready ? "" : " (not ready)");
-    return 0;
+    return listed ? 0 : tandro::fail_text(kName, "the device tree cannot be read", ZEL_FILE_SYSTEM_ERROR);
 }
 
 const tandro::Registration devices_cmd({"devices", "[--sysfs DIR]",

@@ -1,7 +1,12 @@
 // tandro discover: the network readers that answer a broadcast on this network.
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "tandro.h"
@@ -9,6 +14,26 @@
 #include "zelsim.h"
 
 namespace {
+
+// Whether a broadcast can leave this machine at all: a datagram socket connected to the broadcast address
+// asks the routing table without sending anything. Empty when it can, else the system's reason.
+std::string broadcast_problem()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return std::strerror(errno);
+    const int on = 1;
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(ZEL_NET_FRAME_PORT);
+    to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    std::string why;
+    if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
+        connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0)
+        why = std::strerror(errno);
+    close(fd);
+    return why;
+}
 
 int run_discover(const tandro::Options &opt, const tandro::Args &args)
 {
@@ -22,13 +47,18 @@ int run_discover(const tandro::Options &opt, const tandro::Args &args)
         if (!sim ||
             (!opt.sim_scenario.empty() && zsim_load_scenario_file(sim, opt.sim_scenario.c_str(), err, sizeof err)) ||
             zsim_serve_udp(sim, "0.0.0.0", ZEL_NET_FRAME_PORT, nullptr) != 0) {
-            std::fprintf(stderr, "tandro discover: the simulated reader could not take UDP port %d%s%s\n",
-                         ZEL_NET_FRAME_PORT, err[0] ? ": " : "", err);
             zsim_free(sim);
-            return 1;
+            return tandro::usage_error("discover", "the simulated reader could not take UDP port " +
+                                                       std::to_string(ZEL_NET_FRAME_PORT) + (err[0] ? ": " : "") + err);
         }
         if (opt.sim_scenario.empty())
             zsim_set_serial_description(sim, "SIM00001");
+    }
+    // The search answers only a count: a broadcast that cannot go out is found out here, not taken for
+    // a network without readers.
+    if (const std::string why = broadcast_problem(); !why.empty()) {
+        zsim_free(sim);
+        return tandro::fail_text("discover", "a broadcast cannot be sent: " + why, ZEL_COMMUNICATION_ERROR);
     }
     const uint32_t before = list_size();
     const uint32_t found = udp_reader_list();

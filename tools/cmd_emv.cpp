@@ -222,13 +222,9 @@ std::string transaction_json(const std::string &text)
     return out + "}";
 }
 
-int fail(const tandro::Options &opt, const std::string &what, ZEL_STATUS st)
+int fail(const tandro::Options &, const std::string &what, ZEL_STATUS st)
 {
-    const std::string text = what + ": " + ZEL_Status2String(st);
-    if (opt.json)
-        std::printf("{\"error\": %s}\n", tandro::json_string(text).c_str());
-    std::fprintf(stderr, "tandro emv: %s\n", text.c_str());
-    return 1;
+    return tandro::fail("emv", what, st);
 }
 
 std::string expiry_text(const std::string &raw)

@@ -165,6 +165,7 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
     st = GetReaderInfoStrM(h, &info);
     r.add_text("description", "description", st, info ? info : "");
 
+    std::string json_report;
     if (opt.json) {
         std::string out = "{\"where\": " + tandro::json_string(session.where());
         std::string errors;
@@ -178,6 +179,7 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
             out += ", \"report\": " + tandro::json_string(GetReaderDescriptionM(h));
         out += ", \"errors\": {" + errors + "}}";
         std::printf("%s\n", out.c_str());
+        json_report = out;
     } else {
         std::printf("%-20s%s\n", "reader", session.where().c_str());
         for (const Field &f : r.fields) {
@@ -191,7 +193,20 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
         if (full_report)
             std::printf("\n%s", GetReaderDescriptionM(h));
     }
-    return type_st == ZEL_OK ? 0 : 1;
+    // Every field is asked for; one the reader could not give makes the whole a failure.
+    std::string failed;
+    ZEL_STATUS first = ZEL_OK;
+    for (const Field &f : r.fields)
+        if (f.status != ZEL_OK) {
+            failed += (failed.empty() ? "" : ", ") + f.name;
+            if (first == ZEL_OK)
+                first = f.status;
+        }
+    if (failed.empty())
+        return 0;
+    const int rc = tandro::fail_text("info", "not read: " + failed, first);
+    tandro::set_failure_partial(json_report);
+    return rc;
 }
 
 const tandro::Registration info_cmd({"info", "[--report]",

@@ -78,8 +78,7 @@ bool password_id(const std::string &s, uint8_t &out)
 
 int fail(ZEL_STATUS st)
 {
-    std::fprintf(stderr, "tandro iso15693: %s\n", ZEL_Status2String(st));
-    return 1;
+    return tandro::fail("iso15693", "", st);
 }
 
 // Security status of count blocks from first, in requests of at most 64 blocks (the tag's count form is

@@ -41,11 +41,8 @@ int fail(const char *cmd, const tandro::Options &opt, const std::string &what, Z
     std::string text = *jc ? jc : ZEL_Status2String(st);
     if ((st & 0xFFFF0u) == 0xA63C0u) // the card counts a wrong secret down
         text = "wrong PIN or code, " + std::to_string(st & 0x0F) + " tries left";
-    if (opt.json)
-        std::printf("{\"error\": %s, \"step\": %s, \"status\": %u}\n", tandro::json_string(text).c_str(),
-                    tandro::json_string(what).c_str(), st);
-    std::fprintf(stderr, "tandro %s: %s: %s\n", cmd, what.c_str(), text.c_str());
-    return 1;
+    (void)opt;
+    return tandro::fail_text(cmd, what + ": " + text, st);
 }
 
 // Opens the reader (the Java card scenario under --sim with no scenario of the caller's), puts the card in

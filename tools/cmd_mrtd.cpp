@@ -212,6 +212,10 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
     }
     if (!parse_passport_args(opt, given, a, err))
         return tandro::usage_error("passport", err);
+    // A CSCA folder named on the command line must be there: without it nothing can be validated.
+    if (struct stat st{}; !a.csca.empty() && (stat(a.csca.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+        return tandro::fail_text("passport", "--csca " + a.csca + ": not a readable folder",
+                                 ZEL_FILE_SYSTEM_PATH_NOT_EXISTS);
 
     tandro::ReaderSession session;
     if (!session.open("passport", opt))
@@ -228,10 +232,7 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
         a.csca = "./csca";
     initCryptoSubsys();
     tandro::GlobalReader global(session.hnd());
-    auto fail = [](const char *what, ZEL_STATUS st) {
-        std::fprintf(stderr, "tandro passport: %s: %s\n", what, ZEL_Status2String(st));
-        return 1;
-    };
+    auto fail = [](const char *what, ZEL_STATUS st) { return tandro::fail("passport", what, st); };
     tandro::PassportRead read;
     const char *step = nullptr;
     ZEL_STATUS st = tandro::read_passport(a.doc, a.birth, a.expiry, a.csca, a.photo, opt.debug ? 3 : 1, read, &step);
@@ -275,15 +276,17 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
         if (f == nullptr || std::fputs(json.c_str(), f) < 0) {
             if (f)
                 std::fclose(f);
-            std::fprintf(stderr, "tandro passport: cannot write %s\n", a.json_file.c_str());
-            return 1;
+            return tandro::fail_text("passport", "cannot write " + a.json_file, ZEL_FILE_SYSTEM_ERROR);
         }
         std::fclose(f);
         std::printf("JSON document: %s\n", a.json_file.c_str());
     } else if (opt.json) {
         std::printf("%s\n", json.c_str());
     }
-    return vst == ZEL_OK ? 0 : 1;
+    // A face image that was asked for and not written is a failure too.
+    if (read.photo_failed)
+        return tandro::fail_text("passport", "--photo " + a.photo + ": " + read.photo_note, ZEL_FILE_SYSTEM_ERROR);
+    return vst == ZEL_OK ? 0 : tandro::fail("passport", "validation", vst);
 }
 
 const tandro::Registration passport_cmd(

@@ -37,11 +37,8 @@ int help(const char *text)
 // A failure of the library: one line on standard error, and under --json the error object.
 int failed(const Options &opt, const char *command, const char *what, ZEL_STATUS st)
 {
-    std::fprintf(stderr, "tandro %s: %s: %s\n", command, what, ZEL_Status2String(st));
-    if (opt.json)
-        std::printf("{\"error\": %s, \"status\": %u}\n",
-                    tandro::json_string(std::string(what) + ": " + ZEL_Status2String(st)).c_str(), st);
-    return 1;
+    (void)opt;
+    return tandro::fail(command, what, st);
 }
 
 void done(const Options &opt, const std::string &what)
@@ -65,11 +62,8 @@ bool byte_arg(const std::string &text, uint8_t &out, uint32_t max = 0xFF)
 template <typename F> int with_reader(const char *command, const Options &opt, F step)
 {
     tandro::ReaderSession session;
-    if (!session.open(command, opt)) {
-        if (opt.json)
-            std::printf("{\"error\": \"no reader\", \"status\": null}\n");
+    if (!session.open(command, opt))
         return 1;
-    }
     return step(session.hnd());
 }
 

@@ -36,10 +36,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     }
     const bool json = opt.json;
     int rc = 0;
-    auto step_failed = [&](const char *what, ZEL_STATUS st) {
-        std::fprintf(stderr, "tandro demo: %s: %s\n", what, ZEL_Status2String(st));
-        rc = 1;
-    };
+    auto step_failed = [&](const char *what, ZEL_STATUS st) { rc = tandro::fail("demo", what, st); };
 
     // As an application opens a reader on a serial port; a pseudo-terminal has no reset line.
     ZEL_STATUS st = ReaderOpenEx(1, path, 1, "UNIT_OPEN_RESET_DISABLE");
@@ -57,9 +54,15 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
         zsim_free(sim);
         return 1;
     }
+    // Under --json the steps' objects form one array: the reader, the cards, the sector, the NDEF message
+    // and the passport.
+    auto next_section = [&] {
+        if (json)
+            std::printf(",\n");
+    };
     if (json)
         std::printf(
-            "{\"reader\": {\"port\": %s, \"type\": \"%08X\", \"serial_number\": %u, \"firmware\": \"%u.%u\"}}\n",
+            "[{\"reader\": {\"port\": %s, \"type\": \"%08X\", \"serial_number\": %u, \"firmware\": \"%u.%u\"}}\n",
             tandro::json_string(path).c_str(), type, serial, fw_major, fw_minor);
     else
         std::printf("Simulated reader on %s\n  type %08X, serial number %u, firmware %u.%u\n\nCards in the field\n",
@@ -72,6 +75,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
 
     // Every card in the field, by the reader's anti-collision.
     ZEL_HANDLE hnd = &zel_global;
+    next_section();
     rc |= tandro::print_card_list(hnd, json);
     DisableAntiCollision();
 
@@ -81,6 +85,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     if (st == ZEL_OK) {
         if (!json)
             std::printf("\nSector 1 of %s %s\n", front_card_name(), tandro::to_hex(uid, uid_len).c_str());
+        next_section();
         rc |= tandro::print_sector_dump(hnd, tandro::KeyOptions{}, 1, json);
         zsim_card_remove(sim, uid, uid_len);
     } else {
@@ -93,6 +98,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     if (st == ZEL_OK) {
         if (!json)
             std::printf("\nNDEF message of %s %s\n", front_card_name(), tandro::to_hex(uid, uid_len).c_str());
+        next_section();
         rc |= tandro::print_ndef(hnd, json);
         zsim_card_remove(sim, uid, uid_len);
     } else {
@@ -114,10 +120,12 @@ int run_demo(const tandro::Options &opt, const tandro::Args &)
     if (st != ZEL_OK) {
         step_failed(failed_step, st);
     } else if (json) {
+        next_section();
         std::printf("{\"passport\": {\"holder\": %s, \"document_integrity\": %s, \"csca_root_validity\": %s, "
                     "\"validation\": %s}}\n",
                     tandro::json_string(doc.holder).c_str(), doc.integrity ? "true" : "false",
                     doc.validity ? "true" : "false", tandro::json_string(ZEL_Status2String(doc.validation)).c_str());
+        std::printf("]\n");
     } else {
         std::printf("\nPassport over Basic Access Control\n");
         for (size_t at = 0; at < doc.holder.size();) {

@@ -17,8 +17,7 @@ const char *USAGE = "[--uid HEX] [info | counter N | increment N BY | nfc-counte
 
 int fail(ZEL_STATUS st)
 {
-    std::fprintf(stderr, "tandro t2t: %s\n", ZEL_Status2String(st));
-    return 1;
+    return tandro::fail("t2t", "", st);
 }
 
 // The product a GET_VERSION answer names: the product type (byte 2) and the storage size byte (byte 6).
@@ -217,6 +216,15 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
         return 0;
     }
     if (what == "ulc-auth" || what == "ulc-key") {
+        // The key write has no card check of its own and would land in the user memory of any other tag.
+        uint8_t type = 0;
+        if ((st = GetOrbCardTypeM(h, &type)) != ZEL_OK)
+            return fail(st);
+        if (type != ORB_MIFARE_ULTRALIGHT_C)
+            return tandro::fail_text("t2t",
+                                     std::string(what) + ": the card is " + ZEL_OrbCardType2String(type) +
+                                         ", not an Ultralight C" + (what == "ulc-key" ? "; nothing was written" : ""),
+                                     ZEL_UNSUPPORTED_CARD_TYPE);
         // Ultralight C keys are 16 bytes, k0 first.
         if (what == "ulc-auth")
             st = UlcAuth_PKM(h, p1.data());

@@ -103,6 +103,7 @@ ZEL_STATUS tandro::read_passport(const std::string &doc, const std::string &birt
         out.photo_note = ps == ZEL_OK ? base + (format == MRTD_IMAGE_JPEG ? ".jpeg" : ".jp2") + " (" +
                                             std::to_string(image_len) + " bytes)"
                                       : std::string("not written: ") + ZEL_Status2String(ps);
+        out.photo_failed = ps != ZEL_OK;
     }
     OrbFree(dg2);
     char *report = nullptr;

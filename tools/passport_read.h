@@ -27,9 +27,10 @@ struct SimCscaFolder {
 };
 
 struct PassportRead {
-    std::string holder;     // DG1 as text lines; empty when it could not be parsed
-    std::string photo_note; // where the face image went, when one was asked for
-    std::string report;     // the validation report
+    std::string holder;        // DG1 as text lines; empty when it could not be parsed
+    std::string photo_note;    // where the face image went, when one was asked for
+    bool photo_failed = false; // a face image was asked for and not written
+    std::string report;        // the validation report
     uint8_t integrity = 0, validity = 0;
     ZEL_STATUS validation = ZEL_OK;
 };

@@ -1,6 +1,11 @@
 // Reaching a reader from a tool command.
 #include "tools/session.h"
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -76,8 +81,40 @@ bool report(const char *command, const std::string &where, ZEL_STATUS st)
 {
     if (st == ZEL_OK)
         return true;
-    std::fprintf(stderr, "tandro %s: %s: %s\n", command, where.c_str(), ZEL_Status2String(st));
+    tandro::fail(command, where, st);
     return false;
+}
+
+// A device path's reason not to open, as the system gives it ("No such file or directory"), or empty.
+std::string path_problem(const std::string &port)
+{
+    if (port.empty() || port[0] != '/')
+        return std::string();
+    if (access(port.c_str(), R_OK | W_OK) == 0)
+        return std::string();
+    return std::strerror(errno);
+}
+
+// A pseudo-terminal has no RTS line, so it is opened without the reset pulse (Unix 98 slaves have the
+// majors 136 to 143).
+bool is_pseudo_terminal(const std::string &port)
+{
+    struct stat st {};
+    if (port.empty() || stat(port.c_str(), &st) != 0 || !S_ISCHR(st.st_mode))
+        return false;
+    return major(st.st_rdev) >= 136 && major(st.st_rdev) <= 143;
+}
+
+// HOST:PORT, the form of a network reader's address: a port number after the last colon and no slash.
+bool is_network_address(const std::string &port)
+{
+    const size_t colon = port.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == port.size() || port.find('/') != std::string::npos)
+        return false;
+    for (size_t i = colon + 1; i < port.size(); ++i)
+        if (port[i] < '0' || port[i] > '9')
+            return false;
+    return true;
 }
 
 } // namespace
@@ -88,19 +125,19 @@ bool ReaderSession::open(const char *command, const Options &opt)
     if (opt.sim) {
         sim_ = zsim_new();
         if (!sim_) {
-            std::fprintf(stderr, "tandro %s: the simulated reader did not start\n", command);
+            tandro::usage_error(command, "the simulated reader did not start");
             return false;
         }
         const int loaded = opt.sim_scenario.empty()
                                ? zsim_load_scenario(sim_, default_sim_scenario(), err, sizeof err)
                                : zsim_load_scenario_file(sim_, opt.sim_scenario.c_str(), err, sizeof err);
         if (loaded != 0) {
-            std::fprintf(stderr, "tandro %s: scenario: %s\n", command, err);
+            tandro::usage_error(command, std::string("scenario: ") + err);
             return false;
         }
         char path[256] = {};
         if (zsim_serve_pty(sim_, path, sizeof path) != 0) {
-            std::fprintf(stderr, "tandro %s: no pseudo-terminal for the simulated reader\n", command);
+            tandro::usage_error(command, "no pseudo-terminal for the simulated reader");
             return false;
         }
         where_ = std::string("simulated reader on ") + path;
@@ -123,14 +160,27 @@ bool ReaderSession::open(const char *command, const Options &opt)
         return true;
     }
     where_ = opt.port.empty() ? "reader" : opt.port;
+    hnd_ = Zel_Hnd_Create();
+    if (!hnd_)
+        return report(command, where_, ZEL_NO_MEMORY_ERROR);
+    const char *port = opt.port.empty() ? nullptr : opt.port.c_str();
+    if (opt.port_interface == 0 && is_network_address(opt.port)) {
+        // A network reader: datagrams first, then a stream, as the reader list does.
+        const char *arg = opt.arg.empty() ? "UNIT_OPEN_RESET_DISABLE" : opt.arg.c_str();
+        ZEL_STATUS st = ReaderOpenExHnd(hnd_, opt.reader_type, port, 'U', arg);
+        if (st != ZEL_OK)
+            st = ReaderOpenExHnd(hnd_, opt.reader_type, port, 'T', arg);
+        return report(command, where_, st);
+    }
     uint32_t type = opt.reader_type;
     if (type == 0 && opt.port_interface != 'T' && opt.port_interface != 'U' && !opt.port.empty())
         type = 1;
-    hnd_ = Zel_Hnd_Create();
-    return report(command, where_,
-                  hnd_ ? ReaderOpenExHnd(hnd_, type, opt.port.empty() ? nullptr : opt.port.c_str(), opt.port_interface,
-                                         opt.arg.empty() ? nullptr : opt.arg.c_str())
-                       : ZEL_NO_MEMORY_ERROR);
+    const char *arg = !opt.arg.empty()               ? opt.arg.c_str()
+                      : is_pseudo_terminal(opt.port) ? "UNIT_OPEN_RESET_DISABLE"
+                                                     : nullptr;
+    const ZEL_STATUS st = ReaderOpenExHnd(hnd_, type, port, opt.port_interface, arg);
+    const std::string problem = st == ZEL_OK ? std::string() : path_problem(opt.port);
+    return report(command, problem.empty() ? where_ : where_ + ": " + problem, st);
 }
 
 } // namespace tandro

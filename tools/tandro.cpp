@@ -1,4 +1,6 @@
 // tandro: the library from a shell. Each command lives in a cmd_*.cpp file of its own and registers itself.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -87,6 +89,74 @@ int usage(FILE *out)
     return out == stdout ? 0 : 2;
 }
 
+// The whole of what a stream wrote since it was made, and the stream closed.
+std::string drain(std::FILE *f)
+{
+    std::string out;
+    if (!f)
+        return out;
+    std::fflush(f);
+    std::rewind(f);
+    char buf[4096];
+    size_t n = 0;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
+        out.append(buf, n);
+    std::fclose(f);
+    return out;
+}
+
+// Under --json a command's standard output is exactly one JSON document: what it printed when it succeeds,
+// else the error object of its failure in place of anything partial. What it writes to standard error is
+// passed on after it ends. Commands that stream one object per event (watch, sim) are run as they are.
+int run_json(const tandro::Command &c, const tandro::Options &opt, const tandro::Args &args)
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::FILE *out = std::tmpfile(), *err = std::tmpfile();
+    const int saved_out = dup(STDOUT_FILENO), saved_err = dup(STDERR_FILENO);
+    if (!out || !err || saved_out < 0 || saved_err < 0 || dup2(fileno(out), STDOUT_FILENO) < 0 ||
+        dup2(fileno(err), STDERR_FILENO) < 0) {
+        for (std::FILE *f : {out, err})
+            if (f)
+                std::fclose(f);
+        for (int fd : {saved_out, saved_err})
+            if (fd >= 0) {
+                dup2(fd, fd == saved_out ? STDOUT_FILENO : STDERR_FILENO);
+                close(fd);
+            }
+        return c.run(opt, args);
+    }
+    const int rc = c.run(opt, args);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    dup2(saved_out, STDOUT_FILENO);
+    dup2(saved_err, STDERR_FILENO);
+    close(saved_out);
+    close(saved_err);
+    const std::string printed = drain(out), complaints = drain(err);
+    std::fwrite(complaints.data(), 1, complaints.size(), stderr);
+    if (rc == 0) {
+        std::fwrite(printed.data(), 1, printed.size(), stdout);
+        if (!printed.empty() && printed.back() != '\n')
+            std::fputc('\n', stdout);
+        return 0;
+    }
+    tandro::Failure failure = tandro::last_failure();
+    if (failure.message.empty()) {
+        // A failure the command did not report through the shared calls: its last line on standard error.
+        std::string last = complaints;
+        while (!last.empty() && last.back() == '\n')
+            last.pop_back();
+        last = last.substr(last.rfind('\n') == std::string::npos ? 0 : last.rfind('\n') + 1);
+        const std::string head = std::string("tandro ") + c.name + ": ";
+        if (last.rfind(head, 0) == 0)
+            last = last.substr(head.size());
+        failure.message = last.empty() ? std::string(c.name) + " failed" : last;
+    }
+    std::printf("%s\n", tandro::failure_json(failure).c_str());
+    return rc;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -121,7 +191,7 @@ int main(int argc, char **argv)
         ZEL_DebugPrintEnable(1);
     for (const auto &c : tandro::commands())
         if (name == c.name)
-            return c.run(opt, args);
+            return opt.json && name != "watch" && name != "sim" ? run_json(c, opt, args) : c.run(opt, args);
     std::fprintf(stderr, "tandro: unknown command \"%s\"\n\n", name.c_str());
     return usage(stderr);
 }
