@@ -1,17 +1,30 @@
 #!/usr/bin/env bash
-# Installs every Debian package the project needs. Idempotent: does nothing when all are there.
+# Installs the Debian packages the project needs. Idempotent: does nothing when all are there.
 # Run as root on Debian 12 (or with sudo available).
+#   install-deps.sh demo   what building the library, the tool and the simulated reader needs
+#   install-deps.sh test   that and what the tests need: GoogleTest, Google Benchmark, clang for the fuzz
+#                          targets and the sanitizers, Node.js and the npm oracles of the cross-checks
 set -euo pipefail
+PROFILE=${1:-test}
+case "$PROFILE" in
+  demo|test) ;;
+  *) echo "usage: install-deps.sh [demo|test]" >&2; exit 2 ;;
+esac
 
 PACKAGES=(
   build-essential g++ cmake make pkg-config
   libssl-dev zlib1g-dev libstb-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
-  ccache clang-format
-  nodejs
-  python3
+  ccache
 )
+if [ "$PROFILE" = test ]; then
+  PACKAGES+=(
+    libgtest-dev libgmock-dev libbenchmark-dev
+    clang libclang-rt-14-dev
+    clang-format
+    nodejs
+    python3
+  )
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do
@@ -20,7 +33,7 @@ for p in "${PACKAGES[@]}"; do
   fi
 done
 # npm may come with Node.js itself; only the Debian package is asked for when there is none.
-if ! command -v npm >/dev/null 2>&1; then
+if [ "$PROFILE" = test ] && ! command -v npm >/dev/null 2>&1; then
   missing+=(npm)
 fi
 if [ ${#missing[@]} -eq 0 ]; then
@@ -34,22 +47,26 @@ else
   $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
-# The independent NDEF parser of the NDEF cross-check test, pinned by its lock file.
-NDEF_CHECK="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/ndef_check"
-if [ -d "$NDEF_CHECK/node_modules/ndef" ]; then
-  echo "install-deps: ndef package present"
-else
-  # Not fatal: without it the cross-check test skips and says why.
-  (cd "$NDEF_CHECK" && npm ci --no-audit --no-fund) ||
-    echo "install-deps: the npm package ndef could not be installed; the NDEF cross-check test will skip"
-fi
+[ "$PROFILE" = test ] || exit 0
 
-# The independent BER-TLV parser of the payment card cross-check test, pinned by its lock file.
-EMV_CHECK="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/emv_check"
-if [ -d "$EMV_CHECK/node_modules/ber-tlv" ]; then
-  echo "install-deps: ber-tlv package present"
-else
-  # Not fatal: without it the cross-check test skips and says why.
-  (cd "$EMV_CHECK" && npm ci --no-audit --no-fund) ||
-    echo "install-deps: the npm package ber-tlv could not be installed; the payment card cross-check test will skip"
-fi
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+# The npm oracles of the cross-check tests, each pinned by its lock file. Not fatal: without them those tests
+# skip and say why. A registry that cannot be reached is given up on within seconds.
+NPM_QUICK=(--no-audit --no-fund --fetch-retries=0 --fetch-timeout=5000)
+registry_reachable=""
+npm_oracle() { # folder, package, what the package checks
+  local dir="$ROOT/tests/$1"
+  if [ -d "$dir/node_modules/$2" ]; then
+    echo "install-deps: $2 package present"
+    return 0
+  fi
+  if [ -z "$registry_reachable" ]; then
+    if timeout 10 npm ping "${NPM_QUICK[@]}" >/dev/null 2>&1; then registry_reachable=yes; else registry_reachable=no; fi
+  fi
+  if [ "$registry_reachable" = yes ] && (cd "$dir" && timeout 120 npm ci "${NPM_QUICK[@]}"); then
+    return 0
+  fi
+  echo "install-deps: the npm package $2 could not be installed; the $3 cross-check test will skip"
+}
+npm_oracle ndef_check ndef "NDEF"
+npm_oracle emv_check ber-tlv "payment card"

@@ -30,38 +30,42 @@ stage() { # name: ends the running stage (printing its time) and starts the next
 }
 
 build() { # dir, extra cmake args... (BUILD_TARGETS, when set, limits what is built)
+  # Every option is set on each call, so that no tree keeps what an earlier command chose (the demo's
+  # build without tests, say); the arguments given come last and win.
   local dir=$1; shift
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_TESTS=ON -DZEL_BENCH=ON -DZEL_FUZZ=OFF \
+    -DZEL_SANITIZE= "$@" >/dev/null
   # shellcheck disable=SC2086
   cmake --build "$dir" -j "$JOBS" ${BUILD_TARGETS:+--target $BUILD_TARGETS}
 }
 
 case "${1:-}" in
   demo)
-    bash scripts/install-deps.sh
+    bash scripts/install-deps.sh demo
     build build -DZEL_BENCH=OFF -DZEL_TESTS=OFF
     ./build/bin/tandro demo
     ;;
   test)
     stage "install"
-    bash scripts/install-deps.sh
+    bash scripts/install-deps.sh test
     stage "plain build"
     build build
     stage "plain tests"
-    (cd build && ctest --output-on-failure -j "$JOBS")
+    (cd build && ctest --output-on-failure --no-tests=error -j "$JOBS")
     stage "AddressSanitizer + UndefinedBehaviorSanitizer build"
     build build-asan -DZEL_SANITIZE=address -DZEL_BENCH=OFF
     stage "AddressSanitizer + UndefinedBehaviorSanitizer tests"
     (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-       ctest --output-on-failure -j "$JOBS")
+       ctest --output-on-failure --no-tests=error -j "$JOBS")
     stage "ThreadSanitizer build (threaded tests only)"
     BUILD_TARGETS="zel_threaded_tests" build build-tsan -DZEL_SANITIZE=thread -DZEL_BENCH=OFF
     stage "ThreadSanitizer tests"
-    (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$JOBS" -L threaded)
+    (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure --no-tests=error -j "$JOBS" -L threaded)
     stage "fuzz build"
     CC=clang CXX=clang++ BUILD_TARGETS=fuzz_all build build-fuzz -DZEL_FUZZ=ON -DZEL_TESTS=OFF -DZEL_BENCH=OFF
     targets=()
     for t in build-fuzz/fuzz/fuzz_*; do [ -x "$t" ] && targets+=("$t"); done
+    [ ${#targets[@]} -gt 0 ] || { echo "-- no fuzz target was built"; exit 1; }
     per=$(( ${#targets[@]} > 0 ? FUZZ_BUDGET / ${#targets[@]} : 0 ))
     [ "$per" -lt "$FUZZ_MIN_SECONDS" ] && per=$FUZZ_MIN_SECONDS
     stage "fuzz targets: ${#targets[@]} of ${per} s each (every seed first)"

@@ -112,6 +112,23 @@ TEST_F(CardSimTest, UltralightCKeyWritesThenAuthentication)
     EXPECT_EQ(Bytes(b, b + 16), Bytes(16, 0));
 }
 
+// A tag without 3DES authentication refuses the key write's authenticated linear write, as a reader does:
+// the key must not land in an NTAG's user memory.
+TEST_F(CardSimTest, KeyWriteOnATagWithout3desIsRefused)
+{
+    start(R"({"cards": [{"uid": "04A22B1A5C6480", "sak": "00", "atqa": "0044", "type": "ORB_NTAG_215",
+                         "model": "ntag215", "setup": {"pages": [{"page": 44, "data": "0102030405060708"}]}}]})");
+    uint8_t before[16], after[16];
+    ASSERT_EQ(BlockReadM(hnd, before, 44, 0x60, 0), ZEL_OK);
+    const uint8_t key[16] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7,
+                             0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD, 0xAE, 0xAF};
+    EXPECT_EQ(ULC_write_3des_key_factory_keyM(hnd, key), ZEL_AUTH_ERROR);
+    EXPECT_EQ(ULC_write_3des_keyM(hnd, key, FACTORY), ZEL_AUTH_ERROR);
+    ASSERT_EQ(BlockReadM(hnd, after, 44, 0x60, 0), ZEL_OK);
+    EXPECT_EQ(Bytes(after, after + 16), Bytes(before, before + 16));
+    EXPECT_EQ(before[0], 0x01);
+}
+
 TEST_F(CardSimTest, MifareAuthenticationAlone)
 {
     start(R"({"reader": {"keys": [{"index": 2, "key": "A0A1A2A3A4A5"}, {"index": 3, "key": "B0B1B2B3B4B5"}]},

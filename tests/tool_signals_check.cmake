@@ -28,7 +28,7 @@ run(help 0 "^usage: tandro rf get SET" rf --help)
 
 # Refused by the reader: exit code 1, a message, and under --json the error object alone on standard output.
 run(se_lock_slot_open 1 "ZEL_PARAMETERS_ERROR" se lock slot 3)
-run(features_mobile_json 1 "{\"error\": \"mobile: .*ZEL_NO_CARD\", \"status\": 8}" --json features mobile)
+run(features_mobile_json 1 "{\"error\": \"mobile: .*ZEL_NO_CARD\", \"status\": 8, \"status_text\": \".*ZEL_NO_CARD\"}" --json features mobile)
 
 # Refused before the reader is asked.
 run(signal_range 2 "^tandro signal: LIGHT SOUND" signal 256 1)

@@ -33,6 +33,8 @@ struct Command {
     const char *usage;   // arguments, for the help text
     const char *summary; // one line
     int (*run)(const Options &opt, const Args &args);
+    // True when the command prints its own --help; else the tool prints its usage and summary.
+    bool own_help = false;
 };
 struct Registration {
     explicit Registration(const Command &command);

@@ -358,6 +358,6 @@ int run_emv(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration emv_cmd({"emv", "[tree] [--show-pan] [--df NAME]",
                                     "a payment card's application, masked account number, expiry and last "
                                     "transaction; tree: its answers parsed",
-                                    run_emv});
+                                    run_emv, true});
 
 } // namespace

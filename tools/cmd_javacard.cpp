@@ -554,8 +554,9 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
 }
 
 const tandro::Registration signer_cmd({"signer", SIGNER_USAGE,
-                                       "Java card signer applet: keys, objects, PINs, signatures checked", run_signer});
+                                       "Java card signer applet: keys, objects, PINs, signatures checked", run_signer,
+                                       true});
 const tandro::Registration store_cmd({"store", STORE_USAGE, "Java card storage applet: list, get, put, remove files",
-                                      run_store});
+                                      run_store, true});
 
 } // namespace

@@ -424,13 +424,16 @@ int run_features(const Options &opt, const Args &a)
 }
 
 const tandro::Registration signal_cmd({"signal", "LIGHT SOUND | sound UNITS | speaker HERTZ",
-                                       "gives a light and sound signal, a sound, or sets the speaker", run_signal});
-const tandro::Registration led_cmd({"led", "red|rgb|green|internal ...", "drives the reader's LEDs", run_led});
+                                       "gives a light and sound signal, a sound, or sets the speaker", run_signal,
+                                       true});
+const tandro::Registration led_cmd({"led", "red|rgb|green|internal ...", "drives the reader's LEDs", run_led, true});
 const tandro::Registration sleep_cmd({"sleep", "enter|leave|auto [SECONDS]", "puts the reader to sleep and back",
-                                      run_sleep});
-const tandro::Registration rf_cmd({"rf", "get|set|default SET ...", "reads and sets the RF analog registers", run_rf});
-const tandro::Registration se_cmd({"se", "status|config|otp|info|lock ...", "the reader's secure element", run_se});
+                                      run_sleep, true});
+const tandro::Registration rf_cmd({"rf", "get|set|default SET ...", "reads and sets the RF analog registers", run_rf,
+                                   true});
+const tandro::Registration se_cmd({"se", "status|config|otp|info|lock ...", "the reader's secure element", run_se,
+                                   true});
 const tandro::Registration features_cmd({"features", "discovery|aid|mobile [set HEX]",
-                                         "the discovery loop, mobile id AID and mobile data", run_features});
+                                         "the discovery loop, mobile id AID and mobile data", run_features, true});
 
 } // namespace

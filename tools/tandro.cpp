@@ -66,9 +66,28 @@ bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &ba
     return true;
 }
 
+// The help of one command: its usage line and summary, and where the options every command takes are.
+int command_help(const tandro::Command &c, const tandro::Options &opt)
+{
+    if (c.own_help)
+        return c.run(opt, {"--help"});
+    std::printf("usage: tandro [OPTIONS] %s%s%s\n\n%s\n\nOPTIONS are those every command takes (tandro --help).\n",
+                c.name, c.usage[0] ? " " : "", c.usage, c.summary);
+    return 0;
+}
+
+const tandro::Command *find_command(const std::string &name)
+{
+    for (const auto &c : tandro::commands())
+        if (name == c.name)
+            return &c;
+    return nullptr;
+}
+
 int usage(FILE *out)
 {
-    std::fprintf(out, "usage: tandro [--json] [--debug] [--quiet] COMMAND [ARGS]\n\ncommands:\n");
+    std::fprintf(out, "usage: tandro [OPTIONS] COMMAND [ARGS]\n       tandro help COMMAND | COMMAND --help\n       "
+                      "tandro --version\n\ncommands:\n");
     std::vector<tandro::Command> list = tandro::commands();
     std::sort(list.begin(), list.end(), [](const auto &a, const auto &b) { return std::string(a.name) < b.name; });
     for (const auto &c : list) {
@@ -166,8 +185,20 @@ int main(int argc, char **argv)
     bool bad = false;
     for (; i < argc; ++i) {
         const std::string a = argv[i];
+        if (a == "help" && i + 1 < argc) {
+            const tandro::Command *c = find_command(argv[i + 1]);
+            if (!c) {
+                std::fprintf(stderr, "tandro: unknown command \"%s\"\n", argv[i + 1]);
+                return 2;
+            }
+            return command_help(*c, opt);
+        }
         if (a == "--help" || a == "-h" || a == "help")
             return usage(stdout);
+        if (a == "--version") {
+            std::printf("tandro %s\n", GetDllVersionStr());
+            return 0;
+        }
         if (!global_option(opt, argc, argv, i, bad))
             break;
         if (bad)
@@ -189,9 +220,18 @@ int main(int argc, char **argv)
     }
     if (opt.debug)
         ZEL_DebugPrintEnable(1);
-    for (const auto &c : tandro::commands())
-        if (name == c.name)
-            return opt.json && name != "watch" && name != "sim" ? run_json(c, opt, args) : c.run(opt, args);
-    std::fprintf(stderr, "tandro: unknown command \"%s\"\n\n", name.c_str());
-    return usage(stderr);
+    const tandro::Command *c = find_command(name);
+    if (!c) {
+        if (opt.json) {
+            tandro::usage_error("tandro", "unknown command \"" + name + "\"");
+            std::printf("%s\n", tandro::failure_json(tandro::last_failure()).c_str());
+            return 2;
+        }
+        std::fprintf(stderr, "tandro: unknown command \"%s\"\n\n", name.c_str());
+        return usage(stderr);
+    }
+    if (name != "sim" && std::find_if(args.begin(), args.end(),
+                                      [](const std::string &a) { return a == "--help" || a == "-h"; }) != args.end())
+        return command_help(*c, opt);
+    return opt.json && name != "watch" && name != "sim" ? run_json(*c, opt, args) : c->run(opt, args);
 }

@@ -209,7 +209,8 @@ public:
     {
         uint8_t k[16];
         if (!ulc_key(k))
-            return 0;
+            return -1; // no 3DES on this tag: the reader's authentication fails
+
         return std::memcmp(k, key, 16) == 0 ? static_cast<int>(kind_.pages - 4 - kind_.user_pages) : -1;
     }
 
