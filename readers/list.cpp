@@ -407,7 +407,8 @@ extern "C" ZEL_API ZEL_STATUS GetReaderInfo(ZEL_HANDLE hnd)
     info->esp = 0;
     info->ftdi_serial[0] = info->ftdi_description[0] = '\0';
     const D2xxTable &ft = d2xx();
-    if (hnd->comm.use == ZEL_PORT_FTDI && hnd->ftdi_loaded && ft.FT_CreateDeviceInfoList && ft.FT_GetDeviceInfoDetail) {
+    // The D2XX library counts as loaded when its table is filled: the record's own flag is set by some opens only.
+    if (hnd->comm.use == ZEL_PORT_FTDI && ft.FT_CreateDeviceInfoList && ft.FT_GetDeviceInfoDetail) {
         uint32_t n = 0;
         if (ft.FT_CreateDeviceInfoList(&n) == FT_OK) {
             for (uint32_t i = 0; i < n && i < 64; ++i) {
@@ -483,6 +484,9 @@ ZEL_STATUS ReaderList_UpdateAndGetCountHnd(ZEL_HANDLE, uint32_t *count)
             (void)ReaderCloseHnd(rec);
             continue;
         }
+        // An FTDI open by serial leaves the record's port empty: the port is the serial it was opened by.
+        if (!rec->try_port[0] && rec->comm.use == ZEL_PORT_FTDI)
+            Zel_Hnd_assign_try_port(rec, e.ftdi_port_name);
         (void)GetReaderInfo(rec);
         if (EntryInfo *i = info_for(rec, false)) {
             i->esp = e.network_front;
