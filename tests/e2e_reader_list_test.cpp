@@ -108,15 +108,15 @@ TEST_F(ReaderListTest, ScanFindsFtdiSerialAndEspFrontReaders)
 {
     uint16_t udp_port = 0;
     network_reader(&udp_port);
-    ftdi_readers(R"({"devices": [)" +
-                 classic_reader("ZF000001", 1, R"({"kind": "d2xx", "serial": "FT000001", "description": "Zel reader"})") +
-                 "," +
-                 R"({"reader": {"serial_description": "ZE000001"}, "time_scale": 10,
+    ftdi_readers(
+        R"({"devices": [)" +
+        classic_reader("ZF000001", 1, R"({"kind": "d2xx", "serial": "FT000001", "description": "Zel reader"})") + "," +
+        R"({"reader": {"serial_description": "ZE000001"}, "time_scale": 10,
                      "esp_front": {"address": "127.0.0.1:)" +
-                 std::to_string(udp_port) +
-                 R"("}, "links": [{"kind": "d2xx", "serial": "FT000002", "description": "Zel ESP front"}]}]})");
-    serial_readers({classic_reader("ZS000001", 2, R"({"kind": "pty"})"),
-                    classic_reader("ZS000002", 3, R"({"kind": "pty"})")});
+        std::to_string(udp_port) +
+        R"("}, "links": [{"kind": "d2xx", "serial": "FT000002", "description": "Zel ESP front"}]}]})");
+    serial_readers(
+        {classic_reader("ZS000001", 2, R"({"kind": "pty"})"), classic_reader("ZS000002", 3, R"({"kind": "pty"})")});
 
     uint32_t count = 99;
     ASSERT_EQ(ReaderList_UpdateAndGetCount(&count), ZEL_OK);
@@ -199,8 +199,8 @@ TEST_F(ReaderListTest, EmptyListAnswersOutOfBoundBeforeCheckingPointers)
 TEST_F(ReaderListTest, AddOpenDestroyAndRescan)
 {
     ftdi_readers(R"({"devices": []})");
-    serial_readers({classic_reader("ZS000011", 4, R"({"kind": "pty"})"),
-                    classic_reader("ZS000012", 5, R"({"kind": "pty"})")});
+    serial_readers(
+        {classic_reader("ZS000011", 4, R"({"kind": "pty"})"), classic_reader("ZS000012", 5, R"({"kind": "pty"})")});
     uint32_t count = 0;
     ASSERT_EQ(ReaderList_UpdateAndGetCount(&count), ZEL_OK);
     ASSERT_EQ(count, 2u);
@@ -292,8 +292,8 @@ TEST_F(ReaderListTest, EightReadersOnEightThreads)
     ftdi_readers(R"({"devices": []})");
     std::vector<std::string> readers;
     for (uint8_t i = 0; i < 8; ++i)
-        readers.push_back(classic_reader("ZT00000" + std::to_string(i), static_cast<uint8_t>(0x10 + i),
-                                         R"({"kind": "pty"})"));
+        readers.push_back(
+            classic_reader("ZT00000" + std::to_string(i), static_cast<uint8_t>(0x10 + i), R"({"kind": "pty"})"));
     serial_readers(readers);
     uint32_t count = 0;
     ASSERT_EQ(ReaderList_UpdateAndGetCount(&count), ZEL_OK);
