@@ -218,8 +218,12 @@ void add_serial_entries(std::vector<DeviceEntry> &out, const zel_ftdi_device *re
         return;
     const int32_t n = ports->count < 0 ? 0 : ports->count > ZEL_COM_PORTS_MAX ? ZEL_COM_PORTS_MAX : ports->count;
     for (int32_t i = 0; i < n; ++i) {
-        char name[64];
-        std::snprintf(name, sizeof name, "%.*s%d", 40, ports->prefix[i], ports->number[i]);
+        char name[96];
+        const int len = std::snprintf(name, sizeof name, "%.64s%d", ports->prefix[i], ports->number[i]);
+        if (len < 0 || static_cast<size_t>(len) >= sizeof DeviceEntry::com_port_name) {
+            dp(6, "port name too long: %s", name);
+            continue;
+        }
         bool taken = false;
         for (const zel_ftdi_device *list : {readers, adapters})
             for (const zel_ftdi_device *d = list; d && !taken; d = d->next)
@@ -230,7 +234,7 @@ void add_serial_entries(std::vector<DeviceEntry> &out, const zel_ftdi_device *re
         e.count = static_cast<uint32_t>(out.size() + 1);
         e.port_interface = 1;
         e.reader_type = 2;
-        std::snprintf(e.com_port_name, sizeof e.com_port_name, "%s", name);
+        std::memcpy(e.com_port_name, name, static_cast<size_t>(len) + 1);
         out.push_back(e);
     }
 }

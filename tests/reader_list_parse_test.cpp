@@ -15,7 +15,8 @@ bool address(const std::string &reply, std::string *out = nullptr)
 {
     char text[32];
     std::memset(text, 'x', sizeof text);
-    const bool ok = address_from_reply(reinterpret_cast<const uint8_t *>(reply.data()), reply.size(), text, sizeof text);
+    const bool ok =
+        address_from_reply(reinterpret_cast<const uint8_t *>(reply.data()), reply.size(), text, sizeof text);
     EXPECT_NE(std::memchr(text, '\0', sizeof text), nullptr) << "the output is always terminated";
     if (out)
         *out = text;

@@ -78,11 +78,12 @@ int run_readers(const tandro::Options &opt, const tandro::Args &args)
         std::snprintf(number_text, sizeof number_text, "%08X", number);
         const std::string port = port_of(h);
         if (opt.json)
-            std::printf("%s{\"index\": %u, \"link\": \"%s\", \"port\": %s, \"type\": \"%s\", \"serial_number\": \"%s\", "
-                        "\"serial\": %s, \"description\": %s, \"firmware\": %s, \"esp\": %s}",
-                        i ? ", " : "", i, link_name(h), tandro::json_string(port).c_str(), type_text, number_text,
-                        tandro::json_string(serial).c_str(), tandro::json_string(desc).c_str(),
-                        tandro::json_string(fw).c_str(), esp ? "true" : "false");
+            std::printf(
+                "%s{\"index\": %u, \"link\": \"%s\", \"port\": %s, \"type\": \"%s\", \"serial_number\": \"%s\", "
+                "\"serial\": %s, \"description\": %s, \"firmware\": %s, \"esp\": %s}",
+                i ? ", " : "", i, link_name(h), tandro::json_string(port).c_str(), type_text, number_text,
+                tandro::json_string(serial).c_str(), tandro::json_string(desc).c_str(), tandro::json_string(fw).c_str(),
+                esp ? "true" : "false");
         else
             std::printf("%2u  %-6s %-28s type %s  serial number %s  %-8s  %s%s%s\n", i, link_name(h), port.c_str(),
                         type_text, number_text, serial, desc[0] ? desc : "-", esp ? "  (ESP front)" : "",
