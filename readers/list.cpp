@@ -248,6 +248,18 @@ void free_devices(zel_ftdi_device *d)
     }
 }
 
+ZEL_STATUS number_out(int32_t index, uint32_t *out, uint32_t EntryInfo::*field)
+{
+    ZEL_HANDLE e = entry_at(index);
+    if (!e)
+        return ZEL_DEVICE_INDEX_OUT_OF_BOUND;
+    if (!out)
+        return ZEL_PARAMETERS_ERROR;
+    const EntryInfo *i = info_for(e, false);
+    *out = i ? i->*field : 0;
+    return ZEL_OK;
+}
+
 ZEL_STATUS copy_text_out(int32_t index, char *out, char (EntryInfo::*field)[ZEL_READER_LIST_TEXT_LEN])
 {
     ZEL_HANDLE e = entry_at(index);
@@ -536,14 +548,7 @@ ZEL_STATUS ReaderList_GetInformationHnd(ZEL_HANDLE, int32_t index, ZEL_HANDLE *h
 
 ZEL_STATUS ReaderList_GetSerialByIndexHnd(ZEL_HANDLE, int32_t index, uint32_t *serial_number)
 {
-    ZEL_HANDLE e = entry_at(index);
-    if (!e)
-        return ZEL_DEVICE_INDEX_OUT_OF_BOUND;
-    if (!serial_number)
-        return ZEL_PARAMETERS_ERROR;
-    const EntryInfo *i = info_for(e, false);
-    *serial_number = i ? i->serial_number : 0;
-    return ZEL_OK;
+    return number_out(index, serial_number, &EntryInfo::serial_number);
 }
 
 ZEL_STATUS ReaderList_GetSerialDescriptionByIndexHnd(ZEL_HANDLE, int32_t index, char *serial_description)
@@ -559,14 +564,7 @@ ZEL_STATUS ReaderList_GetSerialDescriptionByIndexHnd(ZEL_HANDLE, int32_t index, 
 
 ZEL_STATUS ReaderList_GetTypeByIndexHnd(ZEL_HANDLE, int32_t index, uint32_t *type)
 {
-    ZEL_HANDLE e = entry_at(index);
-    if (!e)
-        return ZEL_DEVICE_INDEX_OUT_OF_BOUND;
-    if (!type)
-        return ZEL_PARAMETERS_ERROR;
-    const EntryInfo *i = info_for(e, false);
-    *type = i ? i->type : 0;
-    return ZEL_OK;
+    return number_out(index, type, &EntryInfo::type);
 }
 
 ZEL_STATUS ReaderList_GetFTDISerialByIndexHnd(ZEL_HANDLE, int32_t index, char *ftdi_serial)

@@ -135,6 +135,17 @@ struct Options {
 
 bool run_until_stopped(zsim *sim);
 
+// The command line's log, time scale and line, over what the scenario said.
+void apply_options(zsim *sim, const Options &o)
+{
+    if (o.log)
+        zsim_set_log(sim, 1);
+    if (o.time_scale >= 0)
+        zsim_set_time_scale(sim, static_cast<uint32_t>(o.time_scale));
+    if (o.line_given)
+        zsim_set_line(sim, o.line_rate, o.line_turnaround_us);
+}
+
 // A scenario file that lists "readers": several simulated readers, each serving its links (standard input's
 // commands go to the first). Returns -1 when the file is not such a list.
 int serve_readers(const Options &o, const char *prog)
@@ -160,12 +171,7 @@ int serve_readers(const Options &o, const char *prog)
     }
     for (size_t i = 0; i < zsim_set_count(set); ++i) {
         zsim *sim = zsim_set_reader(set, i);
-        if (o.log)
-            zsim_set_log(sim, 1);
-        if (o.time_scale >= 0)
-            zsim_set_time_scale(sim, static_cast<uint32_t>(o.time_scale));
-        if (o.line_given)
-            zsim_set_line(sim, o.line_rate, o.line_turnaround_us);
+        apply_options(sim, o);
     }
     std::fputs(report, stdout);
     std::fflush(stdout);
@@ -231,12 +237,7 @@ int serve(zsim *sim, const Options &o, const char *prog)
         std::fprintf(stderr, "%s: %s\n", prog, err);
         return 2;
     }
-    if (o.log)
-        zsim_set_log(sim, 1);
-    if (o.time_scale >= 0)
-        zsim_set_time_scale(sim, static_cast<uint32_t>(o.time_scale));
-    if (o.line_given)
-        zsim_set_line(sim, o.line_rate, o.line_turnaround_us);
+    apply_options(sim, o);
     {
         // Links of the command line come after the scenario's.
         std::lock_guard<std::mutex> lock(sim->mu);
