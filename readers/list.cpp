@@ -248,33 +248,56 @@ void free_devices(zel_ftdi_device *d)
     }
 }
 
-ZEL_STATUS number_out(int32_t index, uint32_t *out, uint32_t EntryInfo::*field)
+// The entry at index and what is known of it (null when nothing is), for a single-field output.
+ZEL_STATUS entry_for_output(int32_t index, const void *out, const EntryInfo **info)
 {
     ZEL_HANDLE e = entry_at(index);
     if (!e)
         return ZEL_DEVICE_INDEX_OUT_OF_BOUND;
     if (!out)
         return ZEL_PARAMETERS_ERROR;
-    const EntryInfo *i = info_for(e, false);
-    *out = i ? i->*field : 0;
+    *info = info_for(e, false);
     return ZEL_OK;
+}
+
+ZEL_STATUS number_out(int32_t index, uint32_t *out, uint32_t EntryInfo::*field)
+{
+    const EntryInfo *i = nullptr;
+    const ZEL_STATUS st = entry_for_output(index, out, &i);
+    if (st == ZEL_OK)
+        *out = i ? i->*field : 0;
+    return st;
 }
 
 ZEL_STATUS copy_text_out(int32_t index, char *out, char (EntryInfo::*field)[ZEL_READER_LIST_TEXT_LEN])
 {
-    ZEL_HANDLE e = entry_at(index);
-    if (!e)
-        return ZEL_DEVICE_INDEX_OUT_OF_BOUND;
-    if (!out)
-        return ZEL_PARAMETERS_ERROR;
-    const EntryInfo *i = info_for(e, false);
-    std::snprintf(out, ZEL_READER_LIST_TEXT_LEN, "%s", i ? i->*field : "");
-    return ZEL_OK;
+    const EntryInfo *i = nullptr;
+    const ZEL_STATUS st = entry_for_output(index, out, &i);
+    if (st == ZEL_OK)
+        std::snprintf(out, ZEL_READER_LIST_TEXT_LEN, "%s", i ? i->*field : "");
+    return st;
 }
 
 } // namespace
 
 namespace zel::readers {
+
+namespace {
+
+// Up to max decimal digits from reply[i] on, into v; the count read.
+size_t read_digits(const uint8_t *reply, size_t n, size_t &i, size_t max, uint32_t &v)
+{
+    size_t digits = 0;
+    v = 0;
+    while (i < n && std::isdigit(reply[i]) && digits < max) {
+        v = v * 10 + static_cast<uint32_t>(reply[i] - '0');
+        ++i;
+        ++digits;
+    }
+    return digits;
+}
+
+} // namespace
 
 void copy_field(char *out, size_t out_len, const char *in, size_t in_len)
 {
@@ -313,12 +336,7 @@ bool address_from_reply(const uint8_t *reply, size_t len, char *out, size_t out_
             ++i;
         }
         uint32_t v = 0;
-        size_t digits = 0;
-        while (i < n && std::isdigit(reply[i]) && digits < 4) {
-            v = v * 10 + static_cast<uint32_t>(reply[i] - '0');
-            ++i;
-            ++digits;
-        }
+        const size_t digits = read_digits(reply, n, i, 4, v);
         if (digits == 0 || digits > 3 || v > 255)
             return false;
         any = any || v != 0;
@@ -328,12 +346,7 @@ bool address_from_reply(const uint8_t *reply, size_t len, char *out, size_t out_
             return false;
         ++i;
         uint32_t port = 0;
-        size_t digits = 0;
-        while (i < n && std::isdigit(reply[i]) && digits < 6) {
-            port = port * 10 + static_cast<uint32_t>(reply[i] - '0');
-            ++i;
-            ++digits;
-        }
+        const size_t digits = read_digits(reply, n, i, 6, port);
         if (i != n || digits == 0 || port == 0 || port > 65535)
             return false;
     }
