@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
+#include <string>
 
 #include "host.h"
 #include "line.h"
@@ -42,13 +44,25 @@ namespace {
 
 const std::vector<uint8_t> kTypeCommand = {0x55, 0x10, 0xAA, 0x00, 0x00, 0x00, 0xF6};
 
-TEST(SimLine, ModelledLineWaitsTheTurnaroundBeforeAnswering)
+// A simulated reader on a pseudo-terminal, and a raw host on its other side.
+class SimLinePty : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        sim = zsim_new();
+        ASSERT_NE(sim, nullptr);
+        char path[256];
+        ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
+        host = std::make_unique<RawHost>(path);
+    }
+    void TearDown() override { zsim_free(sim); }
+    zsim *sim = nullptr;
+    std::unique_ptr<RawHost> host;
+};
+
+TEST_F(SimLinePty, ModelledLineWaitsTheTurnaroundBeforeAnswering)
 {
-    zsim *sim = zsim_new();
-    ASSERT_NE(sim, nullptr);
-    char path[256];
-    ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-    RawHost host(path);
+    RawHost &host = *this->host;
     // A turnaround long enough that no scheduling noise can fake it.
     zsim_set_line(sim, 115200, 40000);
     const auto start = std::chrono::steady_clock::now();
@@ -59,16 +73,11 @@ TEST(SimLine, ModelledLineWaitsTheTurnaroundBeforeAnswering)
     EXPECT_EQ(reply[1], 0x10);
     // 40 ms of turnaround and the wire time of 7 bytes each way (608 us each).
     EXPECT_GE(took, std::chrono::microseconds(40000 + 2 * 608));
-    zsim_free(sim);
 }
 
-TEST(SimLine, EspFrontAnswersTheAddressQuestionOnly)
+TEST_F(SimLinePty, EspFrontAnswersTheAddressQuestionOnly)
 {
-    zsim *sim = zsim_new();
-    ASSERT_NE(sim, nullptr);
-    char path[256];
-    ASSERT_EQ(zsim_serve_pty(sim, path, sizeof path), 0);
-    RawHost host(path);
+    RawHost &host = *this->host;
     const std::string q = "!GET_DEVICE_IP_AD!";
     // Not a front: the question is noise to the reader, which still answers frames after it.
     ASSERT_TRUE(host.send(std::vector<uint8_t>(q.begin(), q.end())));
@@ -87,7 +96,6 @@ TEST(SimLine, EspFrontAnswersTheAddressQuestionOnly)
     ASSERT_TRUE(host.send(std::vector<uint8_t>(q.begin(), q.end())));
     const std::vector<uint8_t> none = host.recv(9);
     EXPECT_EQ(std::string(none.begin(), none.end()), "0.0.0.0\r\n");
-    zsim_free(sim);
 }
 
 } // namespace
