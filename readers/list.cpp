@@ -146,15 +146,15 @@ bool ask_address(ZEL_HANDLE rec, char *address, size_t address_len)
 }
 
 // Moves an ESP front's reader to its network address when it has one: the network record takes the working
-// record's place, and the serial link to the front is closed.
-void switch_to_network(ZEL_HANDLE rec)
+// record's place, and the serial link to the front is closed. True when it did.
+bool switch_to_network(ZEL_HANDLE rec)
 {
     char address[readers::kAddressReplyMax];
     if (!ask_address(rec, address, sizeof address))
-        return;
+        return false;
     zel_handle_record *net = static_cast<zel_handle_record *>(std::calloc(1, sizeof(zel_handle_record)));
     if (!net)
-        return;
+        return false;
     zel_handle_init(net);
     ZEL_STATUS status = ReaderOpenExHnd(net, 0, address, 'U', "UNIT_OPEN_RESET_DISABLE");
     if (status != ZEL_OK) {
@@ -170,6 +170,7 @@ void switch_to_network(ZEL_HANDLE rec)
         (void)ReaderCloseHnd(net);
     }
     std::free(net);
+    return status == ZEL_OK;
 }
 
 bool same_name(const char *a, const char *b)
@@ -504,8 +505,9 @@ ZEL_STATUS ReaderList_UpdateAndGetCountHnd(ZEL_HANDLE, uint32_t *count)
         zel_handle_init(rec);
         rec->esp_session = 0;
         ZEL_STATUS status = open_entry(rec, e);
-        if (e.network_front)
-            switch_to_network(rec);
+        // The front is asked whatever the open gave; a reader reached on the network counts as opened.
+        if (e.network_front && switch_to_network(rec))
+            status = ZEL_OK;
         if (status != ZEL_OK || rec == spare.get()) {
             if (status == ZEL_OK)
                 dp(6, "reader list full: %s dropped", e.has_ftdi ? e.ftdi_port_name : e.com_port_name);
