@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "core.h"
+#include "json.h"
+#include "line.h"
 #include "links.h"
 #include "zelsim.h"
 
@@ -51,6 +53,10 @@ const char USAGE[] =
     "  --type HEX            the reader type (default D1180022)\n"
     "  --card UID[:SAK[:ATQA[:TYPE]]]  put a card in the field (hex; TYPE may be a name like ORB_NTAG_213)\n"
     "  --time-scale PERCENT  run the reader's own times (the boot) faster or slower; 100 is real time\n"
+    "  --line RATE[,MS]      model the line: RATE bit/s (10 bits a byte on serial links, 8 on network\n"
+    "                        links) and a reader turnaround of MS milliseconds per command (default 2)\n"
+    "  --ports DIR           with a scenario that lists \"readers\": show each pseudo-terminal as DIR/ttyUSBn\n"
+    "                        with a device tree in DIR/sys, for the library's port enumeration\n"
     "  --log                 log every exchange on standard error\n"
     "  --commands            read commands from standard input even when it is not a terminal (a pipe)\n"
     "  --help                this text\n"
@@ -124,6 +130,9 @@ struct Options {
     bool short_discovery = false;
     int time_scale = -1;
     bool commands = false;
+    bool line_given = false;
+    uint32_t line_rate = 0, line_turnaround_us = 0;
+    const char *ports_dir = nullptr;
 };
 
 // Whether standard input brings commands: always with --commands; else only from a terminal whose
@@ -135,46 +144,59 @@ bool read_commands(const Options &o)
     return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp();
 }
 
-int serve(zsim *sim, const Options &o, const char *prog)
+bool run_until_stopped(zsim *sim, const Options &o);
+
+// The command line's log, time scale and line, over what the scenario said.
+void apply_options(zsim *sim, const Options &o)
 {
-    char err[512] = {};
-    if (o.scenario && zsim_load_scenario_file(sim, o.scenario, err, sizeof err) != 0) {
-        std::fprintf(stderr, "%s: %s\n", prog, err);
-        return 2;
-    }
     if (o.log)
         zsim_set_log(sim, 1);
     if (o.time_scale >= 0)
         zsim_set_time_scale(sim, static_cast<uint32_t>(o.time_scale));
-    {
-        // Links of the command line come after the scenario's.
-        std::lock_guard<std::mutex> lock(sim->mu);
-        for (auto l : o.links) {
-            if (l.kind == "discovery")
-                l.short_form = o.short_discovery;
-            sim->link_specs.push_back(l);
-        }
-        if (o.short_discovery)
-            for (auto &l : sim->link_specs)
-                if (l.kind == "discovery")
-                    l.short_form = true;
-    }
-    char report[2048] = {};
-    const int rc = zsim_serve_links(sim, report, sizeof report);
-    std::fputs(report, stdout);
-    std::fflush(stdout);
-    if (rc != 0) {
-        std::fprintf(stderr, "%s: a link did not start\n", prog);
-        zsim_stop(sim);
-        return 1;
-    }
-    if (!report[0]) {
-        std::fprintf(stderr, "%s: no link to serve (try --pty)\n", prog);
+    if (o.line_given)
+        zsim_set_line(sim, o.line_rate, o.line_turnaround_us);
+}
+
+// A scenario file that lists "readers": several simulated readers, each serving its links (standard input's
+// commands go to the first). Returns -1 when the file is not such a list.
+int serve_readers(const Options &o, const char *prog)
+{
+    FILE *f = o.scenario ? std::fopen(o.scenario, "rb") : nullptr;
+    if (!f)
+        return -1;
+    std::string text;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && text.size() <= (1u << 22))
+        text.append(buf, n);
+    std::fclose(f);
+    zs::Json root;
+    std::string msg;
+    if (text.size() > (1u << 22) || !zs::json_parse(text.c_str(), text.size(), root, msg) || !root.get("readers"))
+        return -1;
+    char report[8192] = {}, err[512] = {};
+    zsim_set *set = zsim_set_start(text.c_str(), o.ports_dir, report, sizeof report, err, sizeof err);
+    if (!set) {
+        std::fprintf(stderr, "%s: %s\n", prog, err);
         return 2;
     }
+    for (size_t i = 0; i < zsim_set_count(set); ++i) {
+        zsim *sim = zsim_set_reader(set, i);
+        apply_options(sim, o);
+    }
+    std::fputs(report, stdout);
+    std::fflush(stdout);
+    const bool ok = run_until_stopped(zsim_set_reader(set, 0), o);
+    zsim_set_free(set);
+    return ok ? 0 : 1;
+}
 
+// Takes standard input's commands for sim until quit, a signal or the end of input. False when the stop pipe
+// cannot be made.
+bool run_until_stopped(zsim *sim, const Options &o)
+{
     if (pipe2(g_stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return 1;
+        return false;
     g_stop = 0;
     struct sigaction sa {
     }, old_int{}, old_term{};
@@ -216,6 +238,46 @@ int serve(zsim *sim, const Options &o, const char *prog)
     close(g_stop_pipe[0]);
     close(g_stop_pipe[1]);
     g_stop_pipe[0] = g_stop_pipe[1] = -1;
+    return true;
+}
+
+int serve(zsim *sim, const Options &o, const char *prog)
+{
+    char err[512] = {};
+    if (o.scenario && zsim_load_scenario_file(sim, o.scenario, err, sizeof err) != 0) {
+        std::fprintf(stderr, "%s: %s\n", prog, err);
+        return 2;
+    }
+    apply_options(sim, o);
+    {
+        // Links of the command line come after the scenario's.
+        std::lock_guard<std::mutex> lock(sim->mu);
+        for (auto l : o.links) {
+            if (l.kind == "discovery")
+                l.short_form = o.short_discovery;
+            sim->link_specs.push_back(l);
+        }
+        if (o.short_discovery)
+            for (auto &l : sim->link_specs)
+                if (l.kind == "discovery")
+                    l.short_form = true;
+    }
+    char report[2048] = {};
+    const int rc = zsim_serve_links(sim, report, sizeof report);
+    std::fputs(report, stdout);
+    std::fflush(stdout);
+    if (rc != 0) {
+        std::fprintf(stderr, "%s: a link did not start\n", prog);
+        zsim_stop(sim);
+        return 1;
+    }
+    if (!report[0]) {
+        std::fprintf(stderr, "%s: no link to serve (try --pty)\n", prog);
+        return 2;
+    }
+
+    if (!run_until_stopped(sim, o))
+        return 1;
     zsim_stop(sim);
     return 0;
 }
@@ -276,6 +338,14 @@ extern "C" int zsim_main(int argc, char **argv)
             o.time_scale = static_cast<int>(v);
         } else if (a == "--commands") {
             o.commands = true;
+        } else if (a == "--line" && has_value) {
+            o.line_given = zs::line_parse(argv[++i], o.line_rate, o.line_turnaround_us);
+            if (!o.line_given) {
+                std::fprintf(stderr, "%s: bad line '%s' (RATE[,TURNAROUND_MS])\n", prog, argv[i]);
+                rc = 2;
+            }
+        } else if (a == "--ports" && has_value) {
+            o.ports_dir = argv[++i];
         } else if (a == "--log") {
             o.log = true;
         } else if (a == "--scenario" && has_value) {
@@ -301,6 +371,8 @@ extern "C" int zsim_main(int argc, char **argv)
             rc = 2;
         }
     }
+    if (rc < 0)
+        rc = serve_readers(o, prog);
     if (rc < 0)
         rc = serve(sim, o, prog);
     zsim_free(sim);

@@ -108,6 +108,12 @@ struct zsim {
     std::vector<std::unique_ptr<zs::Link>> links;
     std::vector<zs::LinkSpec> link_specs; // under mu
     zs::DiscoveryTarget discovery_target; // under mu
+    // The line model (sim/line.h): bit rate, 0 for none, and the turnaround after each command.
+    std::atomic<uint32_t> line_rate{0};
+    std::atomic<uint32_t> line_turnaround_us{0};
+    // An ESP front answers the address question with esp_address ("0.0.0.0" when empty); under mu.
+    bool esp_front = false;
+    std::string esp_address;
 };
 
 #endif

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "core.h"
+#include "line.h"
 #include "links.h"
 
 namespace zs {
@@ -139,7 +140,7 @@ struct UdpLink : ThreadLink {
                 if (n >= 0) {
                     peer = from;
                     have_peer = true;
-                    link_input(sim, core, buf, static_cast<size_t>(n));
+                    line_input(sim, core, buf, static_cast<size_t>(n), false);
                 }
             }
             out.clear();
@@ -147,6 +148,7 @@ struct UdpLink : ThreadLink {
                 close_all(); // the socket is gone: nothing more is heard or answered
                 return;
             }
+            line_output(sim, out.size(), false);
             for (size_t pos = 0; have_peer && pos < out.size(); pos += MAX_DATAGRAM) {
                 const size_t n = out.size() - pos < MAX_DATAGRAM ? out.size() - pos : MAX_DATAGRAM;
                 sendto(fd, out.data() + pos, n, 0, reinterpret_cast<sockaddr *>(&peer), sizeof peer);
@@ -206,7 +208,7 @@ struct TcpLink : ThreadLink {
             if (ev & (POLLIN | POLLHUP | POLLERR)) {
                 const ssize_t n = read(conn, buf, sizeof buf);
                 if (n > 0) {
-                    link_input(sim, core, buf, static_cast<size_t>(n));
+                    line_input(sim, core, buf, static_cast<size_t>(n), false);
                 } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
                     drop_connection(); // the host went away; wait for the next one
                     continue;
@@ -218,6 +220,7 @@ struct TcpLink : ThreadLink {
                 core.unplugged = false;
                 continue;
             }
+            line_output(sim, out.size(), false);
             while (!out.empty()) {
                 const ssize_t n = send(conn, out.data(), out.size(), MSG_NOSIGNAL);
                 if (n <= 0)

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "core.h"
+#include "line.h"
 #include "links.h"
 
 namespace zs {
@@ -78,12 +79,13 @@ struct PtyLink : Link {
             if (p[1].revents & POLLIN) {
                 const ssize_t n = read(master, buf, sizeof buf);
                 if (n > 0)
-                    link_input(sim, core, buf, static_cast<size_t>(n));
+                    line_input(sim, core, buf, static_cast<size_t>(n), true);
             }
             if (link_due(sim, core, out)) {
                 close_line(); // unplugged: the host sees the line hang up
                 return;
             }
+            line_output(sim, out.size(), true);
             while (!out.empty()) {
                 const ssize_t n = write(master, out.data(), out.size());
                 if (n <= 0)

@@ -10,6 +10,8 @@
 #include "links.h"
 #include "scenario.h"
 
+#include "line.h"
+
 namespace zs {
 
 namespace {
@@ -645,7 +647,8 @@ void set_err(char *err, size_t err_len, const std::string &msg)
 
 bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::string &err)
 {
-    if (!members_known(root, "scenario", {"reader", "cards", "faults", "links", "time_scale", "log"}, err))
+    if (!members_known(root, "scenario",
+                       {"reader", "cards", "faults", "links", "time_scale", "log", "line", "esp_front"}, err))
         return false;
     s.reader = std::make_unique<Reader>();
     Reader &r = *s.reader;
@@ -724,6 +727,22 @@ bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::stri
         }
         s.log = lg->b ? 1 : 0;
     }
+    if (const Json *line = root.get("line")) {
+        uint64_t rate = 0, turnaround = LINE_DEFAULT_TURNAROUND_US / 1000;
+        if (!members_known(*line, "line", {"rate", "turnaround_ms"}, err) ||
+            !opt_decimal(*line, "rate", "line", 100000000, rate, err) ||
+            !opt_decimal(*line, "turnaround_ms", "line", 60000, turnaround, err))
+            return false;
+        s.line_given = true;
+        s.line_rate = static_cast<uint32_t>(rate);
+        s.line_turnaround_us = static_cast<uint32_t>(turnaround * 1000);
+    }
+    if (const Json *esp = root.get("esp_front")) {
+        if (!members_known(*esp, "esp_front", {"address"}, err) ||
+            !opt_string(*esp, "address", "esp_front", 31, s.esp_address, err))
+            return false;
+        s.esp_given = true;
+    }
     return true;
 }
 
@@ -776,6 +795,14 @@ void apply_scenario(zsim *sim, Scenario &s)
         sim->time_scale_pct.store(static_cast<uint32_t>(s.time_scale));
     if (s.log >= 0)
         sim->log.store(s.log);
+    if (s.line_given) {
+        sim->line_rate.store(s.line_rate);
+        sim->line_turnaround_us.store(s.line_turnaround_us);
+    }
+    if (s.esp_given) {
+        sim->esp_front = true;
+        sim->esp_address = s.esp_address;
+    }
 }
 
 } // namespace zs

@@ -26,6 +26,11 @@ struct Scenario {
     std::vector<LinkSpec> links;
     int time_scale = -1;
     int log = -1;
+    // "line": the line model (rate 0: none); "esp_front": the address an ESP front answers.
+    bool line_given = false;
+    uint32_t line_rate = 0, line_turnaround_us = 0;
+    bool esp_given = false;
+    std::string esp_address;
 };
 
 // Checks a whole scenario, starting from the reader base (its field apart). False with a message.

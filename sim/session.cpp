@@ -6,6 +6,7 @@
 #include "core.h"
 #include "desfire.h"
 #include "iso7816.h"
+#include "line.h"
 #include "wire.h"
 
 namespace zs {
@@ -228,6 +229,8 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
     link.interim = false; // the host speaks: an endless wait ends
     if (now < link.accept_from_ms)
         return; // still booting: nothing is heard
+    if (front_question(sim, link, in, n))
+        return; // an ESP front tells its network address
     if (desfire_link_input(sim, link, in, n))
         return; // the later pieces of a DESFire write come raw
     std::vector<uint8_t> raw;

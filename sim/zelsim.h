@@ -150,6 +150,26 @@ size_t zsim_se_slot(zsim *sim, uint8_t slot, uint8_t *buf, size_t len);
 /* What the last phone handed over, answered to command 0xC5 (nothing: no card). */
 void zsim_set_mobile_data(zsim *sim, const uint8_t *data, size_t len);
 
+/* Several readers. A scenario {"readers": [scenario, ...]} (or one scenario) starts one simulated reader per
+ * entry, each with its own identity, field and lock, and serves its links (all but "d2xx"). With ports_dir,
+ * the folder is made and each pseudo-terminal also appears in it as ttyUSB<n> (a symbolic link), listed in
+ * ports_dir/sys/class/tty, for the library's port enumeration; zsim_set_free takes them away. One line per
+ * link goes to report ("reader 0 pty /dev/pts/4", "reader 0 port DIR/ttyUSB0", ...). Null with a message in
+ * err on failure. */
+typedef struct zsim_set zsim_set;
+zsim_set *zsim_set_start(const char *json, const char *ports_dir, char *report, size_t report_len, char *err,
+                         size_t err_len);
+size_t zsim_set_count(const zsim_set *set);
+zsim *zsim_set_reader(zsim_set *set, size_t index);
+void zsim_set_free(zsim_set *set);
+
+/* The line model: bit_rate (0: none, the links run as fast as the machine) with 10 bits a byte on serial
+ * links and 8 on network links, and the reader's turnaround after each command, in microseconds. */
+void zsim_set_line(zsim *sim, uint32_t bit_rate, uint32_t turnaround_us);
+/* The reader stands behind an ESP front that answers "!GET_DEVICE_IP_AD!" with address and CR LF ("0.0.0.0"
+ * for an empty text); null: no front. */
+void zsim_set_esp_front(zsim *sim, const char *address);
+
 /* Added for the program and the tools. */
 
 /* The whole tandro-sim command line (tandro-sim --help tells it). Returns the exit status. */

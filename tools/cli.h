@@ -23,6 +23,10 @@ struct Options {
     uint32_t port_interface = 0;
     std::string arg;
     bool open_given = false; // any of the three was given
+    // A reader of the reader list: by its index (--reader N) or serial description (--serial S).
+    int32_t list_index = -1;
+    std::string list_serial;
+    bool list_given = false;
 };
 
 using Args = std::vector<std::string>;

@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <vector>
 
+#include "tools/reader_list.h"
 #include "zelsim.h"
 
 namespace tandro {
@@ -73,6 +75,7 @@ ReaderSession::~ReaderSession()
         Zel_Hnd_Destroy(hnd_);
     if (sim_)
         zsim_free(sim_);
+    delete sim_readers_;
 }
 
 namespace {
@@ -119,8 +122,37 @@ bool is_network_address(const std::string &port)
 
 } // namespace
 
+bool ReaderSession::open_from_list(const char *command, const Options &opt)
+{
+    std::string err, note;
+    if (opt.sim) {
+        sim_readers_ = new (std::nothrow) SimReaders();
+        if (!sim_readers_ || !sim_readers_->start(opt, err)) {
+            tandro::usage_error(command, sim_readers_ ? err : std::string("out of memory"));
+            return false;
+        }
+    }
+    if (!report(command, "reader list", fill_reader_list(note)))
+        return false;
+    ZEL_HANDLE entry = nullptr;
+    const ZEL_STATUS st = opt.list_serial.empty() ? ReaderList_OpenByIndex(opt.list_index, &entry)
+                                                  : ReaderList_OpenBySerial(opt.list_serial.c_str(), &entry);
+    where_ = opt.list_serial.empty() ? "reader " + std::to_string(opt.list_index) : "reader " + opt.list_serial;
+    if (!report(command, where_, st))
+        return false;
+    // The session's handle is the entry's record: the list keeps its own, which shares the port.
+    hnd_ = Zel_Hnd_Create();
+    if (!hnd_)
+        return report(command, where_, ZEL_NO_MEMORY_ERROR);
+    *hnd_ = *entry;
+    where_ += std::string(" on ") + (hnd_->try_port[0] ? hnd_->try_port : "its link");
+    return true;
+}
+
 bool ReaderSession::open(const char *command, const Options &opt)
 {
+    if (opt.list_given)
+        return open_from_list(command, opt);
     char err[256] = {};
     if (opt.sim) {
         sim_ = zsim_new();

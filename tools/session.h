@@ -11,6 +11,10 @@
 struct zsim;
 
 namespace tandro {
+class SimReaders;
+}
+
+namespace tandro {
 
 // The global reader is the given reader while this guard lives, for operations that have only the global
 // form (the document session, the payment card calls); the previous global reader comes back after.
@@ -49,8 +53,12 @@ public:
     const std::string &where() const { return where_; }
 
 private:
+    // --reader N or --serial S: the reader list, and the simulated readers under --sim.
+    bool open_from_list(const char *command, const Options &opt);
+
     ZEL_HANDLE hnd_ = nullptr;
     zsim *sim_ = nullptr;
+    SimReaders *sim_readers_ = nullptr;
     std::string where_;
 };
 

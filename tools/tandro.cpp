@@ -61,6 +61,20 @@ bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &ba
         }
     } else if (value("--arg", opt.arg)) {
         opt.open_given = true;
+    } else if (value("--reader", text)) {
+        uint32_t index = 0;
+        opt.list_given = true;
+        if (!bad && (!tandro::parse_u32(text, &index) || index > 0x7FFFFFFFu)) {
+            std::fprintf(stderr, "tandro: --reader takes an index of tandro readers\n");
+            bad = true;
+        }
+        opt.list_index = static_cast<int32_t>(index);
+    } else if (value("--serial", opt.list_serial)) {
+        opt.list_given = true;
+        if (!bad && (opt.list_serial.empty() || opt.list_serial.size() > 20)) {
+            std::fprintf(stderr, "tandro: --serial takes a serial number of 1 to 20 characters\n");
+            bad = true;
+        }
     } else
         return false;
     return true;
@@ -104,6 +118,8 @@ int usage(FILE *out)
                  "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"
                  "  --interface I          0 auto, 1 serial, 2 FTDI, 10 serial with GPIO reset, T TCP, U UDP\n"
                  "  --arg WORDS            words of the open, such as \"UNIT_OPEN_RESET_DISABLE\"\n"
+                 "  --reader N             the reader at index N of tandro readers\n"
+                 "  --serial S             the reader of tandro readers whose serial begins with S\n"
                  "  (no --port and no --sim: the reader is searched for on USB and serial ports)\n");
     return out == stdout ? 0 : 2;
 }

@@ -21,6 +21,7 @@
 namespace {
 
 std::string g_root = "/sys";
+std::string g_dev_root = "/dev";
 constexpr int kMaxWalkUp = 12;
 constexpr size_t kMaxAttr = 255;
 
@@ -135,7 +136,7 @@ bool list_ports(std::vector<Port> *ports)
                 continue;
             Port p;
             p.name = name;
-            p.prefix = std::string("/dev/") + kind;
+            p.prefix = g_dev_root + "/" + kind;
             p.number = std::atoi(name.c_str() + k);
             p.parent_id = "Unknown";
             p.description = "Unknown";
@@ -194,6 +195,11 @@ bool same_text_nocase(const std::string &a, const char *b)
 void zel::set_sysfs_root(const char *root)
 {
     g_root = root ? root : "/sys";
+}
+
+void zel::set_dev_root(const char *root)
+{
+    g_dev_root = root ? root : "/dev";
 }
 
 extern "C" ZEL_API int find_active_com_ports(zel_com_ports *list)

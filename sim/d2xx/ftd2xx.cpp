@@ -16,6 +16,7 @@
 
 #include "core.h"
 #include "json.h"
+#include "line.h"
 #include "links.h"
 #include "program_data.h"
 #include "scenario.h"
@@ -85,6 +86,20 @@ std::string load_devices(const char *text)
             return "devices: a list of at most 32 scenarios is expected";
         for (const auto &d : devs->items)
             list.push_back(&d);
+    } else if (const zs::Json *readers = root.get("readers")) {
+        // A list of several readers: the ones with a d2xx link are this library's devices.
+        if (readers->kind != zs::Json::ARRAY || readers->items.size() > 128)
+            return "readers: a list of scenarios is expected";
+        for (const auto &r : readers->items) {
+            const zs::Json *links = r.get("links");
+            bool d2xx = false;
+            for (size_t k = 0; links && links->kind == zs::Json::ARRAY && k < links->items.size(); ++k) {
+                const zs::Json *kind = links->items[k].get("kind");
+                d2xx = d2xx || (kind && kind->kind == zs::Json::STRING && kind->str == "d2xx");
+            }
+            if (d2xx && list.size() < 32)
+                list.push_back(&r);
+        }
     } else {
         list.push_back(&root);
     }
@@ -305,7 +320,7 @@ FT_API FT_STATUS FT_Write(FT_HANDLE h, void *buffer, uint32_t count, uint32_t *w
     std::lock_guard<std::mutex> lock(d->mu);
     if (d->link->core.unplugged)
         return FT_IO_ERROR;
-    zs::link_input(d->sim, d->link->core, static_cast<const uint8_t *>(buffer), count);
+    zs::line_input(d->sim, d->link->core, static_cast<const uint8_t *>(buffer), count, true);
     *written = count;
     return FT_OK;
 }
@@ -335,6 +350,7 @@ FT_API FT_STATUS FT_Read(FT_HANDLE h, void *buffer, uint32_t count, uint32_t *re
                     std::memcpy(buffer, d->rx.data(), n);
                 d->rx.erase(d->rx.begin(), d->rx.begin() + static_cast<long>(n));
                 *returned = static_cast<uint32_t>(n);
+                zs::line_output(d->sim, n, true);
                 return FT_OK;
             }
         }
