@@ -204,7 +204,7 @@ extern "C" ZEL_API ZEL_STATUS Display_ClearImageHnd(ZEL_HANDLE hnd)
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_ShowBitmapHnd(ZEL_HANDLE hnd, const void *image, uint32_t value,
-                                                   uint16_t first_position, uint16_t second_position)
+                                                    uint16_t first_position, uint16_t second_position)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -276,7 +276,7 @@ extern "C" ZEL_API ZEL_STATUS Display_ShowLastUnsavedImageHnd(ZEL_HANDLE hnd)
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_PrintTextHnd(ZEL_HANDLE hnd, const char *text, uint8_t first, uint8_t second,
-                                                  uint8_t third, uint8_t fourth, uint8_t fifth)
+                                                   uint8_t third, uint8_t fourth, uint8_t fifth)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -316,7 +316,7 @@ extern "C" ZEL_API ZEL_STATUS Display_ShowTimeHnd(ZEL_HANDLE hnd, uint8_t hour, 
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_EraseSectionHnd(ZEL_HANDLE hnd, uint8_t first, uint8_t second, uint8_t third,
-                                                     uint8_t fourth)
+                                                      uint8_t fourth)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -346,8 +346,12 @@ extern "C" ZEL_API ZEL_STATUS Display_EraseFlashI2CHnd(ZEL_HANDLE hnd, uint16_t 
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     uint8_t frame[kFrameBufLen] = {};
-    uint8_t ext[kEraseExtLen] = {0, static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address),
-                                 static_cast<uint8_t>(address >> 14), static_cast<uint8_t>(address >> 6), 0};
+    uint8_t ext[kEraseExtLen] = {0,
+                                 static_cast<uint8_t>(address >> 8),
+                                 static_cast<uint8_t>(address),
+                                 static_cast<uint8_t>(address >> 14),
+                                 static_cast<uint8_t>(address >> 6),
+                                 0};
     return boot_exchange(hnd, frame, kSubBootStatus, kBootFlashErase, ext, kEraseExtLen - 1);
 }
 
@@ -372,7 +376,7 @@ extern "C" ZEL_API ZEL_STATUS ProgDisplayHnd(ZEL_HANDLE hnd, const uint8_t *data
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_GetParametersHnd(ZEL_HANDLE hnd, uint8_t *first, uint8_t *second, uint8_t *b1,
-                                                      uint8_t *b2, uint8_t *b3, uint8_t *b4, uint8_t *b5)
+                                                       uint8_t *b2, uint8_t *b3, uint8_t *b4, uint8_t *b5)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -399,7 +403,7 @@ extern "C" ZEL_API ZEL_STATUS Display_GetParametersHnd(ZEL_HANDLE hnd, uint8_t *
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_GetFirmwareVersionHnd(ZEL_HANDLE hnd, uint8_t *major, uint8_t *minor,
-                                                           uint8_t *build)
+                                                            uint8_t *build)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;

@@ -17,6 +17,5 @@
 #define STBI_NO_LINEAR
 #define STBI_NO_HDR
 #define STBI_NO_FAILURE_STRINGS
-#define STBI_MAX_DIMENSIONS 8192
 #include <stb/stb_image.h>
 #pragma GCC diagnostic pop

@@ -205,13 +205,13 @@ extern "C" ZEL_API ZEL_STATUS BootReaderHnd(ZEL_HANDLE hnd)
 }
 
 extern "C" ZEL_API ZEL_STATUS ProgReaderHnd(ZEL_HANDLE hnd, const uint8_t *data, uint16_t packet, uint8_t start,
-                                           uint8_t *crc_correct)
+                                            uint8_t *crc_correct)
 {
     return prog(hnd, data, packet, start, crc_correct, false);
 }
 
 extern "C" ZEL_API ZEL_STATUS ProgReaderUsbHnd(ZEL_HANDLE hnd, const uint8_t *data, uint16_t packet, uint8_t start,
-                                              uint8_t *crc_correct)
+                                               uint8_t *crc_correct)
 {
     return prog(hnd, data, packet, start, crc_correct, true);
 }
@@ -245,15 +245,15 @@ extern "C" ZEL_API ZEL_STATUS PN7462_TestHnd(ZEL_HANDLE hnd, uint8_t value)
 }
 
 extern "C" ZEL_API ZEL_STATUS PN7462_WriteParamsHnd(ZEL_HANDLE hnd, const uint8_t *first, const uint8_t *second,
-                                                   uint8_t third, uint8_t fourth, const uint32_t *fifth,
-                                                   uint8_t product)
+                                                    uint8_t third, uint8_t fourth, const uint32_t *fifth,
+                                                    uint8_t product)
 {
     return write_params(hnd, first, second, third, fourth, fifth, product, false);
 }
 
 extern "C" ZEL_API ZEL_STATUS PN7462_WriteParamsUsbHnd(ZEL_HANDLE hnd, const uint8_t *first, const uint8_t *second,
-                                                      uint8_t third, uint8_t fourth, const uint32_t *fifth,
-                                                      uint8_t product)
+                                                       uint8_t third, uint8_t fourth, const uint32_t *fifth,
+                                                       uint8_t product)
 {
     return write_params(hnd, first, second, third, fourth, fifth, product, true);
 }
