@@ -181,7 +181,7 @@ TEST(DisplayPicture, PicturesTheModuleCannotTakeAreRefused)
     EXPECT_EQ(disp::picture_from_path((kDir + "wide.png").c_str(), strips), ZEL_DISPLAY_IMAGE_DIMENSION_ERROR);
     EXPECT_EQ(disp::picture_from_path((kDir + "grey_alpha.png").c_str(), strips),
               ZEL_DISPLAY_IMAGE_UNSUPPORTED_CHANNELS);
-    // The header claims 60,000 by 60,000: refused from the header alone.
+    // The header claims 20,000 by 20,000: refused from the header alone.
     EXPECT_EQ(disp::picture_from_path((kDir + "bomb.png").c_str(), strips), ZEL_DISPLAY_IMAGE_DIMENSION_ERROR);
     EXPECT_EQ(disp::picture_from_path((kDir + "missing.png").c_str(), strips), ZEL_DISPLAY_IMAGE_LOAD_ERROR);
     EXPECT_EQ(disp::picture_from_path((kDir + "make_display_fixtures.py").c_str(), strips),
@@ -201,11 +201,11 @@ TEST(DisplayFrames, ClearTestsTheReplyAgainstTheDisplayCommand)
     } cases[] = {
         {kDone, ZEL_OK},
         {err(0x0B), 0x0B},
-        {frame(0xEC, 0x0C, 0x00), 0x0C},   // either marker of an error frame
+        {frame(0xEC, 0x0C, 0x00), 0x0C},     // either marker of an error frame
         {rsp(kA6), ZEL_COMMUNICATION_ERROR}, // another command
         {ack(kA5), ZEL_COMMUNICATION_ERROR},
         {Bytes{0xDE, 0xA5, 0xED, 0, 0, 0, 0}, ZEL_COMMUNICATION_ERROR}, // bad checksum
-        {Bytes{}, ZEL_COMMUNICATION_BREAK},                              // nothing came
+        {Bytes{}, ZEL_COMMUNICATION_BREAK},                             // nothing came
     };
     for (const Case &c : cases) {
         ScriptLink link;
@@ -218,9 +218,9 @@ TEST(DisplayFrames, ClearTestsTheReplyAgainstTheDisplayCommand)
 TEST(DisplayFrames, ShowBitmapSendsParametersThenFourStripChunks)
 {
     ScriptLink link;
-    link.reply(kDone);         // clear
-    link.reply(ack(kA5, 5));   // parameter frame
-    link.reply(err(0x01));     // the parameters' reply is not looked at
+    link.reply(kDone);       // clear
+    link.reply(ack(kA5, 5)); // parameter frame
+    link.reply(err(0x01));   // the parameters' reply is not looked at
     for (int s = 0; s < 4; ++s)
         strip_ok(link);
     const Bytes bitmap = numbered_bitmap();
@@ -476,8 +476,7 @@ TEST(DisplayBoot, ParametersAndVersionComeFromTheBytesAfterTheIntro)
     ScriptLink short_link;
     short_link.reply(ack(kA5, 4));
     short_link.reply(cat(rsp(kA5, 3), Bytes{1, 2, 3}));
-    ASSERT_EQ(Display_GetParametersHnd(&short_link.record, first, second, &b[0], &b[1], &b[2], &b[3], &b[4]),
-              ZEL_OK);
+    ASSERT_EQ(Display_GetParametersHnd(&short_link.record, first, second, &b[0], &b[1], &b[2], &b[3], &b[4]), ZEL_OK);
     EXPECT_EQ(first[2], 3);
     EXPECT_EQ(first[3], 0);
     EXPECT_EQ(b[4], 0);
