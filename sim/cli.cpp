@@ -52,6 +52,7 @@ const char USAGE[] =
     "  --card UID[:SAK[:ATQA[:TYPE]]]  put a card in the field (hex; TYPE may be a name like ORB_NTAG_213)\n"
     "  --time-scale PERCENT  run the reader's own times (the boot) faster or slower; 100 is real time\n"
     "  --log                 log every exchange on standard error\n"
+    "  --display-png FILE    write what the display module shows as a PNG, again at every change\n"
     "  --help                this text\n"
     "\n"
     "Each link is printed on standard output, one a line (\"pty /dev/pts/4\", \"udp 127.0.0.1:8881\").\n"
@@ -263,6 +264,8 @@ extern "C" int zsim_main(int argc, char **argv)
                 rc = 2;
             }
             o.time_scale = static_cast<int>(v);
+        } else if (a == "--display-png" && has_value) {
+            zsim_display_png_on_change(sim, argv[++i]);
         } else if (a == "--log") {
             o.log = true;
         } else if (a == "--scenario" && has_value) {

@@ -26,6 +26,7 @@ struct Scenario {
     std::vector<LinkSpec> links;
     int time_scale = -1;
     int log = -1;
+    bool boot_given = false; // the boot loader's image and faults (in reader->boot)
 };
 
 // Checks a whole scenario, starting from the reader base (its field apart). False with a message.
