@@ -45,15 +45,15 @@ struct BootFault {
 };
 
 struct BootLoader {
-    bool active = false;        // the reader waits in its boot loader
-    bool receiving = false;     // the start call came
-    uint32_t image_len = 0;     // what the loader expects; 0: any length, the image ends with a short packet
-    uint8_t next_fw[3] = {};    // the version the new image brings
+    bool active = false;     // the reader waits in its boot loader
+    bool receiving = false;  // the start call came
+    uint32_t image_len = 0;  // what the loader expects; 0: any length, the image ends with a short packet
+    uint8_t next_fw[3] = {}; // the version the new image brings
     bool next_fw_set = false;
     std::vector<uint8_t> image; // what came so far
     uint32_t next_packet = 0;
-    bool complete = false;      // the whole image came and was verified
-    uint32_t packets = 0;       // packets taken since creation
+    bool complete = false; // the whole image came and was verified
+    uint32_t packets = 0;  // packets taken since creation
     std::vector<BootFault> faults;
     std::vector<uint8_t> params; // the last parameter block of the NFC processor
     bool protected_code = false;
