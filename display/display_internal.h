@@ -16,6 +16,8 @@ constexpr uint32_t kStrips = 4, kStripLen = 256;
 constexpr uint32_t kStripsLen = kStrips * kStripLen;
 // How far the terminating zero of a file name is looked for.
 constexpr uint32_t kNameScan = 1024;
+// The largest picture file read: far more than any encoding of 128 by 64 pixels takes.
+constexpr size_t kFileMax = 4u * 1024 * 1024;
 
 // CRC-8, polynomial 0x07, initial 0, no reflection, no final XOR.
 uint8_t crc8(const uint8_t *data, size_t len);
@@ -34,8 +36,9 @@ void bitmap_to_strips(const uint8_t *bitmap, uint8_t strips[kStripsLen]);
 // The inverse, for the tests: the strips as 64 rows of 16 bytes.
 void strips_to_bitmap(const uint8_t strips[kStripsLen], uint8_t bitmap[kStripsLen]);
 
-// Decodes a picture (PNG, JPEG or BMP) held in memory or in an open file into the strips. Its size is read
-// before anything is decoded: a picture wider than 128 or higher than 64 is refused without decoding it.
+// Decodes a picture (PNG, JPEG or BMP) held in memory or in an open file (read whole, up to kFileMax bytes)
+// into the strips. Its size is read with stbi_info before anything is decoded: a picture wider than 128 or
+// higher than 64 is refused without decoding it, and so is a PNG whose chunks claim more than the file holds.
 ZEL_STATUS picture_from_memory(const uint8_t *data, size_t len, uint8_t strips[kStripsLen]);
 ZEL_STATUS picture_from_file(std::FILE *file, uint8_t strips[kStripsLen]);
 // Opens and decodes the named file.

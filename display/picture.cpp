@@ -1,6 +1,7 @@
 // Pictures for the display module: files decoded to 8 bits per channel and thresholded, raw bitmaps dealt into
 // the module's four strips of 32 columns.
 #include <cstring>
+#include <vector>
 
 #include <stb/stb_image.h>
 
@@ -33,6 +34,24 @@ ZEL_STATUS threshold(const uint8_t *pixels, int w, int h, int channels, uint8_t 
         }
     }
     return ZEL_OK;
+}
+
+// A PNG whose chunks claim more bytes than the file holds is refused before the decoder grows a buffer to
+// the claimed length.
+bool png_chunks_fit(const uint8_t *data, size_t len)
+{
+    static const uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    if (len < 8 || std::memcmp(data, kSignature, 8) != 0)
+        return true; // not a PNG
+    size_t at = 8;
+    while (at + 12 <= len) {
+        const uint32_t n =
+            static_cast<uint32_t>(data[at]) << 24 | data[at + 1] << 16 | data[at + 2] << 8 | data[at + 3];
+        if (n > len - at - 12)
+            return false;
+        at += 12 + static_cast<size_t>(n);
+    }
+    return true;
 }
 
 bool size_fits(int w, int h)
@@ -106,6 +125,8 @@ ZEL_STATUS picture_from_memory(const uint8_t *data, size_t len, uint8_t strips[k
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     if (!size_fits(w, h))
         return ZEL_DISPLAY_IMAGE_DIMENSION_ERROR;
+    if (!png_chunks_fit(data, len))
+        return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     uint8_t *pixels = stbi_load_from_memory(data, n, &w, &h, &channels, 0);
     if (!pixels)
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
@@ -120,20 +141,18 @@ ZEL_STATUS picture_from_file(std::FILE *file, uint8_t strips[kStripsLen])
 {
     if (!file)
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
-    int w = 0, h = 0, channels = 0;
-    // stbi_info_from_file puts the file back where it was.
-    if (!stbi_info_from_file(file, &w, &h, &channels))
+    // The whole file, up to a size no picture of 128 by 64 needs.
+    std::vector<uint8_t> bytes;
+    uint8_t buf[4096];
+    size_t n = 0;
+    while ((n = std::fread(buf, 1, sizeof buf, file)) > 0) {
+        if (bytes.size() + n > kFileMax)
+            return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
+        bytes.insert(bytes.end(), buf, buf + n);
+    }
+    if (std::ferror(file))
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
-    if (!size_fits(w, h))
-        return ZEL_DISPLAY_IMAGE_DIMENSION_ERROR;
-    uint8_t *pixels = stbi_load_from_file(file, &w, &h, &channels, 0);
-    if (!pixels)
-        return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
-    ZEL_STATUS status = ZEL_DISPLAY_IMAGE_DIMENSION_ERROR;
-    if (size_fits(w, h))
-        status = threshold(pixels, w, h, channels, strips);
-    stbi_image_free(pixels);
-    return status;
+    return picture_from_memory(bytes.data(), bytes.size(), strips);
 }
 
 ZEL_STATUS picture_from_path(const char *path, uint8_t strips[kStripsLen])

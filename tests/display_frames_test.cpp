@@ -2,6 +2,7 @@
 // tests of the module's answers, and the pictures decoded from files made by an encoder of the tests' own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -189,6 +190,14 @@ TEST(DisplayPicture, PicturesTheModuleCannotTakeAreRefused)
     const std::vector<uint8_t> png = read_file(kDir + "full_grey.png");
     EXPECT_EQ(disp::picture_from_memory(png.data(), png.size() / 2, strips), ZEL_DISPLAY_IMAGE_LOAD_ERROR);
     EXPECT_EQ(disp::picture_from_memory(png.data(), png.size(), strips), ZEL_OK);
+    // A chunk that claims 2 GB behind a small file: refused before the decoder grows a buffer for it.
+    std::vector<uint8_t> liar = png;
+    const auto idat = std::search(liar.begin(), liar.end(), std::begin("IDAT"), std::begin("IDAT") + 4);
+    ASSERT_NE(idat, liar.end());
+    const size_t at = static_cast<size_t>(idat - liar.begin()) - 4;
+    liar[at] = 0x7F;
+    liar[at + 1] = 0xFF;
+    EXPECT_EQ(disp::picture_from_memory(liar.data(), liar.size(), strips), ZEL_DISPLAY_IMAGE_LOAD_ERROR);
 }
 
 // ---- Frames ----

@@ -18,7 +18,7 @@ namespace {
 using tandro::Args;
 using tandro::Options;
 
-constexpr size_t kTextMax = 249;             // 250 characters and more wrap the module's length byte
+constexpr size_t kTextMax = 249;                // 250 characters and more wrap the module's length byte
 constexpr size_t kImageMax = 16u * 1024 * 1024; // a firmware image larger than this is not one
 
 bool wants_help(const Args &a)
@@ -230,6 +230,7 @@ int run_flash(const Options &opt, const Args &a)
 
 const tandro::Registration display_cmd({"display", "show|text|time|gallery|clear ...",
                                         "pictures, text and the time on the display module", run_display});
-const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader", run_flash});
+const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader",
+                                      run_flash});
 
 } // namespace
