@@ -160,6 +160,13 @@ ZEL_STATUS gallery_show(ZEL_HANDLE hnd, uint8_t index)
     return test_answer(reply, kCmdDisplay);
 }
 
+// The picture's strips, then the display cleared: nothing is sent for a picture that cannot be read.
+ZEL_STATUS strips_then_clear(ZEL_HANDLE hnd, const void *image, uint8_t *strips)
+{
+    const ZEL_STATUS status = image_strips(image, strips);
+    return status != ZEL_OK ? status : Display_ClearImageHnd(hnd);
+}
+
 } // namespace
 
 extern "C" ZEL_API ZEL_STATUS Display_TransmitHnd(ZEL_HANDLE hnd, uint8_t *frame, uint8_t *ext, uint8_t *reply)
@@ -209,10 +216,8 @@ extern "C" ZEL_API ZEL_STATUS Display_ShowBitmapHnd(ZEL_HANDLE hnd, const void *
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     uint8_t strips[kStripsLen];
-    ZEL_STATUS status = image_strips(image, strips);
+    ZEL_STATUS status = strips_then_clear(hnd, image, strips);
     if (status != ZEL_OK)
-        return status;
-    if ((status = Display_ClearImageHnd(hnd)) != ZEL_OK)
         return status;
     uint8_t frame[kFrameBufLen] = {};
     display_frame(frame, 5, kSubParams, 0);
@@ -236,12 +241,8 @@ extern "C" ZEL_API ZEL_STATUS Display_SaveBitmapToGalleryHnd(ZEL_HANDLE hnd, con
     if (index > ZEL_DISPLAY_GALLERY_MAX)
         return ZEL_DISPLAY_INDEX_OVERFLOW;
     uint8_t strips[kStripsLen];
-    ZEL_STATUS status = image_strips(image, strips);
-    if (status != ZEL_OK)
-        return status;
-    if ((status = Display_ClearImageHnd(hnd)) != ZEL_OK)
-        return status;
-    return send_strips(hnd, strips, index, 0, 0, StripMode::gallery);
+    const ZEL_STATUS status = strips_then_clear(hnd, image, strips);
+    return status != ZEL_OK ? status : send_strips(hnd, strips, index, 0, 0, StripMode::gallery);
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_SaveSystemBitmapHnd(ZEL_HANDLE hnd, const void *image, uint8_t slot)
@@ -249,12 +250,8 @@ extern "C" ZEL_API ZEL_STATUS Display_SaveSystemBitmapHnd(ZEL_HANDLE hnd, const 
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     uint8_t strips[kStripsLen];
-    ZEL_STATUS status = image_strips(image, strips);
-    if (status != ZEL_OK)
-        return status;
-    if ((status = Display_ClearImageHnd(hnd)) != ZEL_OK)
-        return status;
-    return send_strips(hnd, strips, slot, 0, 0, StripMode::system);
+    const ZEL_STATUS status = strips_then_clear(hnd, image, strips);
+    return status != ZEL_OK ? status : send_strips(hnd, strips, slot, 0, 0, StripMode::system);
 }
 
 extern "C" ZEL_API ZEL_STATUS Display_ShowBitmapFromGalleryHnd(ZEL_HANDLE hnd, uint8_t index)
