@@ -59,6 +59,7 @@ const char USAGE[] =
     "                        with a device tree in DIR/sys, for the library's port enumeration\n"
     "  --log                 log every exchange on standard error\n"
     "  --commands            read commands from standard input even when it is not a terminal (a pipe)\n"
+    "  --display-png FILE    write what the display module shows as a PNG, again at every change\n"
     "  --help                this text\n"
     "\n"
     "Each link is printed on standard output, one a line (\"pty /dev/pts/4\", \"udp 127.0.0.1:8881\").\n"
@@ -346,6 +347,8 @@ extern "C" int zsim_main(int argc, char **argv)
             }
         } else if (a == "--ports" && has_value) {
             o.ports_dir = argv[++i];
+        } else if (a == "--display-png" && has_value) {
+            zsim_display_png_on_change(sim, argv[++i]);
         } else if (a == "--log") {
             o.log = true;
         } else if (a == "--scenario" && has_value) {

@@ -634,6 +634,7 @@ struct Engine {
 
 const Engine kEngines[] = {
     {"memory", memory_wants_ext, memory_command},
+    {"module", module_wants_ext, module_command},
     {"reader", own_wants_ext, own_commands},
     {"outputs", outputs_wants_ext, outputs_command},
     {"desfire", desfire_reader_wants_ext, desfire_reader_command},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "card.h"
+#include "display.h"
 #include "signals.h"
 #include "zelsim.h"
 
@@ -71,6 +72,9 @@ struct Reader {
     zsim_card selected{};
     // Lights, sound, sleep, RF tuning, the secure element and the feature blocks (signals.cpp).
     Outputs outputs;
+    // The display module behind the reader and the boot loader (display.cpp).
+    Lcd lcd;
+    BootLoader boot;
 
     Reader();
     std::string serial_desc() const;
@@ -84,6 +88,7 @@ struct Answer {
     std::vector<uint8_t> bytes;
     bool restart = false;  // the reader restarts after sending the bytes
     uint32_t new_baud = 0; // the reader moves to this rate (no reply)
+    uint32_t delay_ms = 0; // the reply to an EXT goes out this much later
 };
 
 // True when the reader takes an EXT for this command frame (it then acknowledges).

@@ -315,6 +315,51 @@ bool opt_char(const Json &o, const char *name, const char *where, uint8_t &out, 
     return true;
 }
 
+// "boot_loader": {"image_length": N, "firmware": {"major", "minor", "build"},
+//                 "faults": [{"packet": K, "kind": "drop" | "delay" | "garble", "delay_ms": MS}]}
+bool parse_boot_loader(const Json &o, BootLoader &b, std::string &err)
+{
+    const char *W = "boot_loader";
+    if (!members_known(o, W, {"image_length", "firmware", "faults"}, err) ||
+        !opt_number(o, "image_length", W, 0x1000000u, b.image_len, err))
+        return false;
+    if (const Json *fw = o.get("firmware")) {
+        if (!members_known(*fw, "boot_loader.firmware", {"major", "minor", "build"}, err) ||
+            !opt_number(*fw, "major", "boot_loader.firmware", 255, b.next_fw[0], err) ||
+            !opt_number(*fw, "minor", "boot_loader.firmware", 255, b.next_fw[1], err) ||
+            !opt_number(*fw, "build", "boot_loader.firmware", 255, b.next_fw[2], err))
+            return false;
+        b.next_fw_set = true;
+    }
+    if (const Json *faults = o.get("faults")) {
+        if (faults->kind != Json::ARRAY || faults->items.size() > 1024) {
+            err = "boot_loader.faults: a list of at most 1024 faults is expected";
+            return false;
+        }
+        for (const auto &f : faults->items) {
+            const char *F = "boot_loader.faults[]";
+            BootFault bf;
+            std::string kind = "drop";
+            if (!members_known(f, F, {"packet", "kind", "delay_ms"}, err) ||
+                !opt_number(f, "packet", F, 0xFFFF, bf.packet, err) ||
+                !opt_number(f, "delay_ms", F, 60000, bf.delay_ms, err) || !opt_string(f, "kind", F, 16, kind, err))
+                return false;
+            if (kind == "drop")
+                bf.kind = PacketFault::DROP;
+            else if (kind == "delay")
+                bf.kind = PacketFault::DELAY;
+            else if (kind == "garble")
+                bf.kind = PacketFault::GARBLE;
+            else {
+                err = "boot_loader.faults[].kind: drop, delay or garble is expected";
+                return false;
+            }
+            b.faults.push_back(bf);
+        }
+    }
+    return true;
+}
+
 bool parse_reader(const Json &o, Reader &r, std::string &err)
 {
     const char *W = "reader";
@@ -648,7 +693,8 @@ void set_err(char *err, size_t err_len, const std::string &msg)
 bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::string &err)
 {
     if (!members_known(root, "scenario",
-                       {"reader", "cards", "faults", "links", "time_scale", "log", "line", "esp_front"}, err))
+                       {"reader", "cards", "faults", "links", "time_scale", "log", "line", "esp_front", "boot_loader"},
+                       err))
         return false;
     s.reader = std::make_unique<Reader>();
     Reader &r = *s.reader;
@@ -743,6 +789,11 @@ bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::stri
             return false;
         s.esp_given = true;
     }
+    if (const Json *bl = root.get("boot_loader")) {
+        if (!parse_boot_loader(*bl, r.boot, err))
+            return false;
+        s.boot_given = true;
+    }
     return true;
 }
 
@@ -802,6 +853,12 @@ void apply_scenario(zsim *sim, Scenario &s)
     if (s.esp_given) {
         sim->esp_front = true;
         sim->esp_address = s.esp_address;
+    }
+    if (s.boot_given) {
+        r.boot.image_len = s.reader->boot.image_len;
+        std::memcpy(r.boot.next_fw, s.reader->boot.next_fw, sizeof r.boot.next_fw);
+        r.boot.next_fw_set = s.reader->boot.next_fw_set;
+        r.boot.faults = s.reader->boot.faults;
     }
 }
 

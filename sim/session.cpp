@@ -171,6 +171,7 @@ void link_reset(zsim *sim, LinkCore &link)
         return;
     const uint64_t now = now_ms();
     engine_reset(link.engine);
+    module_restart(sim->reader);
     link.pending.clear();
     link.interim = false;
     Action boot;
@@ -250,6 +251,7 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             size_t need = ev.frame[3];
             bool ack = true; // the pieces of a chained APDU after the first come without an acknowledge
             const bool shaped = iso14443_frame_shape(sim->reader, ev.frame, need, ack);
+            module_frame_shape(ev.frame, need);
             if (need != 0 && (shaped || reader_wants_ext(sim->reader, ev.frame))) {
                 if (!ack) {
                     engine_expect_ext(link.engine, ev.frame, need);
@@ -278,7 +280,7 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
             std::vector<uint8_t> bytes = std::move(a.bytes);
             if (!bytes.empty()) {
                 Action s;
-                s.due_ms = now;
+                s.due_ms = now + a.delay_ms;
                 if (sim->log.load())
                     log_bytes("<-", bytes.data(), bytes.size());
                 s.bytes = std::move(bytes);

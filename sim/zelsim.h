@@ -170,6 +170,29 @@ void zsim_set_line(zsim *sim, uint32_t bit_rate, uint32_t turnaround_us);
  * for an empty text); null: no front. */
 void zsim_set_esp_front(zsim *sim, const char *address);
 
+/* The display module behind the reader (128 by 64 pixels) and the boot loader. Bitmaps are 1,024 bytes: 64 rows
+ * of 16 bytes, most significant bit the leftmost pixel, a set bit a dark pixel. Each returns 1024, or 0. */
+size_t zsim_display_bitmap(zsim *sim, uint8_t bitmap[1024]);                 /* what the display shows */
+size_t zsim_display_gallery(zsim *sim, uint8_t index, uint8_t bitmap[1024]); /* 0 to 16; 16 the last sent */
+size_t zsim_display_system(zsim *sim, uint8_t slot, uint8_t bitmap[1024]);   /* 0 when the slot is empty */
+/* Writes what the display shows as an 8-bit grey PNG (dark pixels black): 0, or -1. */
+int zsim_display_png(zsim *sim, const char *path);
+/* Writes that PNG again whenever what is shown changes (null stops it). */
+void zsim_display_png_on_change(zsim *sim, const char *path);
+/* The last text (copied into text, len bytes with the zero; returns its length), time and signal (-1: none). */
+size_t zsim_display_state(zsim *sim, char *text, size_t len, int *hour, int *minute, int *signal);
+/* The module's flash (64 KiB, erased 0xFF): copies up to len bytes from address; returns the count. */
+size_t zsim_display_flash(zsim *sim, uint32_t address, uint8_t *buf, size_t len);
+/* The boot loader expects an image of image_len bytes (the last packet is padded to 128) and, once it has the
+ * whole image, restarts with that version at the next reset. */
+void zsim_boot_loader(zsim *sim, uint32_t image_len, uint8_t major, uint8_t minor, uint8_t build);
+/* Bends the reply to programming packet number `packet`, once. */
+typedef enum zsim_packet_fault { ZSIM_PACKET_DROP = 0, ZSIM_PACKET_DELAY, ZSIM_PACKET_GARBLE } zsim_packet_fault;
+void zsim_boot_fault(zsim *sim, uint32_t packet, zsim_packet_fault kind, uint32_t delay_ms);
+/* 0 application, 1 boot loader waiting, 2 receiving, 3 image complete and verified; the bytes and packets so far. */
+int zsim_boot_state(zsim *sim, size_t *image_got, uint32_t *packets);
+/* Copies up to len bytes of the image received; returns its whole size. */
+size_t zsim_boot_image(zsim *sim, uint8_t *buf, size_t len);
 /* Added for the program and the tools. */
 
 /* The whole tandro-sim command line (tandro-sim --help tells it). Returns the exit status. */
