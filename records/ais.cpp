@@ -51,8 +51,8 @@ ZEL_STATUS get_with_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t need,
     return ais_frame_status(frame, cmd);
 }
 
-ZEL_STATUS set_right(ZEL_HANDLE hnd, uint8_t record_number, uint16_t first, uint16_t second, uint8_t sh,
-                     uint8_t sm, uint8_t eh, uint8_t em, const uint8_t *days)
+ZEL_STATUS set_right(ZEL_HANDLE hnd, uint8_t record_number, uint16_t first, uint16_t second, uint8_t sh, uint8_t sm,
+                     uint8_t eh, uint8_t em, const uint8_t *days)
 {
     if (!days)
         return ZEL_PARAMETERS_ERROR;
@@ -181,10 +181,12 @@ extern "C" ZEL_API ZEL_STATUS ais_get_card_numberHnd(ZEL_HANDLE hnd, uint32_t *c
     return status;
 }
 
-extern "C" ZEL_API ZEL_STATUS ais_set_credit_and_period_validityHnd(
-    ZEL_HANDLE hnd, uint32_t credit, uint32_t begin_year, uint32_t begin_month, uint32_t begin_day,
-    uint32_t begin_hour, uint32_t begin_minute, uint32_t end_year, uint32_t end_month, uint32_t end_day,
-    uint32_t end_hour, uint32_t end_minute)
+extern "C" ZEL_API ZEL_STATUS ais_set_credit_and_period_validityHnd(ZEL_HANDLE hnd, uint32_t credit,
+                                                                    uint32_t begin_year, uint32_t begin_month,
+                                                                    uint32_t begin_day, uint32_t begin_hour,
+                                                                    uint32_t begin_minute, uint32_t end_year,
+                                                                    uint32_t end_month, uint32_t end_day,
+                                                                    uint32_t end_hour, uint32_t end_minute)
 {
     uint8_t frame[kFrameLen];
     make_command(frame, kSetCredit, kSetCreditExt);
@@ -207,10 +209,12 @@ extern "C" ZEL_API ZEL_STATUS ais_set_credit_and_period_validityHnd(
     return ais_frame_status(frame, kSetCredit);
 }
 
-extern "C" ZEL_API ZEL_STATUS ais_get_credit_and_period_validityHnd(
-    ZEL_HANDLE hnd, uint32_t *credit, uint32_t *begin_year, uint32_t *begin_month, uint32_t *begin_day,
-    uint32_t *begin_hour, uint32_t *begin_minute, uint32_t *end_year, uint32_t *end_month, uint32_t *end_day,
-    uint32_t *end_hour, uint32_t *end_minute)
+extern "C" ZEL_API ZEL_STATUS ais_get_credit_and_period_validityHnd(ZEL_HANDLE hnd, uint32_t *credit,
+                                                                    uint32_t *begin_year, uint32_t *begin_month,
+                                                                    uint32_t *begin_day, uint32_t *begin_hour,
+                                                                    uint32_t *begin_minute, uint32_t *end_year,
+                                                                    uint32_t *end_month, uint32_t *end_day,
+                                                                    uint32_t *end_hour, uint32_t *end_minute)
 {
     uint32_t *out[] = {begin_year, begin_month, begin_day, begin_hour, begin_minute,
                        end_year,   end_month,   end_day,   end_hour,   end_minute};

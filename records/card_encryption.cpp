@@ -15,8 +15,7 @@ namespace {
 
 // Sends cmd with the EXT data (len bytes, checksum added), waits 5 ms for the reader to make the image and
 // reads the reply's EXT into ext (256 bytes); its length (checksum included) goes to ext_len.
-ZEL_STATUS image_exchange(ZEL_HANDLE hnd, uint8_t cmd, const uint8_t *data, uint8_t len, uint8_t *ext,
-                          uint8_t *ext_len)
+ZEL_STATUS image_exchange(ZEL_HANDLE hnd, uint8_t cmd, const uint8_t *data, uint8_t len, uint8_t *ext, uint8_t *ext_len)
 {
     uint8_t frame[kFrameLen];
     make_command(frame, cmd, static_cast<uint8_t>(len + 1));

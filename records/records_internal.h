@@ -12,10 +12,10 @@
 namespace zel::records {
 
 // Access-system commands.
-constexpr uint8_t kSetRight = 0x50, kGetRight = 0x51, kSetValidate = 0x52, kGetValidate = 0x53,
-                  kSetCardType = 0x54, kGetCardType = 0x55, kSetDaily = 0x56, kGetDaily = 0x57, kSetTotal = 0x58,
-                  kGetTotal = 0x59, kGetCardNumber = 0x5A, kGetCredit = 0x5B, kSetCredit = 0x5C,
-                  kSetRightType = 0x5D, kGetRightType = 0x5E;
+constexpr uint8_t kSetRight = 0x50, kGetRight = 0x51, kSetValidate = 0x52, kGetValidate = 0x53, kSetCardType = 0x54,
+                  kGetCardType = 0x55, kSetDaily = 0x56, kGetDaily = 0x57, kSetTotal = 0x58, kGetTotal = 0x59,
+                  kGetCardNumber = 0x5A, kGetCredit = 0x5B, kSetCredit = 0x5C, kSetRightType = 0x5D,
+                  kGetRightType = 0x5E;
 // Card encryption commands.
 constexpr uint8_t kNextEncrypted = 0xA1, kActualCardSN = 0xA2, kJobSN = 0xA3, kGetNext = 0xA4;
 

@@ -48,12 +48,9 @@ void pack_right(uint8_t *out, uint16_t first, uint16_t second, uint8_t start_hou
 RightFields unpack_right(const uint8_t *in)
 {
     const uint32_t start = get_le16(in + 4), end = get_le16(in + 6);
-    return RightFields{static_cast<uint16_t>(get_le16(in)),
-                       static_cast<uint16_t>(get_le16(in + 2)),
-                       static_cast<uint8_t>(start / 60),
-                       static_cast<uint8_t>(start % 60),
-                       static_cast<uint8_t>(end / 60),
-                       static_cast<uint8_t>(end % 60)};
+    return RightFields{static_cast<uint16_t>(get_le16(in)), static_cast<uint16_t>(get_le16(in + 2)),
+                       static_cast<uint8_t>(start / 60),    static_cast<uint8_t>(start % 60),
+                       static_cast<uint8_t>(end / 60),      static_cast<uint8_t>(end % 60)};
 }
 
 bool pack_date(uint8_t *out, uint32_t year, uint32_t month, uint32_t day, uint32_t hour, uint32_t minute)

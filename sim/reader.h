@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "card.h"
+#include "records.h"
 #include "signals.h"
 #include "zelsim.h"
 
@@ -71,6 +72,8 @@ struct Reader {
     zsim_card selected{};
     // Lights, sound, sleep, RF tuning, the secure element and the feature blocks (signals.cpp).
     Outputs outputs;
+    // The access system's records and the card encryption job (records.cpp).
+    AccessRecords access;
 
     Reader();
     std::string serial_desc() const;
