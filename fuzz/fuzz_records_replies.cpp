@@ -31,7 +31,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 3: ais_get_card_daily_durationM(h, &a); break;
     case 4: ais_get_card_total_durationM(h, v); break;
     case 5: ais_get_card_numberM(h, v); break;
-    case 6: ais_get_credit_and_period_validityM(h, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9, v + 10); break;
+    case 6:
+        ais_get_credit_and_period_validityM(h, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9,
+                                            v + 10);
+        break;
     case 7: {
         uint8_t *typed = static_cast<uint8_t *>(std::malloc(ZEL_AIS_RIGHT_TYPE_DATA));
         ais_get_right_type_recordM(h, 2, &type, typed);

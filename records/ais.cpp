@@ -18,15 +18,8 @@ namespace {
 ZEL_STATUS set_with_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, const uint8_t *data, uint8_t len)
 {
     uint8_t frame[kFrameLen];
-    make_command(frame, cmd, static_cast<uint8_t>(len + 1), par0);
-    uint8_t ext_len = 0;
-    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
+    ZEL_STATUS status = send_with_ext(hnd, frame, cmd, par0, data, len);
     if (status != ZEL_OK)
-        return status;
-    uint8_t ext[256];
-    std::memcpy(ext, data, len);
-    CalcChecksum(ext, static_cast<uint16_t>(len + 1));
-    if ((status = PortWrite(hnd, ext, len + 1u)) != ZEL_OK)
         return status;
     if ((status = PortRead(hnd, frame, kFrameLen)) != ZEL_OK)
         return status;
@@ -49,6 +42,18 @@ ZEL_STATUS get_with_ext(ZEL_HANDLE hnd, uint8_t cmd, uint8_t par0, uint8_t need,
     if ((status = GetAndTestResponseData(hnd, ext_len, ext)) != ZEL_OK)
         return status;
     return ais_frame_status(frame, cmd);
+}
+
+// A getter whose value comes in the reply's PAR0 and PAR1: the value is zeroed first and stays zero when
+// the exchange fails.
+ZEL_STATUS get_par(ZEL_HANDLE hnd, uint8_t cmd, uint16_t *value)
+{
+    *value = 0;
+    uint8_t par[2] = {};
+    const ZEL_STATUS status = handshake(hnd, cmd, 0, 0, par);
+    if (status == ZEL_OK)
+        *value = static_cast<uint16_t>(get_le16(par));
+    return status;
 }
 
 ZEL_STATUS set_right(ZEL_HANDLE hnd, uint8_t record_number, uint16_t first, uint16_t second, uint8_t sh, uint8_t sm,
@@ -127,11 +132,9 @@ extern "C" ZEL_API ZEL_STATUS ais_get_card_typeHnd(ZEL_HANDLE hnd, uint8_t *card
 {
     if (!card_type)
         return ZEL_PARAMETERS_ERROR;
-    *card_type = 0;
-    uint8_t par[2] = {};
-    const ZEL_STATUS status = handshake(hnd, kGetCardType, 0, 0, par);
-    if (status == ZEL_OK)
-        *card_type = par[0];
+    uint16_t par = 0;
+    const ZEL_STATUS status = get_par(hnd, kGetCardType, &par);
+    *card_type = static_cast<uint8_t>(par);
     return status;
 }
 
@@ -144,12 +147,7 @@ extern "C" ZEL_API ZEL_STATUS ais_get_card_daily_durationHnd(ZEL_HANDLE hnd, uin
 {
     if (!duration)
         return ZEL_PARAMETERS_ERROR;
-    *duration = 0;
-    uint8_t par[2] = {};
-    const ZEL_STATUS status = handshake(hnd, kGetDaily, 0, 0, par);
-    if (status == ZEL_OK)
-        *duration = static_cast<uint16_t>(get_le16(par));
-    return status;
+    return get_par(hnd, kGetDaily, duration);
 }
 
 extern "C" ZEL_API ZEL_STATUS ais_set_card_total_durationHnd(ZEL_HANDLE hnd, uint32_t duration)

@@ -18,15 +18,8 @@ namespace {
 ZEL_STATUS image_exchange(ZEL_HANDLE hnd, uint8_t cmd, const uint8_t *data, uint8_t len, uint8_t *ext, uint8_t *ext_len)
 {
     uint8_t frame[kFrameLen];
-    make_command(frame, cmd, static_cast<uint8_t>(len + 1));
-    uint8_t ack_len = 0;
-    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ack_len);
+    ZEL_STATUS status = send_with_ext(hnd, frame, cmd, 0, data, len);
     if (status != ZEL_OK)
-        return status;
-    uint8_t out[256];
-    std::memcpy(out, data, len);
-    CalcChecksum(out, static_cast<uint16_t>(len + 1));
-    if ((status = PortWrite(hnd, out, len + 1u)) != ZEL_OK)
         return status;
     os_sleep(5);
     if ((status = GetAndTestResponseIntro(hnd, frame, cmd)) != ZEL_OK)
@@ -72,17 +65,18 @@ extern "C" ZEL_API ZEL_STATUS CardEncryption_GetJobSNHnd(ZEL_HANDLE hnd, uint32_
     return status;
 }
 
+// The same record as the job number: its small value and the salter's number follow the job.
 extern "C" ZEL_API ZEL_STATUS CardEncryption_GetSalterSNHnd(ZEL_HANDLE hnd, uint8_t *salter_sn, uint8_t *small_value)
 {
     if (!salter_sn || !small_value)
         return ZEL_PARAMETERS_ERROR;
     uint8_t ext[256];
     const ZEL_STATUS status = serial_exchange(hnd, kJobSN, kJobExt, ext);
-    if (status != ZEL_OK)
-        return status;
-    *small_value = ext[2];
-    std::memcpy(salter_sn, ext + 3, 8);
-    return ZEL_OK;
+    if (status == ZEL_OK) {
+        *small_value = ext[2];
+        std::memcpy(salter_sn, ext + 3, 8);
+    }
+    return status;
 }
 
 extern "C" ZEL_API ZEL_STATUS CardEncryption_GetActualCardSNHnd(ZEL_HANDLE hnd, uint32_t *card_sn, uint32_t *card_sn_15)

@@ -24,6 +24,10 @@ constexpr uint8_t kRightExt = 10, kValidateExt = 11, kTotalExt = 5, kSetCreditEx
                   kRightTypeExt = 13, kJobExt = 12, kCardSNExt = 5;
 constexpr uint8_t kDailyCounterType = 1;
 
+// The first half of an exchange with an EXT: the command frame (cmd, PAR0, EXT_LEN len + 1) and its
+// handshake, then the EXT of len data bytes with its checksum. frame (7 bytes) keeps the handshake's reply.
+ZEL_STATUS send_with_ext(ZEL_HANDLE hnd, uint8_t *frame, uint8_t cmd, uint8_t par0, const uint8_t *data, uint8_t len);
+
 // The test of a reply frame that the access-system exchanges read themselves: an error frame (either
 // marker) gives its CMD byte (ZEL_COMMUNICATION_ERROR for a CMD of 0, which would read as success), a
 // response to cmd gives ZEL_OK, anything else ZEL_COMMUNICATION_ERROR. The checksum is tested first.

@@ -6,9 +6,23 @@
 #include "core/bytes.h"
 #include "core/frame.h"
 #include "records/records_internal.h"
+#include "zel_port.h"
 #include "zel_status.h"
 
 namespace zel::records {
+
+ZEL_STATUS send_with_ext(ZEL_HANDLE hnd, uint8_t *frame, uint8_t cmd, uint8_t par0, const uint8_t *data, uint8_t len)
+{
+    make_command(frame, cmd, static_cast<uint8_t>(len + 1), par0);
+    uint8_t ext_len = 0;
+    ZEL_STATUS status = InitialHandshaking(hnd, frame, &ext_len);
+    if (status != ZEL_OK)
+        return status;
+    uint8_t ext[256];
+    std::memcpy(ext, data, len);
+    CalcChecksum(ext, static_cast<uint16_t>(len + 1));
+    return PortWrite(hnd, ext, len + 1u);
+}
 
 ZEL_STATUS ais_frame_status(const uint8_t *frame, uint8_t cmd)
 {

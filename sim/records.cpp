@@ -70,8 +70,8 @@ void next_image(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t len, A
     ++s.card_serial;
     uint8_t image[32];
     const uint16_t job = static_cast<uint16_t>(le(r.eeprom + EE_JOB_ID, 2));
-    const size_t n = records_card_image(s, job, s.card_serial, start, duration, with_data ? ext + 14 : nullptr,
-                                        data_len, image);
+    const size_t n =
+        records_card_image(s, job, s.card_serial, start, duration, with_data ? ext + 14 : nullptr, data_len, image);
     std::vector<uint8_t> text;
     image_text(image, n, text);
     if (with_data) {

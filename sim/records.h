@@ -24,7 +24,7 @@ struct AccessRecords {
     uint16_t daily = 0;
     uint32_t total = 0;
     uint16_t card_number = 0;
-    uint8_t use = 0;        // the use byte in front of the credit record
+    uint8_t use = 0;         // the use byte in front of the credit record
     uint8_t credit[14] = {}; // credit (4), begin date (5), end date (5) as written
     // The card encryption job: the salter's number and small value, and the serial number of the last card
     // image made (each image takes the next one). The job number is the reader's job id.

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "card_sim_fixture.h"
+#include "tools/session.h"
 
 using zeltest::CardSimTest;
 
@@ -18,17 +19,6 @@ const char *READER = R"({
                                         "small_value": 4, "card_serial": 65536}},
   "cards": [{"uid": "C1C2C3C4", "sak": "08", "atqa": "0004", "type": "ORB_MIFARE_CLASSIC_1K", "model": "classic_1k"}]
 })";
-
-// Lends the fixture's reader to the global handle for the operations that read through it.
-struct LendGlobal {
-    zel_handle_record saved;
-    explicit LendGlobal(ZEL_HANDLE hnd)
-    {
-        std::memcpy(static_cast<void *>(&saved), &zel_global, sizeof saved);
-        std::memcpy(static_cast<void *>(&zel_global), hnd, sizeof saved);
-    }
-    ~LendGlobal() { std::memcpy(static_cast<void *>(&zel_global), &saved, sizeof saved); }
-};
 
 class ZoneCET {
 public:
@@ -52,7 +42,8 @@ bool is_value_block(const uint8_t *b, int32_t value, uint8_t addr)
     for (int i = 0; i < 4; ++i)
         if (b[i] != v[i] || b[4 + i] != static_cast<uint8_t>(~v[i]) || b[8 + i] != v[i])
             return false;
-    return b[12] == addr && b[13] == static_cast<uint8_t>(~addr) && b[14] == addr && b[15] == static_cast<uint8_t>(~addr);
+    return b[12] == addr && b[13] == static_cast<uint8_t>(~addr) && b[14] == addr &&
+           b[15] == static_cast<uint8_t>(~addr);
 }
 
 } // namespace
@@ -121,9 +112,9 @@ TEST_F(CardSimTest, CreditAndPeriodAndTheReaderLeftWaiting)
     start(READER);
     ASSERT_EQ(ais_set_credit_and_period_validityM(hnd, 2500, 2026, 1, 1, 0, 0, 2027, 6, 30, 23, 59), ZEL_OK);
     uint32_t v[11] = {};
-    ASSERT_EQ(
-        ais_get_credit_and_period_validityM(hnd, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9, v + 10),
-        ZEL_OK);
+    ASSERT_EQ(ais_get_credit_and_period_validityM(hnd, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9,
+                                                  v + 10),
+              ZEL_OK);
     const uint32_t want[11] = {2500, 2026, 1, 1, 0, 0, 2027, 6, 30, 23, 59};
     EXPECT_EQ(std::memcmp(v, want, sizeof want), 0);
     // The reader has been told of a record, then no EXT comes: the next command is still heard.
@@ -134,9 +125,9 @@ TEST_F(CardSimTest, CreditAndPeriodAndTheReaderLeftWaiting)
     uint8_t card_type = 0xFF;
     EXPECT_EQ(ais_get_card_typeM(hnd, &card_type), ZEL_OK);
     // The stored record is the one written before.
-    ASSERT_EQ(
-        ais_get_credit_and_period_validityM(hnd, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9, v + 10),
-        ZEL_OK);
+    ASSERT_EQ(ais_get_credit_and_period_validityM(hnd, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9,
+                                                  v + 10),
+              ZEL_OK);
     EXPECT_EQ(v[0], 2500u);
 }
 
@@ -202,7 +193,7 @@ TEST_F(CardSimTest, TheBalancePairLivesInTwoValueBlocks)
     int32_t credit = 0;
     // The pair is read on the global handle, which has no reader yet: the handle given does not help.
     EXPECT_NE(BalanceGetM(hnd, 0x60, FF6, &credit), ZEL_OK);
-    LendGlobal lend(hnd);
+    tandro::GlobalReader lend(hnd);
     ASSERT_EQ(BalanceGetM(hnd, 0x60, FF6, &credit), ZEL_OK);
     EXPECT_EQ(credit, 1500);
     // An update cut after its first block: the lower of two values one apart.

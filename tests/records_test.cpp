@@ -159,8 +159,8 @@ TEST(AisFrames, GetsReadTheRecordsAndRefuseShortOrBrokenOnes)
         ScriptLink link;
         link.reply(response(0x5B, {0x07, 0x10, 0x27, 0, 0, 26, 3, 29, 1, 30, 255, 12, 31, 23, 59}));
         uint32_t v[11] = {};
-        ASSERT_EQ(ais_get_credit_and_period_validityM(&link.record, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6,
-                                                      v + 7, v + 8, v + 9, v + 10),
+        ASSERT_EQ(ais_get_credit_and_period_validityM(&link.record, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7,
+                                                      v + 8, v + 9, v + 10),
                   ZEL_OK);
         const uint32_t want[11] = {10000, 2026, 3, 29, 1, 30, 2255, 12, 31, 23, 59};
         EXPECT_EQ(std::memcmp(v, want, sizeof want), 0);
@@ -312,8 +312,7 @@ TEST(CardEncryption, ImagesAndSerialNumbersFromTheReader)
                   ZEL_OK);
         EXPECT_EQ(len, 2u);
         EXPECT_STREQ(text, "XY");
-        EXPECT_EQ(link.sent,
-                  request(0xA4, 0, 0, {0xB4, 0x9F, 0x60, 0, 0, 0, 4, 3, 2, 1, 2, 0, 0, 0, 0xCA, 0xFE}));
+        EXPECT_EQ(link.sent, request(0xA4, 0, 0, {0xB4, 0x9F, 0x60, 0, 0, 0, 4, 3, 2, 1, 2, 0, 0, 0, 0xCA, 0xFE}));
     }
     // The image must end with DA BE and its own size.
     const Bytes bad_tails[] = {{'X', 'Y', 0xDA, 0xBF, 2}, {'X', 'Y', 0xDA, 0xBE, 3}, {0xBE, 0}, {}};
@@ -362,8 +361,15 @@ TEST(Balance, ThePairSettlesAnInterruptedUpdate)
     using zel::records::balance_pick;
     struct Case {
         int32_t a, b, want;
-    } cases[] = {{100, 101, 100}, {101, 100, 100}, {100, 100, 100}, {100, 200, 200}, {200, 100, 200},
-                 {-5, 3, 3},      {-1, 0, -1},     {INT32_MIN, INT32_MAX, INT32_MAX}, {INT32_MAX, INT32_MIN, INT32_MAX}};
+    } cases[] = {{100, 101, 100},
+                 {101, 100, 100},
+                 {100, 100, 100},
+                 {100, 200, 200},
+                 {200, 100, 200},
+                 {-5, 3, 3},
+                 {-1, 0, -1},
+                 {INT32_MIN, INT32_MAX, INT32_MAX},
+                 {INT32_MAX, INT32_MIN, INT32_MAX}};
     for (const Case &c : cases) {
         int32_t v = 0;
         ASSERT_EQ(balance_pick(ZEL_OK, c.a, ZEL_OK, c.b, &v), ZEL_OK);

@@ -63,8 +63,7 @@ bool parse_date(const std::string &t, uint32_t *d)
 {
     unsigned y = 0, mo = 0, day = 0, h = 0, mi = 0;
     char sep = 0, tail = 0;
-    if (t.size() != 16 ||
-        std::sscanf(t.c_str(), "%4u-%2u-%2u%c%2u:%2u%c", &y, &mo, &day, &sep, &h, &mi, &tail) != 6 ||
+    if (t.size() != 16 || std::sscanf(t.c_str(), "%4u-%2u-%2u%c%2u:%2u%c", &y, &mo, &day, &sep, &h, &mi, &tail) != 6 ||
         (sep != 'T' && sep != ' ') || y < 2000 || y > 2255 || mo < 1 || mo > 12 || day < 1 || day > 31 || h > 23 ||
         mi > 59)
         return false;
@@ -104,11 +103,11 @@ int show(const tandro::Options &opt, ZEL_HANDLE h)
     const ZEL_STATUS st_daily = ais_get_card_daily_durationM(h, &daily);
     const ZEL_STATUS st_total = ais_get_card_total_durationM(h, &total);
     const ZEL_STATUS st_number = ais_get_card_numberM(h, &number);
-    const ZEL_STATUS st_credit =
-        ais_get_credit_and_period_validityM(h, c, c + 1, c + 2, c + 3, c + 4, c + 5, c + 6, c + 7, c + 8, c + 9, c + 10);
+    const ZEL_STATUS st_credit = ais_get_credit_and_period_validityM(h, c, c + 1, c + 2, c + 3, c + 4, c + 5, c + 6,
+                                                                     c + 7, c + 8, c + 9, c + 10);
     const ZEL_STATUS st_validate = ais_get_validate_recordM(h, validate);
-    if (st_type != ZEL_OK && st_daily != ZEL_OK && st_total != ZEL_OK && st_number != ZEL_OK &&
-        st_credit != ZEL_OK && st_validate != ZEL_OK)
+    if (st_type != ZEL_OK && st_daily != ZEL_OK && st_total != ZEL_OK && st_number != ZEL_OK && st_credit != ZEL_OK &&
+        st_validate != ZEL_OK)
         return fail(opt, "records", "no record could be read", st_type);
     const bool j = opt.json;
     const std::string credit = st_credit != ZEL_OK ? field(st_credit, "", j)
@@ -153,8 +152,8 @@ int right(const tandro::Options &opt, ZEL_HANDLE h, uint8_t rec)
                     "\"days\": \"%s\", \"max_daily_counter\": %s}\n",
                     rec, type, a, b, hm(sh, sm).c_str(), hm(eh, em).c_str(), days_text(days).c_str(), max_text.c_str());
     else
-        std::printf("right record %u: type %u, values %u and %u, %s to %s, days %s, daily maximum %s\n", rec, type, a, b,
-                    hm(sh, sm).c_str(), hm(eh, em).c_str(), days_text(days).c_str(), max_text.c_str());
+        std::printf("right record %u: type %u, values %u and %u, %s to %s, days %s, daily maximum %s\n", rec, type, a,
+                    b, hm(sh, sm).c_str(), hm(eh, em).c_str(), days_text(days).c_str(), max_text.c_str());
     return 0;
 }
 
@@ -271,7 +270,7 @@ int run_records(const tandro::Options &opt, const tandro::Args &args)
     }
     // credit
     if (n == 4 && (st = ais_set_credit_and_period_validityM(h, num, begin[0], begin[1], begin[2], begin[3], begin[4],
-                                                             end[0], end[1], end[2], end[3], end[4])) != ZEL_OK)
+                                                            end[0], end[1], end[2], end[3], end[4])) != ZEL_OK)
         return fail(opt, "records", "credit", st);
     uint32_t c[11] = {};
     if ((st = ais_get_credit_and_period_validityM(h, c, c + 1, c + 2, c + 3, c + 4, c + 5, c + 6, c + 7, c + 8, c + 9,

@@ -60,7 +60,8 @@ TEST(AccessRecords, CardImagesTakeTheNextSerialNumber)
     r.eeprom[EE_JOB_ID] = 0x77;
     r.eeprom[EE_JOB_ID + 1] = 0x07;
     r.access.card_serial = 0x10;
-    EXPECT_EQ(answer(r, cmd(0xA3)), response(0xA3, cat(Bytes{0x77, 0x07, 3}, Bytes(r.access.salter, r.access.salter + 8))));
+    EXPECT_EQ(answer(r, cmd(0xA3)),
+              response(0xA3, cat(Bytes{0x77, 0x07, 3}, Bytes(r.access.salter, r.access.salter + 8))));
     const Bytes a1 = answer(r, cmd(0xA1, 7), {0, 0, 1, 60, 0, 0});
     ASSERT_EQ(a1.size(), 7u + 33);
     EXPECT_EQ(a1[3], 33);
