@@ -28,7 +28,8 @@ The list format (one item per line, '#' starts a comment line, fields of a line 
                                    comment)
   RET NAME(PARAMS) [| OPTION VALUE ...]
                                    one operation. Options: call (ARGS) the arguments XHnd gets after the
-                                   handle (default: the parameters' names); keys SET with impl NAME and
+                                   handle (default: the parameters' names); hnd NAME the implementation's
+                                   name where it is not NAMEHnd; keys SET with impl NAME and
                                    the name parts int, sam, samend, tail: every form of the set; key FORM
                                    with impl NAME: one key form under the row's own name. A key row always
                                    gets its generated XHnd; the family defines the implementation as
@@ -93,9 +94,11 @@ def join_params(*lists):
 class Op:
     """One exported operation after expansion: a plain row or one key form of a row."""
 
-    def __init__(self, ret, name, params, call, forms, impl=None, keyref=None, key_params=(), key_first=True):
+    def __init__(self, ret, name, params, call, forms, impl=None, keyref=None, key_params=(), key_first=True,
+                 hnd=None):
         self.ret, self.name, self.params, self.call, self.forms = ret, name, params, call, forms
         self.impl, self.keyref, self.key_params, self.key_first = impl, keyref, list(key_params), key_first
+        self.hnd = hnd or name + "Hnd"
 
     def public_params(self):
         if self.impl is None:
@@ -117,7 +120,7 @@ class Op:
         if "X_M" in self.forms:
             out.append(self.name + "_M")
         if "Hnd" in self.forms or self.impl is not None:
-            out.append(self.name + "Hnd")
+            out.append(self.hnd)
         return out
 
 
@@ -205,7 +208,7 @@ class FormsList:
         opts = {}
         for opt in fields[1:]:
             key, _, value = opt.partition(" ")
-            if key not in ("call", "keys", "key", "impl") + NAME_PARTS:
+            if key not in ("call", "keys", "key", "impl", "hnd") + NAME_PARTS:
                 self.fail(lineno, "unknown option '%s'" % key)
             if key in opts:
                 self.fail(lineno, "option '%s' given twice" % key)
@@ -224,6 +227,8 @@ class FormsList:
             self.fail(lineno, "a row names a key set or one key form, not both")
         if ("keys" in opts or "key" in opts) != ("impl" in opts):
             self.fail(lineno, "a key row names its implementation with impl, and only a key row does")
+        if "hnd" in opts and ("keys" in opts or "key" in opts or not re.fullmatch(r"[A-Za-z_]\w*", opts["hnd"])):
+            self.fail(lineno, "hnd names one implementation, and only outside key rows")
         if any(p in opts for p in NAME_PARTS) and "keys" not in opts:
             self.fail(lineno, "name parts belong to a key set row")
         if "keys" in opts or "key" in opts:
@@ -248,7 +253,7 @@ class FormsList:
                         key_params=form["params"], key_first=form["first"])
                 self.items.append(("op", op))
         else:
-            self.items.append(("op", Op(ret, name, params, call, forms)))
+            self.items.append(("op", Op(ret, name, params, call, forms, hnd=opts.get("hnd"))))
 
     def ops(self):
         return [item for kind, item in self.items if kind == "op"]
@@ -281,7 +286,7 @@ class FormsList:
                 if "X" + suffix in op.forms:
                     out.append("ZEL_API %s(%s);" % (typed(op.ret, op.name + suffix), join_params(hnd_params)))
             if "Hnd" in op.forms or op.impl is not None:
-                out.append("ZEL_API %s(%s);" % (typed(op.ret, op.name + "Hnd"), join_params(hnd_params)))
+                out.append("ZEL_API %s(%s);" % (typed(op.ret, op.hnd), join_params(hnd_params)))
         out += ["", "#ifdef __cplusplus", "}", "#endif", "#endif", ""]
         return "\n".join(out)
 
@@ -306,7 +311,7 @@ class FormsList:
             params = op.public_params()
             hnd_params = ["ZEL_HANDLE hnd"] + params
             call = op.public_call()
-            target = op.name + "Hnd"
+            target = op.hnd
             out += ['extern "C" ZEL_API %s(%s)' % (typed(op.ret, op.name), join_params(params)), "{",
                     '    dp(0, "API begin: %s()", __func__);',
                     "    return %s(%s);" % (target, ", ".join(["&zel_global"] + call)), "}"]

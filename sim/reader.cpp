@@ -637,6 +637,7 @@ const Engine kEngines[] = {
     {"module", module_wants_ext, module_command},
     {"reader", own_wants_ext, own_commands},
     {"outputs", outputs_wants_ext, outputs_command},
+    {"records", records_wants_ext, records_command},
     {"desfire", desfire_reader_wants_ext, desfire_reader_command},
     {"iso15693", iso15693_reader_wants_ext, iso15693_reader_command},
     {"t2t", t2t_reader_wants_ext, t2t_reader_command},

@@ -10,6 +10,7 @@
 
 #include "card.h"
 #include "display.h"
+#include "records.h"
 #include "signals.h"
 #include "zelsim.h"
 
@@ -75,6 +76,8 @@ struct Reader {
     // The display module behind the reader and the boot loader (display.cpp).
     Lcd lcd;
     BootLoader boot;
+    // The access system's records and the card encryption job (records.cpp).
+    AccessRecords access;
 
     Reader();
     std::string serial_desc() const;

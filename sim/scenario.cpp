@@ -364,9 +364,10 @@ bool parse_reader(const Json &o, Reader &r, std::string &err)
 {
     const char *W = "reader";
     if (!members_known(o, W,
-                       {"type", "serial_number", "serial_description", "firmware", "hardware", "device_type", "mui",
-                        "parameter_block", "password", "keys_locked", "keys", "time", "job_id", "user_data", "pro_mode",
-                        "baud", "eeprom", "async", "speed"},
+                       {"type",   "serial_number",   "serial_description", "firmware",    "hardware", "device_type",
+                        "mui",    "parameter_block", "password",           "keys_locked", "keys",     "time",
+                        "job_id", "user_data",       "pro_mode",           "baud",        "eeprom",   "async",
+                        "speed",  "access"},
                        err))
         return false;
     if (!opt_number(o, "type", W, 0xFFFFFFFFu, r.type, err) ||
@@ -496,6 +497,25 @@ bool parse_reader(const Json &o, Reader &r, std::string &err)
                 r.speed_par[i] = static_cast<uint8_t>(v);
         r.eeprom[EE_SPEED] = static_cast<uint8_t>(0x50 | (r.speed_par[1] << 2) | r.speed_par[0]);
         r.eeprom[EE_SPEED + 1] = static_cast<uint8_t>(~r.eeprom[EE_SPEED]);
+    }
+    if (const Json *ac = o.get("access")) {
+        // The access system's card number and use byte, and the card encryption job's salter and last card.
+        const char *A = "reader.access";
+        AccessRecords &s = r.access;
+        if (!members_known(*ac, A, {"card_number", "use", "salter", "small_value", "card_serial"}, err) ||
+            !opt_number(*ac, "card_number", A, 0xFFFF, s.card_number, err) ||
+            !opt_number(*ac, "use", A, 255, s.use, err) ||
+            !opt_number(*ac, "small_value", A, 255, s.small_value, err) ||
+            !opt_number(*ac, "card_serial", A, 0xFFFFFFFFu, s.card_serial, err) ||
+            !opt_hex(*ac, "salter", A, 8, bytes, given, err))
+            return false;
+        if (given) {
+            if (bytes.size() != 8) {
+                err = "reader.access.salter: 8 bytes in hexadecimal are expected";
+                return false;
+            }
+            std::memcpy(s.salter, bytes.data(), 8);
+        }
     }
     if (const Json *as = o.get("async")) {
         const char *A = "reader.async";
@@ -719,6 +739,7 @@ bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::stri
     std::memcpy(r.speed_par, base.speed_par, sizeof r.speed_par);
     r.async_json = base.async_json;
     r.baud = base.baud;
+    r.access = base.access;
     if (const Json *rd = root.get("reader"))
         if (!parse_reader(*rd, r, err))
             return false;
@@ -826,6 +847,7 @@ void apply_scenario(zsim *sim, Scenario &s)
     std::memcpy(r.speed_par, s.reader->speed_par, sizeof r.speed_par);
     r.async_json = s.reader->async_json;
     r.baud = s.reader->baud;
+    r.access = s.reader->access;
     r.cards = std::move(cards);
     r.last_card = last;
     r.have_last_card = have_last;
