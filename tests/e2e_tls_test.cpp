@@ -117,16 +117,19 @@ protected:
         const Bytes der = der_of(file("client.pem"));
         ASSERT_EQ(ORB_TLS_SetClientCertificate(ZEL_TLS_CERT_X509, der.data(), uint32_t(der.size())), ZEL_OK);
         const std::string key = read_text(file("client.key"));
-        ASSERT_EQ(ORB_TLS_SetClientX509PrivateKey_PEM(reinterpret_cast<const uint8_t *>(key.data()), uint32_t(key.size())),
-                  ZEL_OK);
+        ASSERT_EQ(
+            ORB_TLS_SetClientX509PrivateKey_PEM(reinterpret_cast<const uint8_t *>(key.data()), uint32_t(key.size())),
+            ZEL_OK);
     }
     // One request; the response as text (empty on failure, when the buffer must be null).
-    std::string get(ZEL_STATUS want, const char *host = "127.0.0.1", const char *pin = nullptr, const char *path = "/hello")
+    std::string get(ZEL_STATUS want, const char *host = "127.0.0.1", const char *pin = nullptr,
+                    const char *path = "/hello")
     {
         uint8_t *resp = reinterpret_cast<uint8_t *>(&saved_); // must be cleared
         uint32_t len = 77;
-        const ZEL_STATUS st = ORB_TLS_Request(&resp, &len, host, path, server.port(),
-                                              reinterpret_cast<const uint8_t *>(pin), pin ? uint32_t(std::strlen(pin)) : 0);
+        const ZEL_STATUS st =
+            ORB_TLS_Request(&resp, &len, host, path, server.port(), reinterpret_cast<const uint8_t *>(pin),
+                            pin ? uint32_t(std::strlen(pin)) : 0);
         EXPECT_EQ(st, want) << ZEL_Status2String(st);
         if (st != ZEL_OK) {
             EXPECT_EQ(resp, nullptr);

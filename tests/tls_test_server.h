@@ -94,7 +94,8 @@ private:
     {
         auto *self = static_cast<TlsTestServer *>(arg);
         for (unsigned i = 0; i < inlen; i += 1u + in[i]) {
-            if (in[i] == 8 && i + 9 <= inlen && std::string(reinterpret_cast<const char *>(in + i + 1), 8) == "http/1.1") {
+            if (in[i] == 8 && i + 9 <= inlen &&
+                std::string(reinterpret_cast<const char *>(in + i + 1), 8) == "http/1.1") {
                 self->offered_http11_ = true;
                 *out = in + i + 1;
                 *outlen = 8;

@@ -25,8 +25,8 @@ const char kManageSecurityEnvironment[] = "002241b606800157840181";
 // GET DATA of the certificate object DF 24, and the mark of a compressed certificate behind its length.
 const uint8_t kGetDataTag[] = {0x5C, 0x02, 0xDF, 0x24};
 constexpr uint8_t kCompressedMark[] = {0x01, 0x00};
-constexpr size_t kMaxReply = 258;          // 256 data bytes and the status word
-constexpr unsigned kMaxGetResponse = 300;  // more than a 65,535-byte object needs in pieces of 256
+constexpr size_t kMaxReply = 258;         // 256 data bytes and the status word
+constexpr unsigned kMaxGetResponse = 300; // more than a 65,535-byte object needs in pieces of 256
 
 void wipe_free(uint8_t *&p, uint32_t &len)
 {
@@ -104,8 +104,8 @@ ZEL_STATUS send_hex(ZEL_HANDLE hnd, const char *hex, uint16_t *sw)
             return ZEL_PARAMETERS_ERROR;
         uint8_t out[kMaxReply];
         uint32_t got = 0;
-        return send(hnd, cmd[0], cmd[1], cmd[2], cmd[3], cmd + 5, cmd[4], n > 5u + cmd[4], n > 5u + cmd[4] ? cmd[n - 1] : 0,
-                    out, sizeof out, &got, sw);
+        return send(hnd, cmd[0], cmd[1], cmd[2], cmd[3], cmd + 5, cmd[4], n > 5u + cmd[4],
+                    n > 5u + cmd[4] ? cmd[n - 1] : 0, out, sizeof out, &got, sw);
     }
     Timed timed;
     char *reply = nullptr;
@@ -254,8 +254,6 @@ ZEL_STATUS read_gids_certificate(ZEL_HANDLE hnd, uint8_t **der, uint32_t *der_le
 }
 
 } // namespace zel::tls
-
-
 
 extern "C" ZEL_API ZEL_STATUS ORB_TLS_SetClientCertificateHnd(ZEL_HANDLE hnd, int32_t cert_type, const uint8_t *cert,
                                                               uint32_t cert_len)

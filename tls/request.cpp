@@ -297,7 +297,7 @@ ZEL_STATUS make_context(Request &q, const char *host)
     // The end of the TCP stream ends the response, as Connection: close asks of the server.
     SSL_CTX_set_options(q.ctx, SSL_OP_IGNORE_UNEXPECTED_EOF);
     if (c.ca_path) {
-        struct stat sb{};
+        struct stat sb {};
         const bool dir = stat(c.ca_path, &sb) == 0 && S_ISDIR(sb.st_mode);
         if (SSL_CTX_load_verify_locations(q.ctx, dir ? nullptr : c.ca_path, dir ? c.ca_path : nullptr) != 1)
             return TLS_ERR_SERVER_NOT_VERIFIED;
@@ -405,7 +405,7 @@ extern "C" ZEL_API ZEL_STATUS ORB_TLS_SetServerVerificationHnd(ZEL_HANDLE, const
     c.check_host = false;
     if (!ca_path)
         return ZEL_OK;
-    struct stat sb{};
+    struct stat sb {};
     if (!*ca_path || stat(ca_path, &sb) != 0)
         return ZEL_FILE_NOT_EXISTS;
     c.ca_path = strdup(ca_path);
@@ -447,18 +447,19 @@ extern "C" ZEL_API ZEL_STATUS ORB_TLS_RequestHnd(ZEL_HANDLE hnd, uint8_t **respo
         return ZEL_NO_MEMORY_ERROR;
 
     int r = 0;
-    End how = run(q.conn, [&] { return SSL_do_handshake(q.conn.ssl); }, &r);
+    End how = run(
+        q.conn, [&] { return SSL_do_handshake(q.conn.ssl); }, &r);
     if (how != End::OK || r <= 0)
         return failure(q, how);
     // The PIN has done its work once the handshake is over.
     set_pin(nullptr, 0);
 
-    const std::string get = std::string("GET ") + path + " HTTP/1.1\r\nHost: " + host +
-                            "\r\nAccept: */*\r\nConnection: close\r\n\r\n";
+    const std::string get =
+        std::string("GET ") + path + " HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\nConnection: close\r\n\r\n";
     size_t sent = 0;
     while (sent < get.size()) {
-        how = run(q.conn, [&] { return SSL_write(q.conn.ssl, get.data() + sent, static_cast<int>(get.size() - sent)); },
-                  &r);
+        how = run(
+            q.conn, [&] { return SSL_write(q.conn.ssl, get.data() + sent, static_cast<int>(get.size() - sent)); }, &r);
         if (how != End::OK || r <= 0)
             return failure(q, how);
         sent += static_cast<size_t>(r);
@@ -468,7 +469,8 @@ extern "C" ZEL_API ZEL_STATUS ORB_TLS_RequestHnd(ZEL_HANDLE hnd, uint8_t **respo
     uint32_t kept = 0;
     for (;;) {
         uint8_t piece[kPiece];
-        how = run(q.conn, [&] { return SSL_read(q.conn.ssl, piece, sizeof piece); }, &r);
+        how = run(
+            q.conn, [&] { return SSL_read(q.conn.ssl, piece, sizeof piece); }, &r);
         if (how != End::OK)
             return failure(q, how);
         if (r == 0)

@@ -164,8 +164,8 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
     if (a.insecure && !a.ca.empty())
         return tandro::usage_error("https", "--insecure does not go with --ca");
 
-    ZEL_STATUS st = ORB_TLS_SetServerVerification(
-        a.insecure ? nullptr : (a.ca.empty() ? kSystemCa : a.ca.c_str()), a.host_check ? 1 : 0);
+    ZEL_STATUS st = ORB_TLS_SetServerVerification(a.insecure ? nullptr : (a.ca.empty() ? kSystemCa : a.ca.c_str()),
+                                                  a.host_check ? 1 : 0);
     if (st != ZEL_OK)
         return fail(opt, "--ca " + (a.ca.empty() ? std::string(kSystemCa) : a.ca), st);
 
@@ -222,14 +222,15 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
         std::printf("{\"url\": %s, \"verified\": %s, \"client_key\": %s, \"status_line\": %s, \"bytes\": %u, "
                     "\"truncated\": %s, \"response\": %s}\n",
                     tandro::json_string(a.url).c_str(), a.insecure ? "false" : "true",
-                    a.card ? "\"card\"" : a.cert.empty() ? "null" : "\"pem\"",
+                    a.card           ? "\"card\""
+                    : a.cert.empty() ? "null"
+                                     : "\"pem\"",
                     tandro::json_string(status_line).c_str(), len, len >= ZEL_TLS_RESPONSE_MAX ? "true" : "false",
                     tandro::json_string(body).c_str());
         return 0;
     }
     std::fprintf(stderr, "GET %s: %u bytes%s%s\n", a.url.c_str(), len,
-                 len >= ZEL_TLS_RESPONSE_MAX ? " (cut at 8,191)" : "",
-                 a.insecure ? ", server not verified" : "");
+                 len >= ZEL_TLS_RESPONSE_MAX ? " (cut at 8,191)" : "", a.insecure ? ", server not verified" : "");
     std::fwrite(body.data(), 1, body.size(), stdout);
     if (!body.empty() && body.back() != '\n')
         std::printf("\n");

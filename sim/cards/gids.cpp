@@ -115,8 +115,15 @@ Bytes certificate_object(const Bytes &der)
         return {};
     z.resize(zlen);
     const size_t len = 4 + z.size();
-    Bytes out{0xDF, 0x24, 0x82, static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len), 0x01, 0x00,
-              static_cast<uint8_t>(der.size()), static_cast<uint8_t>(der.size() >> 8)};
+    Bytes out{0xDF,
+              0x24,
+              0x82,
+              static_cast<uint8_t>(len >> 8),
+              static_cast<uint8_t>(len),
+              0x01,
+              0x00,
+              static_cast<uint8_t>(der.size()),
+              static_cast<uint8_t>(der.size() >> 8)};
     out.insert(out.end(), z.begin(), z.end());
     return out;
 }
@@ -124,8 +131,8 @@ Bytes certificate_object(const Bytes &der)
 class GidsApp final : public Application {
 public:
     GidsApp(EVP_PKEY *key, bool owned, const Bytes &cert_der, std::string pin, int tries)
-        : Application(kGidsAid), key_(key), owned_(owned), object_(certificate_object(cert_der)),
-          pin_(std::move(pin)), max_tries_(tries), tries_(tries)
+        : Application(kGidsAid), key_(key), owned_(owned), object_(certificate_object(cert_der)), pin_(std::move(pin)),
+          max_tries_(tries), tries_(tries)
     {
     }
     ~GidsApp() override
@@ -209,7 +216,8 @@ private:
         EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(key_, nullptr);
         Bytes sig(256);
         size_t n = sig.size();
-        const bool ok = ctx && EVP_PKEY_sign_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
+        const bool ok = ctx && EVP_PKEY_sign_init(ctx) == 1 &&
+                        EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
                         EVP_PKEY_sign(ctx, sig.data(), &n, c.data, c.nc) == 1;
         EVP_PKEY_CTX_free(ctx);
         if (!ok)
