@@ -75,8 +75,8 @@ struct World {
         if (!server.start(s))
             return;
         sim = zsim_new();
-        const std::string setup = "{\"pin\": \"4711\", \"key\": \"" + dir + "/card.key\", \"certificate\": \"" + dir +
-                                  "/card.pem\"}";
+        const std::string setup =
+            "{\"pin\": \"4711\", \"key\": \"" + dir + "/card.key\", \"certificate\": \"" + dir + "/card.pem\"}";
         const zsim_card id = {{0x04, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 7, 0x20, 0x0344, 0x40};
         char path[256];
         if (zsim_card_add_model(sim, &id, "gids", setup.c_str()) != 0 || zsim_serve_pty(sim, path, sizeof path) != 0)
