@@ -24,30 +24,6 @@
 
 namespace {
 
-std::string text_of(const std::string &p)
-{
-    std::ifstream f(p);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
-std::vector<uint8_t> der_of(const std::string &p)
-{
-    std::vector<uint8_t> out;
-    FILE *f = std::fopen(p.c_str(), "r");
-    X509 *x = f ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
-    if (f)
-        std::fclose(f);
-    unsigned char *d = nullptr;
-    const int n = x ? i2d_X509(x, &d) : 0;
-    if (n > 0)
-        out.assign(d, d + n);
-    OPENSSL_free(d);
-    X509_free(x);
-    return out;
-}
-
 struct World {
     std::string dir;
     zeltest::TlsTestServer server;
@@ -67,7 +43,8 @@ struct World {
             if (std::system(cmd.c_str()) != 0)
                 return;
         }
-        std::ofstream(dir + "/trust.pem") << text_of(dir + "/client.pem") << text_of(dir + "/card.pem");
+        std::ofstream(dir + "/trust.pem")
+            << zeltest::tls_read_text(dir + "/client.pem") << zeltest::tls_read_text(dir + "/card.pem");
         zeltest::TlsTestServer::Setup s;
         s.cert = dir + "/server.pem";
         s.key = dir + "/server.key";
@@ -126,8 +103,8 @@ void BM_RequestPemKey(benchmark::State &state)
         state.SkipWithError("no server or simulated card");
         return;
     }
-    const auto der = der_of(w.dir + "/client.pem");
-    const std::string key = text_of(w.dir + "/client.key");
+    const auto der = zeltest::tls_der_of(w.dir + "/client.pem");
+    const std::string key = zeltest::tls_read_text(w.dir + "/client.key");
     ORB_TLS_SetClientCertificate(ZEL_TLS_CERT_X509, der.data(), uint32_t(der.size()));
     ORB_TLS_SetClientX509PrivateKey_PEM(reinterpret_cast<const uint8_t *>(key.data()), uint32_t(key.size()));
     const auto t0 = std::chrono::steady_clock::now();

@@ -28,30 +28,6 @@ std::string file(const std::string &name)
     return g_dir + "/" + name;
 }
 
-std::string read_text(const std::string &path)
-{
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
-Bytes der_of(const std::string &pem_path)
-{
-    Bytes out;
-    FILE *f = std::fopen(pem_path.c_str(), "r");
-    X509 *x = f ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
-    if (f)
-        std::fclose(f);
-    unsigned char *der = nullptr;
-    const int n = x ? i2d_X509(x, &der) : 0;
-    if (n > 0)
-        out.assign(der, der + n);
-    OPENSSL_free(der);
-    X509_free(x);
-    return out;
-}
-
 // A self-signed RSA-2048 certificate and its key, by the openssl command line.
 bool make_pair(const std::string &name, const std::string &subject, const std::string &san)
 {
@@ -72,7 +48,8 @@ protected:
         ASSERT_TRUE(make_pair("other", "/CN=localhost", "DNS:localhost"));
         ASSERT_TRUE(make_pair("client", "/CN=Tandro test client", ""));
         ASSERT_TRUE(make_pair("card", "/CN=Tandro test card", ""));
-        std::ofstream(file("trust.pem")) << read_text(file("client.pem")) << read_text(file("card.pem"));
+        std::ofstream(file("trust.pem")) << zeltest::tls_read_text(file("client.pem"))
+                                         << zeltest::tls_read_text(file("card.pem"));
     }
     static void TearDownTestSuite()
     {
@@ -114,9 +91,9 @@ protected:
     }
     void pem_client()
     {
-        const Bytes der = der_of(file("client.pem"));
+        const Bytes der = zeltest::tls_der_of(file("client.pem"));
         ASSERT_EQ(ORB_TLS_SetClientCertificate(ZEL_TLS_CERT_X509, der.data(), uint32_t(der.size())), ZEL_OK);
-        const std::string key = read_text(file("client.key"));
+        const std::string key = zeltest::tls_read_text(file("client.key"));
         ASSERT_EQ(
             ORB_TLS_SetClientX509PrivateKey_PEM(reinterpret_cast<const uint8_t *>(key.data()), uint32_t(key.size())),
             ZEL_OK);
@@ -158,7 +135,7 @@ TEST_F(Https, PemKeyRequestReachesTheServerWithTheCallersCertificateOverTls12)
     EXPECT_NE(r.find("\r\n\r\nhello from the test server"), std::string::npos);
     const auto seen = server.seen();
     EXPECT_TRUE(seen.handshake);
-    EXPECT_EQ(seen.client_cert, der_of(file("client.pem")));
+    EXPECT_EQ(seen.client_cert, zeltest::tls_der_of(file("client.pem")));
     EXPECT_EQ(seen.request, "GET /hello HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(seen.version, "TLSv1.2");
     EXPECT_TRUE(seen.offered_http11);
@@ -177,15 +154,16 @@ TEST_F(Https, CardKeySignsTheHandshakeAndTheServerSeesTheCardsCertificate)
     ASSERT_EQ(ORB_TLS_SetClientCertificate(ZEL_TLS_CERT_GIDS, nullptr, 0), ZEL_OK);
     uint32_t n = 0;
     const uint8_t *held = zel::tls::held_certificate(&n);
-    EXPECT_EQ(Bytes(held, held + n), der_of(file("card.pem"))); // inflated from the card's compressed object
+    EXPECT_EQ(Bytes(held, held + n),
+              zeltest::tls_der_of(file("card.pem"))); // inflated from the card's compressed object
     const std::string r = get(ZEL_OK, "127.0.0.1", "4711");
     EXPECT_NE(r.find("hello from the test server"), std::string::npos);
     const auto seen = server.seen();
-    EXPECT_EQ(seen.client_cert, der_of(file("card.pem")));
+    EXPECT_EQ(seen.client_cert, zeltest::tls_der_of(file("card.pem")));
     EXPECT_EQ(seen.client_sig_nid, EVP_PKEY_RSA);
     EXPECT_EQ(seen.client_hash_nid, NID_sha256);
     // A key of the caller's does not go with the card's certificate.
-    const std::string key = read_text(file("client.key"));
+    const std::string key = zeltest::tls_read_text(file("client.key"));
     EXPECT_EQ(ORB_TLS_SetClientX509PrivateKey_PEM(reinterpret_cast<const uint8_t *>(key.data()), uint32_t(key.size())),
               TLS_ERR_PRIVATE_KEY_CONTEXT_WRONG);
 }

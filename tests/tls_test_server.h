@@ -13,7 +13,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <openssl/pem.h>
+
 #include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -21,6 +26,31 @@
 #include <vector>
 
 namespace zeltest {
+
+inline std::string tls_read_text(const std::string &path)
+{
+    std::ifstream f(path);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+// The certificate of a PEM file in DER (empty when there is none).
+inline std::vector<uint8_t> tls_der_of(const std::string &pem_path)
+{
+    std::vector<uint8_t> out;
+    FILE *f = std::fopen(pem_path.c_str(), "r");
+    X509 *x = f ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
+    if (f)
+        std::fclose(f);
+    unsigned char *der = nullptr;
+    const int n = x ? i2d_X509(x, &der) : 0;
+    if (n > 0)
+        out.assign(der, der + n);
+    OPENSSL_free(der);
+    X509_free(x);
+    return out;
+}
 
 class TlsTestServer {
 public:

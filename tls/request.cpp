@@ -66,6 +66,26 @@ int remaining_ms(const Conn &c)
     return left < 0 ? 0 : static_cast<int>(left);
 }
 
+// Waits until the socket is ready for events, within the time limit.
+End wait(const Conn &c, short events)
+{
+    for (;;) {
+        pollfd p{c.fd, events, 0};
+        const int pr = poll(&p, 1, remaining_ms(c));
+        if (pr > 0)
+            return End::OK;
+        if (pr == 0)
+            return End::TIMEOUT;
+        if (errno != EINTR)
+            return End::CLOSED;
+    }
+}
+
+bool again()
+{
+    return errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
 // Sends everything OpenSSL has queued.
 End flush(Conn &c)
 {
@@ -74,16 +94,11 @@ End flush(Conn &c)
     while ((n = BIO_read(c.out, buf, sizeof buf)) > 0) {
         size_t done = 0;
         while (done < static_cast<size_t>(n)) {
-            pollfd p{c.fd, POLLOUT, 0};
-            const int pr = poll(&p, 1, remaining_ms(c));
-            if (pr == 0)
-                return End::TIMEOUT;
-            if (pr < 0 && errno == EINTR)
-                continue;
-            if (pr < 0)
-                return End::CLOSED;
+            const End w = wait(c, POLLOUT);
+            if (w != End::OK)
+                return w;
             const ssize_t s = send(c.fd, buf + done, static_cast<size_t>(n) - done, MSG_NOSIGNAL);
-            if (s < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+            if (s < 0 && again())
                 continue;
             if (s <= 0)
                 return End::CLOSED;
@@ -97,17 +112,12 @@ End flush(Conn &c)
 End feed(Conn &c)
 {
     for (;;) {
-        pollfd p{c.fd, POLLIN, 0};
-        const int pr = poll(&p, 1, remaining_ms(c));
-        if (pr == 0)
-            return End::TIMEOUT;
-        if (pr < 0 && errno == EINTR)
-            continue;
-        if (pr < 0)
-            return End::CLOSED;
+        const End w = wait(c, POLLIN);
+        if (w != End::OK)
+            return w;
         uint8_t buf[kPiece];
         const ssize_t n = recv(c.fd, buf, sizeof buf, 0);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+        if (n < 0 && again())
             continue;
         if (n <= 0) {
             c.eof = true;
