@@ -11,6 +11,7 @@
 #include "zel_desfire.h"
 #include "zel_desfire_crypto.h"
 #include "zel_emv.h"
+#include "zel_tls.h"
 #include "zel_devices.h"
 #include "zel_display.h"
 #include "zel_esp.h"
