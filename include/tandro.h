@@ -26,6 +26,7 @@
 #include "zel_open.h"
 #include "zel_port.h"
 #include "zel_reader.h"
+#include "zel_sam.h"
 #include "zel_signals.h"
 #include "zel_status.h"
 #include "zel_types.h"
