@@ -380,7 +380,8 @@ extern "C" ZEL_API ZEL_STATUS SAM_authenticate_host_AV2_plainHnd(ZEL_HANDLE hnd,
     return av2_authenticate(hnd, first, sizeof first, kInsAuthHost, host_mode, host_aes_key, apdu_sw);
 }
 
-extern "C" ZEL_API ZEL_STATUS SAM_pre_personalization_switch_to_AV2_modeHnd(ZEL_HANDLE hnd, const uint8_t *master_aes_key,
+extern "C" ZEL_API ZEL_STATUS SAM_pre_personalization_switch_to_AV2_modeHnd(ZEL_HANDLE hnd,
+                                                                            const uint8_t *master_aes_key,
                                                                             uint8_t key_version, uint16_t *apdu_sw)
 {
     put_sw(apdu_sw, 0);
@@ -391,14 +392,15 @@ extern "C" ZEL_API ZEL_STATUS SAM_pre_personalization_switch_to_AV2_modeHnd(ZEL_
     // P1 03 asks for the AV2 mode; the data are the master key entry 0, its version and a chain block limit
     // of 0 (three bytes), which sets no limit.
     constexpr uint8_t kActivateAv2 = 0x03;
-    const uint8_t first[11] = {kCla, kInsLockUnlock, kActivateAv2, 0x00, 0x05, 0x00, key_version, 0x00, 0x00, 0x00,
-                               0x00};
+    const uint8_t first[11] = {kCla,        kInsLockUnlock, kActivateAv2, 0x00, 0x05, 0x00,
+                               key_version, 0x00,           0x00,         0x00, 0x00};
     return av2_authenticate(hnd, first, sizeof first, kInsLockUnlock, kActivateAv2, master_aes_key, apdu_sw);
 }
 
-extern "C" ZEL_API ZEL_STATUS SAM_pre_pesonalization_master_AES128_keyHnd(
-    ZEL_HANDLE hnd, const uint8_t *aes_key_ver_a, uint8_t ver_a, const uint8_t *aes_key_ver_b, uint8_t ver_b,
-    const uint8_t *aes_key_ver_c, uint8_t ver_c, uint16_t *apdu_sw)
+extern "C" ZEL_API ZEL_STATUS SAM_pre_pesonalization_master_AES128_keyHnd(ZEL_HANDLE hnd, const uint8_t *aes_key_ver_a,
+                                                                          uint8_t ver_a, const uint8_t *aes_key_ver_b,
+                                                                          uint8_t ver_b, const uint8_t *aes_key_ver_c,
+                                                                          uint8_t ver_c, uint16_t *apdu_sw)
 {
     put_sw(apdu_sw, 0);
     if (!hnd)
@@ -461,8 +463,7 @@ extern "C" ZEL_API ZEL_STATUS SAM_change_key_entry_mifare_AV2_plain_one_keyHnd(Z
     uint8_t keys[14] = {};
     std::memcpy(keys, key_a, 6);
     std::memcpy(keys + 8, key_b, 6);
-    return one_key(hnd, key_entry_no, keys, sizeof keys, kSetMifare, 0xFF, key_no_ce, key_ver_ce, ref_no_kuc,
-                   apdu_sw);
+    return one_key(hnd, key_entry_no, keys, sizeof keys, kSetMifare, 0xFF, key_no_ce, key_ver_ce, ref_no_kuc, apdu_sw);
 }
 
 extern "C" ZEL_API ZEL_STATUS SAM_change_key_entry_AES_AV2_plain_one_keyHnd(ZEL_HANDLE hnd, uint8_t key_entry_no,

@@ -75,9 +75,9 @@ TEST_F(SamSim, PersonalisationFromNewToAv2)
     EXPECT_EQ(SAM_authenticate_host_no_div_desM(hnd, 0, 0, nullptr), ZEL_OK);
     const Bytes kb = samtest::rol(MASTER, 5), kc = samtest::rol(MASTER, 9);
     uint16_t sw = 0;
-    ASSERT_EQ(SAM_pre_pesonalization_master_AES128_keyM(hnd, MASTER.data(), 0x10, kb.data(), 0x11, kc.data(), 0x12,
-                                                        &sw),
-              ZEL_OK);
+    ASSERT_EQ(
+        SAM_pre_pesonalization_master_AES128_keyM(hnd, MASTER.data(), 0x10, kb.data(), 0x11, kc.data(), 0x12, &sw),
+        ZEL_OK);
     EXPECT_EQ(sw, 0x0090);
     // Entry 0 now holds the host key: versions, the change key 0, the usage counter FF, configuration 20 00.
     EXPECT_EQ(entry(0), (Bytes{0x10, 0x11, 0x12, 0, 0, 0, 0, 0, 0, 0xFF, 0x20, 0x00}));
@@ -150,8 +150,8 @@ TEST_F(SamSim, KeyEntryChangesAfterAuthentication)
     EXPECT_EQ(SAM_change_key_entry_2K3DES_ULC_AV2_plain_one_keyM(hnd, 12, k24.data(), 0, 0, 3, &sw), ZEL_OK);
     EXPECT_EQ(SAM_change_key_entry_2K3DES_desfire_AV2_plain_one_keyM(hnd, 13, k24.data(), 0, 0, 4, &sw), ZEL_OK);
     EXPECT_EQ(SAM_change_key_entry_DES_AV2_plain_one_keyM(hnd, 14, k8.data(), 0, 0, 5, &sw), ZEL_OK);
-    EXPECT_EQ(SAM_change_key_entry_aes_AV2_plain_host_keyM(hnd, 15, aes.data(), 4, aes.data(), 5, aes.data(), 6, 15,
-                                                           6, 0xFF, &sw),
+    EXPECT_EQ(SAM_change_key_entry_aes_AV2_plain_host_keyM(hnd, 15, aes.data(), 4, aes.data(), 5, aes.data(), 6, 15, 6,
+                                                           0xFF, &sw),
               ZEL_OK);
     // The entries as the SAM reads them back: versions, AID, key number, change key, counter, SET, ExtSET.
     EXPECT_EQ(entry(10), (Bytes{0, 1, 2, 0, 0, 0, 0, 0, 0, 1, 0x10, 0, 1}));

@@ -82,8 +82,8 @@ TEST(SamVersion, TypeTableUidAndRefusals)
         Bytes head;
         uint8_t mode;
         uint32_t type;
-    } rows[] = {{hw3, 0xA1, 1}, {hw3, 0xA2, 2}, {hw4, 0xA1, 3}, {hw4, 0xA2, 4}, {hw3, 0xA3, 0},
-                {{0x04, 0x01, 0x01, 0x03, 0x01}, 0xA2, 0}};
+    } rows[] = {{hw3, 0xA1, 1}, {hw3, 0xA2, 2}, {hw4, 0xA1, 3},
+                {hw4, 0xA2, 4}, {hw3, 0xA3, 0}, {{0x04, 0x01, 0x01, 0x03, 0x01}, 0xA2, 0}};
     for (const Row &r : rows) {
         ScriptLink link;
         answer(link, 5, version_reply(r.head, r.mode, uid), 0x90, 0x00);
@@ -220,12 +220,12 @@ TEST(SamAuthAv2, ThreePassesMatchAnIndependentSamSide)
         ASSERT_EQ(SAM_authenticate_host_AV2_plainM(&link.record, r.key.data(), 0x07, 0x02, mode, &sw), ZEL_OK);
         EXPECT_EQ(sw, 0x0090);
         EXPECT_EQ(apdu(link, 0), (Bytes{0x80, 0xA4, 0x00, 0x00, 0x03, 0x07, 0x02, mode, 0x00}));
-        EXPECT_EQ(apdu(link, 1), join({{0x80, 0xA4, 0x00, 0x00, 0x14}, samtest::odd_cmac(r.key, r.rnd2, mode), r.rnd1,
-                                       {0x00}}));
+        EXPECT_EQ(apdu(link, 1),
+                  join({{0x80, 0xA4, 0x00, 0x00, 0x14}, samtest::odd_cmac(r.key, r.rnd2, mode), r.rnd1, {0x00}}));
         const Bytes ke = samtest::av2_session(r.key, r.rnd1, r.rnd2);
-        EXPECT_EQ(apdu(link, 2),
-                  join({{0x80, 0xA4, 0x00, 0x00, 0x20}, samtest::aes_cbc(ke, join({r.rnda, rol(r.rndb, 2)}), true),
-                        {0x00}}));
+        EXPECT_EQ(
+            apdu(link, 2),
+            join({{0x80, 0xA4, 0x00, 0x00, 0x20}, samtest::aes_cbc(ke, join({r.rnda, rol(r.rndb, 2)}), true), {0x00}}));
     }
 }
 
@@ -341,12 +341,12 @@ TEST(SamAuthDes, FailuresOfEachPass)
         uint8_t third_sw1;
         ZEL_STATUS want;
     } cases[] = {
-        {r.first(), 0x00, {}, 0, ZEL_AUTH_ERROR},                       // first pass without 90 AF
-        {pattern(24, 1), 0xAF, {}, 0, ZEL_AUTH_ERROR},                  // n the host cannot hold
-        {{}, 0xAF, {}, 0, ZEL_AUTH_ERROR},                              // no challenge at all
-        {r.first(), 0xAF, {}, 0x69, ZEL_SAM_AUTH_ERROR},                // second pass refused
+        {r.first(), 0x00, {}, 0, ZEL_AUTH_ERROR},                                            // first pass without 90 AF
+        {pattern(24, 1), 0xAF, {}, 0, ZEL_AUTH_ERROR},                                       // n the host cannot hold
+        {{}, 0xAF, {}, 0, ZEL_AUTH_ERROR},                                                   // no challenge at all
+        {r.first(), 0xAF, {}, 0x69, ZEL_SAM_AUTH_ERROR},                                     // second pass refused
         {r.first(), 0xAF, samtest::des_ecb(r.zero, r.rnda, true), 0x90, ZEL_SAM_AUTH_ERROR}, // RndA not rotated
-        {r.first(), 0xAF, range(r.third(), 0, 4), 0x90, ZEL_SAM_AUTH_ERROR},                // short proof
+        {r.first(), 0xAF, range(r.third(), 0, 4), 0x90, ZEL_SAM_AUTH_ERROR},                 // short proof
     };
     for (const Case &c : cases) {
         RandomScript rnd(r.rnda);
@@ -413,7 +413,7 @@ TEST(SamChangeKeyEntry, EveryFormFillsTheTemplate)
         const char *name;
         ZEL_STATUS (*run)(ScriptLink &, uint16_t *);
         uint8_t p2, set;
-        Bytes keys;           // the 48 bytes from offset 5
+        Bytes keys; // the 48 bytes from offset 5
         Bytes versions{0, 1, 2};
     };
     auto blank = [](std::initializer_list<std::pair<size_t, Bytes>> at) {
@@ -448,8 +448,7 @@ TEST(SamChangeKeyEntry, EveryFormFillsTheTemplate)
          0xFF, 0x0C, blank({{0, k16}})},
         {"2k3des desfire",
          [](ScriptLink &l, uint16_t *sw) {
-             return SAM_change_key_entry_2K3DES_desfire_AV2_plain_one_keyM(&l.record, 0x21, s_k16.data(), 3, 4, 5,
-                                                                           sw);
+             return SAM_change_key_entry_2K3DES_desfire_AV2_plain_one_keyM(&l.record, 0x21, s_k16.data(), 3, 4, 5, sw);
          },
          0xFF, 0x0C, blank({{0, k16}})},
         {"des",
@@ -462,7 +461,10 @@ TEST(SamChangeKeyEntry, EveryFormFillsTheTemplate)
              return SAM_change_key_entry_aes_AV2_plain_host_keyM(&l.record, 0x21, s_k16.data(), 7, s_kb.data(), 8,
                                                                  s_kc.data(), 9, 3, 4, 5, sw);
          },
-         0xFF, 0x20, join({k16, kb, kc}), {7, 8, 9}},
+         0xFF,
+         0x20,
+         join({k16, kb, kc}),
+         {7, 8, 9}},
     };
     for (const Form &f : forms) {
         SCOPED_TRACE(f.name);
