@@ -463,6 +463,21 @@ private:
     State st_;
 };
 
+// A member of exactly n hex bytes into out, when the setup has it.
+bool hex_member(const Json *setup, const char *name, uint8_t *out, size_t n, std::string &err)
+{
+    const Json *v = setup->get(name);
+    if (!v)
+        return true;
+    std::vector<uint8_t> b;
+    if (v->kind != Json::STRING || !parse_hex_text(v->str, b, n) || b.size() != n) {
+        err = std::string("setup: ") + name + " is " + std::to_string(n) + " hex bytes";
+        return false;
+    }
+    std::memcpy(out, b.data(), n);
+    return true;
+}
+
 bool read_sam_setup(const Json *setup, SamSetup &s, std::string &err)
 {
     if (!setup || setup->kind != Json::OBJECT)
@@ -474,14 +489,8 @@ bool read_sam_setup(const Json *setup, SamSetup &s, std::string &err)
         }
         s.av2 = m->str == "av2";
     }
-    if (const Json *u = setup->get("uid")) {
-        std::vector<uint8_t> b;
-        if (u->kind != Json::STRING || !parse_hex_text(u->str, b, 7) || b.size() != 7) {
-            err = "setup: uid is 7 hex bytes";
-            return false;
-        }
-        std::memcpy(s.uid, b.data(), 7);
-    }
+    if (!hex_member(setup, "uid", s.uid, 7, err))
+        return false;
     if (const Json *h = setup->get("hardware")) {
         if (h->kind != Json::NUMBER || (h->num != 3 && h->num != 4)) {
             err = "setup: hardware is 3 or 4";
@@ -489,15 +498,9 @@ bool read_sam_setup(const Json *setup, SamSetup &s, std::string &err)
         }
         s.hardware = static_cast<int>(h->num);
     }
-    if (const Json *k = setup->get("master_key")) {
-        std::vector<uint8_t> b;
-        if (k->kind != Json::STRING || !parse_hex_text(k->str, b, 16) || b.size() != 16) {
-            err = "setup: master_key is 16 hex bytes";
-            return false;
-        }
-        std::memcpy(s.master, b.data(), 16);
-        s.have_master = true;
-    }
+    s.have_master = setup->get("master_key") != nullptr;
+    if (!hex_member(setup, "master_key", s.master, 16, err))
+        return false;
     return true;
 }
 
