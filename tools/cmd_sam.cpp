@@ -13,10 +13,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const char *USAGE =
-    "[--key HEX] [--entry N] [--ver V] [--host-mode 0|1|2] (version [--raw] | entries [FROM [TO]] | "
-    "authenticate (des | av2) | change-key ENTRY TYPE NEWKEY [--cek N] [--cek-ver V] [--kuc N] "
-    "[--versions A,B,C])";
+const char *USAGE = "[--key HEX] [--entry N] [--ver V] [--host-mode 0|1|2] (version [--raw] | entries [FROM [TO]] | "
+                    "authenticate (des | av2) | change-key ENTRY TYPE NEWKEY [--cek N] [--cek-ver V] [--kuc N] "
+                    "[--versions A,B,C])";
 const char *HELP =
     "The SAM answers through the contact interface, which the command opens and closes.\n"
     "  version               the SAM's type and UID (--raw: the whole version reply)\n"
@@ -56,8 +55,8 @@ int fail(const tandro::Options &opt, const std::string &step, ZEL_STATUS st, uin
 {
     const std::string text = ZEL_Status2String(st);
     if (opt.json)
-        std::printf("{\"error\": %s, \"step\": %s, \"status\": %u, \"sw\": \"%s\"}\n", tandro::json_string(text).c_str(),
-                    tandro::json_string(step).c_str(), st, sw_text(sw).c_str());
+        std::printf("{\"error\": %s, \"step\": %s, \"status\": %u, \"sw\": \"%s\"}\n",
+                    tandro::json_string(text).c_str(), tandro::json_string(step).c_str(), st, sw_text(sw).c_str());
     const std::string word = sw ? " (status word " + sw_text(sw) + ")" : "";
     std::fprintf(stderr, "tandro sam: %s: %s%s\n", step.c_str(), text.c_str(), word.c_str());
     return 1;
@@ -178,8 +177,8 @@ int run_version(ZEL_HANDLE h, const tandro::Options &opt, bool raw)
         return fail(opt, "version", st, 0);
     const std::string hex = type ? tandro::to_hex(uid, SAM_UID_LEN) : "";
     if (opt.json)
-        std::printf("{\"type\": %u, \"name\": %s, \"uid\": \"%s\"}\n", type, tandro::json_string(type_text(type)).c_str(),
-                    hex.c_str());
+        std::printf("{\"type\": %u, \"name\": %s, \"uid\": \"%s\"}\n", type,
+                    tandro::json_string(type_text(type)).c_str(), hex.c_str());
     else
         std::printf("%s\nUID %s\n", type_text(type), type ? hex.c_str() : "(unknown)");
     return 0;
@@ -243,8 +242,8 @@ struct KeyType {
     const char *name;
     size_t len;
 };
-const KeyType TYPES[] = {{"aes", 16},         {"des", 8},     {"2k3des-ulc", 16}, {"2k3des-desfire", 16},
-                         {"3k3des", 24},      {"mifare", 12}, {"host", 16}};
+const KeyType TYPES[] = {{"aes", 16},    {"des", 8},     {"2k3des-ulc", 16}, {"2k3des-desfire", 16},
+                         {"3k3des", 24}, {"mifare", 12}, {"host", 16}};
 
 ZEL_STATUS change(ZEL_HANDLE h, const std::string &type, uint8_t entry, const Bytes &k, const SamArgs &a, uint16_t *sw)
 {
@@ -262,9 +261,9 @@ ZEL_STATUS change(ZEL_HANDLE h, const std::string &type, uint8_t entry, const By
         return SAM_change_key_entry_3K3DES_AV2_plain_one_keyM(h, entry, k.data(), cek, cv, kuc, sw);
     if (type == "mifare")
         return SAM_change_key_entry_mifare_AV2_plain_one_keyM(h, entry, k.data(), k.data() + 6, cek, cv, kuc, sw);
-    return SAM_change_key_entry_aes_AV2_plain_host_keyM(
-        h, entry, k.data(), static_cast<uint8_t>(a.versions[0]), k.data(), static_cast<uint8_t>(a.versions[1]),
-        k.data(), static_cast<uint8_t>(a.versions[2]), cek, cv, kuc, sw);
+    return SAM_change_key_entry_aes_AV2_plain_host_keyM(h, entry, k.data(), static_cast<uint8_t>(a.versions[0]),
+                                                        k.data(), static_cast<uint8_t>(a.versions[1]), k.data(),
+                                                        static_cast<uint8_t>(a.versions[2]), cek, cv, kuc, sw);
 }
 
 int run_sam(const tandro::Options &opt, const tandro::Args &all)
@@ -297,8 +296,8 @@ int run_sam(const tandro::Options &opt, const tandro::Args &all)
         if (!type || !byte_arg(wd[1], 127, &entry))
             return tandro::usage_error("sam", std::string("usage: tandro sam ") + USAGE);
         if (!tandro::parse_hex(wd[3], new_key) || new_key.size() != type->len)
-            return tandro::usage_error("sam", "a " + wd[2] + " key is " + std::to_string(type->len) +
-                                                  " bytes in hexadecimal");
+            return tandro::usage_error("sam",
+                                       "a " + wd[2] + " key is " + std::to_string(type->len) + " bytes in hexadecimal");
         if (!a.key_given)
             return tandro::usage_error("sam", "change-key needs --key, the AES key to authenticate with");
         ok = true;
@@ -350,8 +349,9 @@ int run_sam(const tandro::Options &opt, const tandro::Args &all)
     return result;
 }
 
-const tandro::Registration sam_cmd({"sam", USAGE, "the SAM in the contact slot: version, key entries, "
-                                                  "authentication, key changes",
+const tandro::Registration sam_cmd({"sam", USAGE,
+                                    "the SAM in the contact slot: version, key entries, "
+                                    "authentication, key changes",
                                     run_sam});
 
 } // namespace

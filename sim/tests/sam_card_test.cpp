@@ -56,8 +56,8 @@ struct SamCard : ::testing::Test {
     Bytes change(const Bytes &entry60, const Bytes &tail)
     {
         const Bytes plain = join({entry60, tail});
-        return send(join({{0x80, 0xC1, 0x03, 0xFF, 0x40},
-                          samtest::crypt(EVP_des_ede3_cbc(), session, plain, true, Bytes(8, 0))}));
+        return send(join(
+            {{0x80, 0xC1, 0x03, 0xFF, 0x40}, samtest::crypt(EVP_des_ede3_cbc(), session, plain, true, Bytes(8, 0))}));
     }
 };
 
@@ -66,8 +66,8 @@ Bytes entry_data()
     Bytes d(60, 0);
     for (int i = 0; i < 48; ++i)
         d[i] = static_cast<uint8_t>(0xA0 + i);
-    d[54] = 0xFF;           // key usage counter
-    d[55] = 0x20;           // AES host key
+    d[54] = 0xFF; // key usage counter
+    d[55] = 0x20; // AES host key
     d[57] = 7, d[58] = 8, d[59] = 9;
     return d;
 }
