@@ -31,6 +31,7 @@
 #include "zel_reader.h"
 #include "zel_readers.h"
 #include "zel_records.h"
+#include "zel_sam.h"
 #include "zel_signals.h"
 #include "zel_status.h"
 #include "zel_types.h"

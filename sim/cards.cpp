@@ -26,6 +26,7 @@ std::unique_ptr<Card> make_iso15693_tag(const zsim_card &id, const Json *config,
 std::unique_ptr<Card> make_javacard(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_emv_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_gids_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_sam_av2(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -56,6 +57,7 @@ const Model MODELS[] = {
     {"javacard", make_javacard},
     {"emv", make_emv_card},
     {"gids", make_gids_card},
+    {"sam_av2", make_sam_av2},
 };
 
 } // namespace

@@ -78,10 +78,20 @@ void AppHost::add(std::unique_ptr<Application> app)
         apps_.push_back(std::move(app));
 }
 
+void AppHost::add_default(std::unique_ptr<Application> app)
+{
+    if (!app)
+        return;
+    default_ = app.get();
+    apps_.push_back(std::move(app));
+}
+
 void AppHost::reset()
 {
     if (selected_)
         selected_->deselect();
+    if (default_ && default_ != selected_)
+        default_->deselect();
     selected_ = nullptr;
     rest_.clear();
 }
@@ -115,6 +125,8 @@ RApdu AppHost::route(const Apdu &c)
         selected_ = found;
         return found->select(c);
     }
+    if (!selected_ && default_)
+        return default_->command(c);
     if (!selected_)
         return RApdu::sw_only(SW_CONDITIONS_NOT_SATISFIED);
     return selected_->command(c);

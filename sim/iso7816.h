@@ -99,6 +99,9 @@ private:
 class AppHost {
 public:
     void add(std::unique_ptr<Application> app);
+    // An application that answers without being selected (a SAM in the contact slot has no SELECT): it takes
+    // every command while no other application is selected.
+    void add_default(std::unique_ptr<Application> app);
     size_t count() const { return apps_.size(); }
     Application *selected() const { return selected_; }
 
@@ -116,6 +119,7 @@ private:
     RApdu route(const Apdu &cmd);
     std::vector<std::unique_ptr<Application>> apps_;
     Application *selected_ = nullptr;
+    Application *default_ = nullptr;
     std::vector<uint8_t> rest_; // data awaiting GET RESPONSE
 };
 
