@@ -93,8 +93,9 @@ def join_params(*lists):
 class Op:
     """One exported operation after expansion: a plain row or one key form of a row."""
 
-    def __init__(self, ret, name, params, call, forms, impl=None, keyref=None, key_params=(), key_first=True):
+    def __init__(self, ret, name, params, call, forms, impl=None, keyref=None, key_params=(), key_first=True, hnd=None):
         self.ret, self.name, self.params, self.call, self.forms = ret, name, params, call, forms
+        self.hnd = hnd
         self.impl, self.keyref, self.key_params, self.key_first = impl, keyref, list(key_params), key_first
 
     def public_params(self):
@@ -205,7 +206,7 @@ class FormsList:
         opts = {}
         for opt in fields[1:]:
             key, _, value = opt.partition(" ")
-            if key not in ("call", "keys", "key", "impl") + NAME_PARTS:
+            if key not in ("call", "keys", "key", "impl", "hnd") + NAME_PARTS:
                 self.fail(lineno, "unknown option '%s'" % key)
             if key in opts:
                 self.fail(lineno, "option '%s' given twice" % key)
@@ -226,6 +227,8 @@ class FormsList:
             self.fail(lineno, "a key row names its implementation with impl, and only a key row does")
         if any(p in opts for p in NAME_PARTS) and "keys" not in opts:
             self.fail(lineno, "name parts belong to a key set row")
+        if "hnd" in opts and ("keys" in opts or "key" in opts or "Hnd" in forms):
+            self.fail(lineno, "hnd names a hand-declared implementation: not for key rows or rows with Hnd")
         if "keys" in opts or "key" in opts:
             if not self.keyref or not self.namespace:
                 self.fail(lineno, "key rows need the list's keyref and namespace")
@@ -248,7 +251,7 @@ class FormsList:
                         key_params=form["params"], key_first=form["first"])
                 self.items.append(("op", op))
         else:
-            self.items.append(("op", Op(ret, name, params, call, forms)))
+            self.items.append(("op", Op(ret, name, params, call, forms, hnd=opts.get("hnd"))))
 
     def ops(self):
         return [item for kind, item in self.items if kind == "op"]
@@ -306,7 +309,7 @@ class FormsList:
             params = op.public_params()
             hnd_params = ["ZEL_HANDLE hnd"] + params
             call = op.public_call()
-            target = op.name + "Hnd"
+            target = op.hnd or op.name + "Hnd"
             out += ['extern "C" ZEL_API %s(%s)' % (typed(op.ret, op.name), join_params(params)), "{",
                     '    dp(0, "API begin: %s()", __func__);',
                     "    return %s(%s);" % (target, ", ".join(["&zel_global"] + call)), "}"]
