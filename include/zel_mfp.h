@@ -34,8 +34,8 @@ ZEL_API ZEL_STATUS MFP_FieldConfigurationSetSamHnd(ZEL_HANDLE hnd, uint8_t confi
                                                    uint8_t prox_check_use);
 ZEL_API ZEL_STATUS MFP_ChangeSectorKeySamHnd(ZEL_HANDLE hnd, uint8_t sector_nr, uint8_t auth_mode, uint8_t key_index,
                                              uint8_t new_key_index);
-ZEL_API ZEL_STATUS MFP_ChangeSectorKeySamExtHnd(ZEL_HANDLE hnd, uint8_t sector_nr, uint8_t auth_mode,
-                                                uint8_t key_index, uint8_t new_key_index, uint8_t new_key_selector);
+ZEL_API ZEL_STATUS MFP_ChangeSectorKeySamExtHnd(ZEL_HANDLE hnd, uint8_t sector_nr, uint8_t auth_mode, uint8_t key_index,
+                                                uint8_t new_key_index, uint8_t new_key_selector);
 ZEL_API ZEL_STATUS MFP_ChangeVcPollingEncKeySamHnd(ZEL_HANDLE hnd, uint8_t configuration_key_index,
                                                    uint8_t new_key_index);
 ZEL_API ZEL_STATUS MFP_ChangeVcPollingMacKeySamHnd(ZEL_HANDLE hnd, uint8_t configuration_key_index,

@@ -56,8 +56,8 @@ ZEL_STATUS auth_key_block(ZEL_HANDLE hnd, uint16_t address, KeyForm form, uint8_
         len = 2 + kKeyLen;
     }
     Reply r;
-    return command_write_reply(hnd, kCmdAuthKeyBlock, key_par0(form), form == KeyForm::Provided ? 0 : key_index,
-                               ext, len, r);
+    return command_write_reply(hnd, kCmdAuthKeyBlock, key_par0(form), form == KeyForm::Provided ? 0 : key_index, ext,
+                               len, r);
 }
 
 // What a key write carries besides its addresses: the new data (a key or the field configuration), the SAM
@@ -65,10 +65,10 @@ ZEL_STATUS auth_key_block(ZEL_HANDLE hnd, uint16_t address, KeyForm form, uint8_
 struct KeyWrite {
     KeyForm form = KeyForm::Reader;
     uint8_t par0 = 0;
-    uint8_t key_index = 0;          // reader or SAM entry of the authenticating key
+    uint8_t key_index = 0;             // reader or SAM entry of the authenticating key
     const uint8_t *auth_key = nullptr; // the caller's authenticating key
-    const uint8_t *data = nullptr;  // 16 bytes of new data
-    uint8_t new_entry = 0;          // SAM entry of the new key
+    const uint8_t *data = nullptr;     // 16 bytes of new data
+    uint8_t new_entry = 0;             // SAM entry of the new key
 };
 
 // Command 0x6B: target address, new data, address of the authenticating key, and by the form the SAM entry
@@ -265,14 +265,10 @@ extern "C" ZEL_API ZEL_STATUS MFP_CommitPersoHnd(ZEL_HANDLE hnd)
     return perso_block(hnd, block, 1, kCommitPersoTimeout);
 }
 
-extern "C" ZEL_API ZEL_STATUS MFP_PersonalizationMinimalHnd(ZEL_HANDLE hnd, const uint8_t *card_master_key,
-                                                            const uint8_t *card_config_key,
-                                                            const uint8_t *level_2_switch_key,
-                                                            const uint8_t *level_3_switch_key,
-                                                            const uint8_t *level_1_auth_key,
-                                                            const uint8_t *select_vc_key, const uint8_t *prox_chk_key,
-                                                            const uint8_t *vc_poll_enc_key,
-                                                            const uint8_t *vc_poll_mac_key)
+extern "C" ZEL_API ZEL_STATUS MFP_PersonalizationMinimalHnd(
+    ZEL_HANDLE hnd, const uint8_t *card_master_key, const uint8_t *card_config_key, const uint8_t *level_2_switch_key,
+    const uint8_t *level_3_switch_key, const uint8_t *level_1_auth_key, const uint8_t *select_vc_key,
+    const uint8_t *prox_chk_key, const uint8_t *vc_poll_enc_key, const uint8_t *vc_poll_mac_key)
 {
     struct Write {
         uint16_t address;
@@ -280,10 +276,10 @@ extern "C" ZEL_API ZEL_STATUS MFP_PersonalizationMinimalHnd(ZEL_HANDLE hnd, cons
         bool full_set_only;
     };
     const Write writes[] = {
-        {MFP_CARD_MASTER_KEY, card_master_key, false},    {MFP_CARD_CONFIGURATION_KEY, card_config_key, false},
+        {MFP_CARD_MASTER_KEY, card_master_key, false},      {MFP_CARD_CONFIGURATION_KEY, card_config_key, false},
         {MFP_LEVEL_2_SWITCH_KEY, level_2_switch_key, true}, {MFP_LEVEL_3_SWITCH_KEY, level_3_switch_key, false},
-        {MFP_LEVEL_1_AUTH_KEY, level_1_auth_key, false},  {MFP_SELECT_VC_KEY, select_vc_key, true},
-        {MFP_PROXIMITY_CHECK_KEY, prox_chk_key, true},    {MFP_VC_POLLING_ENC_KEY, vc_poll_enc_key, false},
+        {MFP_LEVEL_1_AUTH_KEY, level_1_auth_key, false},    {MFP_SELECT_VC_KEY, select_vc_key, true},
+        {MFP_PROXIMITY_CHECK_KEY, prox_chk_key, true},      {MFP_VC_POLLING_ENC_KEY, vc_poll_enc_key, false},
         {MFP_VC_POLLING_MAC_KEY, vc_poll_mac_key, false},
     };
     for (const Write &w : writes)
@@ -340,8 +336,8 @@ extern "C" ZEL_API ZEL_STATUS MFP_AesAuthSecurityLevel1_PKHnd(ZEL_HANDLE hnd, co
 
 extern "C" ZEL_API ZEL_STATUS MFP_ChangeMasterKeyHnd(ZEL_HANDLE hnd, uint8_t key_index, const uint8_t *new_key)
 {
-    return change_card_key(hnd, MFP_CARD_MASTER_KEY, MFP_CARD_MASTER_KEY, KeyForm::Reader, key_index, nullptr,
-                           new_key, 0);
+    return change_card_key(hnd, MFP_CARD_MASTER_KEY, MFP_CARD_MASTER_KEY, KeyForm::Reader, key_index, nullptr, new_key,
+                           0);
 }
 
 extern "C" ZEL_API ZEL_STATUS MFP_ChangeMasterKey_PKHnd(ZEL_HANDLE hnd, const uint8_t *old_key, const uint8_t *new_key)
@@ -364,12 +360,11 @@ extern "C" ZEL_API ZEL_STATUS MFP_ChangeConfigurationKeyHnd(ZEL_HANDLE hnd, uint
 extern "C" ZEL_API ZEL_STATUS MFP_ChangeConfigurationKey_PKHnd(ZEL_HANDLE hnd, const uint8_t *old_key,
                                                                const uint8_t *new_key)
 {
-    return change_card_key(hnd, MFP_CARD_CONFIGURATION_KEY, MFP_CARD_CONFIGURATION_KEY, KeyForm::Provided, 0,
-                           old_key, new_key, 0);
+    return change_card_key(hnd, MFP_CARD_CONFIGURATION_KEY, MFP_CARD_CONFIGURATION_KEY, KeyForm::Provided, 0, old_key,
+                           new_key, 0);
 }
 
-extern "C" ZEL_API ZEL_STATUS MFP_ChangeConfigurationKeySamHnd(ZEL_HANDLE hnd, uint8_t key_index,
-                                                               uint8_t new_key_index)
+extern "C" ZEL_API ZEL_STATUS MFP_ChangeConfigurationKeySamHnd(ZEL_HANDLE hnd, uint8_t key_index, uint8_t new_key_index)
 {
     return change_card_key(hnd, MFP_CARD_CONFIGURATION_KEY, MFP_CARD_CONFIGURATION_KEY, KeyForm::Sam, key_index,
                            nullptr, nullptr, new_key_index);
@@ -483,8 +478,8 @@ extern "C" ZEL_API ZEL_STATUS MFP_ChangeSectorKeySamExtHnd(ZEL_HANDLE hnd, uint8
 extern "C" ZEL_API ZEL_STATUS MFP_GetUidHnd(ZEL_HANDLE hnd, uint8_t key_index_vc_poll_enc_key,
                                             uint8_t key_index_vc_poll_mac_key, uint8_t *uid, uint8_t *uid_len)
 {
-    return get_uid(hnd, KeyForm::Reader, false, key_index_vc_poll_enc_key, key_index_vc_poll_mac_key, nullptr,
-                   nullptr, uid, uid_len);
+    return get_uid(hnd, KeyForm::Reader, false, key_index_vc_poll_enc_key, key_index_vc_poll_mac_key, nullptr, nullptr,
+                   uid, uid_len);
 }
 
 extern "C" ZEL_API ZEL_STATUS MFP_GetUid_PKHnd(ZEL_HANDLE hnd, const uint8_t *vc_poll_enc_key,
