@@ -168,7 +168,7 @@ TEST_F(MfpE2E, FailedPersonalisationCommitsNothing)
     EXPECT_EQ(personalise(), ZEL_NO_CARD);
     EXPECT_EQ(last_request()[1], 0x92) << "the deselect follows at once";
     EXPECT_EQ(card_type(), 0x26) << "still at level 0";
-    // Written and not committed: gone with the session; a new personalisation starts afresh.
+    // The blocks written stay; a new personalisation writes them again and commits.
     zsim_fault_clear(sim);
     ASSERT_EQ(personalise(), ZEL_OK);
     EXPECT_EQ(card_type(), 0x36);
@@ -176,8 +176,9 @@ TEST_F(MfpE2E, FailedPersonalisationCommitsNothing)
 
 TEST_F(MfpE2E, ReaderAndSamKeyForms)
 {
-    start(plus_card("ORB_MIFARE_PLUS_EV1_2K_SL0",
-                    R"({"size": "2k", "level": 3, "keys": [{"address": 36864, "key": "00000000000000000000000000000000"},
+    start(
+        plus_card("ORB_MIFARE_PLUS_EV1_2K_SL0",
+                  R"({"size": "2k", "level": 3, "keys": [{"address": 36864, "key": "00000000000000000000000000000000"},
                         {"address": 36865, "key": "01010101010101010101010101010101"},
                         {"address": 41088, "key": "80808080808080808080808080808080"},
                         {"address": 41089, "key": "81818181818181818181818181818181"}]})"));

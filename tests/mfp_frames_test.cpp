@@ -31,8 +31,7 @@ struct Sent {
     Bytes frame, ext;
 };
 
-template <typename F>
-Sent exchange(uint8_t code, uint8_t ext_len, F call)
+template <typename F> Sent exchange(uint8_t code, uint8_t ext_len, F call)
 {
     ScriptLink link;
     link.reply(ack(code, ext_len));
@@ -59,8 +58,9 @@ TEST(MfpKeyWrites, CardKeysInEachForm)
         uint8_t ext_len, p0, p1;
         Bytes ext;
     } cases[] = {
-        {"master key, reader key 5", exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeMasterKeyM(h, 5, NEW.data()); }),
-         0x15, 0x00, 5, key_ext(0x9000, NEW, 0x9000, {})},
+        {"master key, reader key 5",
+         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeMasterKeyM(h, 5, NEW.data()); }), 0x15, 0x00, 5,
+         key_ext(0x9000, NEW, 0x9000, {})},
         {"master key, SAM entries 3 and 9",
          exchange(0x6B, 0x16, [](ZEL_HANDLE h) { return MFP_ChangeMasterKeySamKeyM(h, 3, 9); }), 0x16, 0x10, 3,
          key_ext(0x9000, Bytes(16, 0), 0x9000, {9})},
@@ -74,8 +74,7 @@ TEST(MfpKeyWrites, CardKeysInEachForm)
          exchange(0x6B, 0x16, [](ZEL_HANDLE h) { return MFP_ChangeConfigurationKeySamKeyM(h, 2, 4); }), 0x16, 0x10, 2,
          key_ext(0x9001, Bytes(16, 0), 0x9001, {4})},
         {"VC polling encryption key through the configuration key",
-         exchange(0x6B, 0x25,
-                  [](ZEL_HANDLE h) { return MFP_ChangeVcPollingEncKey_PKM(h, OLD.data(), NEW.data()); }),
+         exchange(0x6B, 0x25, [](ZEL_HANDLE h) { return MFP_ChangeVcPollingEncKey_PKM(h, OLD.data(), NEW.data()); }),
          0x25, 0x80, 0, key_ext(0xA080, NEW, 0x9001, OLD)},
         {"VC polling MAC key, reader key",
          exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeVcPollingMacKeyM(h, 7, NEW.data()); }), 0x15, 0, 7,
@@ -105,7 +104,8 @@ TEST(MfpKeyWrites, FieldConfigurationBytes)
 
     data[1] = 0xAA;
     data[2] = 0x55;
-    const Sent p = exchange(0x6B, 0x25, [](ZEL_HANDLE h) { return MFP_FieldConfigurationSet_PKM(h, OLD.data(), 7, 0); });
+    const Sent p =
+        exchange(0x6B, 0x25, [](ZEL_HANDLE h) { return MFP_FieldConfigurationSet_PKM(h, OLD.data(), 7, 0); });
     EXPECT_EQ(p.frame, cmd(0x6B, 0x25, 0x80, 0));
     EXPECT_EQ(p.ext, key_ext(0xB003, data, 0x9001, OLD));
 
@@ -130,17 +130,17 @@ TEST(MfpSectorKeys, TargetsAndAuthenticatorsByForm)
         Bytes ext;
     } cases[] = {
         {"0x60 sends PAR0 0, authenticates with key B and writes key B",
-         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeyM(h, 0, 0x60, 4, NEW.data()); }), 0x15, 0,
-         4, key_ext(0x4001, NEW, 0x4001, {})},
+         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeyM(h, 0, 0x60, 4, NEW.data()); }), 0x15, 0, 4,
+         key_ext(0x4001, NEW, 0x4001, {})},
         {"0x61 sends PAR0 1",
-         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeyM(h, 2, 0x61, 4, NEW.data()); }), 0x15, 1,
-         4, key_ext(0x4005, NEW, 0x4005, {})},
+         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeyM(h, 2, 0x61, 4, NEW.data()); }), 0x15, 1, 4,
+         key_ext(0x4005, NEW, 0x4005, {})},
         {"selector 1 writes key A, still through key B",
          exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorExtKeyM(h, 39, 0x60, 0, NEW.data(), 1); }),
          0x15, 0, 0, key_ext(0x404E, NEW, 0x404F, {})},
         {"selector 2 of the reader form is key B",
-         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorExtKeyM(h, 1, 0x60, 0, NEW.data(), 2); }),
-         0x15, 0, 0, key_ext(0x4003, NEW, 0x4003, {})},
+         exchange(0x6B, 0x15, [](ZEL_HANDLE h) { return MFP_ChangeSectorExtKeyM(h, 1, 0x60, 0, NEW.data(), 2); }), 0x15,
+         0, 0, key_ext(0x4003, NEW, 0x4003, {})},
         {"SAM 0x61: PAR0 0x11, the new key's entry at the end",
          exchange(0x6B, 0x16, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeySamKeyM(h, 3, 0x61, 2, 12); }), 0x16, 0x11,
          2, key_ext(0x4007, Bytes(16, 0), 0x4007, {12})},
@@ -148,12 +148,10 @@ TEST(MfpSectorKeys, TargetsAndAuthenticatorsByForm)
          exchange(0x6B, 0x16, [](ZEL_HANDLE h) { return MFP_ChangeSectorKeySamExtKeyM(h, 3, 0x60, 2, 12, 1); }), 0x16,
          0x10, 2, key_ext(0x4006, Bytes(16, 0), 0x4007, {12})},
         {"provided 0x80, selector 0: key A through key A",
-         exchange(0x6B, 0x25,
-                  [](ZEL_HANDLE h) { return MFP_ChangeSectorKey_PKM(h, 5, 0x80, OLD.data(), NEW.data()); }),
+         exchange(0x6B, 0x25, [](ZEL_HANDLE h) { return MFP_ChangeSectorKey_PKM(h, 5, 0x80, OLD.data(), NEW.data()); }),
          0x25, 0x80, 0, key_ext(0x400A, NEW, 0x400A, OLD)},
         {"provided 0x81, selector 0: key B through key B, PAR0 0x81",
-         exchange(0x6B, 0x25,
-                  [](ZEL_HANDLE h) { return MFP_ChangeSectorKey_PKM(h, 5, 0x81, OLD.data(), NEW.data()); }),
+         exchange(0x6B, 0x25, [](ZEL_HANDLE h) { return MFP_ChangeSectorKey_PKM(h, 5, 0x81, OLD.data(), NEW.data()); }),
          0x25, 0x81, 0, key_ext(0x400B, NEW, 0x400B, OLD)},
         {"provided 0x80, selector 2: key B through key A",
          exchange(0x6B, 0x25,
@@ -216,8 +214,7 @@ struct UidResult {
     uint8_t len;
 };
 
-template <typename F>
-UidResult uid_exchange(uint8_t ext_len, const Bytes &reply_ext, F call)
+template <typename F> UidResult uid_exchange(uint8_t ext_len, const Bytes &reply_ext, F call)
 {
     ScriptLink link;
     link.reply(ack(0x6C, ext_len));
@@ -243,25 +240,44 @@ TEST(MfpUid, FramesOfEachForm)
         uint8_t ext_len, p0, p1;
         Bytes sent;
     } cases[] = {
-        {"two reader keys", uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidM(h, 4, 5, u, l); }),
-         3, 0, 0, {4, 5}},
+        {"two reader keys",
+         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidM(h, 4, 5, u, l); }),
+         3,
+         0,
+         0,
+         {4, 5}},
         {"Ev: one key, the second sent as zero",
-         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUidM(h, 4, u, l); }), 3, 0,
-         1, {4, 0}},
-        {"SAM", uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidSamKeyM(h, 1, 2, u, l); }),
-         3, 0x10, 0, {1, 2}},
+         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUidM(h, 4, u, l); }),
+         3,
+         0,
+         1,
+         {4, 0}},
+        {"SAM",
+         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidSamKeyM(h, 1, 2, u, l); }),
+         3,
+         0x10,
+         0,
+         {1, 2}},
         {"SAM under its other name",
-         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidSamM(h, 1, 2, u, l); }), 3,
-         0x10, 0, {1, 2}},
+         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUidSamM(h, 1, 2, u, l); }),
+         3,
+         0x10,
+         0,
+         {1, 2}},
         {"Ev SAM under its other name",
-         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUidSamM(h, 6, u, l); }), 3,
-         0x10, 1, {6, 0}},
+         uid_exchange(3, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUidSamM(h, 6, u, l); }),
+         3,
+         0x10,
+         1,
+         {6, 0}},
         {"two provided keys",
-         uid_exchange(0x21, seven,
-                      [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUid_PKM(h, OLD.data(), NEW.data(), u, l); }),
+         uid_exchange(
+             0x21, seven,
+             [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_GetUid_PKM(h, OLD.data(), NEW.data(), u, l); }),
          0x21, 0x80, 0, cat(OLD, NEW)},
         {"Ev provided key",
-         uid_exchange(0x21, seven, [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUid_PKM(h, OLD.data(), u, l); }),
+         uid_exchange(0x21, seven,
+                      [](ZEL_HANDLE h, uint8_t *u, uint8_t *l) { return MFP_EvGetUid_PKM(h, OLD.data(), u, l); }),
          0x21, 0x80, 1, cat(OLD, Bytes(16, 0))},
     };
     for (const Case &c : cases) {
@@ -318,7 +334,8 @@ TEST(MfpUid, LengthRulesAndBounds)
 // The reply to an I-block: status, chained flag, the card's block.
 Bytes block_reply(const Bytes &blk)
 {
-    return cat(rsp(0x90, static_cast<uint8_t>(6 + blk.size() + 1)), ext(cat({le32(0), {0, static_cast<uint8_t>(blk.size())}, blk})));
+    return cat(rsp(0x90, static_cast<uint8_t>(6 + blk.size() + 1)),
+               ext(cat({le32(0), {0, static_cast<uint8_t>(blk.size())}, blk})));
 }
 
 TEST(MfpPerso, WriteAndCommitBlocks)
@@ -433,7 +450,8 @@ protected:
 TEST_F(MfpPersonalization, SmallCardsSkipTheLevel2AndVcSelectKeys)
 {
     ScriptLink link;
-    std::memcpy(static_cast<void *>(&zel_global), &link.record, sizeof link.record); // the global handle is this reader too
+    std::memcpy(static_cast<void *>(&zel_global), &link.record,
+                sizeof link.record); // the global handle is this reader too
     script(link, 0x23, 6);
     link.reply(ack(0x90, 2));
     link.reply(block_reply({0x02, 0x90}));

@@ -39,9 +39,9 @@ constexpr uint8_t WRITE_PERSO = 0xA8, COMMIT_PERSO = 0xAA;
 // The card's answer bytes.
 constexpr uint8_t ANS_OK = 0x90, ANS_INVALID_BLOCK = 0x09, ANS_COND_OF_USE = 0x0B, ANS_LENGTH = 0x0C;
 
-const uint16_t CARD_KEYS[] = {MFP_MASTER_KEY,    MFP_CONFIG_KEY,     MFP_L2_SWITCH_KEY, MFP_L3_SWITCH_KEY,
-                              MFP_L1_AUTH_KEY,   MFP_SELECT_VC_KEY,  MFP_PROX_CHECK_KEY, MFP_VC_ENC_KEY,
-                              MFP_VC_MAC_KEY};
+const uint16_t CARD_KEYS[] = {MFP_MASTER_KEY,     MFP_CONFIG_KEY,  MFP_L2_SWITCH_KEY,
+                              MFP_L3_SWITCH_KEY,  MFP_L1_AUTH_KEY, MFP_SELECT_VC_KEY,
+                              MFP_PROX_CHECK_KEY, MFP_VC_ENC_KEY,  MFP_VC_MAC_KEY};
 
 // The card type code the reader reports at levels 1 and 3 for a card of the given level 0 code.
 struct LevelCodes {
@@ -147,10 +147,10 @@ private:
     std::unique_ptr<Card> classic_;
     PlusMemory memory_;
     unsigned level_ = 0;
-    std::map<uint16_t, Block> keys_;        // card keys and sector keys (A at even, B at odd addresses)
-    Block field_config_;                    // 0xB003
-    std::map<uint16_t, Block> perso_;       // written at level 0, kept at the commit
-    bool active_ = false;                   // in an ISO 14443-4 session
+    std::map<uint16_t, Block> keys_;  // card keys and sector keys (A at even, B at odd addresses)
+    Block field_config_;              // 0xB003
+    std::map<uint16_t, Block> perso_; // written at level 0, kept at the commit
+    bool active_ = false;             // in an ISO 14443-4 session
     uint8_t block_nr_ = 0;
 };
 
@@ -158,7 +158,7 @@ MemResult PlusMemory::authenticate(unsigned block, KeyType type, const uint8_t *
 {
     const bool aes = type == KeyType::AES_A || type == KeyType::AES_B;
     if (!aes) {
-        if (card_.security_level() == 3) { // level 3 knows no Crypto keys
+        if (card_.security_level() == 3) {                     // level 3 knows no Crypto keys
             inner_.authenticate(blocks(), type, key, key_len); // ends an earlier authentication
             return MemResult::AUTH;
         }
@@ -227,8 +227,7 @@ bool PlusCardModel::command(const uint8_t f[7], const uint8_t *ext, size_t ext_l
     case CMD_DESELECT:
         if (!active_)
             return put_error(out, E_NO_CARD), true;
-        active_ = false;
-        perso_.clear(); // what was not committed is lost with the session
+        active_ = false; // written blocks stay, committed or not
         put_response(out, f[1], 0, 0);
         return true;
     case CMD_BLOCK_I: {
