@@ -185,8 +185,8 @@ void sim_card(zsim *sim, const std::string &what)
     zsim_field_clear(sim);
     const zsim_card card{{0x04, 0x5A, 0x11, 0x22, 0x33, 0x44, 0x80}, 7, 0x20, 0x0044, 0x26};
     const char *level = (what == "perso" || what == "perso-minimal" || what == "commit") ? R"({"level": 0})"
-                        : what == "switch-level"                                        ? R"({"level": 1})"
-                                                                                        : R"({"level": 3})";
+                        : what == "switch-level"                                         ? R"({"level": 1})"
+                                                                                         : R"({"level": 3})";
     zsim_card_add_model(sim, &card, "plus", level);
 }
 
@@ -304,7 +304,7 @@ int run_mfp(const tandro::Options &opt, const tandro::Args &args)
     return 0;
 }
 
-const tandro::Registration mfp_cmd({"mfp", USAGE,
-                                    "MIFARE Plus: personalisation, level 3 switch, key changes, UID", run_mfp});
+const tandro::Registration mfp_cmd({"mfp", USAGE, "MIFARE Plus: personalisation, level 3 switch, key changes, UID",
+                                    run_mfp});
 
 } // namespace
