@@ -21,6 +21,7 @@
 #include "zel_iso15693.h"
 #include "zel_javacard.h"
 #include "zel_t2t.h"
+#include "zel_mfp.h"
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
 #include "zel_ndef.h"

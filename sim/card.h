@@ -101,6 +101,8 @@ public:
     const zsim_card &id() const { return id_; }
     // The model's name as scenario files spell it.
     virtual const char *model() const = 0;
+    // The card type code the reader reports now (a card that changes its level changes it).
+    virtual uint8_t orb_type() const { return id_.orb_type; }
     // True when this card's command takes an EXT from the host (the reader then acknowledges it).
     virtual bool wants_ext(const uint8_t frame[7]) const = 0;
     // Answers a command that reaches the card, appending whole frames to out. Returns false when the card

@@ -27,6 +27,7 @@ std::unique_ptr<Card> make_javacard(const zsim_card &id, const Json *config, std
 std::unique_ptr<Card> make_emv_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_gids_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_sam_av2(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_plus_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -58,6 +59,7 @@ const Model MODELS[] = {
     {"emv", make_emv_card},
     {"gids", make_gids_card},
     {"sam_av2", make_sam_av2},
+    {"plus", make_plus_card},
 };
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "iso7816.h"
 #include "desfire.h"
 #include "iso15693.h"
+#include "mfp.h"
 #include "t2t.h"
 #include "wire.h"
 
@@ -322,7 +323,7 @@ void card_type(Reader &r, const Request &q, Answer &a)
     const zsim_card *c = card_in_field(r);
     if (!c)
         return put_error(a.bytes, E_NO_CARD);
-    ok(a, q.f[1], c->orb_type);
+    ok(a, q.f[1], r.cards.front()->orb_type());
 }
 
 void last_card_id(Reader &r, const Request &q, Answer &a)
@@ -639,6 +640,7 @@ const Engine kEngines[] = {
     {"outputs", outputs_wants_ext, outputs_command},
     {"records", records_wants_ext, records_command},
     {"desfire", desfire_reader_wants_ext, desfire_reader_command},
+    {"mfp", mfp_reader_wants_ext, mfp_reader_command},
     {"iso15693", iso15693_reader_wants_ext, iso15693_reader_command},
     {"t2t", t2t_reader_wants_ext, t2t_reader_command},
     {"iso14443_4", nullptr, iso14443_engine},
