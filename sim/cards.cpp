@@ -25,6 +25,8 @@ std::unique_ptr<Card> make_ndef_t4_card(const zsim_card &id, const Json *config,
 std::unique_ptr<Card> make_iso15693_tag(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_javacard(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_emv_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag424_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag424_tt_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -54,6 +56,8 @@ const Model MODELS[] = {
     {"iso15693", make_iso15693_tag},
     {"javacard", make_javacard},
     {"emv", make_emv_card},
+    {"ntag424", make_ntag424_card},
+    {"ntag424_tt", make_ntag424_tt_card},
 };
 
 } // namespace
