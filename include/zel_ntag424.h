@@ -58,8 +58,7 @@ ZEL_API ZEL_STATUS nt4h_check_sdm_mac(uint32_t sdm_read_counter, const uint8_t *
                                       const uint8_t *mac_in_data, uint32_t mac_in_len, const uint8_t *sdm_mac);
 /* Deciphers file_data in place; a length that is not whole blocks, or above 240, leaves it untouched. */
 ZEL_API ZEL_STATUS nt4h_decrypt_sdm_enc_file_data(uint32_t sdm_read_counter, const uint8_t *uid,
-                                                  const uint8_t *auth_key, uint8_t *file_data,
-                                                  uint32_t file_data_len);
+                                                  const uint8_t *auth_key, uint8_t *file_data, uint32_t file_data_len);
 /* Deciphers the 16 bytes of picc_data in place and reads them: the tag byte, the UID (7 bytes, zeros when
  * the data holds none) and the read counter (3 bytes, least significant first; zeros without one). */
 ZEL_API ZEL_STATUS nt4h_decrypt_picc_data(uint8_t *picc_data, const uint8_t *auth_key, uint8_t *picc_data_tag,

@@ -118,8 +118,7 @@ uint8_t compose_sdm_settings(uint8_t comm, uint8_t r, uint8_t w, uint8_t rw, uin
         options |= NT4H_SDM_TT_STATUS;
     out[3] = options;
     const uint8_t meta = s.meta_data_key_no & 0x0F, file = s.file_data_read_key_no & 0x0F;
-    const uint16_t sdm_access =
-        static_cast<uint16_t>(meta << 12 | file << 8 | 0xF0 | (s.read_ctr_key_no & 0x0F));
+    const uint16_t sdm_access = static_cast<uint16_t>(meta << 12 | file << 8 | 0xF0 | (s.read_ctr_key_no & 0x0F));
     put_le16(out + 4, sdm_access);
     uint8_t at = 6;
     if (meta == 0x0E) {
@@ -291,7 +290,7 @@ ZEL_STATUS nt_delete_tmc_file(ZEL_HANDLE hnd, KeyRef key, uint8_t file_no)
 } // namespace zel::ntag424
 
 extern "C" ZEL_API ZEL_STATUS nt4h_set_global_parametersHnd(ZEL_HANDLE hnd, uint8_t file_no, uint8_t key_no,
-                                                           uint8_t communication_mode)
+                                                            uint8_t communication_mode)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;

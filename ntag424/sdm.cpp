@@ -127,8 +127,8 @@ uint32_t reader_id_block(uint8_t *msg, uint32_t at, const uint8_t *reader_id, co
 }
 
 ZEL_STATUS check_value_tmac(uint8_t code, uint8_t file_no, const uint32_t *value, uint32_t tmc, const uint8_t *uid,
-                            const uint8_t *key, const uint8_t *reader_id, const uint8_t *prev_enc,
-                            const uint8_t *mac, uint8_t *prev_reader_id)
+                            const uint8_t *key, const uint8_t *reader_id, const uint8_t *prev_enc, const uint8_t *mac,
+                            uint8_t *prev_reader_id)
 {
     if (!uid || !key || !mac)
         return ZEL_PARAMETERS_ERROR;
@@ -184,7 +184,8 @@ void session_sdm_keys(const uint8_t *file_key, const uint8_t *uid, uint32_t read
 using namespace zel::ntag424;
 
 extern "C" ZEL_API ZEL_STATUS nt4h_check_sdm_mac(uint32_t sdm_read_counter, const uint8_t *uid, const uint8_t *auth_key,
-                                                 const uint8_t *mac_in_data, uint32_t mac_in_len, const uint8_t *sdm_mac)
+                                                 const uint8_t *mac_in_data, uint32_t mac_in_len,
+                                                 const uint8_t *sdm_mac)
 {
     if (!uid || !auth_key || !sdm_mac || (mac_in_len && !mac_in_data))
         return ZEL_PARAMETERS_ERROR;
@@ -240,8 +241,8 @@ extern "C" ZEL_API ZEL_STATUS dfl_check_credit_value_transaction_mac(
     const uint8_t *reader_id, const uint8_t *prev_enc_reader_id, const uint8_t *trans_mac_value,
     uint8_t *prev_reader_id)
 {
-    return check_value_tmac(0x0C, file_no, &value, trans_mac_counter, uid, trans_mac_key, reader_id,
-                            prev_enc_reader_id, trans_mac_value, prev_reader_id);
+    return check_value_tmac(0x0C, file_no, &value, trans_mac_counter, uid, trans_mac_key, reader_id, prev_enc_reader_id,
+                            trans_mac_value, prev_reader_id);
 }
 
 extern "C" ZEL_API ZEL_STATUS dfl_check_debit_value_transaction_mac(
@@ -249,8 +250,8 @@ extern "C" ZEL_API ZEL_STATUS dfl_check_debit_value_transaction_mac(
     const uint8_t *reader_id, const uint8_t *prev_enc_reader_id, const uint8_t *trans_mac_value,
     uint8_t *prev_reader_id)
 {
-    return check_value_tmac(0xDC, file_no, &value, trans_mac_counter, uid, trans_mac_key, reader_id,
-                            prev_enc_reader_id, trans_mac_value, prev_reader_id);
+    return check_value_tmac(0xDC, file_no, &value, trans_mac_counter, uid, trans_mac_key, reader_id, prev_enc_reader_id,
+                            trans_mac_value, prev_reader_id);
 }
 
 extern "C" ZEL_API ZEL_STATUS desfire_check_clear_record_transaction_mac(
@@ -267,8 +268,8 @@ extern "C" ZEL_API ZEL_STATUS dfl_check_write_record_transaction_mac(
     const uint8_t *uid, const uint8_t *trans_mac_key, const uint8_t *reader_id, const uint8_t *prev_enc_reader_id,
     const uint8_t *trans_mac_value, uint8_t *prev_reader_id)
 {
-    return check_write_record_tmac(0x8B, file_no, offset, size, data, trans_mac_counter, uid, trans_mac_key,
-                                   reader_id, prev_enc_reader_id, trans_mac_value, prev_reader_id);
+    return check_write_record_tmac(0x8B, file_no, offset, size, data, trans_mac_counter, uid, trans_mac_key, reader_id,
+                                   prev_enc_reader_id, trans_mac_value, prev_reader_id);
 }
 
 extern "C" ZEL_API ZEL_STATUS desfire_check_write_record_transaction_mac(
@@ -276,6 +277,6 @@ extern "C" ZEL_API ZEL_STATUS desfire_check_write_record_transaction_mac(
     const uint8_t *uid, const uint8_t *trans_mac_key, const uint8_t *reader_id, const uint8_t *prev_enc_reader_id,
     const uint8_t *trans_mac_value, uint8_t *prev_reader_id)
 {
-    return check_write_record_tmac(0x3B, file_no, offset, size, data, trans_mac_counter, uid, trans_mac_key,
-                                   reader_id, prev_enc_reader_id, trans_mac_value, prev_reader_id);
+    return check_write_record_tmac(0x3B, file_no, offset, size, data, trans_mac_counter, uid, trans_mac_key, reader_id,
+                                   prev_enc_reader_id, trans_mac_value, prev_reader_id);
 }

@@ -153,7 +153,8 @@ TEST(SdmPiccData, TagDecidesWhereUidAndCounterAre)
         uint8_t tag;
         bool uid;
         size_t ctr_at; // 0: no counter
-    } cases[] = {{0xC7, true, 8}, {0x47, true, 8}, {0x40, false, 1}, {0x87, true, 0}, {0x00, false, 0}, {0x38, false, 0}};
+    } cases[] = {{0xC7, true, 8}, {0x47, true, 8},  {0x40, false, 1},
+                 {0x87, true, 0}, {0x00, false, 0}, {0x38, false, 0}};
     for (const auto &c : cases) {
         Bytes plain(16);
         for (size_t i = 0; i < 16; ++i)
@@ -166,8 +167,8 @@ TEST(SdmPiccData, TagDecidesWhereUidAndCounterAre)
         ASSERT_EQ(nt4h_decrypt_picc_data(picc.data(), key.data(), &tag, uid, ctr), ZEL_OK);
         EXPECT_EQ(tag, c.tag);
         EXPECT_EQ(Bytes(uid, uid + 7), c.uid ? Bytes(plain.begin() + 1, plain.begin() + 8) : Bytes(7, 0)) << int(c.tag);
-        EXPECT_EQ(Bytes(ctr, ctr + 3), c.ctr_at ? Bytes(plain.begin() + c.ctr_at, plain.begin() + c.ctr_at + 3)
-                                                : Bytes(3, 0))
+        EXPECT_EQ(Bytes(ctr, ctr + 3),
+                  c.ctr_at ? Bytes(plain.begin() + c.ctr_at, plain.begin() + c.ctr_at + 3) : Bytes(3, 0))
             << int(c.tag);
     }
 }
@@ -185,7 +186,8 @@ TEST(SdmChecks, MacInputOfEveryServedLengthAgreesWithReference)
         EXPECT_EQ(nt4h_check_sdm_mac(ctr, uid.data(), key.data(), input.data(), len, mac.data()), ZEL_OK) << len;
         Bytes flipped = mac;
         flipped[7] ^= 0x01;
-        EXPECT_EQ(nt4h_check_sdm_mac(ctr, uid.data(), key.data(), input.data(), len, flipped.data()), NT4H_CHECK_FAILED);
+        EXPECT_EQ(nt4h_check_sdm_mac(ctr, uid.data(), key.data(), input.data(), len, flipped.data()),
+                  NT4H_CHECK_FAILED);
     }
 }
 
@@ -291,9 +293,9 @@ TEST(TransactionMac, ValueOperationsWithAndWithoutReaderId)
         uint8_t untouched[16];
         std::memset(untouched, 0x77, 16);
         mac[0] ^= 0x80;
-        EXPECT_EQ(op.check(3, 1234, t.tmc, t.uid.data(), t.key.data(), rid.data(), prev_enc.data(), mac.data(),
-                           untouched),
-                  NT4H_CHECK_FAILED);
+        EXPECT_EQ(
+            op.check(3, 1234, t.tmc, t.uid.data(), t.key.data(), rid.data(), prev_enc.data(), mac.data(), untouched),
+            NT4H_CHECK_FAILED);
         EXPECT_EQ(Bytes(untouched, untouched + 16), Bytes(16, 0x77));
     }
     // Clear record: the code alone with the file number.
@@ -357,8 +359,8 @@ TEST(TransactionMac, WriteRecordBothFormsAndTheLengthLimit)
     // Totals above 240 bytes are refused before any MAC: an all-zero MAC of a wrapped count never holds.
     const Bytes zero_mac(8, 0), big(600, 0x11);
     for (uint32_t size : {225u, 240u, 484u, 485u, 100000u})
-        EXPECT_EQ(dfl_check_write_record_transaction_mac(5, 0, size, big.data(), t.tmc, t.uid.data(),
-                                                         t.key.data(), nullptr, nullptr, zero_mac.data(), nullptr),
+        EXPECT_EQ(dfl_check_write_record_transaction_mac(5, 0, size, big.data(), t.tmc, t.uid.data(), t.key.data(),
+                                                         nullptr, nullptr, zero_mac.data(), nullptr),
                   NT4H_CHECK_FAILED)
             << size;
     EXPECT_EQ(desfire_check_write_record_transaction_mac(5, 0, 177, big.data(), t.tmc, t.uid.data(), t.key.data(),
@@ -485,7 +487,8 @@ TEST(Ntag424Frames, SdmSettingsOffsetsFollowTheAccessKeys)
         const char *want;
     } cases[] = {
         // PICC data, MAC input, encrypted data and MAC, counter limit.
-        {{1, 1, 1, 1, 0, 2, 3, 4, 0, 0, 0x20, 0x43, 0x43, 0x20, 0x70, 0x1000}, false,
+        {{1, 1, 1, 1, 0, 2, 3, 4, 0, 0, 0x20, 0x43, 0x43, 0x20, 0x70, 0x1000},
+         false,
          "40E0EEF1F423200000430000430000200000700000001000"},
         // Plain mirror: UID and counter offsets, no MAC input when the file key is 15.
         {{1, 1, 0, 0, 1, 0x0E, 0x0F, 0x0E, 0x10, 0x20, 0, 0, 0, 0, 0, 0}, true, "40E0EEC9FEEF100000200000"},

@@ -26,8 +26,8 @@ const char *SDM_HELP =
 int fail(const tandro::Options &opt, const char *cmd, const std::string &what, ZEL_STATUS st)
 {
     if (opt.json)
-        std::printf("{\"error\": %s, \"status\": %u}\n", tandro::json_string(what + ": " + ZEL_Status2String(st)).c_str(),
-                    st);
+        std::printf("{\"error\": %s, \"status\": %u}\n",
+                    tandro::json_string(what + ": " + ZEL_Status2String(st)).c_str(), st);
     std::fprintf(stderr, "tandro %s: %s: %s\n", cmd, what.c_str(), ZEL_Status2String(st));
     return 1;
 }
@@ -71,13 +71,13 @@ void print_settings(const tandro::Options &opt, uint8_t file, const uint8_t *s, 
                         s[0], comm_name(s[1]), keys, size, sdm ? "true" : "false");
         if (sdm)
             std::printf(", \"sdm_options\": %u, \"sdm_access\": \"%s\"", s[7], tandro::to_hex(s + 8, 2).c_str());
-        std::printf("}\n");
+        std::printf("}");
         return;
     }
     std::printf("file %u: %s\n", file, tandro::to_hex(s, len).c_str());
     if (full)
-        std::printf("  type %u, %s, keys (read write read-write change) %s, %u bytes%s\n", s[0], comm_name(s[1]),
-                    keys, size, sdm ? ", SDM on" : "");
+        std::printf("  type %u, %s, keys (read write read-write change) %s, %u bytes%s\n", s[0], comm_name(s[1]), keys,
+                    size, sdm ? ", SDM on" : "");
     if (sdm) {
         const unsigned ar = static_cast<unsigned>(s[8] | s[9] << 8);
         std::printf("  SDM options 0x%02X%s%s%s%s%s, meta key %X, file key %X, counter key %X\n", s[7],
@@ -104,9 +104,10 @@ bool parse_sdm(const tandro::Args &args, size_t from, nt4h_sdm_settings &s, uint
                 s.uid_enable = 1;
             else if (name == "ctr-mirror")
                 s.sdm_read_ctr_enable = 1;
-            else if (name == "tt")
-                tt = s.tt_status_enable = 1;
-            else
+            else if (name == "tt") {
+                s.tt_status_enable = 1;
+                tt = true;
+            } else
                 return false;
             continue;
         }
@@ -117,14 +118,22 @@ bool parse_sdm(const tandro::Args &args, size_t from, nt4h_sdm_settings &s, uint
             const char *name;
             uint32_t *off;
             uint8_t *key;
-        } const fields[] = {{"uid", &s.uid_offset, nullptr},        {"ctr", &s.sdm_read_ctr_offset, nullptr},
-                            {"picc", &s.picc_data_offset, nullptr}, {"mac-input", &s.mac_input_offset, nullptr},
-                            {"enc", &s.enc_offset, nullptr},        {"enc-len", &s.enc_length, nullptr},
-                            {"mac", &s.mac_offset, nullptr},        {"limit", &s.read_ctr_limit, nullptr},
-                            {"meta", nullptr, &s.meta_data_key_no}, {"file", nullptr, &s.file_data_read_key_no},
-                            {"ctr-key", nullptr, &s.read_ctr_key_no}, {"comm", nullptr, &k[0]},
-                            {"read", nullptr, &k[1]},               {"write", nullptr, &k[2]},
-                            {"rw", nullptr, &k[3]},                 {"change", nullptr, &k[4]}};
+        } const fields[] = {{"uid", &s.uid_offset, nullptr},
+                            {"ctr", &s.sdm_read_ctr_offset, nullptr},
+                            {"picc", &s.picc_data_offset, nullptr},
+                            {"mac-input", &s.mac_input_offset, nullptr},
+                            {"enc", &s.enc_offset, nullptr},
+                            {"enc-len", &s.enc_length, nullptr},
+                            {"mac", &s.mac_offset, nullptr},
+                            {"limit", &s.read_ctr_limit, nullptr},
+                            {"meta", nullptr, &s.meta_data_key_no},
+                            {"file", nullptr, &s.file_data_read_key_no},
+                            {"ctr-key", nullptr, &s.read_ctr_key_no},
+                            {"comm", nullptr, &k[0]},
+                            {"read", nullptr, &k[1]},
+                            {"write", nullptr, &k[2]},
+                            {"rw", nullptr, &k[3]},
+                            {"change", nullptr, &k[4]}};
         bool known = false;
         for (const auto &f : fields) {
             if (name != f.name)
@@ -191,8 +200,8 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
               (what == "uid" && n == 2 && num(1, &a1, 4)) ||
               (what == "counter" && (n == 2 || n == 3) && num(1, &a1, 31) && (n == 2 || num(2, &a2, 4))) ||
               (what == "tamper" && n <= 2 && (n == 1 || num(1, &a1, 4))) ||
-              (what == "change-key" && n == 4 && num(1, &a1, 4) && tandro::parse_hex(args[2], k1) &&
-               k1.size() == 16 && tandro::parse_hex(args[3], k2) && k2.size() == 16) ||
+              (what == "change-key" && n == 4 && num(1, &a1, 4) && tandro::parse_hex(args[2], k1) && k1.size() == 16 &&
+               tandro::parse_hex(args[3], k2) && k2.size() == 16) ||
               (what == "random-id" && n == 1) || (what == "enable-tamper" && n == 2 && num(1, &a1, 15)) ||
               (what == "sdm" && n >= 2 && num(1, &a1, 31) && parse_sdm(args, 2, sdm, fk, tt));
     if (what == "standard" && n == 7) {
@@ -200,8 +209,8 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
         for (size_t i = 0; i < 5 && ok; ++i)
             ok = num(i + 2, &std_args[i], i == 0 ? 3 : 15);
     }
-    if (auth.light && (what == "sdm" || what == "counter" || what == "tamper" || what == "random-id" ||
-                       what == "enable-tamper"))
+    if (auth.light &&
+        (what == "sdm" || what == "counter" || what == "tamper" || what == "random-id" || what == "enable-tamper"))
         ok = false;
     if (!ok)
         return usage_fail(opt, cmd, std::string("usage: tandro ntag424 ") + USAGE);
@@ -235,6 +244,8 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
             if (opt.json && shown)
                 std::printf(", ");
             print_settings(opt, f, s, len);
+            if (opt.json && what == "settings")
+                std::printf("\n");
             ++shown;
         }
         if (opt.json && what == "info")
@@ -267,11 +278,14 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
     if (what == "tamper") {
         uint8_t perm = 0, curr = 0;
         const auto k = static_cast<uint8_t>(a1);
-        st = n == 1 ? nt4h_get_tt_status_no_authM(h, 0, &perm, &curr)
-                    : (pk ? nt4h_get_tt_status_pkM(h, key, k, &perm, &curr) : nt4h_get_tt_statusM(h, rk, k, &perm, &curr));
+        st = n == 1
+                 ? nt4h_get_tt_status_no_authM(h, 0, &perm, &curr)
+                 : (pk ? nt4h_get_tt_status_pkM(h, key, k, &perm, &curr) : nt4h_get_tt_statusM(h, rk, k, &perm, &curr));
         if (st != ZEL_OK)
             return fail(opt, cmd, "tamper status", st);
-        auto name = [](uint8_t v) { return v == 'C' ? "closed" : v == 'O' ? "open" : v == 'I' ? "invalid" : "unknown"; };
+        auto name = [](uint8_t v) {
+            return v == 'C' ? "closed" : v == 'O' ? "open" : v == 'I' ? "invalid" : "unknown";
+        };
         if (opt.json)
             std::printf("{\"permanent\": \"%s\", \"current\": \"%s\"}\n", name(perm), name(curr));
         else
@@ -281,14 +295,17 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
     std::string done;
     if (what == "change-key") {
         const auto k = static_cast<uint8_t>(a1);
-        st = auth.light ? (pk ? dfl_change_key_pkM(h, key, k, k1.data(), k2.data()) : dfl_change_keyM(h, rk, k, k1.data(), k2.data()))
-                        : (pk ? nt4h_change_key_pkM(h, key, k, k1.data(), k2.data()) : nt4h_change_keyM(h, rk, k, k1.data(), k2.data()));
+        st = auth.light ? (pk ? dfl_change_key_pkM(h, key, k, k1.data(), k2.data())
+                              : dfl_change_keyM(h, rk, k, k1.data(), k2.data()))
+                        : (pk ? nt4h_change_key_pkM(h, key, k, k1.data(), k2.data())
+                              : nt4h_change_keyM(h, rk, k, k1.data(), k2.data()));
         done = "key " + std::to_string(k) + " changed";
     } else if (what == "random-id") {
         st = pk ? nt4h_set_rid_pkM(h, key) : nt4h_set_ridM(h, rk);
         done = "random ID set";
     } else if (what == "enable-tamper") {
-        st = pk ? nt4h_enable_tt_pkM(h, key, static_cast<uint8_t>(a1)) : nt4h_enable_ttM(h, rk, static_cast<uint8_t>(a1));
+        st = pk ? nt4h_enable_tt_pkM(h, key, static_cast<uint8_t>(a1))
+                : nt4h_enable_ttM(h, rk, static_cast<uint8_t>(a1));
         done = "tag tamper enabled";
     } else if (what == "standard") {
         const auto f = static_cast<uint8_t>(a1);
@@ -303,7 +320,8 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
         done = "file " + std::to_string(f) + " settings changed";
     } else { // sdm
         const auto f = static_cast<uint8_t>(a1);
-        st = tt ? (pk ? nt4h_tt_change_sdm_file_settings_pkM(h, key, f, fk[4], 0, fk[0], fk[1], fk[2], fk[3], fk[4], &sdm)
+        st = tt ? (pk ? nt4h_tt_change_sdm_file_settings_pkM(h, key, f, fk[4], 0, fk[0], fk[1], fk[2], fk[3], fk[4],
+                                                             &sdm)
                       : nt4h_tt_change_sdm_file_settingsM(h, rk, f, fk[4], 0, fk[0], fk[1], fk[2], fk[3], fk[4], &sdm))
                 : (pk ? nt4h_change_sdm_file_settings_pkM(h, key, f, fk[4], 0, fk[0], fk[1], fk[2], fk[3], fk[4], &sdm)
                       : nt4h_change_sdm_file_settingsM(h, rk, f, fk[4], 0, fk[0], fk[1], fk[2], fk[3], fk[4], &sdm));
@@ -368,8 +386,8 @@ int run_sun(const tandro::Options &opt, const tandro::Args &args)
     const char *verdict = st == ZEL_OK ? "genuine" : "forged or replayed";
     const std::string data = show && r.file_data_len ? tandro::to_hex(r.file_data, r.file_data_len) : "";
     if (opt.json) {
-        std::printf("{\"uid\": \"%s\", \"counter\": %u, \"verdict\": \"%s\", \"mac_ok\": %s", tandro::to_hex(r.uid, 7).c_str(),
-                    r.counter, verdict, r.mac_ok ? "true" : "false");
+        std::printf("{\"uid\": \"%s\", \"counter\": %u, \"verdict\": \"%s\", \"mac_ok\": %s",
+                    tandro::to_hex(r.uid, 7).c_str(), r.counter, verdict, r.mac_ok ? "true" : "false");
         if (r.file_data_len)
             std::printf(", \"file_data_len\": %u", r.file_data_len);
         if (!data.empty())

@@ -135,9 +135,8 @@ uint32_t sun_verify(const SunUrl &url, const uint8_t *meta_key, const uint8_t *f
         std::memcpy(out.uid, url.uid, 7);
         out.counter = static_cast<uint32_t>(url.ctr[0] << 16 | url.ctr[1] << 8 | url.ctr[2]);
     }
-    const ZEL_STATUS st = nt4h_check_sdm_mac(out.counter, out.uid, file_key,
-                                             reinterpret_cast<const uint8_t *>(url.mac_input), url.mac_input_len,
-                                             url.mac);
+    const ZEL_STATUS st = nt4h_check_sdm_mac(
+        out.counter, out.uid, file_key, reinterpret_cast<const uint8_t *>(url.mac_input), url.mac_input_len, url.mac);
     if (st != ZEL_OK)
         return st;
     out.mac_ok = true;

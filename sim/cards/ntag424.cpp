@@ -402,8 +402,13 @@ private:
             File *f = file(e[3]);
             if (!f)
                 return E_PARAMETERS;
-            std::vector<uint8_t> r{0x00, static_cast<uint8_t>(f->comm | (f->sdm.on ? 0x40 : 0)), f->ar_lo, f->ar_hi,
-                                   static_cast<uint8_t>(f->data.size()), static_cast<uint8_t>(f->data.size() >> 8), 0};
+            std::vector<uint8_t> r{0x00,
+                                   static_cast<uint8_t>(f->comm | (f->sdm.on ? 0x40 : 0)),
+                                   f->ar_lo,
+                                   f->ar_hi,
+                                   static_cast<uint8_t>(f->data.size()),
+                                   static_cast<uint8_t>(f->data.size() >> 8),
+                                   0};
             r.insert(r.end(), f->sdm.raw.begin(), f->sdm.raw.end());
             ok(out, r.data(), r.size());
             return -1;
@@ -454,8 +459,8 @@ std::unique_ptr<Card> make(const zsim_card &id, const Json *setup, std::string &
     auto st = std::make_unique<NtagState>();
     st->tt = tt;
     st->uid.assign(id.uid, id.uid + 7);
-    const uint8_t cc[] = {0x00, 0x17, 0x20, 0x01, 0x00, 0x00, 0xFF, 0x04, 0x06, 0xE1, 0x04,
-                          0x01, 0x00, 0x00, 0x00, 0x05, 0x06, 0xE1, 0x05, 0x00, 0x80, 0x82, 0x83};
+    const uint8_t cc[] = {0x00, 0x17, 0x20, 0x01, 0x00, 0x00, 0xFF, 0x04, 0x06, 0xE1, 0x04, 0x01,
+                          0x00, 0x00, 0x00, 0x05, 0x06, 0xE1, 0x05, 0x00, 0x80, 0x82, 0x83};
     st->files[0].iso_id = 0xE103;
     st->files[0].data.assign(32, 0);
     std::memcpy(st->files[0].data.data(), cc, sizeof cc);
