@@ -192,6 +192,11 @@ private:
     uint8_t auth_step_ = 0, auth_kind_cmd_ = 0, auth_keyno_ = 0;
     std::vector<uint8_t> rndb_, auth_iv_;
     std::array<uint8_t, 16> reader_id_{};
+    // DESFire Light ("light"): the message its transaction MAC covers, from the last MACed operation of the
+    // transaction, and the reader id committed in it with the previous one as the card enciphered it.
+    std::vector<uint8_t> tmac_msg_;
+    bool rid_in_transaction_ = false;
+    std::array<uint8_t, 16> prev_enc_reader_id_{};
     std::unique_ptr<Iso14443Card> iso_;
 };
 

@@ -197,4 +197,94 @@ TEST_F(Ntag424, TagTamperStatus)
     EXPECT_EQ(nt4h_get_tt_status_pkM(hnd, kFile.data(), 0, &perm, &curr), ZEL_AUTH_ERROR);
 }
 
+// ---- DESFire Light: transaction MACs made by the simulated card, checked by the host ----
+
+class DesfireLight : public CardSimTest {
+protected:
+    void SetUp() override
+    {
+        serve();
+        const zsim_card c = {{0x04, 0x3A, 0x4B, 0x5C, 0x6D, 0x7E, 0x8F}, 7, 0x20, 0x0344, 0x3F};
+        ASSERT_EQ(zsim_card_add_model(sim, &c, "desfire",
+                                      R"({"version": "light", "master_key_type": "aes", "applications": [)"
+                                      R"({"aid": "A1B2C3", "key_type": "aes", "keys": 3, "files": [)"
+                                      R"({"id": 2, "type": "value", "lower": 0, "upper": 1000, "value": 100},)"
+                                      R"({"id": 3, "type": "cyclic", "record_size": 16, "records": 5}]}]})"),
+                  0);
+        uid.assign(c.uid, c.uid + 7);
+        ASSERT_EQ(
+            Zel_int_DesfireCreateTransMacFile_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 7, 1, 0, 0, 0, kTmacKey, &cs, &et),
+            ZEL_OK);
+        ASSERT_EQ(cs, CARD_OPERATION_OK);
+    }
+    const Bytes kZero = Bytes(16, 0);
+    const uint8_t kTmacKey[16] = {0x3C, 0x5A, 0x78, 0x96, 0xB4, 0xD2, 0xF0, 0x1E,
+                                  0x2D, 0x4B, 0x69, 0x87, 0xA5, 0xC3, 0xE1, 0x0F};
+    Bytes uid;
+    uint16_t cs = 0, et = 0;
+};
+
+TEST_F(DesfireLight, ValueOperationsCarryCheckableMacs)
+{
+    uint8_t rid[16], prev_enc[16], mac[8], prev[16];
+    for (int i = 0; i < 16; ++i)
+        rid[i] = static_cast<uint8_t>(0xA0 + i);
+    uint32_t tmc = 0;
+    ASSERT_EQ(Zel_int_DesfireIncreaseValueFile_TransMac_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 0, 2, 0, 25, 0, rid,
+                                                                prev_enc, &tmc, mac, &cs, &et),
+              ZEL_OK);
+    ASSERT_EQ(cs, CARD_OPERATION_OK);
+    EXPECT_EQ(tmc, 1u);
+    EXPECT_EQ(dfl_check_credit_value_transaction_mac(2, 25, tmc, uid.data(), kTmacKey, nullptr, nullptr, mac, nullptr),
+              ZEL_OK);
+    EXPECT_EQ(dfl_check_credit_value_transaction_mac(2, 26, tmc, uid.data(), kTmacKey, nullptr, nullptr, mac, nullptr),
+              NT4H_CHECK_FAILED);
+    EXPECT_EQ(dfl_check_debit_value_transaction_mac(2, 25, tmc, uid.data(), kTmacKey, nullptr, nullptr, mac, nullptr),
+              NT4H_CHECK_FAILED);
+    // With a reader id: the card's MAC covers it, and the previous reader id (none yet: zeros) comes back.
+    ASSERT_EQ(Zel_int_DesfireDecreaseValueFile_TransMac_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 0, 2, 0, 7, 1, rid,
+                                                                prev_enc, &tmc, mac, &cs, &et),
+              ZEL_OK);
+    ASSERT_EQ(cs, CARD_OPERATION_OK);
+    EXPECT_EQ(tmc, 2u);
+    std::memset(prev, 0x55, sizeof prev);
+    EXPECT_EQ(dfl_check_debit_value_transaction_mac(2, 7, tmc, uid.data(), kTmacKey, rid, prev_enc, mac, prev), ZEL_OK);
+    EXPECT_EQ(Bytes(prev, prev + 16), Bytes(16, 0));
+    // The next transaction hands back the reader id of this one, enciphered.
+    uint8_t rid2[16];
+    std::memset(rid2, 0x42, sizeof rid2);
+    ASSERT_EQ(Zel_int_DesfireIncreaseValueFile_TransMac_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 0, 2, 0, 1, 1, rid2,
+                                                                prev_enc, &tmc, mac, &cs, &et),
+              ZEL_OK);
+    EXPECT_EQ(dfl_check_credit_value_transaction_mac(2, 1, tmc, uid.data(), kTmacKey, rid2, prev_enc, mac, prev),
+              ZEL_OK);
+    EXPECT_EQ(Bytes(prev, prev + 16), Bytes(rid, rid + 16));
+}
+
+TEST_F(DesfireLight, RecordOperationsCarryCheckableMacs)
+{
+    const Bytes data = {'t', 'a', 'p', ' ', 'a', 't', ' ', 'g', 'a', 't', 'e', ' ', '7', 0, 1, 2};
+    uint8_t rid[16] = {}, prev_enc[16], mac[8];
+    uint32_t tmc = 0;
+    ASSERT_EQ(Zel_int_DesfireWriteRecord_TransMac_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 0, 3, 0, 16, 0, data.data(), 0,
+                                                          rid, prev_enc, &tmc, mac, &cs, &et),
+              ZEL_OK);
+    ASSERT_EQ(cs, CARD_OPERATION_OK);
+    EXPECT_EQ(dfl_check_write_record_transaction_mac(3, 0, 16, data.data(), tmc, uid.data(), kTmacKey, nullptr, nullptr,
+                                                     mac, nullptr),
+              ZEL_OK);
+    EXPECT_EQ(desfire_check_write_record_transaction_mac(3, 0, 16, data.data(), tmc, uid.data(), kTmacKey, nullptr,
+                                                         nullptr, mac, nullptr),
+              NT4H_CHECK_FAILED);
+    ASSERT_EQ(Zel_int_DesfireClearRecordFile_TransMac_aes_PKM(hnd, kZero.data(), 0xA1B2C3, 3, 0, rid, prev_enc, &tmc,
+                                                              mac, &cs, &et),
+              ZEL_OK);
+    ASSERT_EQ(cs, CARD_OPERATION_OK);
+    EXPECT_EQ(desfire_check_clear_record_transaction_mac(3, tmc, uid.data(), kTmacKey, nullptr, nullptr, mac, nullptr),
+              ZEL_OK);
+    EXPECT_EQ(
+        desfire_check_clear_record_transaction_mac(3, tmc + 1, uid.data(), kTmacKey, nullptr, nullptr, mac, nullptr),
+        NT4H_CHECK_FAILED);
+}
+
 } // namespace
