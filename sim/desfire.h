@@ -33,6 +33,8 @@ enum class DfKeyKind : uint8_t { TDES = 0, TK3DES = 1, AES = 2 };
 // last cipher block. False when OpenSSL refuses.
 bool df_cbc(DfKeyKind kind, const uint8_t *key, uint8_t *iv, uint8_t *data, size_t n, bool encipher);
 size_t df_block(DfKeyKind kind);
+// AES-128 CMAC of n bytes.
+std::array<uint8_t, 16> df_aes_cmac(const std::array<uint8_t, 16> &key, const uint8_t *msg, size_t n);
 // Fills n bytes from the random source.
 void df_random(uint8_t *p, size_t n);
 

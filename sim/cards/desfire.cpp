@@ -15,9 +15,9 @@
 
 namespace zs {
 
-// DESFire Light transaction MACs: AES-CMAC, and the session keys from the transaction MAC key over the label,
+// AES-CMAC, and the DESFire Light session keys from the transaction MAC key over the label,
 // the counter (least significant byte first) and the UID.
-static std::array<uint8_t, 16> light_cmac(const std::array<uint8_t, 16> &key, const uint8_t *msg, size_t n)
+std::array<uint8_t, 16> df_aes_cmac(const std::array<uint8_t, 16> &key, const uint8_t *msg, size_t n)
 {
     std::array<uint8_t, 16> out{};
     EVP_MAC *mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
@@ -41,7 +41,7 @@ static std::array<uint8_t, 16> light_session_key(uint8_t label, const std::array
     for (int i = 0; i < 4; ++i)
         sv[5 + i] = static_cast<uint8_t>(tmc >> (8 * i));
     std::memcpy(sv + 9, uid, 7);
-    return light_cmac(key, sv, 16);
+    return df_aes_cmac(key, sv, 16);
 }
 
 size_t df_block(DfKeyKind kind)
@@ -294,7 +294,7 @@ std::vector<uint8_t> DesfireCard::commit(uint8_t option)
             std::memcpy(msg.data() + at + 17, prev_enc_reader_id_.data(), 16);
         }
         const std::array<uint8_t, 16> ses = light_session_key(0x5A, tmac->tmac_key, tmac->tmac_counter, id().uid);
-        const std::array<uint8_t, 16> full = light_cmac(ses, msg.data(), msg.size());
+        const std::array<uint8_t, 16> full = df_aes_cmac(ses, msg.data(), msg.size());
         p32(out, tmac->tmac_counter);
         for (int i = 0; i < 8; ++i)
             out.push_back(full[2 * i + 1]);

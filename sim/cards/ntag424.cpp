@@ -15,13 +15,13 @@
 //   "ndef": hex bytes the NDEF file starts with,
 //   "read_ctr": the NDEF file's read counter to start from,
 //   "tt_open": true when the tamper loop is open (ntag424_tt).
-#include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <array>
 #include <cstring>
 
+#include "../desfire.h"
 #include "../iso7816.h"
 #include "../json.h"
 #include "../scenario.h"
@@ -53,20 +53,7 @@ void aes_cbc(const Key &key, const uint8_t *iv, uint8_t *data, size_t n, bool en
 
 Key cmac(const Key &key, const uint8_t *msg, size_t n)
 {
-    Key out{};
-    EVP_MAC *mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
-    EVP_MAC_CTX *ctx = mac ? EVP_MAC_CTX_new(mac) : nullptr;
-    char cipher[] = "AES-128-CBC";
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, cipher, 0),
-                           OSSL_PARAM_construct_end()};
-    size_t len = 0;
-    if (ctx && EVP_MAC_init(ctx, key.data(), 16, params) == 1) {
-        EVP_MAC_update(ctx, msg, n);
-        EVP_MAC_final(ctx, out.data(), &len, out.size());
-    }
-    EVP_MAC_CTX_free(ctx);
-    EVP_MAC_free(mac);
-    return out;
+    return df_aes_cmac(key, msg, n);
 }
 
 void put_hex(std::vector<uint8_t> &img, size_t at, const uint8_t *bytes, size_t n)
