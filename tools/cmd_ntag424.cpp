@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tandro.h"
+#include "zelsim.h"
 #include "tools/cli.h"
 #include "tools/session.h"
 #include "tools/sun.h"
@@ -221,8 +222,14 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
             std::printf("{\"error\": \"the reader did not open\"}\n");
         return 1;
     }
-    if (session.sim())
+    if (session.sim()) {
+        // The default simulated field has no NTAG 424 DNA: this command brings one (with its tamper loop).
+        if (opt.sim_scenario.empty() && !auth.light) {
+            const zsim_card tag = {{0x04, 0xA5, 0xB6, 0xC7, 0xD8, 0xE9, 0x80}, 7, 0x20, 0x0344, 0x13};
+            zsim_card_add_model(session.sim(), &tag, "ntag424_tt", nullptr);
+        }
         tandro::bring_forward(session.sim(), auth.light ? "desfire" : "ntag424");
+    }
     ZEL_HANDLE h = session.hnd();
     const uint8_t *key = auth.key.data();
     const uint8_t rk = auth.reader_key;

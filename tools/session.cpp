@@ -57,8 +57,7 @@ const char *default_sim_scenario()
                                            {"id": 3, "type": "cyclic", "record_size": 8, "records": 5}]}]}},
     {"uid": "E0040150A1B2C3D4", "sak": "00", "atqa": "0000", "type": "50", "model": "iso15693",
      "setup": {"blocks": 28, "dsfid": 0, "afi": 0, "ic_reference": 1,
-               "block_data": [{"block": 0, "data": "E1400E00"}, {"block": 1, "data": "0300FE00"}]}},
-    {"uid": "04A5B6C7D8E980", "sak": "20", "atqa": "0344", "type": "ORB_NTAG_424_DNA_TT", "model": "ntag424_tt"}
+               "block_data": [{"block": 0, "data": "E1400E00"}, {"block": 1, "data": "0300FE00"}]}}
   ]
 })";
 }
