@@ -12,10 +12,13 @@ extern "C" void *__libc_malloc(size_t);
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *__libc_realloc(void *, size_t);
 
-namespace {
+// Shared with the other benchmarks of this binary that count allocations.
+namespace zelbench {
 thread_local bool t_counting = false;
 thread_local uint64_t t_allocations = 0;
-} // namespace
+} // namespace zelbench
+using zelbench::t_allocations;
+using zelbench::t_counting;
 
 // Allocation counting: the bench binary interposes the allocator and counts the calling thread's calls.
 extern "C" void *malloc(size_t n)

@@ -28,6 +28,8 @@ std::unique_ptr<Card> make_emv_card(const zsim_card &id, const Json *config, std
 std::unique_ptr<Card> make_gids_card(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_sam_av2(const zsim_card &id, const Json *config, std::string &err);
 std::unique_ptr<Card> make_plus_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag424_card(const zsim_card &id, const Json *config, std::string &err);
+std::unique_ptr<Card> make_ntag424_tt_card(const zsim_card &id, const Json *config, std::string &err);
 
 namespace {
 
@@ -60,6 +62,8 @@ const Model MODELS[] = {
     {"gids", make_gids_card},
     {"sam_av2", make_sam_av2},
     {"plus", make_plus_card},
+    {"ntag424", make_ntag424_card},
+    {"ntag424_tt", make_ntag424_tt_card},
 };
 
 } // namespace

@@ -33,6 +33,8 @@ enum class DfKeyKind : uint8_t { TDES = 0, TK3DES = 1, AES = 2 };
 // last cipher block. False when OpenSSL refuses.
 bool df_cbc(DfKeyKind kind, const uint8_t *key, uint8_t *iv, uint8_t *data, size_t n, bool encipher);
 size_t df_block(DfKeyKind kind);
+// AES-128 CMAC of n bytes.
+std::array<uint8_t, 16> df_aes_cmac(const std::array<uint8_t, 16> &key, const uint8_t *msg, size_t n);
 // Fills n bytes from the random source.
 void df_random(uint8_t *p, size_t n);
 
@@ -192,6 +194,11 @@ private:
     uint8_t auth_step_ = 0, auth_kind_cmd_ = 0, auth_keyno_ = 0;
     std::vector<uint8_t> rndb_, auth_iv_;
     std::array<uint8_t, 16> reader_id_{};
+    // DESFire Light ("light"): the message its transaction MAC covers, from the last MACed operation of the
+    // transaction, and the reader id committed in it with the previous one as the card enciphered it.
+    std::vector<uint8_t> tmac_msg_;
+    bool rid_in_transaction_ = false;
+    std::array<uint8_t, 16> prev_enc_reader_id_{};
     std::unique_ptr<Iso14443Card> iso_;
 };
 

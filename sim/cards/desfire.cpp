@@ -3,6 +3,7 @@
 // to backup, value and record files until a commit, and free memory. It answers DESFire native commands;
 // authentication is the mutual challenge and response of the AES and ISO forms.
 #include <openssl/evp.h>
+#include <openssl/params.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -13,6 +14,35 @@
 #include "scenario.h"
 
 namespace zs {
+
+// AES-CMAC, and the DESFire Light session keys from the transaction MAC key over the label,
+// the counter (least significant byte first) and the UID.
+std::array<uint8_t, 16> df_aes_cmac(const std::array<uint8_t, 16> &key, const uint8_t *msg, size_t n)
+{
+    std::array<uint8_t, 16> out{};
+    EVP_MAC *mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
+    EVP_MAC_CTX *ctx = mac ? EVP_MAC_CTX_new(mac) : nullptr;
+    char cipher[] = "AES-128-CBC";
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string("cipher", cipher, 0), OSSL_PARAM_construct_end()};
+    size_t len = 0;
+    if (ctx && EVP_MAC_init(ctx, key.data(), 16, params) == 1) {
+        EVP_MAC_update(ctx, msg, n);
+        EVP_MAC_final(ctx, out.data(), &len, out.size());
+    }
+    EVP_MAC_CTX_free(ctx);
+    EVP_MAC_free(mac);
+    return out;
+}
+
+static std::array<uint8_t, 16> light_session_key(uint8_t label, const std::array<uint8_t, 16> &key, uint32_t tmc,
+                                                 const uint8_t *uid)
+{
+    uint8_t sv[16] = {label, 0x00, 0x01, 0x00, 0x80};
+    for (int i = 0; i < 4; ++i)
+        sv[5 + i] = static_cast<uint8_t>(tmc >> (8 * i));
+    std::memcpy(sv + 9, uid, 7);
+    return df_aes_cmac(key, sv, 16);
+}
 
 size_t df_block(DfKeyKind kind)
 {
@@ -205,6 +235,8 @@ uint32_t DesfireCard::free_memory() const
 
 void DesfireCard::abort_transaction()
 {
+    tmac_msg_.clear();
+    rid_in_transaction_ = false;
     DfApp *a = selected_app();
     if (!a)
         return;
@@ -249,7 +281,24 @@ std::vector<uint8_t> DesfireCard::commit(uint8_t option)
     std::vector<uint8_t> out = st(DF_OK);
     if (tmac && any)
         ++tmac->tmac_counter;
-    if (tmac && option & 1) {
+    if (tmac && option & 1 && setup_.version == "light") {
+        // DESFire Light: the MAC of the transaction's MACed operation under the session MAC key of the counter.
+        std::vector<uint8_t> msg = tmac_msg_;
+        if (msg.empty())
+            msg.assign(16, 0);
+        if (rid_in_transaction_) {
+            const size_t at = msg.size();
+            msg.resize(at + 48, 0);
+            msg[at] = 0xC8;
+            std::memcpy(msg.data() + at + 1, reader_id_.data(), 16);
+            std::memcpy(msg.data() + at + 17, prev_enc_reader_id_.data(), 16);
+        }
+        const std::array<uint8_t, 16> ses = light_session_key(0x5A, tmac->tmac_key, tmac->tmac_counter, id().uid);
+        const std::array<uint8_t, 16> full = df_aes_cmac(ses, msg.data(), msg.size());
+        p32(out, tmac->tmac_counter);
+        for (int i = 0; i < 8; ++i)
+            out.push_back(full[2 * i + 1]);
+    } else if (tmac && option & 1) {
         // A MAC value of the simulator's own making: the transaction counter enciphered under the file's key.
         uint8_t blk[16] = {};
         for (int i = 0; i < 4; ++i)
@@ -260,6 +309,8 @@ std::vector<uint8_t> DesfireCard::commit(uint8_t option)
         p32(out, tmac->tmac_counter);
         out.insert(out.end(), blk, blk + 8);
     }
+    tmac_msg_.clear();
+    rid_in_transaction_ = false;
     return out;
 }
 
@@ -695,7 +746,14 @@ std::vector<uint8_t> DesfireCard::commit_reader_id(const Call &k)
     uint8_t prev[16];
     std::memcpy(prev, reader_id_.data(), 16);
     for (const auto &kv : k.app->files)
-        if (kv.second.type == 5) {
+        if (kv.second.type == 5 && setup_.version == "light") {
+            const std::array<uint8_t, 16> enc =
+                light_session_key(0xA5, kv.second.tmac_key, kv.second.tmac_counter + 1, id().uid);
+            uint8_t iv[16] = {};
+            df_cbc(DfKeyKind::AES, enc.data(), iv, prev, 16, true);
+            std::memcpy(prev_enc_reader_id_.data(), prev, 16);
+            rid_in_transaction_ = true;
+        } else if (kv.second.type == 5) {
             uint8_t iv[16] = {};
             df_cbc(DfKeyKind::AES, kv.second.tmac_key.data(), iv, prev, 16, true);
         }
@@ -841,6 +899,8 @@ std::vector<uint8_t> DesfireCard::credit_debit(const Call &k)
         return st(DF_BOUNDARY);
     f->p_value = static_cast<int32_t>(next);
     f->dirty = true;
+    tmac_msg_.assign(16, 0);
+    std::memcpy(tmac_msg_.data(), k.c, 6); // code, file, value
     return st(DF_OK);
 }
 
@@ -869,6 +929,11 @@ std::vector<uint8_t> DesfireCard::write_record(const Call &k)
         f->p_new_record = true;
     }
     std::memcpy(f->p_records.back().data() + off, c + 8, len);
+    // The Light's MAC input: its own code, file, offset, size, the data from byte 16, in whole blocks.
+    tmac_msg_.assign((len + 16 + 15) / 16 * 16, 0);
+    std::memcpy(tmac_msg_.data(), c, 8);
+    tmac_msg_[0] = 0x8B;
+    std::memcpy(tmac_msg_.data() + 16, c + 8, len);
     return st(DF_OK);
 }
 
@@ -907,6 +972,9 @@ std::vector<uint8_t> DesfireCard::clear_records(const Call &k)
     f->p_records.clear();
     f->p_new_record = false;
     f->dirty = true;
+    tmac_msg_.assign(16, 0);
+    tmac_msg_[0] = 0xEB;
+    tmac_msg_[1] = k.c[1];
     return st(DF_OK);
 }
 
@@ -1036,8 +1104,9 @@ std::unique_ptr<Card> make_desfire_card(const zsim_card &id, const Json *setup, 
                 }
                 s.size = static_cast<uint32_t>(v.num);
             } else if (m.first == "version") {
-                if (v.kind != Json::STRING || (v.str != "ev1" && v.str != "ev2" && v.str != "ev3")) {
-                    err = "setup: version is \"ev1\", \"ev2\" or \"ev3\"";
+                if (v.kind != Json::STRING ||
+                    (v.str != "ev1" && v.str != "ev2" && v.str != "ev3" && v.str != "light")) {
+                    err = "setup: version is \"ev1\", \"ev2\", \"ev3\" or \"light\"";
                     return nullptr;
                 }
                 s.version = v.str;
