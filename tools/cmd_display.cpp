@@ -229,8 +229,8 @@ int run_flash(const Options &opt, const Args &a)
 }
 
 const tandro::Registration display_cmd({"display", "show|text|time|gallery|clear ...",
-                                        "pictures, text and the time on the display module", run_display});
-const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader",
-                                      run_flash});
+                                        "pictures, text and the time on the display module", run_display, true});
+const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader", run_flash,
+                                      true});
 
 } // namespace

@@ -239,6 +239,6 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration https_cmd({"https", USAGE,
                                       "one HTTPS GET with a client certificate from PEM files or a GIDS card",
-                                      run_https});
+                                      run_https, true});
 
 } // namespace

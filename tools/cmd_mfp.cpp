@@ -305,6 +305,6 @@ int run_mfp(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration mfp_cmd({"mfp", USAGE, "MIFARE Plus: personalisation, level 3 switch, key changes, UID",
-                                    run_mfp});
+                                    run_mfp, true});
 
 } // namespace

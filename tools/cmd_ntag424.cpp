@@ -410,7 +410,7 @@ int run_sun(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration ntag424_cmd({"ntag424", USAGE,
                                         "NTAG 424 DNA and DESFire Light: settings, SDM, keys, counter, tamper",
-                                        run_ntag424});
-const tandro::Registration sun_cmd({"sun", SUN_USAGE, "verify a URL an NTAG 424 DNA generated (SUN)", run_sun});
+                                        run_ntag424, true});
+const tandro::Registration sun_cmd({"sun", SUN_USAGE, "verify a URL an NTAG 424 DNA generated (SUN)", run_sun, true});
 
 } // namespace

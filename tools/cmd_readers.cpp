@@ -104,6 +104,6 @@ int run_readers(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration readers_cmd({"readers", "", "every reader found on FTDI, serial and network links",
-                                        run_readers});
+                                        run_readers, true});
 
 } // namespace

@@ -348,8 +348,8 @@ int run_balance(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration records_cmd({"records", RECORDS_USAGE,
                                         "the access-system records: rights, validate, card type, durations, credit",
-                                        run_records});
+                                        run_records, true});
 const tandro::Registration balance_cmd({"balance", BALANCE_USAGE,
-                                        "the credit balance in a mirrored pair of value blocks", run_balance});
+                                        "the credit balance in a mirrored pair of value blocks", run_balance, true});
 
 } // namespace

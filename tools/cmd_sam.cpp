@@ -352,6 +352,6 @@ int run_sam(const tandro::Options &opt, const tandro::Args &all)
 const tandro::Registration sam_cmd({"sam", USAGE,
                                     "the SAM in the contact slot: version, key entries, "
                                     "authentication, key changes",
-                                    run_sam});
+                                    run_sam, true});
 
 } // namespace

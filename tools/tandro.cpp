@@ -176,6 +176,14 @@ int run_json(const tandro::Command &c, const tandro::Options &opt, const tandro:
             std::fputc('\n', stdout);
         return 0;
     }
+    // A command that prints an error object of its own (with more members, such as the card's status word)
+    // keeps it, as long as it is all it printed.
+    const size_t first = printed.find_first_not_of(" \t\r\n");
+    if (first != std::string::npos && printed.compare(first, 9, "{\"error\":") == 0 &&
+        printed.find("\n{", first) == std::string::npos) {
+        std::fwrite(printed.data(), 1, printed.size(), stdout);
+        return rc;
+    }
     tandro::Failure failure = tandro::last_failure();
     if (failure.message.empty()) {
         // A failure the command did not report through the shared calls: its last line on standard error.
