@@ -30,8 +30,8 @@ ZEL_STATUS build(uint8_t mb_me, const RecordArgs &rec, std::vector<uint8_t> &out
     if ((!rec.type && rec.type_len) || (!rec.id && rec.id_len) || (!rec.payload && rec.payload_len))
         return ZEL_PARAMETERS_ERROR;
     std::vector<uint8_t> one;
-    if (!ndef::build_record(mb_me, rec.tnf, rec.type, rec.type_len, rec.id, rec.id_len, rec.payload,
-                            rec.payload_len, one))
+    if (!ndef::build_record(mb_me, rec.tnf, rec.type, rec.type_len, rec.id, rec.id_len, rec.payload, rec.payload_len,
+                            one))
         return ZEL_PARAMETERS_ERROR;
     out.insert(out.end(), one.begin(), one.end());
     return ZEL_OK;
@@ -102,8 +102,8 @@ ZEL_STATUS aar_message(const RecordArgs &rec, const uint8_t *package, uint32_t p
     ZEL_STATUS st = build(0x80, rec, message);
     if (st != ZEL_OK)
         return st;
-    const RecordArgs aar{4,       reinterpret_cast<const uint8_t *>(kAarType), sizeof kAarType - 1, nullptr, 0,
-                         package, package_len};
+    const RecordArgs aar{
+        4, reinterpret_cast<const uint8_t *>(kAarType), sizeof kAarType - 1, nullptr, 0, package, package_len};
     return build(0x40, aar, message);
 }
 
@@ -198,16 +198,15 @@ extern "C" ZEL_API ZEL_STATUS WriteEmulationNdefHnd(ZEL_HANDLE hnd, uint8_t tnf,
 }
 
 extern "C" ZEL_API ZEL_STATUS WriteEmulationNdefWithAARHnd(ZEL_HANDLE hnd, uint8_t tnf, const uint8_t *type_record,
-                                                           uint8_t type_length, const uint8_t *id,
-                                                           uint8_t id_length, const uint8_t *payload,
-                                                           uint32_t payload_length, const uint8_t *aar,
-                                                           uint32_t aar_length)
+                                                           uint8_t type_length, const uint8_t *id, uint8_t id_length,
+                                                           const uint8_t *payload, uint32_t payload_length,
+                                                           const uint8_t *aar, uint32_t aar_length)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
     std::vector<uint8_t> message;
-    const ZEL_STATUS st = aar_message({tnf, type_record, type_length, id, id_length, payload, payload_length}, aar,
-                                      aar_length, message);
+    const ZEL_STATUS st =
+        aar_message({tnf, type_record, type_length, id, id_length, payload, payload_length}, aar, aar_length, message);
     return st != ZEL_OK ? st : write_message(hnd, message);
 }
 
@@ -293,9 +292,8 @@ extern "C" ZEL_API ZEL_STATUS AdHocEmulationStopHnd(ZEL_HANDLE hnd)
 }
 
 extern "C" ZEL_API ZEL_STATUS GetAdHocEmulationParamsHnd(ZEL_HANDLE hnd, uint8_t *threshold_min_level,
-                                                         uint8_t *threshold_collision_level,
-                                                         uint8_t *rf_level_divider, uint8_t *rf_gain,
-                                                         uint8_t *rx_threshold)
+                                                         uint8_t *threshold_collision_level, uint8_t *rf_level_divider,
+                                                         uint8_t *rf_gain, uint8_t *rx_threshold)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -316,9 +314,8 @@ extern "C" ZEL_API ZEL_STATUS GetAdHocEmulationParamsHnd(ZEL_HANDLE hnd, uint8_t
 }
 
 extern "C" ZEL_API ZEL_STATUS SetAdHocEmulationParamsHnd(ZEL_HANDLE hnd, uint8_t threshold_min_level,
-                                                         uint8_t threshold_collision_level,
-                                                         uint8_t rf_level_divider, uint8_t rf_gain,
-                                                         uint8_t rx_threshold)
+                                                         uint8_t threshold_collision_level, uint8_t rf_level_divider,
+                                                         uint8_t rf_gain, uint8_t rx_threshold)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;
@@ -364,8 +361,7 @@ extern "C" ZEL_API ZEL_STATUS WriteShareRamHnd(ZEL_HANDLE hnd, const uint8_t *ra
     return zel::command_write_reply(hnd, kCmdShareWrite, address, data_length, ram_data, data_length, r);
 }
 
-extern "C" ZEL_API ZEL_STATUS ReadShareRamHnd(ZEL_HANDLE hnd, uint8_t *ram_data, uint8_t address,
-                                              uint8_t data_length)
+extern "C" ZEL_API ZEL_STATUS ReadShareRamHnd(ZEL_HANDLE hnd, uint8_t *ram_data, uint8_t address, uint8_t data_length)
 {
     if (!hnd)
         return ZEL_DEVICE_WRONG_HANDLE;

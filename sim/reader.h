@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "card.h"
+#include "emulation.h"
 #include "signals.h"
 #include "zelsim.h"
 
@@ -71,6 +72,9 @@ struct Reader {
     zsim_card selected{};
     // Lights, sound, sleep, RF tuning, the secure element and the feature blocks (signals.cpp).
     Outputs outputs;
+    // Tag emulation and shared RAM, and the network module in front (emulation.cpp, esp.cpp).
+    Emulation emul;
+    EspFront esp;
 
     Reader();
     std::string serial_desc() const;
