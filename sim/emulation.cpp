@@ -223,7 +223,9 @@ std::vector<uint8_t> tag_apdu(TagFiles &t, const std::vector<uint8_t> &c)
 // The phone: selects the NDEF application, reads the container, then NLEN and the message.
 long phone_read(TagFiles &t, std::vector<uint8_t> &msg)
 {
-    auto ok_sw = [](const std::vector<uint8_t> &r) { return r.size() >= 2 && r[r.size() - 2] == 0x90 && r.back() == 0; };
+    auto ok_sw = [](const std::vector<uint8_t> &r) {
+        return r.size() >= 2 && r[r.size() - 2] == 0x90 && r.back() == 0;
+    };
     std::vector<uint8_t> sel = {0x00, 0xA4, 0x04, 0x00, sizeof NDEF_AID};
     sel.insert(sel.end(), NDEF_AID, NDEF_AID + sizeof NDEF_AID);
     sel.push_back(0x00);
@@ -427,9 +429,11 @@ bool emulation_text_command(zsim *sim, const std::vector<std::string> &w, std::s
         char line[200];
         std::snprintf(line, sizeof line,
                       "mode %s adhoc %s field %u share_ram %s mirror %s position %u counter %u phone_reads %u\n",
-                      e.mode == MODE_ON ? "on" : e.mode == MODE_COMBINED ? "combined" : "off", e.adhoc ? "on" : "off",
-                      e.field, e.share_ram ? "on" : "off", e.mirror_enabled ? "on" : "off", e.mirror_position,
-                      e.mirror_counter, e.phone_reads);
+                      e.mode == MODE_ON         ? "on"
+                      : e.mode == MODE_COMBINED ? "combined"
+                                                : "off",
+                      e.adhoc ? "on" : "off", e.field, e.share_ram ? "on" : "off", e.mirror_enabled ? "on" : "off",
+                      e.mirror_position, e.mirror_counter, e.phone_reads);
         out += line;
         return true;
     }
@@ -512,8 +516,21 @@ long zsim_phone_read_ndef(zsim *sim, uint8_t *buf, size_t len)
         return -1;
     zs::TagFiles t;
     const uint16_t max = static_cast<uint16_t>(shown.size() + 2);
-    t.cc = {0x00, 0x0F, 0x20, 0x00, static_cast<uint8_t>(zs::MLE), 0x00, 0x34, 0x04, 0x06, 0xE1, 0x04, static_cast<uint8_t>(max >> 8),
-            static_cast<uint8_t>(max), 0x00, 0xFF};
+    t.cc = {0x00,
+            0x0F,
+            0x20,
+            0x00,
+            static_cast<uint8_t>(zs::MLE),
+            0x00,
+            0x34,
+            0x04,
+            0x06,
+            0xE1,
+            0x04,
+            static_cast<uint8_t>(max >> 8),
+            static_cast<uint8_t>(max),
+            0x00,
+            0xFF};
     t.ndef = {static_cast<uint8_t>(shown.size() >> 8), static_cast<uint8_t>(shown.size())};
     t.ndef.insert(t.ndef.end(), shown.begin(), shown.end());
     std::vector<uint8_t> msg;

@@ -12,13 +12,13 @@ namespace zs {
 
 namespace {
 
-constexpr char BACKUP[] = "!BACKUP_ZEL_NETBOX!";         // sent with its zero: 20 bytes
-constexpr char BEGIN[] = "!RESTORE_ZEL_NETBOX!BEGIN";    // 26
-constexpr char HEAD[] = "!RESTORE_ZEL_NETBOX!";          // 20, no zero
-constexpr char END[] = "!RESTORE_ZEL_NETBOX!END";        // 24
-constexpr char RESTORED[] = "!RESTORE_DONE!";            // the 14-byte answer
-constexpr char REFUSED[] = "?RESTORE_FULL?";             // too much to keep
-constexpr size_t CONFIG_MAX = 65535;                     // what a 16-bit length can announce
+constexpr char BACKUP[] = "!BACKUP_ZEL_NETBOX!";      // sent with its zero: 20 bytes
+constexpr char BEGIN[] = "!RESTORE_ZEL_NETBOX!BEGIN"; // 26
+constexpr char HEAD[] = "!RESTORE_ZEL_NETBOX!";       // 20, no zero
+constexpr char END[] = "!RESTORE_ZEL_NETBOX!END";     // 24
+constexpr char RESTORED[] = "!RESTORE_DONE!";         // the 14-byte answer
+constexpr char REFUSED[] = "?RESTORE_FULL?";          // too much to keep
+constexpr size_t CONFIG_MAX = 65535;                  // what a 16-bit length can announce
 constexpr size_t RESTORE_MAX = CONFIG_MAX + CONFIG_MAX / 512 * 20 + 64;
 constexpr uint8_t STREAM_NFC = 0xCC, STREAM_SELF = 0xBB;
 

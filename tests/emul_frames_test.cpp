@@ -62,8 +62,8 @@ TEST_F(Emul, OneFrameRecordLayoutAndSizeLimits)
     link.reply(rsp(0x4A));
     ASSERT_EQ(write_uri(&link.record, "tandro.example"), ZEL_OK);
     const Bytes rec = uri_record("tandro.example");
-    const Bytes body = cat({le16(static_cast<uint32_t>(rec.size() + 3)), {0x03, static_cast<uint8_t>(rec.size())},
-                            rec, {0xFE}});
+    const Bytes body =
+        cat({le16(static_cast<uint32_t>(rec.size() + 3)), {0x03, static_cast<uint8_t>(rec.size())}, rec, {0xFE}});
     ASSERT_EQ(link.writes.size(), 4u);
     EXPECT_EQ(link.writes[0], cmd(0x29));
     EXPECT_EQ(link.writes[1], cmd(0x2B));
@@ -112,23 +112,23 @@ TEST_F(Emul, RecordWithIdAndApplicationRecord)
     ASSERT_EQ(zel::emul::aar_message({1, &type, 1, nullptr, 0, payload.data(), 5},
                                      reinterpret_cast<const uint8_t *>(pkg.data()), 14, msg),
               ZEL_OK);
-    EXPECT_EQ(msg, cat({{0x91, 0x01, 0x05, 'T'}, payload, {0x54, 15, 14}, text_bytes("android.com:pkg"),
-                        text_bytes(pkg)}));
+    EXPECT_EQ(msg,
+              cat({{0x91, 0x01, 0x05, 'T'}, payload, {0x54, 15, 14}, text_bytes("android.com:pkg"), text_bytes(pkg)}));
     // Payload and package together: 119 bytes at most.
     const Bytes long_pkg(115, 'p');
     EXPECT_EQ(zel::emul::aar_message({1, &type, 1, nullptr, 0, payload.data(), 5}, long_pkg.data(), 115, msg),
               ZEL_MAX_SIZE_EXCEEDED);
     ScriptLink link;
-    EXPECT_EQ(WriteEmulationNdefWithAARHnd(&link.record, 1, &type, 1, nullptr, 0, payload.data(), 5,
-                                           long_pkg.data(), 115),
-              ZEL_MAX_SIZE_EXCEEDED);
+    EXPECT_EQ(
+        WriteEmulationNdefWithAARHnd(&link.record, 1, &type, 1, nullptr, 0, payload.data(), 5, long_pkg.data(), 115),
+        ZEL_MAX_SIZE_EXCEEDED);
     EXPECT_TRUE(link.sent.empty());
     answer_version(link);
     link.reply(ack(0x4A));
     link.reply(rsp(0x4A));
-    ASSERT_EQ(WriteEmulationNdefWithAARHnd(&link.record, 1, &type, 1, nullptr, 0, payload.data(), 5,
-                                           long_pkg.data(), 114),
-              ZEL_OK);
+    ASSERT_EQ(
+        WriteEmulationNdefWithAARHnd(&link.record, 1, &type, 1, nullptr, 0, payload.data(), 5, long_pkg.data(), 114),
+        ZEL_OK);
     ASSERT_EQ(link.writes.size(), 4u);
     EXPECT_EQ(link.writes[3][3], 4 + 5 + 3 + 15 + 114); // both records under one TLV length
 }
@@ -179,10 +179,10 @@ TEST_F(Emul, ModeFramesWithoutTheRoute)
         Bytes frame;
     };
     const Case cases[] = {
-        {TagEmulationStartHnd, cmd(0x48)},     {TagEmulationStopHnd, cmd(0x49)},
+        {TagEmulationStartHnd, cmd(0x48)},          {TagEmulationStopHnd, cmd(0x49)},
         {TagEmulationStartRamHnd, cmd(0x48, 0, 1)}, {TagEmulationStopRamHnd, cmd(0x49, 0, 1)},
         {CombinedModeEmulationStartHnd, cmd(0x4F)}, {AdHocEmulationStartHnd, cmd(0x76)},
-        {AdHocEmulationStopHnd, cmd(0x77)},    {EnterShareRamCommModeHnd, cmd(0x78, 0, 0xAA, 0xBB)},
+        {AdHocEmulationStopHnd, cmd(0x77)},         {EnterShareRamCommModeHnd, cmd(0x78, 0, 0xAA, 0xBB)},
         {ExitShareRamCommModeHnd, cmd(0x79)},
     };
     for (const Case &c : cases) {
