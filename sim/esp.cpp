@@ -253,7 +253,13 @@ bool esp_link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
     if (m.raw.empty() && in[0] != '!')
         return false;
     m.raw.insert(m.raw.end(), in, in + n);
-    if (ends_with(m.raw, BACKUP, sizeof BACKUP)) {
+    const auto starts = [&](const char *k, size_t len) {
+        return m.raw.size() >= len && std::memcmp(m.raw.data(), k, len) == 0;
+    };
+    const auto prefix_of = [&](const char *k, size_t len) {
+        return m.raw.size() < len && std::memcmp(m.raw.data(), k, m.raw.size()) == 0;
+    };
+    if (starts(BACKUP, sizeof BACKUP)) {
         const size_t len = m.config.size() < CONFIG_MAX ? m.config.size() : CONFIG_MAX;
         reply.resize(2 + len);
         reply[0] = static_cast<uint8_t>(len);
@@ -261,11 +267,19 @@ bool esp_link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
         if (len)
             std::memcpy(reply.data() + 2, m.config.data(), len);
         m.raw.clear();
-    } else if (ends_with(m.raw, BEGIN, sizeof BEGIN)) {
+    } else if (starts(BEGIN, sizeof BEGIN)) {
+        // What came behind the keyword in the same read already belongs to the restore.
         m.restoring = true;
-        m.restore.clear();
+        m.restore.assign(m.raw.begin() + sizeof BEGIN, m.raw.end());
         m.raw.clear();
-    } else if (m.raw.size() > sizeof BEGIN) {
+        if (m.restore.size() > RESTORE_MAX) {
+            m.restoring = false;
+            m.restore.clear();
+            put_answer(reply, REFUSED);
+        } else if (ends_with(m.restore, END, sizeof END)) {
+            restore_done(m, reply);
+        }
+    } else if (!prefix_of(BACKUP, sizeof BACKUP) && !prefix_of(BEGIN, sizeof BEGIN)) {
         m.raw.clear(); // no keyword: noise
     }
     link_push(sim, link, reply);
