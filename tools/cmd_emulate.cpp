@@ -75,9 +75,10 @@ const char kEmulateHelp[] =
     "       tandro emulate status                             the external field and the ad hoc parameters\n";
 
 // The URI identifier codes of the NFC Forum URI record: the longest prefix that matches is abbreviated.
-const char *const kUriPrefixes[] = {"",         "http://www.", "https://www.", "http://", "https://",
-                                    "tel:",     "mailto:",     "ftp://anonymous:anonymous@", "ftp://ftp.",
-                                    "ftps://",  "sftp://",     "smb://",       "nfs://",  "ftp://"};
+const char *const kUriPrefixes[] = {"",           "http://www.", "https://www.", "http://",
+                                    "https://",   "tel:",        "mailto:",      "ftp://anonymous:anonymous@",
+                                    "ftp://ftp.", "ftps://",     "sftp://",      "smb://",
+                                    "nfs://",     "ftp://"};
 
 std::vector<uint8_t> uri_payload(const std::string &uri)
 {
@@ -177,7 +178,10 @@ int emulate_ndef(const Options &opt, const Args &a)
             }
             if (opt.json) {
                 std::printf("{\"record\": \"%s\", \"payload_bytes\": %u, \"form\": \"%s\", \"started\": %s",
-                            have_uri ? "uri" : "text", n, ram ? "ram" : have_aar ? "aar" : "frame",
+                            have_uri ? "uri" : "text", n,
+                            ram        ? "ram"
+                            : have_aar ? "aar"
+                                       : "frame",
                             start ? "true" : "false");
                 if (!phone.empty())
                     std::printf(", \"phone_read\": \"%s\"", phone.c_str());
@@ -209,8 +213,8 @@ int emulate_status(const Options &opt)
                 std::printf("{\"external_field\": %s, \"adhoc\": [%u, %u, %u, %u, %u]}\n", field ? "true" : "false",
                             v[0], v[1], v[2], v[3], v[4]);
             else
-                std::printf("external field %s\nad hoc parameters %u %u %u %u %u\n", field ? "present" : "absent",
-                            v[0], v[1], v[2], v[3], v[4]);
+                std::printf("external field %s\nad hoc parameters %u %u %u %u %u\n", field ? "present" : "absent", v[0],
+                            v[1], v[2], v[3], v[4]);
             return 0;
         });
 }
