@@ -30,8 +30,8 @@ inline int failed(const Options &opt, const char *command, const char *what, ZEL
 {
     std::fprintf(stderr, "tandro %s: %s: %s\n", command, what, ZEL_Status2String(st));
     if (opt.json)
-        std::printf("{\"error\": %s, \"status\": %u}\n", json_string(std::string(what) + ": " + ZEL_Status2String(st)).c_str(),
-                    st);
+        std::printf("{\"error\": %s, \"status\": %u}\n",
+                    json_string(std::string(what) + ": " + ZEL_Status2String(st)).c_str(), st);
     return 1;
 }
 
