@@ -10,6 +10,7 @@
 #include "zel_crypto.h"
 #include "zel_desfire.h"
 #include "zel_desfire_crypto.h"
+#include "zel_emul.h"
 #include "zel_emv.h"
 #include "zel_tls.h"
 #include "zel_devices.h"

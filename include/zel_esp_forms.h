@@ -14,12 +14,57 @@ ZEL_API ZEL_STATUS EspReaderResetHnd(ZEL_HANDLE hnd);
 ZEL_API ZEL_STATUS EspSetTransparentReader(uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderM(ZEL_HANDLE hnd, uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderHnd(ZEL_HANDLE hnd, uint8_t reader_no);
+ZEL_API ZEL_STATUS EspSetDisplayData(const uint8_t *display_data, uint8_t data_length, uint16_t duration);
+ZEL_API ZEL_STATUS EspSetDisplayDataM(ZEL_HANDLE hnd, const uint8_t *display_data, uint8_t data_length, uint16_t duration);
+ZEL_API ZEL_STATUS EspSetDisplayDataHnd(ZEL_HANDLE hnd, const uint8_t *display_data, uint8_t data_length, uint16_t duration);
+ZEL_API ZEL_STATUS EspChangeReaderPassword(const uint8_t *old_password, const uint8_t *new_password);
+ZEL_API ZEL_STATUS EspChangeReaderPasswordM(ZEL_HANDLE hnd, const uint8_t *old_password, const uint8_t *new_password);
+ZEL_API ZEL_STATUS EspChangeReaderPasswordHnd(ZEL_HANDLE hnd, const uint8_t *old_password, const uint8_t *new_password);
+ZEL_API ZEL_STATUS EspReaderEepromWrite(const uint8_t *data, uint32_t address, uint32_t size, const uint8_t *password);
+ZEL_API ZEL_STATUS EspReaderEepromWriteM(ZEL_HANDLE hnd, const uint8_t *data, uint32_t address, uint32_t size, const uint8_t *password);
+ZEL_API ZEL_STATUS EspReaderEepromWriteHnd(ZEL_HANDLE hnd, const uint8_t *data, uint32_t address, uint32_t size, const uint8_t *password);
+ZEL_API ZEL_STATUS EspReaderEepromRead(uint8_t *data, uint32_t address, uint32_t size);
+ZEL_API ZEL_STATUS EspReaderEepromReadM(ZEL_HANDLE hnd, uint8_t *data, uint32_t address, uint32_t size);
+ZEL_API ZEL_STATUS EspReaderEepromReadHnd(ZEL_HANDLE hnd, uint8_t *data, uint32_t address, uint32_t size);
+ZEL_API ZEL_STATUS EspGetReaderTime(uint8_t *time);
+ZEL_API ZEL_STATUS EspGetReaderTimeM(ZEL_HANDLE hnd, uint8_t *time);
+ZEL_API ZEL_STATUS EspGetReaderTimeHnd(ZEL_HANDLE hnd, uint8_t *time);
+ZEL_API ZEL_STATUS EspSetReaderTime(const uint8_t *password, const uint8_t *time);
+ZEL_API ZEL_STATUS EspSetReaderTimeM(ZEL_HANDLE hnd, const uint8_t *password, const uint8_t *time);
+ZEL_API ZEL_STATUS EspSetReaderTimeHnd(ZEL_HANDLE hnd, const uint8_t *password, const uint8_t *time);
+ZEL_API ZEL_STATUS EspSetIOState(uint8_t pin, uint8_t state);
+ZEL_API ZEL_STATUS EspSetIOStateM(ZEL_HANDLE hnd, uint8_t pin, uint8_t state);
+ZEL_API ZEL_STATUS EspSetIOStateHnd(ZEL_HANDLE hnd, uint8_t pin, uint8_t state);
+ZEL_API ZEL_STATUS EspGetIOState(uint8_t *state);
+ZEL_API ZEL_STATUS EspGetIOStateM(ZEL_HANDLE hnd, uint8_t *state);
+ZEL_API ZEL_STATUS EspGetIOStateHnd(ZEL_HANDLE hnd, uint8_t *state);
+ZEL_API ZEL_STATUS EspGetReaderSerialNumber(uint32_t *serial_number);
+ZEL_API ZEL_STATUS EspGetReaderSerialNumberM(ZEL_HANDLE hnd, uint32_t *serial_number);
+ZEL_API ZEL_STATUS EspGetReaderSerialNumberHnd(ZEL_HANDLE hnd, uint32_t *serial_number);
+ZEL_API ZEL_STATUS EspGetFirmwareVersion(uint8_t *major, uint8_t *minor, uint8_t *build);
+ZEL_API ZEL_STATUS EspGetFirmwareVersionM(ZEL_HANDLE hnd, uint8_t *major, uint8_t *minor, uint8_t *build);
+ZEL_API ZEL_STATUS EspGetFirmwareVersionHnd(ZEL_HANDLE hnd, uint8_t *major, uint8_t *minor, uint8_t *build);
+ZEL_API ZEL_STATUS EspTurnOff(void);
+ZEL_API ZEL_STATUS EspTurnOffM(ZEL_HANDLE hnd);
+ZEL_API ZEL_STATUS EspTurnOffHnd(ZEL_HANDLE hnd);
+ZEL_API ZEL_STATUS EspDisableWifi(void);
+ZEL_API ZEL_STATUS EspDisableWifiM(ZEL_HANDLE hnd);
+ZEL_API ZEL_STATUS EspDisableWifiHnd(ZEL_HANDLE hnd);
+ZEL_API ZEL_STATUS EspEnableWifi(void);
+ZEL_API ZEL_STATUS EspEnableWifiM(ZEL_HANDLE hnd);
+ZEL_API ZEL_STATUS EspEnableWifiHnd(ZEL_HANDLE hnd);
 
 /* Without an explicit-handle form: the session form (ZEL_ESP_SELF ends it) and the number of units. */
 ZEL_API ZEL_STATUS EspSetTransparentReaderSession(uint8_t reader_no);
 ZEL_API ZEL_STATUS EspSetTransparentReaderSessionHnd(ZEL_HANDLE hnd, uint8_t reader_no);
 ZEL_API ZEL_STATUS EspGetTransparentReaders(uint8_t *count);
 ZEL_API ZEL_STATUS EspGetTransparentReadersHnd(ZEL_HANDLE hnd, uint8_t *count);
+ZEL_API ZEL_STATUS WritePaymentAmount(float amount);
+ZEL_API ZEL_STATUS WritePaymentAmountHnd(ZEL_HANDLE hnd, float amount);
+ZEL_API ZEL_STATUS EspBackupConfiguration(uint8_t *config);
+ZEL_API ZEL_STATUS EspBackupConfigurationHnd(ZEL_HANDLE hnd, uint8_t *config);
+ZEL_API ZEL_STATUS EspRestoreConfiguration(const char *config);
+ZEL_API ZEL_STATUS EspRestoreConfigurationHnd(ZEL_HANDLE hnd, const char *config);
 
 #ifdef __cplusplus
 }

@@ -21,6 +21,136 @@ extern "C" ZEL_API ZEL_STATUS EspSetTransparentReaderM(ZEL_HANDLE hnd, uint8_t r
     dp(0, "API begin: %s()", __func__);
     return EspSetTransparentReaderHnd(hnd, reader_no);
 }
+extern "C" ZEL_API ZEL_STATUS EspSetDisplayData(const uint8_t *display_data, uint8_t data_length, uint16_t duration)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetDisplayDataHnd(&zel_global, display_data, data_length, duration);
+}
+extern "C" ZEL_API ZEL_STATUS EspSetDisplayDataM(ZEL_HANDLE hnd, const uint8_t *display_data, uint8_t data_length, uint16_t duration)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetDisplayDataHnd(hnd, display_data, data_length, duration);
+}
+extern "C" ZEL_API ZEL_STATUS EspChangeReaderPassword(const uint8_t *old_password, const uint8_t *new_password)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspChangeReaderPasswordHnd(&zel_global, old_password, new_password);
+}
+extern "C" ZEL_API ZEL_STATUS EspChangeReaderPasswordM(ZEL_HANDLE hnd, const uint8_t *old_password, const uint8_t *new_password)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspChangeReaderPasswordHnd(hnd, old_password, new_password);
+}
+extern "C" ZEL_API ZEL_STATUS EspReaderEepromWrite(const uint8_t *data, uint32_t address, uint32_t size, const uint8_t *password)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspReaderEepromWriteHnd(&zel_global, data, address, size, password);
+}
+extern "C" ZEL_API ZEL_STATUS EspReaderEepromWriteM(ZEL_HANDLE hnd, const uint8_t *data, uint32_t address, uint32_t size, const uint8_t *password)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspReaderEepromWriteHnd(hnd, data, address, size, password);
+}
+extern "C" ZEL_API ZEL_STATUS EspReaderEepromRead(uint8_t *data, uint32_t address, uint32_t size)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspReaderEepromReadHnd(&zel_global, data, address, size);
+}
+extern "C" ZEL_API ZEL_STATUS EspReaderEepromReadM(ZEL_HANDLE hnd, uint8_t *data, uint32_t address, uint32_t size)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspReaderEepromReadHnd(hnd, data, address, size);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetReaderTime(uint8_t *time)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetReaderTimeHnd(&zel_global, time);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetReaderTimeM(ZEL_HANDLE hnd, uint8_t *time)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetReaderTimeHnd(hnd, time);
+}
+extern "C" ZEL_API ZEL_STATUS EspSetReaderTime(const uint8_t *password, const uint8_t *time)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetReaderTimeHnd(&zel_global, password, time);
+}
+extern "C" ZEL_API ZEL_STATUS EspSetReaderTimeM(ZEL_HANDLE hnd, const uint8_t *password, const uint8_t *time)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetReaderTimeHnd(hnd, password, time);
+}
+extern "C" ZEL_API ZEL_STATUS EspSetIOState(uint8_t pin, uint8_t state)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetIOStateHnd(&zel_global, pin, state);
+}
+extern "C" ZEL_API ZEL_STATUS EspSetIOStateM(ZEL_HANDLE hnd, uint8_t pin, uint8_t state)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspSetIOStateHnd(hnd, pin, state);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetIOState(uint8_t *state)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetIOStateHnd(&zel_global, state);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetIOStateM(ZEL_HANDLE hnd, uint8_t *state)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetIOStateHnd(hnd, state);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetReaderSerialNumber(uint32_t *serial_number)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetReaderSerialNumberHnd(&zel_global, serial_number);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetReaderSerialNumberM(ZEL_HANDLE hnd, uint32_t *serial_number)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetReaderSerialNumberHnd(hnd, serial_number);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetFirmwareVersion(uint8_t *major, uint8_t *minor, uint8_t *build)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetFirmwareVersionHnd(&zel_global, major, minor, build);
+}
+extern "C" ZEL_API ZEL_STATUS EspGetFirmwareVersionM(ZEL_HANDLE hnd, uint8_t *major, uint8_t *minor, uint8_t *build)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspGetFirmwareVersionHnd(hnd, major, minor, build);
+}
+extern "C" ZEL_API ZEL_STATUS EspTurnOff(void)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspTurnOffHnd(&zel_global);
+}
+extern "C" ZEL_API ZEL_STATUS EspTurnOffM(ZEL_HANDLE hnd)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspTurnOffHnd(hnd);
+}
+extern "C" ZEL_API ZEL_STATUS EspDisableWifi(void)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspDisableWifiHnd(&zel_global);
+}
+extern "C" ZEL_API ZEL_STATUS EspDisableWifiM(ZEL_HANDLE hnd)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspDisableWifiHnd(hnd);
+}
+extern "C" ZEL_API ZEL_STATUS EspEnableWifi(void)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspEnableWifiHnd(&zel_global);
+}
+extern "C" ZEL_API ZEL_STATUS EspEnableWifiM(ZEL_HANDLE hnd)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspEnableWifiHnd(hnd);
+}
 extern "C" ZEL_API ZEL_STATUS EspSetTransparentReaderSession(uint8_t reader_no)
 {
     dp(0, "API begin: %s()", __func__);
@@ -30,4 +160,19 @@ extern "C" ZEL_API ZEL_STATUS EspGetTransparentReaders(uint8_t *count)
 {
     dp(0, "API begin: %s()", __func__);
     return EspGetTransparentReadersHnd(&zel_global, count);
+}
+extern "C" ZEL_API ZEL_STATUS WritePaymentAmount(float amount)
+{
+    dp(0, "API begin: %s()", __func__);
+    return WritePaymentAmountHnd(&zel_global, amount);
+}
+extern "C" ZEL_API ZEL_STATUS EspBackupConfiguration(uint8_t *config)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspBackupConfigurationHnd(&zel_global, config);
+}
+extern "C" ZEL_API ZEL_STATUS EspRestoreConfiguration(const char *config)
+{
+    dp(0, "API begin: %s()", __func__);
+    return EspRestoreConfigurationHnd(&zel_global, config);
 }

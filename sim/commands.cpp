@@ -42,7 +42,8 @@ std::string card_line(const zsim_card &c, const char *model)
 
 const char HELP[] = "commands: add UID [SAK [ATQA [TYPE [MODEL]]]], remove UID, clear, list, "
                     "fault KIND [command=HEX] [code=HEX] [delay=MS] [count=N] [times=N|always] [after=N], "
-                    "faults clear, reset, quit\n";
+                    "faults clear, reset, phone, field on|off, emulation, share read ADDR LEN|write ADDR HEX, "
+                    "esp on [UNITS]|off|progress PERCENT|config, quit\n";
 
 } // namespace
 
@@ -186,6 +187,9 @@ int run_text_command(zsim *sim, const std::string &line, std::string &out)
         out += "fault queued\n";
         return 0;
     }
+    int rc = 0;
+    if (emulation_text_command(sim, w, out, rc))
+        return rc;
     out += "unknown command '" + c + "'; " + HELP;
     return -1;
 }

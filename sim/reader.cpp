@@ -216,6 +216,7 @@ void ee_write(Reader &r, const uint8_t *f, const uint8_t *ext, size_t len, Answe
         return put_error(a.bytes, E_MAX_ADDRESS);
     std::memcpy(r.eeprom + addr, ext + 8, count);
     keys_from_eeprom(r, addr, count);
+    emulation_eeprom_written(r, addr, count);
     ok(a, f[1]);
 }
 
@@ -634,8 +635,10 @@ struct Engine {
 };
 
 const Engine kEngines[] = {
+    {"esp", esp_wants_ext, esp_command},
     {"memory", memory_wants_ext, memory_command},
     {"module", module_wants_ext, module_command},
+    {"emulation", emulation_wants_ext, emulation_command},
     {"reader", own_wants_ext, own_commands},
     {"outputs", outputs_wants_ext, outputs_command},
     {"records", records_wants_ext, records_command},

@@ -11,6 +11,7 @@
 #include "card.h"
 #include "display.h"
 #include "records.h"
+#include "emulation.h"
 #include "signals.h"
 #include "zelsim.h"
 
@@ -78,6 +79,9 @@ struct Reader {
     BootLoader boot;
     // The access system's records and the card encryption job (records.cpp).
     AccessRecords access;
+    // Tag emulation and shared RAM, and the network module in front (emulation.cpp, esp.cpp).
+    Emulation emul;
+    EspFront esp;
 
     Reader();
     std::string serial_desc() const;

@@ -234,6 +234,8 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
         return; // an ESP front tells its network address
     if (desfire_link_input(sim, link, in, n))
         return; // the later pieces of a DESFire write come raw
+    if (emulation_link_input(sim, link, in, n) || esp_link_input(sim, link, in, n))
+        return; // emulation record pieces, the module's keywords and stream data come raw
     std::vector<uint8_t> raw;
     if (iso14443_raw_input(sim->reader, in, n, raw)) { // raw transceive mode: no frames
         link_push(sim, link, raw);

@@ -193,6 +193,55 @@ void zsim_boot_fault(zsim *sim, uint32_t packet, zsim_packet_fault kind, uint32_
 int zsim_boot_state(zsim *sim, size_t *image_got, uint32_t *packets);
 /* Copies up to len bytes of the image received; returns its whole size. */
 size_t zsim_boot_image(zsim *sim, uint8_t *buf, size_t len);
+/* The reader as an NFC tag for a phone (commands 0x48 to 0x4F, 0x76 to 0x7B, 0x9D to 0x9F, 0xE7 with an EXT). */
+typedef struct zsim_emulation {
+    uint8_t mode; /* the EEPROM mode byte (address 681): 0xEA tag emulation, 0xCE combined, anything else off */
+    int adhoc;    /* ad hoc emulation runs */
+    uint8_t adhoc_par[2];
+    uint8_t field; /* what 0x9F reports */
+    int share_ram; /* shared RAM mode */
+    int mirror_enabled;
+    uint16_t mirror_position;
+    uint32_t mirror_counter;
+    uint32_t phone_reads; /* messages a phone read */
+} zsim_emulation;
+void zsim_emulation_get(zsim *sim, zsim_emulation *out);
+/* A phone taps the reader: while tag or combined emulation runs, it reads the emulated Type 4 tag (select
+ * the NDEF application, the container, NLEN, the message) and copies the NDEF message to buf. Returns the
+ * message's length, -1 when no tag answers (no emulation, no record, a bad EEPROM block), -2 when buf is
+ * too small. */
+long zsim_phone_read_ndef(zsim *sim, uint8_t *buf, size_t len);
+/* Whether a field of an outside device is present (reported by 0x9F). */
+void zsim_set_external_field(zsim *sim, int present);
+/* The shared RAM (256 bytes) as the NFC device in the field reads and writes it; bytes copied. */
+size_t zsim_share_ram_read(zsim *sim, uint8_t address, uint8_t *buf, size_t len);
+size_t zsim_share_ram_write(zsim *sim, uint8_t address, const uint8_t *buf, size_t len);
+
+/* A network module in front of the reader with units reader units (0 takes it away). Without a session
+ * the module answers its own commands and passes the rest to the reader; in a session with a unit every
+ * command but 0xF9 reaches the reader; in a session with the module (0xFF) the module answers all. */
+void zsim_esp_enable(zsim *sim, uint8_t units);
+typedef struct zsim_esp {
+    uint8_t target; /* 0 no session, a unit, or 0xFF */
+    int wifi, off;
+    uint8_t io[6], time[6], password[8];
+    uint32_t payment_bits; /* the payment amount's float as it came */
+    uint16_t display_value;
+    size_t display_len;
+    int streaming;
+    uint32_t stream_bytes;
+} zsim_esp;
+void zsim_esp_get(zsim *sim, zsim_esp *out);
+/* The configuration a backup sends and a restore replaces: copies up to len - 1 bytes and a zero; returns its
+ * length. */
+size_t zsim_esp_config(zsim *sim, char *buf, size_t len);
+void zsim_esp_set_config(zsim *sim, const char *text);
+/* The module reports the progress of an installation by itself: one 7-byte frame (DE F2 ED 00 percent 00 cs)
+ * on every link. */
+void zsim_esp_progress(zsim *sim, uint8_t percent);
+/* The module's own EEPROM (1,024 bytes); bytes copied. */
+size_t zsim_esp_eeprom_read(zsim *sim, uint32_t address, uint8_t *buf, size_t len);
+
 /* Added for the program and the tools. */
 
 /* The whole tandro-sim command line (tandro-sim --help tells it). Returns the exit status. */

@@ -13,6 +13,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/command_helpers.h"
 #include "tools/session.h"
 
 namespace {
@@ -20,34 +21,10 @@ namespace {
 using tandro::Args;
 using tandro::Options;
 
-bool wants_help(const Args &a)
-{
-    for (const std::string &w : a)
-        if (w == "--help" || w == "-h")
-            return true;
-    return false;
-}
-
-int help(const char *text)
-{
-    std::fputs(text, stdout);
-    return 0;
-}
-
-// A failure of the library: one line on standard error, and under --json the error object.
-int failed(const Options &opt, const char *command, const char *what, ZEL_STATUS st)
-{
-    (void)opt;
-    return tandro::fail(command, what, st);
-}
-
-void done(const Options &opt, const std::string &what)
-{
-    if (opt.json)
-        std::printf("{\"done\": %s}\n", tandro::json_string(what).c_str());
-    else
-        std::printf("%s\n", what.c_str());
-}
+using tandro::done;
+using tandro::failed;
+using tandro::help;
+using tandro::wants_help;
 
 bool byte_arg(const std::string &text, uint8_t &out, uint32_t max = 0xFF)
 {
