@@ -376,8 +376,9 @@ int run_esp(const Options &opt, const Args &a)
 }
 
 const tandro::Registration emulate_cmd({"emulate", "ndef|start|stop|status ...",
-                                        "the reader as an NFC tag: its record and the emulation modes", run_emulate});
+                                        "the reader as an NFC tag: its record and the emulation modes", run_emulate,
+                                        true});
 const tandro::Registration esp_cmd({"esp", "info|time|wifi|reset|backup|restore ...",
-                                    "the network module in front of the reader", run_esp});
+                                    "the network module in front of the reader", run_esp, true});
 
 } // namespace
