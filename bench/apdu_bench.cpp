@@ -89,7 +89,8 @@ void BM_ApduReadBinaryOverRawInterleaved(benchmark::State &state)
             uint16_t sw = 0;
             return APDUTransceiveM(&card.rec, 0x00, 0xB0, 0x00, 0x00, nullptr, 0, out.data(), &ne, 1, &sw) == ZEL_OK &&
                    ne == kRead && sw == 0x0090;
-        });
+        },
+        card.sim);
 }
 
 BENCHMARK(BM_ApduReadBinaryOverRawInterleaved)->MinTime(2.0)->UseRealTime()->Repetitions(3);

@@ -76,8 +76,33 @@ struct SimLink {
 // Both loops interleaved on one link, step by step, so that a change of the machine's load hits both alike.
 // raw() and library() each return true on success. The counters: raw_<what>_per_s, library_<what>_per_s,
 // library_over_raw (the library's rate over the raw loop's) and failures.
+// The library's steps on a modelled line (1,000,000 bit/s, 10 bits a byte, 2 ms reader turnaround), where
+// the floor is the wire time itself: the counter library_over_wire is the library's time for its steps over
+// the time the line model spent on the wire and in turnarounds for the same steps (1 is the floor). Runs for
+// about half a second, at least three steps, outside the benchmark's own timing.
+template <class Library> void on_modelled_line(benchmark::State &state, zsim *sim, Library library)
+{
+    if (!sim)
+        return;
+    zsim_set_line(sim, 1000000, 2000);
+    const uint64_t waited0 = zsim_line_waited_us(sim);
+    const int64_t t0 = zel::counter_ns();
+    uint64_t steps = 0, failures = 0;
+    while (steps < 3 || (zel::counter_ns() - t0 < 500000000 && steps < 1000)) {
+        failures += !library();
+        ++steps;
+    }
+    const double took_us = static_cast<double>(zel::counter_ns() - t0) / 1000.0;
+    const double wire_us = static_cast<double>(zsim_line_waited_us(sim) - waited0);
+    zsim_set_line(sim, 0, 0);
+    state.counters["modelled_line_step_ms"] = took_us / 1000.0 / static_cast<double>(steps);
+    state.counters["library_over_wire"] = wire_us > 0 ? took_us / wire_us : 0;
+    state.counters["modelled_line_failures"] = static_cast<double>(failures);
+}
+
+// With sim given, the library's steps then also run on the modelled line (on_modelled_line).
 template <class Raw, class Library>
-void interleave(benchmark::State &state, const std::string &what, Raw raw, Library library)
+void interleave(benchmark::State &state, const std::string &what, Raw raw, Library library, zsim *sim = nullptr)
 {
     int64_t raw_ns = 0, lib_ns = 0;
     uint64_t failures = 0;
@@ -95,6 +120,7 @@ void interleave(benchmark::State &state, const std::string &what, Raw raw, Libra
     state.counters["library_" + what + "_per_s"] = lib_ns ? n * 1e9 / static_cast<double>(lib_ns) : 0;
     state.counters["library_over_raw"] = lib_ns ? static_cast<double>(raw_ns) / static_cast<double>(lib_ns) : 0;
     state.counters["failures"] = static_cast<double>(failures);
+    on_modelled_line(state, sim, library);
 }
 
 } // namespace zelbench

@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_link.h"
 #include "core/internal.h"
 #include "tandro.h"
 #include "transport/serial.h"
@@ -403,6 +404,12 @@ void BM_DesfireStdRead4KiBOverRaw(benchmark::State &state)
     state.counters["library_reads_per_s"] = lib_ns ? n * 1e9 / static_cast<double>(lib_ns) : 0;
     state.counters["library_over_raw"] = lib_ns ? static_cast<double>(raw_ns) / static_cast<double>(lib_ns) : 0;
     state.counters["failures"] = static_cast<double>(failures);
+    zelbench::on_modelled_line(state, reader.sim, [&] {
+        uint16_t cs = 0, et = 0;
+        return Zel_int_DesfireReadStdDataFile_no_authM(&rec, kAid, 0, kFileId, 0, kFileSize, 0, lib.data(), &cs, &et) ==
+                   ZEL_OK &&
+               cs == CARD_OPERATION_OK;
+    });
     PortClose(&rec);
 }
 

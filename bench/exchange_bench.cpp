@@ -102,7 +102,7 @@ void BM_LibraryOverRawInterleaved(benchmark::State &state)
     uint32_t type = 0;
     zelbench::interleave(
         state, "exchanges", [&] { return write(fd, frame, 7) == 7 && zelbench::read_exact(fd, reply, 12); },
-        [&] { return GetReaderTypeM(&rec, &type) == ZEL_OK; });
+        [&] { return GetReaderTypeM(&rec, &type) == ZEL_OK; }, link.sim);
 }
 
 BENCHMARK(BM_LibraryOverRawInterleaved)->MinTime(2.0)->UseRealTime();

@@ -75,7 +75,8 @@ void BM_LinearReadOverRawInterleaved(benchmark::State &state)
         [&] {
             uint16_t got = 0;
             return LinearReadM(&link.rec, data.data(), 0, kLinearSize, &got, 0x60, 0) == ZEL_OK && got == kLinearSize;
-        });
+        },
+        link.sim);
     state.counters["exchanges_per_read"] = static_cast<double>(ex.size());
 }
 

@@ -190,7 +190,7 @@ void BM_MrtdBacReadLibraryOverRaw(benchmark::State &state)
         }
         return ok;
     };
-    zelbench::interleave(state, "reads", raw, library_read);
+    zelbench::interleave(state, "reads", raw, library_read, reader.sim);
     zel::mrtd::set_host_random_hook(nullptr);
     state.counters["apdus_per_read"] = double(r.commands.size());
 }

@@ -72,7 +72,8 @@ void BM_ProgramImageOverRawInterleaved(benchmark::State &state)
     }
     const std::vector<uint8_t> img = test_image();
     zelbench::interleave(
-        state, "images", [&] { return raw_run(link.fd(), img); }, [&] { return library_run(&link.rec, img); });
+        state, "images", [&] { return raw_run(link.fd(), img); }, [&] { return library_run(&link.rec, img); },
+        link.sim);
 }
 
 } // namespace

@@ -111,6 +111,8 @@ struct zsim {
     // The line model (sim/line.h): bit rate, 0 for none, and the turnaround after each command.
     std::atomic<uint32_t> line_rate{0};
     std::atomic<uint32_t> line_turnaround_us{0};
+    // What the line model has waited in all, wire time and turnarounds, in microseconds.
+    std::atomic<uint64_t> line_waited_us{0};
     // An ESP front answers the address question with esp_address ("0.0.0.0" when empty); under mu.
     bool esp_front = false;
     std::string esp_address;

@@ -13,10 +13,12 @@ namespace {
 
 constexpr char ADDRESS_QUESTION[] = "!GET_DEVICE_IP_AD!";
 
-void wait_us(uint64_t us)
+void wait_us(zsim *sim, uint64_t us)
 {
-    if (us)
-        std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::microseconds(us));
+    if (!us)
+        return;
+    sim->line_waited_us.fetch_add(us);
+    std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::microseconds(us));
 }
 
 } // namespace
@@ -31,16 +33,16 @@ uint64_t line_wire_us(zsim *sim, size_t n, bool serial)
 
 void line_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n, bool serial)
 {
-    wait_us(line_wire_us(sim, n, serial));
+    wait_us(sim, line_wire_us(sim, n, serial));
     const uint64_t before = sim->exchanges.load();
     link_input(sim, link, in, n);
     if (sim->line_rate.load() && sim->exchanges.load() != before)
-        wait_us(sim->line_turnaround_us.load());
+        wait_us(sim, sim->line_turnaround_us.load());
 }
 
 void line_output(zsim *sim, size_t n, bool serial)
 {
-    wait_us(line_wire_us(sim, n, serial));
+    wait_us(sim, line_wire_us(sim, n, serial));
 }
 
 bool line_parse(const char *text, uint32_t &rate, uint32_t &turnaround_us)

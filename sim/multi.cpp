@@ -171,6 +171,11 @@ void zsim_set_line(zsim *sim, uint32_t bit_rate, uint32_t turnaround_us)
     sim->line_turnaround_us.store(turnaround_us);
 }
 
+uint64_t zsim_line_waited_us(zsim *sim)
+{
+    return sim ? sim->line_waited_us.load() : 0;
+}
+
 void zsim_set_esp_front(zsim *sim, const char *address)
 {
     if (!sim)

@@ -166,6 +166,9 @@ void zsim_set_free(zsim_set *set);
 /* The line model: bit_rate (0: none, the links run as fast as the machine) with 10 bits a byte on serial
  * links and 8 on network links, and the reader's turnaround after each command, in microseconds. */
 void zsim_set_line(zsim *sim, uint32_t bit_rate, uint32_t turnaround_us);
+/* What the line model has waited since the simulator was made, wire time and turnarounds, in microseconds:
+ * the floor under any host's time for the same exchanges. */
+uint64_t zsim_line_waited_us(zsim *sim);
 /* The reader stands behind an ESP front that answers "!GET_DEVICE_IP_AD!" with address and CR LF ("0.0.0.0"
  * for an empty text); null: no front. */
 void zsim_set_esp_front(zsim *sim, const char *address);

@@ -65,6 +65,7 @@ TEST_F(SimLinePty, ModelledLineWaitsTheTurnaroundBeforeAnswering)
     RawHost &host = *this->host;
     // A turnaround long enough that no scheduling noise can fake it.
     zsim_set_line(sim, 115200, 40000);
+    const uint64_t waited_before = zsim_line_waited_us(sim);
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(host.send(kTypeCommand));
     const std::vector<uint8_t> reply = host.recv(7, 1000);
@@ -73,6 +74,12 @@ TEST_F(SimLinePty, ModelledLineWaitsTheTurnaroundBeforeAnswering)
     EXPECT_EQ(reply[1], 0x10);
     // 40 ms of turnaround and the wire time of 7 bytes each way (608 us each).
     EXPECT_GE(took, std::chrono::microseconds(40000 + 2 * 608));
+    // What the line waited is counted, the floor under the host's time: the command's 7 bytes, the turnaround
+    // and the reply (its 7 bytes and what follows them, drained here).
+    host.recv(64, 100);
+    const uint64_t waited = zsim_line_waited_us(sim) - waited_before;
+    EXPECT_GE(waited, 40000u + 608u + 608u);
+    EXPECT_LE(waited, 40000u + 608u + 608u + 64u * 87u);
 }
 
 TEST_F(SimLinePty, EspFrontAnswersTheAddressQuestionOnly)
