@@ -149,7 +149,8 @@ private:
         const Bytes r = self->reads_.front();
         self->reads_.pop_front();
         const uint32_t k = r.size() < n ? static_cast<uint32_t>(r.size()) : n;
-        std::memcpy(buf, r.data(), k);
+        if (k)
+            std::memcpy(buf, r.data(), k);
         return k;
     }
     static uint32_t write_fn(void *ctx, const uint8_t *buf, uint32_t n)
