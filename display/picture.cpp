@@ -43,20 +43,33 @@ bool png_chunks_fit(const uint8_t *data, size_t len)
     static const uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (len < 8 || std::memcmp(data, kSignature, 8) != 0)
         return true; // not a PNG
+    // Every chunk up to IEND whole in the data: length, type, body and CRC. A chunk cut short (its header
+    // included) would have the decoder size its buffer from bytes that are not there.
     size_t at = 8;
-    while (at + 12 <= len) {
+    while (at < len) {
+        if (len - at < 12)
+            return false;
         const uint32_t n =
             static_cast<uint32_t>(data[at]) << 24 | data[at + 1] << 16 | data[at + 2] << 8 | data[at + 3];
         if (n > len - at - 12)
             return false;
+        if (std::memcmp(data + at + 4, "IEND", 4) == 0)
+            return true;
         at += 12 + static_cast<size_t>(n);
     }
-    return true;
+    return false; // no IEND
+}
+
+// JPEG is refused: the system's decoder (stb_image 2.27) indexes past its Huffman tables on malformed entropy
+// data, which sound tables do not rule out, so a hostile JPEG could make it read out of bounds.
+bool is_jpeg(const uint8_t *data, size_t len)
+{
+    return len >= 2 && data[0] == 0xFF && data[1] == 0xD8;
 }
 
 bool size_fits(int w, int h)
 {
-    return w <= static_cast<int>(kWidth) && h <= static_cast<int>(kHeight);
+    return w > 0 && h > 0 && w <= static_cast<int>(kWidth) && h <= static_cast<int>(kHeight);
 }
 
 } // namespace
@@ -121,7 +134,7 @@ ZEL_STATUS picture_from_memory(const uint8_t *data, size_t len, uint8_t strips[k
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     const int n = static_cast<int>(len);
     int w = 0, h = 0, channels = 0;
-    if (!stbi_info_from_memory(data, n, &w, &h, &channels))
+    if (is_jpeg(data, len) || !stbi_info_from_memory(data, n, &w, &h, &channels))
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     if (!size_fits(w, h))
         return ZEL_DISPLAY_IMAGE_DIMENSION_ERROR;

@@ -1,4 +1,5 @@
-// The picture decoder: PNG, JPEG and BMP only, compiled once and on its own.
+// The picture decoder: PNG and BMP only, compiled once and on its own. The JPEG decoder of this stb_image
+// (2.27) reads past its Huffman tables on malformed data, so it is not compiled in at all.
 #pragma GCC diagnostic push
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wunknown-warning-option"
@@ -12,7 +13,6 @@
 #pragma GCC diagnostic ignored "-Wmisleading-indentation"
 #define STB_IMAGE_IMPLEMENTATION
 #define STBI_ONLY_PNG
-#define STBI_ONLY_JPEG
 #define STBI_ONLY_BMP
 #define STBI_NO_LINEAR
 #define STBI_NO_HDR
