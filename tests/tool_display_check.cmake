@@ -19,6 +19,7 @@ run(show_raw_json 0 "^{\"done\": \"picture shown\"}\n$" --json display show ${WO
 run(text 0 "^text shown\n$" display text "Hello")
 run(time_json 0 "^{\"done\": \"time shown\"}\n$" --json display time 7:05)
 run(gallery_save 0 "^picture saved at 10\n$" display gallery save 10 ${FIXTURES}/corner.bmp)
+run(show_jpeg 2 "JPEG pictures are not supported" display show ${FIXTURES}/python.jpg)
 run(gallery_show 0 "^gallery 16 shown\n$" display gallery show 16)
 run(clear 0 "^display cleared\n$" display clear)
 run(flash 0 "8 packets sent, image verified" flash ${WORK}/image.bin)

@@ -67,7 +67,8 @@ bool read_whole(const std::string &path, std::vector<uint8_t> &out, size_t max)
     return ok;
 }
 
-// A picture argument: a PNG, JPEG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes.
+// A picture argument: a PNG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes. The library
+// refuses JPEG files, so the tool says so before reaching the reader.
 struct Picture {
     std::string name;
     std::vector<uint8_t> bitmap;
@@ -77,7 +78,11 @@ struct Picture {
 bool picture_arg(const std::string &text, Picture &p, std::string &why)
 {
     const auto ends = [&](const char *e) { return text.size() > 4 && text.compare(text.size() - 4, 4, e) == 0; };
-    if (ends(".png") || ends(".jpg") || ends(".bmp")) {
+    if (ends(".jpg")) {
+        why = "JPEG pictures are not supported; convert the picture to PNG or BMP";
+        return false;
+    }
+    if (ends(".png") || ends(".bmp")) {
         if (text.size() >= 1024) {
             why = "the picture's name is too long";
             return false;
@@ -86,14 +91,14 @@ bool picture_arg(const std::string &text, Picture &p, std::string &why)
         return true;
     }
     if (!read_whole(text, p.bitmap, ZEL_DISPLAY_BITMAP_LEN + 1) || p.bitmap.size() != ZEL_DISPLAY_BITMAP_LEN) {
-        why = "PICTURE is a .png, .jpg or .bmp file, or a raw bitmap file of 1024 bytes";
+        why = "PICTURE is a .png or .bmp file, or a raw bitmap file of 1024 bytes";
         return false;
     }
     return true;
 }
 
 const char kDisplayHelp[] =
-    "usage: tandro display show PICTURE            show a picture (.png, .jpg, .bmp, or a raw 1024-byte bitmap)\n"
+    "usage: tandro display show PICTURE            show a picture (.png, .bmp, or a raw 1024-byte bitmap)\n"
     "       tandro display text TEXT               print text (at most 249 characters)\n"
     "       tandro display time HH:MM              show the time\n"
     "       tandro display gallery save N PICTURE  keep a picture at gallery index N (0 to 10)\n"
