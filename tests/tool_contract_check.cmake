@@ -1,6 +1,7 @@
 # What every command of the tool promises: --help of its own (and "tandro help CMD"), exactly one JSON
 # document under --json whether it succeeds or fails, a non-zero exit on any failure, and no write that
 # would damage a card or stop half way.
+cmake_policy(SET CMP0057 NEW) # IN_LIST
 if(NOT TOOL OR NOT WORK)
   message(FATAL_ERROR "TOOL and WORK must be set")
 endif()
