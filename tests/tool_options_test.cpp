@@ -87,9 +87,9 @@ TEST(ToolOptions, HelpAndManualComeFromTheTable)
 {
     const tandro::Command command{"test", "read|write ...", "a command for the test", nullptr, false, &kSpec};
     const std::string help = tandro::command_help_text(command);
-    for (const char *part : {"usage: tandro [OPTIONS] test read|write ...", "a command for the test",
-                             "First paragraph.", "test write BLOCK DATA", "writes one", "-o, --out FILE",
-                             "where the bytes go", "-n, --dry-run"})
+    for (const char *part :
+         {"usage: tandro [OPTIONS] test read|write ...", "a command for the test", "First paragraph.",
+          "test write BLOCK DATA", "writes one", "-o, --out FILE", "where the bytes go", "-n, --dry-run"})
         EXPECT_NE(help.find(part), std::string::npos) << part << "\n" << help;
 
     const std::string man = tandro::manual_page("1.2.3");

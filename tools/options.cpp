@@ -110,7 +110,8 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
         // A flag given "=value" is named without its dashes ("pad was given a disallowed flag override").
         const std::string why = e.what();
         if (why.find("flag override") != std::string::npos)
-            usage_error(command, "--" + why.substr(0, why.find(' ')) + " takes no value (tandro " + command + " --help)");
+            usage_error(command,
+                        "--" + why.substr(0, why.find(' ')) + " takes no value (tandro " + command + " --help)");
         else
             usage_error(command, why.substr(0, why.find(':')) + " needs a value (tandro " + command + " --help)");
         return false;
@@ -223,20 +224,22 @@ std::string manual_page(const char *version)
     out += ".SH SYNOPSIS\n.B tandro\n[\\fIOPTIONS\\fR] \\fICOMMAND\\fR [\\fIARGS\\fR]\n.br\n"
            ".B tandro\n\\fICOMMAND\\fR \\-\\-help\n";
     out += ".SH DESCRIPTION\n";
-    roff_paragraphs(out, "tandro drives a reader from a shell: it opens the reader (on a serial or USB port, over FTDI, on "
-                         "a network, or the built-in simulated reader with --sim), runs one command and closes it. "
-                         "Every command prints readable text, or exactly one JSON document with --json (an error "
-                         "object on failure).\n\nSecrets (PINs, keys, full account numbers, Wi-Fi passwords) are "
-                         "shown only when a command is asked for them.");
+    roff_paragraphs(out,
+                    "tandro drives a reader from a shell: it opens the reader (on a serial or USB port, over FTDI, on "
+                    "a network, or the built-in simulated reader with --sim), runs one command and closes it. "
+                    "Every command prints readable text, or exactly one JSON document with --json (an error "
+                    "object on failure).\n\nSecrets (PINs, keys, full account numbers, Wi-Fi passwords) are "
+                    "shown only when a command is asked for them.");
     out += ".SH OPTIONS\nThese options may come before or after the command's name.\n";
     for (const Opt &o : global_options())
         roff_item(out, option_head(o), o.help);
     out += ".SH COMMANDS\n";
     std::vector<Command> list = commands();
-    std::sort(list.begin(), list.end(), [](const Command &a, const Command &b) { return std::string(a.name) < b.name; });
+    std::sort(list.begin(), list.end(),
+              [](const Command &a, const Command &b) { return std::string(a.name) < b.name; });
     for (const Command &c : list) {
-        out += ".SS \"" + roff(std::string(c.name) + (c.usage[0] ? " " : "") + c.usage) + "\"\n" + roff(c.summary) +
-               "\n";
+        out +=
+            ".SS \"" + roff(std::string(c.name) + (c.usage[0] ? " " : "") + c.usage) + "\"\n" + roff(c.summary) + "\n";
         const Spec *spec = c.spec;
         if (!spec)
             continue;
