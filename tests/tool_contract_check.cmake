@@ -42,9 +42,8 @@ foreach(entry IN LISTS names)
   endif()
   # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
   # (Commands still parsing their words by hand are listed until they move to a table.)
-  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover display emulate emv
-      esp features flash https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
-      signal signer sleep status store sun value version watch write)
+  set(hand_parsed apdu card cards cert config demo desfire desfire-key devices discover display emulate emv esp flash
+      https info mrz ndef passport ping read readers status value version watch write)
   if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
     execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc
                     OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 30)
@@ -91,6 +90,29 @@ json(usage_error 2 read)
 json(unknown_command 2 no-such-command)
 json(reader_failure 1 value read 5)
 json(card_refused 1 desfire --no-auth read A1B2C3 9)
+set(zero16 00000000000000000000000000000000)
+set(FF16 FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF)
+json(iso15693 0 iso15693 info)
+json(signer 0 signer pin tries)
+json(signer_wrong_pin 1 signer --pin 9999 keys)
+json(store 0 store ls)
+json(store_missing 1 store get 3)
+json(mfp 0 mfp uid ${FF16})
+json(ntag424 0 ntag424 info)
+json(sun 0 sun verify "https://t.example/?uid=041E3C8A2D6B80&ctr=000006&cmac=4B00064004B0B3D3" --file-key ${zero16})
+json(sun_forged 1 sun verify "https://t.example/?uid=041E3C8A2D6B80&ctr=000006&cmac=4B00064004B0B3D4"
+     --file-key ${zero16})
+json(records 0 records show)
+json(balance 0 balance set 5)
+json(sam 0 sam version)
+json(signal 0 signal 2 3)
+json(led 0 led green blink)
+json(sleep 0 sleep auto)
+json(rf 0 rf get a)
+json(se 0 se status)
+json(se_refused 1 se lock slot 3)
+json(features 0 features aid)
+json(features_refused 1 features mobile)
 
 # Opening errors say why, with the system's words.
 execute_process(COMMAND ${TOOL} --port ${WORK}/no-such-tty card RESULT_VARIABLE rc ERROR_VARIABLE err)

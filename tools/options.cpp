@@ -22,6 +22,17 @@ std::vector<std::string> names_of(const Opt &opt)
     return out;
 }
 
+// The words an option takes each time: one for "HEX", two for "TYPE SLOT", none for a flag.
+size_t words_of(const Opt &opt)
+{
+    if (!opt.value)
+        return 0;
+    if (opt.value[0] == '[')
+        return 1;
+    const std::string value = opt.value;
+    return 1 + static_cast<size_t>(std::count(value.begin(), value.end(), ' '));
+}
+
 // "-o, --out FILE" for the help.
 std::string option_head(const Opt &opt)
 {
@@ -86,7 +97,7 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
             const Opt &o = spec.options[i];
             if (o.value)
                 app.add_option(o.names, values[i])
-                    ->type_size(1)
+                    ->type_size(static_cast<int>(words_of(o)))
                     ->expected(1)
                     ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
                     ->allow_extra_args(false);
@@ -112,8 +123,14 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
         if (why.find("flag override") != std::string::npos)
             usage_error(command,
                         "--" + why.substr(0, why.find(' ')) + " takes no value (tandro " + command + " --help)");
-        else
-            usage_error(command, why.substr(0, why.find(':')) + " needs a value (tandro " + command + " --help)");
+        else {
+            const std::string name = why.substr(0, why.find(':'));
+            std::string wanted = "a value";
+            for (const Opt &o : spec.options)
+                if (words_of(o) > 1 && long_name(o) == name)
+                    wanted = o.value;
+            usage_error(command, name + " needs " + wanted + " (tandro " + command + " --help)");
+        }
         return false;
     } catch (const CLI::ParseError &e) {
         std::string why = e.what();
