@@ -42,9 +42,8 @@ foreach(entry IN LISTS names)
   endif()
   # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
   # (Commands still parsing their words by hand are listed until they move to a table.)
-  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover display emulate emv
-      esp features flash https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
-      signal signer sleep status store sun value version watch write)
+  set(hand_parsed balance card cards desfire desfire-key display features flash iso15693 led mfp mrz ndef ntag424
+      passport read records rf sam se signal signer sleep store sun value write)
   if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
     execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc
                     OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 30)
@@ -91,6 +90,38 @@ json(usage_error 2 read)
 json(unknown_command 2 no-such-command)
 json(reader_failure 1 value read 5)
 json(card_refused 1 desfire --no-auth read A1B2C3 9)
+set(csca ${CMAKE_CURRENT_LIST_DIR}/fixtures/crypto/csca_rsa.pem)
+json(version 0 version)
+json(status 0 status 0x0C)
+json(status_word 2 status twelve)
+json(ping 0 ping)
+json(info_report 0 info --report)
+json(apdu 0 apdu 00A4040000)
+json(apdu_not_a_command 1 apdu 00A4)
+json(cert 0 cert ${csca} --ca ${csca})
+json(cert_missing 1 cert ${WORK}/no-such-cert.pem)
+json(config_time 0 config time)
+json(config_no_password 2 config keys lock)
+file(MAKE_DIRECTORY ${WORK}/sysfs/class/tty)
+json(devices 0 devices --sysfs ${WORK}/sysfs)
+json(discover_word 2 discover now)
+json(emulate_status 0 emulate status)
+json(emulate_modes 2 emulate start --ram --adhoc)
+json(esp_info 0 esp info)
+json(emv 0 emv)
+json(readers 0 readers)
+json(watch 0 watch --count 1 --every 100)
+
+# apdu sends the APDUs of a script after those given: "-" for standard input, with comments and blank lines.
+file(WRITE ${WORK}/apdus.txt "# select, then a read\n00A4040000\n\n00 b0 00 00 04  # four bytes\n")
+foreach(form "--script;-" "--script=-" "--script;${WORK}/apdus.txt")
+  execute_process(COMMAND ${TOOL} --sim --json apdu ${form} 00A4040001 INPUT_FILE ${WORK}/apdus.txt
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 60)
+  string(REGEX MATCHALL "\"command\": \"[0-9A-F]+\"" sent "${out}")
+  if(NOT rc EQUAL 0 OR NOT sent STREQUAL "\"command\": \"00A4040001\";\"command\": \"00A4040000\";\"command\": \"00B0000004\"")
+    message(SEND_ERROR "apdu ${form}: exit ${rc}, sent ${sent}\n${out}${err}")
+  endif()
+endforeach()
 
 # Opening errors say why, with the system's words.
 execute_process(COMMAND ${TOOL} --port ${WORK}/no-such-tty card RESULT_VARIABLE rc ERROR_VARIABLE err)
