@@ -20,10 +20,10 @@ uint32_t fixed_tick()
 
 using zel::ndefrec::Kind;
 
-const Kind kKinds[] = {Kind::WiFi,       Kind::BT,         Kind::SMS,          Kind::Phone,
-                       Kind::Contact,    Kind::Viber,      Kind::Whatsapp,     Kind::Skype,
-                       Kind::StreetView, Kind::Text,       Kind::AndroidApp,   Kind::Address,
-                       Kind::Email,      Kind::NaviDestination, Kind::GeoLocation, Kind::Bitcoin};
+const Kind kKinds[] = {Kind::WiFi,       Kind::BT,       Kind::SMS,   Kind::Phone,           Kind::Contact,
+                       Kind::Viber,      Kind::Whatsapp, Kind::Skype, Kind::StreetView,      Kind::Text,
+                       Kind::AndroidApp, Kind::Address,  Kind::Email, Kind::NaviDestination, Kind::GeoLocation,
+                       Kind::Bitcoin};
 
 // An output buffer of exactly n bytes on the heap, so that a byte past it is caught.
 struct Buf {
@@ -68,10 +68,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 2 || size > ZEL_NDEF_IMAGE_LEN + 2)
         return 0;
     if (data[0] & 0x80) {
-        static const char *const kTypes[] = {"application/vnd.wfa.wsc", "application/vnd.bluetooth.ep.oob",
-                                             "android.com:pkg",         "text/vcard",
-                                             "U",                       "T",
-                                             "a",                       "t"};
+        static const char *const kTypes[] = {"application/vnd.wfa.wsc",
+                                             "application/vnd.bluetooth.ep.oob",
+                                             "android.com:pkg",
+                                             "text/vcard",
+                                             "U",
+                                             "T",
+                                             "a",
+                                             "t"};
         const char *type = kTypes[data[1] % 8];
         const uint8_t tl = static_cast<uint8_t>(std::strlen(type));
         const std::vector<uint8_t> payload(data + 2, data + size);

@@ -28,13 +28,12 @@ ZEL_STATUS store(ZEL_HANDLE hnd, uint8_t storage, ZEL_STATUS built, Built &b)
     case ZEL_NDEF_STORAGE_CARD: {
         uint8_t tnf = b.tnf, type_len = tl, id = 0, id_len = 0, formatted = 0;
         uint32_t payload_len = pl;
-        return write_ndef_recordHnd(hnd, 1, &tnf, type.data(), &type_len, &id, &id_len, b.payload.data(),
-                                    &payload_len, &formatted);
+        return write_ndef_recordHnd(hnd, 1, &tnf, type.data(), &type_len, &id, &id_len, b.payload.data(), &payload_len,
+                                    &formatted);
     }
     case ZEL_NDEF_STORAGE_EMULATION_RAM:
         return WriteEmulationNdefRamHnd(hnd, b.tnf, type.data(), tl, nullptr, 0, b.payload.data(), pl);
-    default:
-        return ZEL_PARAMETERS_ERROR;
+    default: return ZEL_PARAMETERS_ERROR;
     }
 }
 
@@ -55,8 +54,7 @@ ZEL_STATUS read_kind(ZEL_HANDLE hnd, Kind kind, std::initializer_list<Out> outs)
     uint8_t tnf = 0, type[256] = {}, type_len = 0, id[256] = {}, id_len = 0;
     std::vector<uint8_t> payload(ZEL_NDEF_IMAGE_LEN + ZEL_NDEF_PAYLOAD_SLACK, 0);
     uint32_t payload_len = 0;
-    ZEL_STATUS st =
-        read_ndef_recordHnd(hnd, 1, 1, &tnf, type, &type_len, id, &id_len, payload.data(), &payload_len);
+    ZEL_STATUS st = read_ndef_recordHnd(hnd, 1, 1, &tnf, type, &type_len, id, &id_len, payload.data(), &payload_len);
     if (st != ZEL_OK)
         return st;
     if (payload_len > payload.size())
@@ -177,9 +175,8 @@ extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_AddressHnd(ZEL_HANDLE hnd, uint8_t
     return store(hnd, ndef_storage, build_address(address, b), b);
 }
 
-extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_EmailHnd(ZEL_HANDLE hnd, uint8_t ndef_storage,
-                                                       const char *email_address, const char *subject,
-                                                       const char *message)
+extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_EmailHnd(ZEL_HANDLE hnd, uint8_t ndef_storage, const char *email_address,
+                                                       const char *subject, const char *message)
 {
     Built b;
     return store(hnd, ndef_storage, build_email(email_address, subject, message, b), b);
@@ -192,8 +189,8 @@ extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_NaviDestinationHnd(ZEL_HANDLE hnd,
     return store(hnd, ndef_storage, build_navi(destination, b), b);
 }
 
-extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_GeoLocationHnd(ZEL_HANDLE hnd, uint8_t ndef_storage,
-                                                             const char *latitude, const char *longitude)
+extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_GeoLocationHnd(ZEL_HANDLE hnd, uint8_t ndef_storage, const char *latitude,
+                                                             const char *longitude)
 {
     Built b;
     return store(hnd, ndef_storage, build_geo(latitude, longitude, b), b);
@@ -209,12 +206,14 @@ extern "C" ZEL_API ZEL_STATUS WriteNdefRecord_BitcoinHnd(ZEL_HANDLE hnd, uint8_t
 
 // ---- Readers ----
 
-extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_WiFiHnd(ZEL_HANDLE hnd, char *ssid, char *auth_type,
-                                                     char *encryption_type, char *password)
+extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_WiFiHnd(ZEL_HANDLE hnd, char *ssid, char *auth_type, char *encryption_type,
+                                                     char *password)
 {
     return read_kind(hnd, Kind::WiFi,
-                     {field(ssid), {auth_type, ZEL_NDEF_WIFI_TYPE_SIZE, true},
-                      {encryption_type, ZEL_NDEF_WIFI_TYPE_SIZE, true}, field(password)});
+                     {field(ssid),
+                      {auth_type, ZEL_NDEF_WIFI_TYPE_SIZE, true},
+                      {encryption_type, ZEL_NDEF_WIFI_TYPE_SIZE, true},
+                      field(password)});
 }
 
 extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_BTHnd(ZEL_HANDLE hnd, char *bt_mac_address_str)
@@ -272,8 +271,7 @@ extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_AddressHnd(ZEL_HANDLE hnd, char *ad
     return read_kind(hnd, Kind::Address, {long_field(address)});
 }
 
-extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_EmailHnd(ZEL_HANDLE hnd, char *email_address, char *subject,
-                                                      char *message)
+extern "C" ZEL_API ZEL_STATUS ReadNdefRecord_EmailHnd(ZEL_HANDLE hnd, char *email_address, char *subject, char *message)
 {
     return read_kind(hnd, Kind::Email, {field(email_address), field(subject), long_field(message)});
 }

@@ -100,20 +100,11 @@ void scan_wifi(const uint8_t *p, size_t n, WifiFields &out)
         if (v + len > n)
             continue;
         switch (id) {
-        case 0x45:
-            out.ssid.assign(reinterpret_cast<const char *>(p + v), len);
-            break;
-        case 0x27:
-            out.password.assign(reinterpret_cast<const char *>(p + v), len);
-            break;
-        case 0x03:
-            out.auth = len && v + 1 < n ? type_text(kAuthText, p[v + 1]) : "";
-            break;
-        case 0x0F:
-            out.enc = len && v + 1 < n ? type_text(kEncText, p[v + 1]) : "";
-            break;
-        default:
-            break;
+        case 0x45: out.ssid.assign(reinterpret_cast<const char *>(p + v), len); break;
+        case 0x27: out.password.assign(reinterpret_cast<const char *>(p + v), len); break;
+        case 0x03: out.auth = len && v + 1 < n ? type_text(kAuthText, p[v + 1]) : ""; break;
+        case 0x0F: out.enc = len && v + 1 < n ? type_text(kEncText, p[v + 1]) : ""; break;
+        default: break;
         }
     }
 }
@@ -185,7 +176,7 @@ ZEL_STATUS extract(Kind kind, const Seen &r, std::vector<std::string> &f)
         return ZEL_OK;
     case Kind::Text:
         if (!(r.type_len == 1 && r.type && r.type[0] == 'T') || !starts(r, "\x02"
-                                                                            "en"))
+                                                                           "en"))
             return ZEL_NDEF_MESSAGE_NOT_COMPATIBLE;
         f = {range(p, 3, n)};
         return ZEL_OK;
@@ -374,8 +365,8 @@ void parse_report(const uint8_t *type, uint8_t type_len, const uint8_t *payload,
     if (type_starts(type, type_len, kWifiType)) {
         WifiFields w;
         scan_wifi(p, n, w);
-        rep.say("SSID: %s\nAuthentication type: %s\nEncryption type: %s\nPassword: %s", w.ssid.c_str(),
-                w.auth.c_str(), w.enc.c_str(), w.password.c_str());
+        rep.say("SSID: %s\nAuthentication type: %s\nEncryption type: %s\nPassword: %s", w.ssid.c_str(), w.auth.c_str(),
+                w.enc.c_str(), w.password.c_str());
     } else if (type_starts(type, type_len, kBluetoothType)) {
         if (n < 8)
             rep.say("%s", "MESSAGE NOT COMPATIBLE");

@@ -163,8 +163,8 @@ TEST_F(NdefRecCrossCheck, WifiCredentialFollowsTheAttributeLayout)
     for (size_t i = 4; i + 4 <= p.size();) {
         const size_t len = static_cast<size_t>(p[i + 2] << 8 | p[i + 3]);
         ASSERT_LE(i + 4 + len, p.size());
-        attrs[p[i] << 8 | p[i + 1]] = Bytes(p.begin() + static_cast<long>(i + 4),
-                                            p.begin() + static_cast<long>(i + 4 + len));
+        attrs[p[i] << 8 | p[i + 1]] =
+            Bytes(p.begin() + static_cast<long>(i + 4), p.begin() + static_cast<long>(i + 4 + len));
         i += 4 + len;
     }
     EXPECT_EQ(attrs[0x1045], bytes("Lab 5"));

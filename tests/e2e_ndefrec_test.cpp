@@ -148,8 +148,7 @@ TEST_F(NdefRec, EveryWriterReadsBackFromTheCard)
     // The report ends one byte early, which a written-out prefix does not make up for.
     EXPECT_EQ(report(), "Email address: ana@tandro.example\nSubject: Hi\nMessage: Bod");
 
-    ASSERT_EQ(fresh([&](uint8_t s) { return WriteNdefRecord_NaviDestinationM(hnd, s, "Zagreb Main Square"); }),
-              ZEL_OK);
+    ASSERT_EQ(fresh([&](uint8_t s) { return WriteNdefRecord_NaviDestinationM(hnd, s, "Zagreb Main Square"); }), ZEL_OK);
     ASSERT_EQ(ReadNdefRecord_NaviDestinationM(hnd, f.a), ZEL_OK);
     EXPECT_STREQ(f.a, "Zagreb Main Square");
     EXPECT_EQ(report(), "Destination: Zagreb Main Square");
@@ -183,7 +182,12 @@ TEST_F(NdefRec, ReadersRefuseOtherKindsAndFieldsThatDoNotFit)
     EXPECT_EQ(ReadNdefRecord_GeoLocationM(hnd, nullptr, f.b), ZEL_PARAMETERS_ERROR);
 
     // A text record in another language.
-    ASSERT_EQ(fresh([&](uint8_t) { return write(hnd, 1, 1, "T", "", bytes("\x02" "deHallo")); }), ZEL_OK);
+    ASSERT_EQ(fresh([&](uint8_t) {
+                  return write(hnd, 1, 1, "T", "",
+                               bytes("\x02"
+                                     "deHallo"));
+              }),
+              ZEL_OK);
     EXPECT_EQ(ReadNdefRecord_TextM(hnd, f.a), ZEL_NDEF_MESSAGE_NOT_COMPATIBLE);
     EXPECT_EQ(report(), "MESSAGE NOT COMPATIBLE");
 
@@ -220,16 +224,16 @@ TEST_F(NdefRec, OtherCardFamiliesHoldTypedRecords)
     start(R"({"cards": [{"uid": "C1C2C3C4", "sak": "08", "atqa": "0004", "type": "ORB_MIFARE_CLASSIC_1K",
                "model": "classic_1k"}]})");
     Fields f;
-    ASSERT_EQ(WriteNdefRecord_ContactM(hnd, ZEL_NDEF_STORAGE_CARD, "Ivo", nullptr, "Ilica 1", nullptr, "ivo@x.hr",
-                                       nullptr),
-              ZEL_OK);
+    ASSERT_EQ(
+        WriteNdefRecord_ContactM(hnd, ZEL_NDEF_STORAGE_CARD, "Ivo", nullptr, "Ilica 1", nullptr, "ivo@x.hr", nullptr),
+        ZEL_OK);
     expire_cache();
     ASSERT_EQ(ReadNdefRecord_ContactM(hnd, f.a), ZEL_OK);
     EXPECT_STREQ(f.a, "BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Ivo\nADR:;;Ilica 1;;;;;\nEMAIL:ivo@x.hr\nEND:VCARD");
 
     // A Type 4 tag holds a text longer than one short record.
     start(R"({"cards": [{"uid": "04518A2B3C4D80", "sak": "20", "atqa": "0344", "type": "ORB_GENERIC_ISO14443_4",
-               "model": "ndef_t4", "setup": {}}]})");
+               "model": "ndef_t4", "setup": {"file_size": 4096}}]})");
     std::string long_text(1500, ' ');
     for (size_t i = 0; i < long_text.size(); ++i)
         long_text[i] = static_cast<char>('a' + i % 26);

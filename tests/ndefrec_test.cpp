@@ -109,8 +109,8 @@ TEST(NdefRecWifi, LengthsCountModulo256AndTheRecordUsesThatLength)
 TEST(NdefRecWifi, ScanTakesTheLastHitAndIgnoresValuesRunningOff)
 {
     // Two SSID attributes (the last wins), an auth attribute of length 0 and an unknown encryption value.
-    Bytes p = {0x10, 0x45, 0x00, 0x01, 'a', 0x10, 0x45, 0x00, 0x02, 'b', 'c', 0x10, 0x03, 0x00,
-               0x00, 0x10, 0x0F, 0x00, 0x02, 0x00, 0x03, 0x10, 0x27, 0x00, 0x09, 'x'};
+    Bytes p = {0x10, 0x45, 0x00, 0x01, 'a',  0x10, 0x45, 0x00, 0x02, 'b',  'c',  0x10, 0x03,
+               0x00, 0x00, 0x10, 0x0F, 0x00, 0x02, 0x00, 0x03, 0x10, 0x27, 0x00, 0x09, 'x'};
     WifiFields w;
     scan_wifi(p.data(), p.size(), w);
     EXPECT_EQ(w.ssid, "bc");
@@ -152,8 +152,7 @@ TEST(NdefRecContact, VcardLineEndsAndOptionalFields)
     const std::string s51(51, 'x'), s50(50, 'x');
     EXPECT_EQ(build_contact(s51.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, b), ZEL_PARAMETERS_ERROR);
     EXPECT_EQ(build_contact("n", nullptr, nullptr, nullptr, nullptr, s51.c_str(), b), ZEL_PARAMETERS_ERROR);
-    EXPECT_EQ(build_contact(s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), b),
-              ZEL_OK);
+    EXPECT_EQ(build_contact(s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), s50.c_str(), b), ZEL_OK);
     // A 257-byte name counts as 1 byte: its first byte is the name.
     const std::string s257 = "Z" + std::string(256, 'q');
     ASSERT_EQ(build_contact(s257.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, b), ZEL_OK);
@@ -285,9 +284,14 @@ TEST(NdefRecRead, KindTestsRefuseOtherRecords)
                       en = "\x02"
                            "enHello";
     std::vector<std::string> f;
-    EXPECT_EQ(extract(Kind::Text, Seen{1, &t, 1, reinterpret_cast<const uint8_t *>(de.data()), 7}, f),
+    EXPECT_EQ(extract(Kind::Text,
+                      Seen{1, &t, 1, reinterpret_cast<const uint8_t *>(de.data()), static_cast<uint32_t>(de.size())},
+                      f),
               ZEL_NDEF_MESSAGE_NOT_COMPATIBLE);
-    ASSERT_EQ(extract(Kind::Text, Seen{1, &t, 1, reinterpret_cast<const uint8_t *>(en.data()), 7}, f), ZEL_OK);
+    ASSERT_EQ(extract(Kind::Text,
+                      Seen{1, &t, 1, reinterpret_cast<const uint8_t *>(en.data()), static_cast<uint32_t>(en.size())},
+                      f),
+              ZEL_OK);
     EXPECT_EQ(f, (V{"Hello"}));
     // The Bluetooth record must hold the six address bytes.
     const std::string bt = kBluetoothType;

@@ -14,6 +14,7 @@
 #include "tools/card_pick.h"
 #include "tools/cmd_block_common.h"
 #include "tools/ndef_print.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -24,6 +25,51 @@ const char *kUsage =
     "wpa2-enterprise|wpa2] [--encryption none|wep|tkip|aes|aes-tkip] | --bt AA:BB:CC:DD:EE:FF | --vcard FILE | "
     "--sms NUMBER [--body TEXT] | --tel NUMBER | --mail ADDRESS [--subject S] [--body TEXT] | --geo LAT,LON | "
     "--aar PACKAGE) [--emulate [--ram]] | write --in FILE | erase [--all] [--message N] | format";
+
+const tandro::Spec SPEC = {
+    {
+        {"read", "every message and record of the card, typed records decoded"},
+        {"write", "appends a record (--uri, --text, --raw) to a message, or a typed record to message 1 or the "
+                  "emulated tag, or writes a whole message from a file (--in)"},
+        {"write --raw TNF TYPE HEX", "appends a record of that TNF (1 to 6), type and payload"},
+        {"erase", "erases the last record of a message, or all of them with --all"},
+        {"format", "lays out an empty NDEF area on the card"},
+    },
+    {
+        {"--uid", "HEX", "the card with this UID, when several are in the field"},
+        {"--show-secrets", nullptr, "read: shows a Wi-Fi record's password and payload"},
+        {"--out", "FILE", "read: writes the raw bytes of message 1 to FILE instead"},
+        {"--uri", "URI", "write: a URI record (the longest known prefix becomes its code)"},
+        {"--text", "TEXT", "write: a text record"},
+        {"--lang", "LANG", "write: the text's language (default en)"},
+        {"--raw", "TNF", "write: a record of TNF 1 to 6; its type and payload follow as words"},
+        {"--id", "ID", "write: the record's id"},
+        {"--message", "N", "write, erase: the message number (default 1)"},
+        {"--all", nullptr, "erase: every record of the message"},
+        {"--wifi", "SSID", "write: a Wi-Fi credential record"},
+        {"--password", "PW", "write: the Wi-Fi network key"},
+        {"--auth", "TYPE", "write: open, wpa, wpa-enterprise, wpa2-enterprise or wpa2 (default)"},
+        {"--encryption", "TYPE", "write: none, wep, tkip, aes (default; none with open) or aes-tkip"},
+        {"--bt", "ADDRESS", "write: a Bluetooth pairing record for AA:BB:CC:DD:EE:FF"},
+        {"--vcard", "FILE", "write: a contact record from the FN, ORG, ADR, TEL, EMAIL and URL of a vCard file"},
+        {"--sms", "NUMBER", "write: an SMS record"},
+        {"--body", "TEXT", "write: the message of --sms or --mail"},
+        {"--subject", "TEXT", "write: the subject of --mail"},
+        {"--tel", "NUMBER", "write: a phone number record"},
+        {"--mail", "ADDRESS", "write: an e-mail record"},
+        {"--geo", "LAT,LON", "write: a geo location record"},
+        {"--aar", "PACKAGE", "write: an Android application record"},
+        {"--emulate", nullptr, "write: the typed record goes to the reader's emulated tag, and emulation starts"},
+        {"--ram", nullptr, "write: with --emulate, the RAM form for records up to 996 payload bytes"},
+        {"--in", "FILE", "write: the raw NDEF message of FILE replaces message 1, if it fits the card"},
+    },
+    "Typed records (--wifi, --bt, --vcard, --sms, --tel, --mail, --geo, --aar) are appended to message 1 of "
+    "the card, or with --emulate written to the emulated tag. --bt takes the address as people write it and "
+    "stores it least significant byte first, as phones read it.\n\n"
+    "read decodes the typed records; a Wi-Fi password is shown only with --show-secrets. write --in checks the "
+    "message against the card's room before anything is written, then empties message 1 and appends the "
+    "records one by one.",
+};
 
 struct ReadRecord {
     ZEL_STATUS st = ZEL_OK;
@@ -139,8 +185,7 @@ void print_listing(const Listing &l, bool json, bool show_secrets)
         const bool is_text = rec.tnf == 1 && rec.type == "T" && text_record(rec.payload, lang, text);
         bool secret = false;
         const std::string typed = typed_report(rec, show_secrets, secret);
-        const std::string hex =
-            secret && !show_secrets ? "" : tandro::to_hex(rec.payload.data(), rec.payload.size());
+        const std::string hex = secret && !show_secrets ? "" : tandro::to_hex(rec.payload.data(), rec.payload.size());
         if (json) {
             std::printf(
                 "%s{\"message\": %u, \"record\": %u, \"tnf\": %u, \"type\": %s, \"id\": %s, \"payload\": \"%s\"",
@@ -373,46 +418,40 @@ ZEL_STATUS desfire_erase(ZEL_HANDLE h, uint8_t message, bool all)
     return Zel_int_DesfireWriteNDEFMessageHnd(h, out.data(), static_cast<uint32_t>(out.size()));
 }
 
-int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &args)
+int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Parsed &p)
 {
     uint8_t tnf = 1, message = 1;
-    std::string type, id, lang = "en";
+    std::string type, id = p.value("--id"), lang = p.value("--lang", "en");
     std::vector<uint8_t> payload;
-    bool have = false;
-    std::string text;
-    bool is_text = false;
-    for (size_t i = 1; i < args.size(); ++i) {
-        const std::string &a = args[i];
-        if (a == "--uri" && i + 1 < args.size()) {
-            type = "U";
-            payload = uri_payload(args[++i]);
-            have = true;
-        } else if (a == "--text" && i + 1 < args.size()) {
-            type = "T";
-            text = args[++i];
-            is_text = have = true;
-        } else if (a == "--lang" && i + 1 < args.size()) {
-            lang = args[++i];
-        } else if (a == "--raw" && i + 3 < args.size()) {
-            uint32_t t = 0;
-            if (!tandro::parse_u32(args[i + 1], &t) || t < 1 || t > 6)
-                return tandro::usage_error("ndef", "--raw takes a TNF from 1 to 6");
-            tnf = static_cast<uint8_t>(t);
-            type = args[i + 2];
-            if (!tandro::parse_hex(args[i + 3], payload))
-                return tandro::usage_error("ndef", "--raw takes the payload in hexadecimal");
-            i += 3;
-            have = true;
-        } else if (a == "--id" && i + 1 < args.size()) {
-            id = args[++i];
-        } else if (a == "--message" && i + 1 < args.size()) {
-            uint32_t m = 0;
-            if (!tandro::parse_u32(args[++i], &m) || m < 1 || m > 255)
-                return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
-            message = static_cast<uint8_t>(m);
-        } else {
-            return tandro::usage_error("ndef", "unknown write argument \"" + a + "\"");
-        }
+    const std::string text = p.value("--text");
+    const bool is_text = p.has("--text");
+    const bool have = p.has("--uri") || is_text || p.has("--raw");
+    if (p.has("--uri") + is_text + p.has("--raw") > 1 || p.count("--uri") > 1 || p.count("--text") > 1 ||
+        p.count("--raw") > 1)
+        return tandro::usage_error("ndef", "write takes one record: --uri, --text or --raw");
+    // --raw TNF takes the type and the payload as the two words behind "write".
+    if (p.words.size() != (p.has("--raw") ? 3u : 1u))
+        return tandro::usage_error("ndef", p.has("--raw") ? "--raw TNF takes TYPE and HEX behind write"
+                                                          : "write takes no words but its options");
+    if (p.has("--uri")) {
+        type = "U";
+        payload = uri_payload(p.value("--uri"));
+    } else if (is_text) {
+        type = "T";
+    } else if (p.has("--raw")) {
+        uint32_t t = 0;
+        if (!tandro::parse_u32(p.value("--raw"), &t) || t < 1 || t > 6)
+            return tandro::usage_error("ndef", "--raw takes a TNF from 1 to 6");
+        tnf = static_cast<uint8_t>(t);
+        type = p.word(1);
+        if (!tandro::parse_hex(p.word(2), payload))
+            return tandro::usage_error("ndef", "--raw takes the payload in hexadecimal");
+    }
+    if (p.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(p.value("--message"), &m) || m < 1 || m > 255)
+            return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
+        message = static_cast<uint8_t>(m);
     }
     if (!have)
         return tandro::usage_error("ndef", "write needs --uri, --text or --raw");
@@ -463,7 +502,7 @@ int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &args
 // A file's bytes, at most 64 KiB; a folder or an unreadable file is a usage error (the message in err).
 bool read_small_file(const std::string &path, std::vector<uint8_t> &out, std::string &err)
 {
-    struct stat st{};
+    struct stat st {};
     if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
         err = path + " is a folder, not a file";
         return false;
@@ -509,12 +548,11 @@ struct TypedWrite {
     std::vector<uint8_t> raw;
 };
 
-bool is_typed_option(const std::string &a)
+bool is_typed(const tandro::Parsed &p)
 {
-    static const char *const kOpts[] = {"--wifi", "--bt", "--vcard", "--sms", "--tel", "--mail", "--geo", "--aar",
-                                        "--in",   "--emulate"};
-    for (const char *o : kOpts)
-        if (a == o)
+    for (const char *o :
+         {"--wifi", "--bt", "--vcard", "--sms", "--tel", "--mail", "--geo", "--aar", "--in", "--emulate"})
+        if (p.has(o))
             return true;
     return false;
 }
@@ -584,66 +622,56 @@ bool vcard_fields(const std::vector<uint8_t> &file, std::string out[6], std::str
     return true;
 }
 
-// Parses the arguments of a typed or raw write (args[0] is "write"); 0 when they are good, else the exit code
+// Checks the options of a typed or raw write; 0 when they are good, else the exit code
 // of the usage error.
-int parse_typed(const tandro::Args &args, TypedWrite &w)
+int parse_typed(const tandro::Parsed &p, TypedWrite &w)
 {
     const char *name = "ndef";
-    int kinds = 0;
     auto limit = [&](const std::string &what, const std::string &v, size_t max) {
         return v.size() <= max ? 0
                                : tandro::usage_error(name, what + " takes at most " + std::to_string(max) + " bytes");
     };
-    for (size_t i = 1; i < args.size(); ++i) {
-        const std::string &a = args[i];
-        const bool has_value = i + 1 < args.size();
-        if (a == "--emulate") {
-            w.emulate = true;
+    if (p.words.size() != 1)
+        return tandro::usage_error(name, "write takes no words but its options");
+    w.emulate = p.has("--emulate");
+    w.ram = p.has("--ram");
+    w.have_password = p.has("--password");
+    w.password = p.value("--password");
+    w.body = p.value("--body");
+    w.subject = p.value("--subject");
+    static const char *const kAuth[5] = {"open", "wpa", "wpa-enterprise", "wpa2-enterprise", "wpa2"};
+    static const char *const kEnc[5] = {"none", "wep", "tkip", "aes", "aes-tkip"};
+    for (const char *opt : {"--auth", "--encryption"}) {
+        if (!p.has(opt))
             continue;
-        }
-        if (a == "--ram") {
-            w.ram = true;
-            continue;
-        }
-        if (!has_value)
-            return tandro::usage_error(name, "unknown write argument \"" + a + "\" (tandro ndef --help)");
-        const std::string &v = args[++i];
-        if (a == "--password") {
-            w.password = v;
-            w.have_password = true;
-        } else if (a == "--auth" || a == "--encryption") {
-            static const char *const kAuth[5] = {"open", "wpa", "wpa-enterprise", "wpa2-enterprise", "wpa2"};
-            static const char *const kEnc[5] = {"none", "wep", "tkip", "aes", "aes-tkip"};
-            const char *const *table = a == "--auth" ? kAuth : kEnc;
-            int found = -1;
-            for (int k = 0; k < 5; ++k)
-                if (v == table[k])
-                    found = k;
-            if (found < 0)
-                return tandro::usage_error(name, a == "--auth"
-                                                     ? "--auth takes open, wpa, wpa-enterprise, wpa2-enterprise or wpa2"
-                                                     : "--encryption takes none, wep, tkip, aes or aes-tkip");
-            if (a == "--auth") {
-                w.auth = static_cast<uint8_t>(found);
-            } else {
-                w.enc = static_cast<uint8_t>(found);
-                w.enc_given = true;
-            }
-        } else if (a == "--body") {
-            w.body = v;
-        } else if (a == "--subject") {
-            w.subject = v;
-        } else if (a == "--message") {
-            uint32_t m = 0;
-            if (!tandro::parse_u32(v, &m) || m != 1)
-                return tandro::usage_error(name, "typed records go to message 1");
-        } else if (a == "--wifi" || a == "--bt" || a == "--vcard" || a == "--sms" || a == "--tel" || a == "--mail" ||
-                   a == "--geo" || a == "--aar" || a == "--in") {
-            ++kinds;
-            w.kind = a.substr(2);
-            w.value = v;
+        const bool auth = std::string(opt) == "--auth";
+        int found = -1;
+        for (int k = 0; k < 5; ++k)
+            if (p.value(opt) == (auth ? kAuth : kEnc)[k])
+                found = k;
+        if (found < 0)
+            return tandro::usage_error(name, auth ? "--auth takes open, wpa, wpa-enterprise, wpa2-enterprise or wpa2"
+                                                  : "--encryption takes none, wep, tkip, aes or aes-tkip");
+        if (auth) {
+            w.auth = static_cast<uint8_t>(found);
         } else {
-            return tandro::usage_error(name, "unknown write argument \"" + a + "\" (tandro ndef --help)");
+            w.enc = static_cast<uint8_t>(found);
+            w.enc_given = true;
+        }
+    }
+    if (p.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(p.value("--message"), &m) || m != 1)
+            return tandro::usage_error(name, "typed records go to message 1");
+    }
+    if (p.has("--uri") || p.has("--text") || p.has("--raw"))
+        return tandro::usage_error(name, "write takes one record: a typed one or --uri, --text, --raw");
+    size_t kinds = 0;
+    for (const char *k : {"--wifi", "--bt", "--vcard", "--sms", "--tel", "--mail", "--geo", "--aar", "--in"}) {
+        kinds += p.count(k);
+        if (p.has(k)) {
+            w.kind = k + 2;
+            w.value = p.value(k);
         }
     }
     if (kinds != 1)
@@ -883,61 +911,37 @@ int run_typed_write(ZEL_HANDLE h, const tandro::Options &opt, const TypedWrite &
 
 int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
 {
-    // --uid HEX may stand anywhere: the card of that UID is selected among those in the field.
-    tandro::Args args;
+    tandro::Parsed parsed;
+    if (!tandro::parse("ndef", SPEC, all_args, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
+    // --uid HEX: the card of that UID is selected among those in the field.
     std::vector<uint8_t> want_uid;
-    for (size_t i = 0; i < all_args.size(); ++i) {
-        if (all_args[i] == "--uid" && i + 1 < all_args.size()) {
-            if (!tandro::parse_hex(all_args[++i], want_uid) || want_uid.empty())
-                return tandro::usage_error("ndef", "--uid takes a UID in hexadecimal");
-        } else {
-            args.push_back(all_args[i]);
-        }
-    }
+    if (parsed.has("--uid") && (!tandro::parse_hex(parsed.value("--uid"), want_uid) || want_uid.empty()))
+        return tandro::usage_error("ndef", "--uid takes a UID in hexadecimal");
     if (args.empty())
         return tandro::usage_error("ndef", std::string("usage: tandro ndef ") + kUsage);
     const std::string &sub = args[0];
     if (sub != "read" && sub != "write" && sub != "erase" && sub != "format")
         return tandro::usage_error("ndef", "unknown subcommand \"" + sub + "\"");
-    bool all = false;
+    if (sub != "write" && args.size() > 1)
+        return tandro::usage_error("ndef", sub + " takes no words but its options");
+    bool all = parsed.has("--all");
     uint8_t message = 1;
-    if (sub == "erase") {
-        for (size_t i = 1; i < args.size(); ++i) {
-            uint32_t m = 0;
-            if (args[i] == "--all")
-                all = true;
-            else if (args[i] == "--message" && i + 1 < args.size() && tandro::parse_u32(args[++i], &m) && m >= 1 &&
-                     m <= 255)
-                message = static_cast<uint8_t>(m);
-            else
-                return tandro::usage_error("ndef", "erase takes [--all] [--message N]");
-        }
-    } else if (sub == "format" && args.size() > 1) {
-        return tandro::usage_error("ndef", sub + " takes no arguments");
+    if (sub == "erase" && parsed.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(parsed.value("--message"), &m) || m < 1 || m > 255)
+            return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
+        message = static_cast<uint8_t>(m);
     }
-    bool show_secrets = false;
-    std::string out_file;
-    if (sub == "read") {
-        for (size_t i = 1; i < args.size(); ++i) {
-            if (args[i] == "--show-secrets") {
-                show_secrets = true;
-            } else if (args[i] == "--out" && i + 1 < args.size()) {
-                out_file = args[++i];
-                struct stat st{};
-                if (::stat(out_file.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-                    return tandro::usage_error("ndef", "--out: " + out_file + " is a folder, not a file");
-            } else {
-                return tandro::usage_error("ndef", "read takes [--show-secrets] [--out FILE]");
-            }
-        }
-    }
+    const bool show_secrets = parsed.has("--show-secrets");
+    const std::string out_file = sub == "read" ? parsed.value("--out") : "";
+    if (struct stat st{}; !out_file.empty() && ::stat(out_file.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        return tandro::usage_error("ndef", "--out: " + out_file + " is a folder, not a file");
     TypedWrite typed;
-    bool is_typed = false;
-    if (sub == "write")
-        for (size_t i = 1; i < args.size(); ++i)
-            is_typed = is_typed || is_typed_option(args[i]);
-    if (is_typed)
-        if (const int rc = parse_typed(args, typed))
+    const bool typed_write = sub == "write" && is_typed(parsed);
+    if (typed_write)
+        if (const int rc = parse_typed(parsed, typed))
             return rc;
     tandro::ReaderSession session;
     if (!session.open("ndef", opt))
@@ -956,10 +960,10 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
     }
     if (sub == "read")
         return out_file.empty() ? tandro::print_ndef(h, opt.json, show_secrets) : run_read_out(h, opt, out_file);
-    if (is_typed)
+    if (typed_write)
         return run_typed_write(h, opt, typed);
     if (sub == "write")
-        return run_write(h, opt, args);
+        return run_write(h, opt, parsed);
     const bool desfire = card_is_desfire(h);
     ZEL_STATUS st = ZEL_OK;
     if (sub == "format")
@@ -979,6 +983,6 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
 const tandro::Registration ndef_cmd({"ndef", kUsage,
                                      "NDEF messages: read and decode every record, append plain or typed records "
                                      "(to a card or the emulated tag), raw messages from and to files, erase, format",
-                                     run_ndef});
+                                     run_ndef, false, &SPEC});
 
 } // namespace
