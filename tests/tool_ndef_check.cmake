@@ -39,8 +39,9 @@ run(write_in_too_big 1 "does not fit the card's 45 bytes; nothing was written"
 
 # Typed writes to the card and to the emulated tag.
 run(write_wifi 0 "^wifi record written to message 1\n$" ndef write --wifi Lab --password pw1 --auth wpa2)
-run(write_bt_json 0 "^{\"written\": true, \"record\": \"bt\", \"storage\": \"card\"}\n$"
+run(write_bt_json 0 "^{\"written\": true, \"record\": \"bt\", \"storage\": \"card\", \"stored_address\": \"FFEEDDCCBBAA\"}\n$"
     --json ndef write --bt AA:BB:CC:DD:EE:FF)
+run(write_bt 0 "^bt record written to message 1\naddress stored as 0605040302A1 " ndef write --bt a1-02-03-04-05-06)
 file(WRITE ${WORK}/ana.vcf "BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Ana Lee\r\nTEL;TYPE=cell:+385991\r\nEND:VCARD\r\n")
 run(write_vcard 0 "^vcard record written" ndef write --vcard ${WORK}/ana.vcf)
 run(write_sms 0 "^sms record written" ndef write --sms +385991 --body "see you")

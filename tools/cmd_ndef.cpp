@@ -899,13 +899,21 @@ int run_typed_write(ZEL_HANDLE h, const tandro::Options &opt, const TypedWrite &
             return tandro::fail(name, "emulation start", st);
     }
     const char *where = !w.emulate ? "card" : w.ram ? "emulation-ram" : "emulation";
-    if (opt.json)
-        std::printf("{\"written\": true, \"record\": \"%s\", \"storage\": \"%s\"}\n", w.kind.c_str(), where);
-    else if (w.emulate)
+    // The Bluetooth address as stored: least significant byte first.
+    const std::string stored = w.kind == "bt" ? w.bt_text : "";
+    if (opt.json) {
+        std::printf("{\"written\": true, \"record\": \"%s\", \"storage\": \"%s\"", w.kind.c_str(), where);
+        if (!stored.empty())
+            std::printf(", \"stored_address\": \"%s\"", stored.c_str());
+        std::printf("}\n");
+    } else if (w.emulate) {
         std::printf("%s record written to the emulated tag%s; emulation started\n", w.kind.c_str(),
                     w.ram ? " (RAM form)" : "");
-    else
+    } else {
         std::printf("%s record written to message 1\n", w.kind.c_str());
+    }
+    if (!stored.empty() && !opt.json)
+        std::printf("address stored as %s (least significant byte first, as phones read it)\n", stored.c_str());
     return 0;
 }
 
