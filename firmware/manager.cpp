@@ -589,7 +589,7 @@ ZEL_STATUS firmware_install(const Run &run, int module, zel_device_params *p, co
     dp(6, "Starting firmware upgrade...\n");
     const bool display = is_display(p);
     const bool usb = !display && hnd->comm.use == ZEL_PORT_SERIAL && (module == kModMain || module == kModEsp);
-    if (!p->port_name[0] && hnd->try_port_set)
+    if (!p->port_name[0] && hnd->try_port[0])
         std::snprintf(p->port_name, sizeof p->port_name, "%.255s", hnd->try_port);
     if (display) {
         if (!p->in_boot) {
@@ -734,7 +734,7 @@ ZEL_STATUS install_package(ZEL_HANDLE hnd, const char *manifest, const char *tok
     Run run{cb, ""};
     dev->p.hnd = hnd;
     dev->p.kind = ZEL_MODULE_MAIN;
-    if (hnd->try_port_set)
+    if (hnd->try_port[0])
         std::snprintf(dev->p.port_name, sizeof dev->p.port_name, "%.255s", hnd->try_port);
     if (device_get_params(&dev->p) != ZEL_OK) {
         report(run, INFO, NO_PARAMETERS, 0, "Failed to obtain device parameters!");
