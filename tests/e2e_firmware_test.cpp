@@ -268,3 +268,84 @@ TEST_F(FirmwareE2E, RefusedDownloadsProgramNothing)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(FirmwareE2E, DeviceParameterRecordsOfTheReaderAndItsDisplay)
+{
+    zel_device_params reader{};
+    reader.hnd = hnd;
+    ASSERT_EQ(device_get_params(&reader), ZEL_OK);
+    EXPECT_EQ(reader.hw_type, 50);
+    EXPECT_EQ(reader.hw_ver, 2);
+    EXPECT_STREQ(reader.fw_str, "5.0.60");
+    EXPECT_STREQ(reader.serial_str, "ZL000042");
+    EXPECT_EQ(reader.is_esp, 0);
+    EXPECT_EQ(reader.no_fw, 0);
+    ASSERT_NE(reader.operations, nullptr);
+    EXPECT_STREQ(reader.operations->name, "ProgReaderHnd");
+    device_free_operations(reader.operations);
+
+    zel_device_params display{};
+    display.hnd = hnd;
+    display.kind = ZEL_MODULE_DISPLAY;
+    ASSERT_EQ(device_get_params(&display), ZEL_OK);
+    EXPECT_EQ(display.hw_type, ZEL_HW_TYPE_DISPLAY);
+    EXPECT_EQ(display.hw_ver, 3);
+    EXPECT_STREQ(display.fw_str, "1.4.2");
+    EXPECT_STREQ(display.serial_str, "<=>?@ABC"); // bytes 12 to 19 of the module's record
+    ASSERT_NE(display.operations, nullptr);
+    EXPECT_STREQ(display.operations->name, "ProgDisplayHnd");
+    EXPECT_EQ(display.prog_usb, 0);
+    device_free_operations(display.operations);
+}
+
+TEST_F(FirmwareE2E, PackageListsManifestsAndTheLatestStablePackage)
+{
+    zeltest::FwService service;
+    service.packages = "1.0.0,first\r\n2.0.0,stable\n";
+    service.manifests["2.0.0"] = R"({"nfc1_version": "5.0.60", "display1_version": "1.4.2"})";
+    service.package_name = "1.0.0\n";
+    char out[256] = {};
+    ASSERT_EQ(Flasher_ListReaderFirmwarePackagesHnd(hnd, out, sizeof out), ZEL_OK);
+    EXPECT_STREQ(out, "1.0.0,first\n2.0.0,stable\n");
+    ASSERT_EQ(Flasher_GetFirmwarePackageManifestHnd(hnd, "2.0.0", out, sizeof out), ZEL_OK);
+    EXPECT_EQ(std::string(out), service.manifests["2.0.0"]);
+    EXPECT_EQ(Flasher_GetFirmwarePackageManifestHnd(hnd, "9.9.9", out, sizeof out), ZEL_FLASHER_ERROR_DOWNLOAD_FAILED);
+    ASSERT_EQ(Flasher_GetInstalledPackageNameHnd(hnd, out, sizeof out), ZEL_OK);
+    EXPECT_STREQ(out, "1.0.0");
+    EXPECT_EQ(service.count("package-name 50 5.0.60"), 1u);
+
+    // Another package is newer: it is installed, here with nothing to change.
+    ASSERT_EQ(Flasher_InstallLatestStableFirmwarePackageHnd(hnd, collect), ZEL_OK);
+    EXPECT_EQ(service.count("manifest 2.0.0"), 2u);
+    EXPECT_TRUE(reported("Checking if update is necessary..."));
+    EXPECT_TRUE(reported("Firmware package upgrade completed!", 7, 0));
+    // The newest package is the installed one.
+    service.package_name = "2.0.0";
+    g_reports.clear();
+    EXPECT_EQ(Flasher_InstallLatestStableFirmwarePackageHnd(hnd, collect), ZEL_FLASHER_PACKAGE_ALREADY_INSTALLED);
+    EXPECT_TRUE(reported("Package has been already installed.", 7, 0));
+}
+
+TEST_F(FirmwareE2E, OneImageDownloadedToABuffer)
+{
+    zeltest::FwService service;
+    const std::string text = hex_of(pattern(300, 5));
+    service.image("display", "1.9.0", text);
+    std::vector<uint8_t> buf(1024);
+    uint32_t size = 0;
+    ASSERT_EQ(Flasher_DownloadFirmwareHnd(hnd, ZEL_MODULE_DISPLAY, "1.9.0", "secret", buf.data(),
+                                          static_cast<uint32_t>(buf.size()), &size, collect),
+              ZEL_OK);
+    ASSERT_EQ(size, text.size());
+    EXPECT_EQ(0, std::memcmp(buf.data(), text.data(), size));
+    EXPECT_EQ(service.count("image display 1.9.0 token"), 1u);
+    EXPECT_EQ(Flasher_DownloadFirmwareHnd(hnd, ZEL_MODULE_DISPLAY, "1.9.0", nullptr, buf.data(), 599, &size, collect),
+              ZEL_BUFFER_OVERFLOW);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(Flasher_DownloadFirmwareHnd(hnd, ZEL_MODULE_MAIN, "0.0.1", nullptr, buf.data(), 1024, &size, collect),
+              ZEL_FLASHER_ERROR_DOWNLOAD_FAILED);
+}
+
+} // namespace
