@@ -125,7 +125,7 @@ extern "C" ZEL_API zel_device_operations *device_get_operations(zel_device_param
     uint8_t usb = 0;
     const char *name = nullptr;
     zel_program_fn fn = nullptr;
-    if (p->hw_type == ZEL_HW_TYPE_DISPLAY) {
+    if (p->hw_type == ZEL_HW_TYPE_DISPLAY || p->kind == ZEL_MODULE_DISPLAY) {
         name = "ProgDisplayHnd";
         fn = prog_display;
     } else if (p->hw_type == ZEL_HW_TYPE_ESP && p->kind != ZEL_MODULE_NFC1 && p->kind != ZEL_MODULE_NFC2) {

@@ -122,7 +122,8 @@ const char *finish_format(int module, bool stream)
         return stream ? "Finished Display on NFC2 module firmware upgrade. New firmware: %s"
                       : "Finished Display on NFC2 module firmware upgrade. New firmare: %s ...";
     default:
-        return stream ? "Finished firmware upgrade. New firmware: %s" : "Finished firmware upgrade. New firmare: %s ...";
+        return stream ? "Finished firmware upgrade. New firmware: %s"
+                      : "Finished firmware upgrade. New firmare: %s ...";
     }
 }
 
@@ -158,8 +159,8 @@ int firmware_download(FirmwareRecord *record, const zel_device_params *p, const 
         return 1;
     }
     const zel_fw_identity id = identity_of(p, ZEL_FW_ASK_IMAGE);
-    zel_http_response *r = is_display(p) ? http_get_display_firmware(&id, version, token)
-                                         : http_get_firmware(&id, version, token);
+    zel_http_response *r =
+        is_display(p) ? http_get_display_firmware(&id, version, token) : http_get_firmware(&id, version, token);
     const int result = check_firmware_response(r, record, version);
     http_response_free(r);
     return result;
@@ -206,7 +207,8 @@ void settle(const zel_device_params *p, uint32_t waited)
 {
     if (p->hw_type > ZEL_HW_TYPE_ESP && waited < kSettleMs) {
         const uint32_t extra = kSettleMs - waited;
-        dp(6, "Minimal %dms delay for post-upgrade stabilization (hw_type %d) | waited_ms = %d, additional delay = %d\n",
+        dp(6,
+           "Minimal %dms delay for post-upgrade stabilization (hw_type %d) | waited_ms = %d, additional delay = %d\n",
            static_cast<int>(kSettleMs), p->hw_type, static_cast<int>(waited), static_cast<int>(extra));
         zel::os_sleep(extra);
     }
@@ -284,8 +286,7 @@ std::string poll_and_detect_com_port(zel_device_params *p, const std::vector<std
     return {};
 }
 
-std::string detect(const Run &run, zel_device_params *p, const std::vector<std::string> &before, int percent,
-                   bool post)
+std::string detect(const Run &run, zel_device_params *p, const std::vector<std::string> &before, int percent, bool post)
 {
     if (p->usb_serial[0]) {
         if (post)
@@ -428,7 +429,8 @@ ZEL_STATUS firmware_install_ble_stream(const Run &run, int module, zel_device_pa
         const int percent = static_cast<int>((at + n) * 100 / fw->size);
         if (percent != shown && percent % 10 == 0) {
             shown = percent;
-            report(run, INSTALLING, GOOD, percent, esp ? "Transferring ESP firmware..." : "Transferring NFC firmware...");
+            report(run, INSTALLING, GOOD, percent,
+                   esp ? "Transferring ESP firmware..." : "Transferring NFC firmware...");
         }
     }
     uint16_t result = 0;
@@ -458,10 +460,11 @@ ZEL_STATUS firmware_install_ble_stream(const Run &run, int module, zel_device_pa
     }
     if (EspSetTransparentReaderSessionHnd(hnd, target) != ZEL_OK) {
         if (esp)
-            report(run, RECONNECTING, SESSION_FAILED, 0, "Failed to resume ESP session after BLE stream installation...");
+            report(run, RECONNECTING, SESSION_FAILED, 0,
+                   "Failed to resume ESP session after BLE stream installation...");
         else
-            reportf(run, RECONNECTING, SESSION_FAILED, 0, "Failed to resume NFC%d session after BLE stream installation!",
-                    target);
+            reportf(run, RECONNECTING, SESSION_FAILED, 0,
+                    "Failed to resume NFC%d session after BLE stream installation!", target);
         return ZEL_FLASHER_FIRMWARE_INSTALL_ERROR;
     }
     uint8_t a = 0, b = 0, c = 0;
@@ -518,7 +521,9 @@ ZEL_STATUS send_packets(const Run &run, zel_device_params *p, const std::vector<
     ZEL_HANDLE hnd = p->hnd;
     const bool display = is_display(p);
     const bool esp = p->hw_type == ZEL_HW_TYPE_ESP;
-    const size_t packet_len = display ? ZEL_DISPLAY_FLASH_BLOCK : esp ? ZEL_PROG_STREAM_PACKET_LEN : ZEL_PROG_PACKET_LEN;
+    const size_t packet_len = display ? ZEL_DISPLAY_FLASH_BLOCK
+                              : esp   ? ZEL_PROG_STREAM_PACKET_LEN
+                                      : ZEL_PROG_PACKET_LEN;
     // Counted as the image text gives them: a partial last packet is not sent.
     const size_t count = display ? bin.size() * 2 / 128 : esp ? bin.size() / 4096 : bin.size() * 2 / 256;
     const size_t first = display ? 0 : 1;
@@ -801,8 +806,8 @@ ZEL_STATUS install_package(ZEL_HANDLE hnd, const char *manifest, const char *tok
             }
             const int r = firmware_download(&pr->nfc[n - 1], &m.p, nfc_version[n - 1], token);
             if (r == 2) {
-                reportf(run, DOWNLOADING, TOKEN_REQUIRED, 0, "Firmware download for the NFC%d module failed: token required!",
-                        n);
+                reportf(run, DOWNLOADING, TOKEN_REQUIRED, 0,
+                        "Firmware download for the NFC%d module failed: token required!", n);
                 return ZEL_FLASHER_TOKEN_ERROR;
             }
             if (r != 0) {
@@ -812,7 +817,8 @@ ZEL_STATUS install_package(ZEL_HANDLE hnd, const char *manifest, const char *tok
         }
         for (int n = 1; n <= units; ++n) {
             if (skip[n - 1]) {
-                reportf(run, INFO, GOOD, 100, "Skipping NFC%d firmware installation, same firmware already installed!", n);
+                reportf(run, INFO, GOOD, 100, "Skipping NFC%d firmware installation, same firmware already installed!",
+                        n);
                 continue;
             }
             if (set_session(hnd, n) != ZEL_OK) {
@@ -1057,10 +1063,10 @@ extern "C" ZEL_API ZEL_STATUS Flasher_DownloadFirmwareHnd(ZEL_HANDLE hnd, uint32
     Run run{callback, ""};
     std::unique_ptr<Params> dev(new (std::nothrow) Params);
     std::unique_ptr<FirmwareRecord, void (*)(FirmwareRecord *)> record(new (std::nothrow) FirmwareRecord,
-                                                                        [](FirmwareRecord *r) {
-                                                                            free_record(r);
-                                                                            delete r;
-                                                                        });
+                                                                       [](FirmwareRecord *r) {
+                                                                           free_record(r);
+                                                                           delete r;
+                                                                       });
     if (!dev || !record) {
         report(run, INFO, GOOD, 0, "Failed to allocate memory for thread parameters.");
         return ZEL_NO_MEMORY_ERROR;

@@ -40,11 +40,13 @@ int clamp_int(size_t n)
 // The image checks of one text of the service, in the manager's order.
 constexpr size_t kSmallImage = 10240;
 constexpr size_t kExamined = 1024;
-constexpr const char *kHtmlMarks[] = {"<!DOCTYPE", "<!doctype", "<html>", "<HTML>", "<head>", "<HEAD>", "<body>", "<BODY>"};
+constexpr const char *kHtmlMarks[] = {"<!DOCTYPE", "<!doctype", "<html>", "<HTML>",
+                                      "<head>",    "<HEAD>",    "<body>", "<BODY>"};
 constexpr const char *kHttpErrors[] = {"500 Internal Server Error", "502 Bad Gateway", "503 Service Unavailable",
                                        "504 Gateway Timeout", "Gateway Timeout"};
 constexpr const char *kErrorMarks[] = {"Error:", "ERROR:", "error:", "Error "};
-constexpr const char *kTokenTexts[] = {"Token required for upgrade\n", "Error: Not allowed, you need token to upgrade."};
+constexpr const char *kTokenTexts[] = {"Token required for upgrade\n",
+                                       "Error: Not allowed, you need token to upgrade."};
 
 // Texts longer than this from a list, a manifest or a package name are refused.
 constexpr size_t kTextMax = 65536;
@@ -73,11 +75,11 @@ struct Key {
     size_t value_offset, len_offset;
 };
 
-#define ZEL_MANIFEST_KEY(text, field)                                                                              \
-    Key                                                                                                            \
-    {                                                                                                              \
-        text, sizeof(text) - 1, offsetof(zel::fw::PackageVersions, field),                                        \
-            offsetof(zel::fw::PackageVersions, field##_len)                                                        \
+#define ZEL_MANIFEST_KEY(text, field)                                      \
+    Key                                                                    \
+    {                                                                      \
+        text, sizeof(text) - 1, offsetof(zel::fw::PackageVersions, field), \
+            offsetof(zel::fw::PackageVersions, field##_len)                \
     }
 
 const Key kKeys[] = {
@@ -340,7 +342,8 @@ int check_firmware_response(const zel_http_response *response, FirmwareRecord *r
         for (const char *mark : kHtmlMarks) {
             if (find_bytes(data, n, mark)) {
                 dp(6, "Error: Server returned HTML page instead of firmware!\n");
-                dp(6, "Response preview: %.*s...\n", clamp_int(n < 200 ? n : 200), reinterpret_cast<const char *>(data));
+                dp(6, "Response preview: %.*s...\n", clamp_int(n < 200 ? n : 200),
+                   reinterpret_cast<const char *>(data));
                 return 1;
             }
         }
@@ -360,7 +363,8 @@ int check_firmware_response(const zel_http_response *response, FirmwareRecord *r
         }
     }
     if (size > ZEL_FW_IMAGE_MAX) {
-        dp(6, "Error: Firmware size (%zu) exceeds maximum allowed size (%d)\n", size, static_cast<int>(ZEL_FW_IMAGE_MAX));
+        dp(6, "Error: Firmware size (%zu) exceeds maximum allowed size (%d)\n", size,
+           static_cast<int>(ZEL_FW_IMAGE_MAX));
         return 1;
     }
     auto *copy = static_cast<uint8_t *>(std::malloc(size));

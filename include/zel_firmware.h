@@ -79,10 +79,10 @@ ZEL_API void device_param_to_str(zel_device_params *params);
 
 /* The firmware service. Every function answers null while no service is registered (the library carries
  * none; an application or the tool supplies one). A response is freed by http_response_free. */
-#define ZEL_HTTP_TEXT 0           /* text: a list, a manifest, a package name */
+#define ZEL_HTTP_TEXT 0            /* text: a list, a manifest, a package name */
 #define ZEL_HTTP_FIRMWARE_BINARY 1 /* an image */
-#define ZEL_HTTP_ERROR 2          /* the service's error text */
-#define ZEL_HTTP_EMPTY 3          /* no data */
+#define ZEL_HTTP_ERROR 2           /* the service's error text */
+#define ZEL_HTTP_EMPTY 3           /* no data */
 
 typedef struct zel_http_response {
     int32_t type;
@@ -91,14 +91,14 @@ typedef struct zel_http_response {
 } zel_http_response;
 
 /* What is asked of the service. */
-#define ZEL_FW_ASK_IMAGE 0        /* the image of `version` for the module */
-#define ZEL_FW_ASK_VERSIONS 1     /* the versions known for the module: lines "version,comment" */
-#define ZEL_FW_ASK_PACKAGES 2     /* the packages for the reader: lines "package,comment" */
-#define ZEL_FW_ASK_MANIFEST 3     /* the manifest of package `version` */
+#define ZEL_FW_ASK_IMAGE 0    /* the image of `version` for the module */
+#define ZEL_FW_ASK_VERSIONS 1 /* the versions known for the module: lines "version,comment" */
+#define ZEL_FW_ASK_PACKAGES 2 /* the packages for the reader: lines "package,comment" */
+#define ZEL_FW_ASK_MANIFEST 3 /* the manifest of package `version` */
 
 /* The identity of the module the service is asked about. */
 typedef struct zel_fw_identity {
-    uint32_t ask; /* ZEL_FW_ASK_* */
+    uint32_t ask;  /* ZEL_FW_ASK_* */
     uint32_t kind; /* ZEL_MODULE_* */
     uint8_t hw_type;
     uint8_t hw_ver;

@@ -210,8 +210,8 @@ bool program_packet(Reader &r, const uint8_t f[7], const uint8_t *e, size_t n, A
     BootLoader &b = r.boot;
     const uint32_t packet = static_cast<uint32_t>(f[4]) | static_cast<uint32_t>(f[5]) << 8;
     // The packet before the next one may come again (its reply went astray): it replaces what came.
-    const bool again = b.receiving && b.next_packet > 0 && packet + 1 == b.next_packet && b.last_whole &&
-                       b.image.size() >= PACKET;
+    const bool again =
+        b.receiving && b.next_packet > 0 && packet + 1 == b.next_packet && b.last_whole && b.image.size() >= PACKET;
     if (!b.receiving || n != PACKET_EXT || (packet != b.next_packet && !again)) {
         put_error(a.bytes, E_PARAMETERS);
         return true;

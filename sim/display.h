@@ -58,8 +58,8 @@ struct BootLoader {
     std::vector<uint8_t> image; // what came so far
     uint32_t next_packet = 0;
     bool last_whole = false; // the last packet taken did not complete the image (a repeat may replace it)
-    bool complete = false; // the whole image came and was verified
-    uint32_t packets = 0;  // packets taken since creation
+    bool complete = false;   // the whole image came and was verified
+    uint32_t packets = 0;    // packets taken since creation
     std::vector<BootFault> faults;
     std::vector<uint8_t> params; // the last parameter block of the NFC processor
     bool protected_code = false;

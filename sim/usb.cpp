@@ -19,7 +19,7 @@
 struct zsim_usb {
     zsim *sim = nullptr;
     std::string dir, pty, serial;
-    int number = 0;      // the port's number while present
+    int number = 0;       // the port's number while present
     int next_number = -1; // the number it comes back under (-1: the same)
     uint32_t away_ms = 1000;
     bool present = false;

@@ -201,8 +201,7 @@ TEST_F(FirmwareE2E, AFailedModuleIsRetriedAndTheUpgradedOneSkipped)
     service.bend("display", "2.0.0", zeltest::Bend::HTML, 1);
     const char *manifest = R"({"nfc1_version": "5.2.1", "display1_version": "2.0.0"})";
 
-    EXPECT_EQ(Flasher_InstallFirmwarePackageHnd(hnd, manifest, nullptr, 0, collect),
-              ZEL_FLASHER_ERROR_DOWNLOAD_FAILED);
+    EXPECT_EQ(Flasher_InstallFirmwarePackageHnd(hnd, manifest, nullptr, 0, collect), ZEL_FLASHER_ERROR_DOWNLOAD_FAILED);
     EXPECT_TRUE(reported("Firmware download for the Display1 module failed!", 1, 1));
     uint8_t major = 0, minor = 0, build = 0;
     ASSERT_EQ(GetReaderFirmwareVersionHnd(hnd, &major, &minor), ZEL_OK);

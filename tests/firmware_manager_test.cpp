@@ -78,11 +78,11 @@ TEST(FirmwareManifest, RefusesWhatTheTokenizerCannotTake)
     for (int i = 0; i < 70; ++i)
         many += std::to_string(i) + ",";
     many += "0]}";
-    for (const std::string &bad : {std::string(), std::string("   "), many, std::string(R"({"a": "\x"})"),
-                                   std::string(R"({"a": "\u12G4"})"), std::string(R"({"a": "\u12)"),
-                                   std::string(R"({"a": [1, 2})"), std::string(R"({"a": 1]})"), std::string("{\"a\": 1}}"),
-                                   std::string("{\"a\":\x01 1}"), std::string(R"({"a": "open)"),
-                                   std::string(R"(["nfc1_version", "1.0.0"])")})
+    for (const std::string &bad :
+         {std::string(), std::string("   "), many, std::string(R"({"a": "\x"})"), std::string(R"({"a": "\u12G4"})"),
+          std::string(R"({"a": "\u12)"), std::string(R"({"a": [1, 2})"), std::string(R"({"a": 1]})"),
+          std::string("{\"a\": 1}}"), std::string("{\"a\":\x01 1}"), std::string(R"({"a": "open)"),
+          std::string(R"(["nfc1_version", "1.0.0"])")})
         EXPECT_EQ(parse(bad, &v), -1) << bad;
     // 64 tokens pass, 65 do not: the object, 30 pairs, a key and its array of one or two.
     std::string full = "{";
@@ -109,13 +109,11 @@ TEST(FirmwareResponse, ChecksComeInTheirOrder)
                              "0011Error: no", "ERROR: x", "error: y", "Error z"})
         EXPECT_EQ(image(ZEL_HTTP_FIRMWARE_BINARY, page, &rec, "1"), 1) << page;
     // An error text in a small image that also names the token is the token case.
-    EXPECT_EQ(image(ZEL_HTTP_FIRMWARE_BINARY, "Error: Token required for upgrade\n", &rec, "1"),
-              2);
+    EXPECT_EQ(image(ZEL_HTTP_FIRMWARE_BINARY, "Error: Token required for upgrade\n", &rec, "1"), 2);
     EXPECT_EQ(rec.data, nullptr);
 
     // Only the first 1,024 bytes of a small image are examined, and large images not at all.
-    EXPECT_EQ(image(ZEL_HTTP_FIRMWARE_BINARY, std::string(1024, 'A') + "<html>", &rec, "2.0.0"),
-              0);
+    EXPECT_EQ(image(ZEL_HTTP_FIRMWARE_BINARY, std::string(1024, 'A') + "<html>", &rec, "2.0.0"), 0);
     EXPECT_EQ(rec.size, 1030u);
     EXPECT_STREQ(rec.version, "2.0.0");
     const std::string big = std::string(10240, '0') + "<html>";
@@ -223,7 +221,7 @@ TEST(DeviceParams, ProgrammingRouteByHardware)
         uint8_t prog_usb;
     } cases[] = {
         {21, 0, ZEL_MODULE_DISPLAY, 0, "ProgDisplayHnd", 0}, {46, 0, ZEL_MODULE_MAIN, 0, "ProgEspHnd", 1},
-        {46, 0, ZEL_MODULE_NFC2, 0, "ProgReaderUsbHnd", 0}, {47, 22, ZEL_MODULE_NFC1, 1, "ProgReaderUsbHnd", 0},
+        {46, 0, ZEL_MODULE_NFC2, 0, "ProgReaderUsbHnd", 0},  {47, 22, ZEL_MODULE_NFC1, 1, "ProgReaderUsbHnd", 0},
         {47, 21, ZEL_MODULE_MAIN, 0, "ProgReaderUsbHnd", 1}, {60, 49, ZEL_MODULE_MAIN, 0, "ProgReaderUsbHnd", 1},
         {47, 22, ZEL_MODULE_MAIN, 0, "ProgReaderHnd", 0},    {45, 21, ZEL_MODULE_MAIN, 0, nullptr, 9},
     };

@@ -13,7 +13,18 @@
 namespace zeltest {
 
 // How the next answers for one key go wrong.
-enum class Bend { NONE, NULL_RESPONSE, ERROR_TEXT, TOKEN_TEXT, HTML, BAD_GATEWAY, WRONG_TYPE, EMPTY, OVERSIZED, ODD_HEX };
+enum class Bend {
+    NONE,
+    NULL_RESPONSE,
+    ERROR_TEXT,
+    TOKEN_TEXT,
+    HTML,
+    BAD_GATEWAY,
+    WRONG_TYPE,
+    EMPTY,
+    OVERSIZED,
+    ODD_HEX
+};
 
 class FwService {
 public:

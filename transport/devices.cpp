@@ -175,9 +175,9 @@ const Port *port_by_name(const std::vector<Port> &ports, const char *name)
     // The ports are also named in the folder of the listed ports, when a test or the simulated readers set
     // another one.
     const std::string root = g_dev_root + "/";
-    const char *plain = std::strncmp(name, "/dev/", 5) == 0                     ? name + 5
+    const char *plain = std::strncmp(name, "/dev/", 5) == 0                  ? name + 5
                         : std::strncmp(name, root.c_str(), root.size()) == 0 ? name + root.size()
-                                                                              : name;
+                                                                             : name;
     for (const Port &p : ports)
         if (p.name == plain && !p.device_id.empty())
             return &p;
