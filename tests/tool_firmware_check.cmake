@@ -32,7 +32,7 @@ run(install_nothing_json 0 "^{\"package\": \"1.0.0\", \"finished\": \\[\\]}\n$"
 run(install_missing 1 "{\"error\": \"manifest of 3.0.0: .*\", \"status\": 36865" --json firmware --images ${dir}
     install 3.0.0)
 run(install_bad_manifest 1 "Manifest JSON parse error" firmware --images ${dir} install bad)
-run(help 0 "usage: tandro firmware" firmware --help)
+run(help 0 "usage: tandro .*firmware --images DIR" firmware --help)
 
 run(no_images 2 "^tandro firmware: --images DIR" firmware list)
 run(no_package 2 "^tandro firmware: usage" firmware --images ${dir} install)

@@ -93,10 +93,10 @@ struct Folder {
 
     zel_http_response *image(const char *kind, const zel_fw_identity *id, const char *version) const
     {
+        if (id && id->ask == ZEL_FW_ASK_PACKAGES)
+            return text("packages.txt");
         if (!id || !version)
             return nullptr;
-        if (id->ask == ZEL_FW_ASK_PACKAGES)
-            return text("packages.txt");
         if (id->ask == ZEL_FW_ASK_MANIFEST)
             return text(std::string(version) + ".json");
         const std::string v = version;
