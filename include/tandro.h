@@ -16,6 +16,7 @@
 #include "zel_devices.h"
 #include "zel_display.h"
 #include "zel_esp.h"
+#include "zel_firmware.h"
 #include "zel_frame.h"
 #include "zel_ftdi.h"
 #include "zel_handle.h"

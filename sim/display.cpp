@@ -106,6 +106,7 @@ bool display_ext(Reader &r, const uint8_t f[7], const uint8_t *e, size_t n, Answ
         return true;
     case 0xB9:
         d.in_boot = true;
+        d.written.assign(LCD_FLASH / 64, false);
         done(a, DISPLAY);
         return true;
     case 0xA9: {
@@ -117,6 +118,15 @@ bool display_ext(Reader &r, const uint8_t f[7], const uint8_t *e, size_t n, Answ
         switch (f[5]) {
         case 0x0D: put_frame(a.bytes, RSP_HEADER, DISPLAY, RSP_TRAILER, 0, d.in_boot ? 1 : 0, 0); return true;
         case 0x04:
+            if (d.in_boot && d.next_set && d.written.size() == LCD_FLASH / 64) {
+                bool whole = d.next_len / 64 > 0;
+                for (size_t i = 0; i < d.next_len / 64 && i < d.written.size(); ++i)
+                    whole = whole && d.written[i];
+                if (whole) {
+                    std::memcpy(d.version, d.next_version, 3);
+                    std::memcpy(d.params + 26, d.next_version, 3);
+                }
+            }
             d.in_boot = false;
             done(a, DISPLAY);
             return true;
@@ -134,6 +144,8 @@ bool display_ext(Reader &r, const uint8_t f[7], const uint8_t *e, size_t n, Answ
                 return true;
             }
             std::memcpy(d.flash + addr, e + 3, 64);
+            if (addr % 64 == 0 && addr / 64 < d.written.size())
+                d.written[addr / 64] = true;
             done(a, DISPLAY);
             return true;
         }
@@ -197,13 +209,21 @@ bool program_packet(Reader &r, const uint8_t f[7], const uint8_t *e, size_t n, A
 {
     BootLoader &b = r.boot;
     const uint32_t packet = static_cast<uint32_t>(f[4]) | static_cast<uint32_t>(f[5]) << 8;
-    if (!b.receiving || n != PACKET_EXT || packet != b.next_packet) {
+    // The packet before the next one may come again (its reply went astray): it replaces what came.
+    const bool again =
+        b.receiving && b.next_packet > 0 && packet + 1 == b.next_packet && b.last_whole && b.image.size() >= PACKET;
+    if (!b.receiving || n != PACKET_EXT || (packet != b.next_packet && !again)) {
         put_error(a.bytes, E_PARAMETERS);
         return true;
     }
-    b.image.insert(b.image.end(), e, e + PACKET);
-    ++b.next_packet;
+    if (again) {
+        std::memcpy(b.image.data() + b.image.size() - PACKET, e, PACKET);
+    } else {
+        b.image.insert(b.image.end(), e, e + PACKET);
+        ++b.next_packet;
+    }
     ++b.packets;
+    b.last_whole = true;
     const bool last = b.image_len ? b.image.size() >= b.image_len : false;
     if (last) {
         b.image.resize(b.image_len);
@@ -245,6 +265,7 @@ bool boot_plain(Reader &r, const uint8_t f[7], Answer &a)
         b.receiving = true;
         b.complete = false;
         b.image.clear();
+        b.last_whole = false;
         b.next_packet = 0;
         done(a, PROGRAM);
         return true;

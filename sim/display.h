@@ -31,6 +31,11 @@ struct Lcd {
     bool in_boot = false;
     uint8_t version[3] = {1, 4, 2};
     uint8_t params[29] = {};
+    // The image the module's boot loader expects, and the blocks written since the boot command.
+    uint32_t next_len = 0;
+    uint8_t next_version[3] = {};
+    bool next_set = false;
+    std::vector<bool> written;
     std::string png_path; // written again whenever what is shown changes
     Lcd();
 };
@@ -52,8 +57,9 @@ struct BootLoader {
     bool next_fw_set = false;
     std::vector<uint8_t> image; // what came so far
     uint32_t next_packet = 0;
-    bool complete = false; // the whole image came and was verified
-    uint32_t packets = 0;  // packets taken since creation
+    bool last_whole = false; // the last packet taken did not complete the image (a repeat may replace it)
+    bool complete = false;   // the whole image came and was verified
+    uint32_t packets = 0;    // packets taken since creation
     std::vector<BootFault> faults;
     std::vector<uint8_t> params; // the last parameter block of the NFC processor
     bool protected_code = false;

@@ -87,6 +87,30 @@ size_t zsim_display_flash(zsim *sim, uint32_t address, uint8_t *buf, size_t len)
     return n;
 }
 
+void zsim_display_identity(zsim *sim, uint8_t hw_type, uint8_t hw_ver)
+{
+    if (!sim)
+        return;
+    std::lock_guard<std::mutex> lock(sim->mu);
+    zs::Lcd &d = sim->reader.lcd;
+    d.params[20] = hw_type;
+    d.params[21] = hw_ver;
+    std::memcpy(d.params + 26, d.version, 3);
+}
+
+void zsim_display_firmware(zsim *sim, uint32_t image_len, uint8_t major, uint8_t minor, uint8_t build)
+{
+    if (!sim)
+        return;
+    std::lock_guard<std::mutex> lock(sim->mu);
+    zs::Lcd &d = sim->reader.lcd;
+    d.next_len = image_len;
+    d.next_version[0] = major;
+    d.next_version[1] = minor;
+    d.next_version[2] = build;
+    d.next_set = true;
+}
+
 void zsim_boot_loader(zsim *sim, uint32_t image_len, uint8_t major, uint8_t minor, uint8_t build)
 {
     if (!sim)

@@ -196,6 +196,25 @@ void zsim_boot_fault(zsim *sim, uint32_t packet, zsim_packet_fault kind, uint32_
 int zsim_boot_state(zsim *sim, size_t *image_got, uint32_t *packets);
 /* Copies up to len bytes of the image received; returns its whole size. */
 size_t zsim_boot_image(zsim *sim, uint8_t *buf, size_t len);
+/* The display module's identity in its parameter record (bytes 20 and 21: hardware type and version) and the
+ * image its boot loader expects: once the first image_len / 64 blocks of 64 bytes were written after the boot
+ * command, the reboot starts that version (also bytes 26 to 28 of the record). */
+void zsim_display_identity(zsim *sim, uint8_t hw_type, uint8_t hw_ver);
+void zsim_display_firmware(zsim *sim, uint32_t image_len, uint8_t major, uint8_t minor, uint8_t build);
+/* The reader as a USB serial device: served on a pseudo-terminal, shown as DIR/ttyUSB<number> with the
+ * device tree DIR/sys (a USB device 0403:6001 with the serial number), which the library's port enumeration
+ * reads when pointed at DIR and DIR/sys. The device leaves when the reader switches into its boot loader and
+ * when a verified image restarts it, for away_ms of the reader's time (1,000 by default), and comes back as
+ * ttyUSB<next_number> (-1: the same number). The reader's time goes on by zsim_usb_advance. */
+typedef struct zsim_usb zsim_usb;
+zsim_usb *zsim_usb_start(zsim *sim, const char *dir, const char *serial, int number, char *err, size_t err_len);
+void zsim_usb_set_away(zsim_usb *usb, uint32_t away_ms, int next_number);
+void zsim_usb_advance(zsim_usb *usb, uint32_t ms);
+/* The port's path (as it is or will be named); 1 while present, 0 while away. */
+int zsim_usb_port(zsim_usb *usb, char *path, size_t len);
+/* How often the device left the bus. */
+uint32_t zsim_usb_departures(zsim_usb *usb);
+void zsim_usb_free(zsim_usb *usb);
 /* The reader as an NFC tag for a phone (commands 0x48 to 0x4F, 0x76 to 0x7B, 0x9D to 0x9F, 0xE7 with an EXT). */
 typedef struct zsim_emulation {
     uint8_t mode; /* the EEPROM mode byte (address 681): 0xEA tag emulation, 0xCE combined, anything else off */

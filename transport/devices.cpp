@@ -172,7 +172,12 @@ const Port *port_by_name(const std::vector<Port> &ports, const char *name)
 {
     if (!name)
         return nullptr;
-    const char *plain = std::strncmp(name, "/dev/", 5) == 0 ? name + 5 : name;
+    // The ports are also named in the folder of the listed ports, when a test or the simulated readers set
+    // another one.
+    const std::string root = g_dev_root + "/";
+    const char *plain = std::strncmp(name, "/dev/", 5) == 0                  ? name + 5
+                        : std::strncmp(name, root.c_str(), root.size()) == 0 ? name + root.size()
+                                                                             : name;
     for (const Port &p : ports)
         if (p.name == plain && !p.device_id.empty())
             return &p;
@@ -338,7 +343,7 @@ extern "C" ZEL_API int FindCOMPortBySerial(const char *serial, char *port_name, 
             match = same_text_nocase(last_part(p.parent_id), serial);
         if (!match)
             continue;
-        copy_text(port_name, port_name_size, "/dev/" + p.name);
+        copy_text(port_name, port_name_size, g_dev_root + "/" + p.name);
         if (instance_id && instance_id_size)
             copy_text(instance_id, instance_id_size, p.device_id);
         return 1;
