@@ -4,9 +4,13 @@
 //   tandro display show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear
 //   tandro flash IMAGE
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "tandro.h"
 #include "tools/cli.h"
@@ -67,38 +71,88 @@ bool read_whole(const std::string &path, std::vector<uint8_t> &out, size_t max)
     return ok;
 }
 
-// A picture argument: a PNG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes. The library
-// refuses JPEG files, so the tool says so before reaching the reader.
+// A picture argument: a PNG, JPEG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes. The
+// library knows JPEG files by the ending ".jpg", so a ".jpeg" file goes to it under a ".jpg" link in a
+// temporary folder of its own, removed with the argument.
 struct Picture {
     std::string name;
     std::vector<uint8_t> bitmap;
+    std::string link_dir;
+    Picture() = default;
+    Picture(const Picture &) = delete;
+    Picture &operator=(const Picture &) = delete;
+    ~Picture()
+    {
+        if (link_dir.empty())
+            return;
+        ::unlink(name.c_str());
+        ::rmdir(link_dir.c_str());
+    }
     const void *arg() const { return bitmap.empty() ? static_cast<const void *>(name.c_str()) : bitmap.data(); }
 };
 
-bool picture_arg(const std::string &text, Picture &p, std::string &why)
+bool ends_with(const std::string &text, const char *ending)
 {
-    const auto ends = [&](const char *e) { return text.size() > 4 && text.compare(text.size() - 4, 4, e) == 0; };
-    if (ends(".jpg")) {
-        why = "JPEG pictures are not supported; convert the picture to PNG or BMP";
+    const size_t n = std::strlen(ending);
+    return text.size() > n && text.compare(text.size() - n, n, ending) == 0;
+}
+
+// The .jpeg file under a .jpg name: a link to its absolute path in a new folder of the temporary directory.
+// A file that is not there makes a link to nothing, which the library refuses as it refuses a missing .jpg.
+bool jpeg_link(const std::string &text, Picture &p, std::string &why)
+{
+    std::string target = text;
+    if (text.front() != '/') {
+        char *cwd = ::getcwd(nullptr, 0);
+        if (!cwd) {
+            why = "the current folder cannot be named";
+            return false;
+        }
+        target = std::string(cwd) + "/" + text;
+        std::free(cwd);
+    }
+    const char *tmp = std::getenv("TMPDIR");
+    std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/tandro-picture-XXXXXX";
+    if (!::mkdtemp(dir.data())) {
+        why = "no temporary folder for the .jpeg picture";
         return false;
     }
-    if (ends(".png") || ends(".bmp")) {
+    p.link_dir = dir;
+    p.name = dir + "/picture.jpg";
+    if (p.name.size() >= 1024) {
+        why = "the temporary folder's name is too long";
+        return false;
+    }
+    if (::symlink(target.c_str(), p.name.c_str()) != 0) {
+        why = "no temporary link for the .jpeg picture";
+        return false;
+    }
+    return true;
+}
+
+bool picture_arg(const std::string &text, Picture &p, std::string &why)
+{
+    const bool jpeg_long = ends_with(text, ".jpeg");
+    if (jpeg_long || ends_with(text, ".jpg") || ends_with(text, ".png") || ends_with(text, ".bmp")) {
         if (text.size() >= 1024) {
             why = "the picture's name is too long";
             return false;
         }
+        if (jpeg_long)
+            return jpeg_link(text, p, why);
         p.name = text;
         return true;
     }
     if (!read_whole(text, p.bitmap, ZEL_DISPLAY_BITMAP_LEN + 1) || p.bitmap.size() != ZEL_DISPLAY_BITMAP_LEN) {
-        why = "PICTURE is a .png or .bmp file, or a raw bitmap file of 1024 bytes";
+        why = "PICTURE is a .png, .jpg, .jpeg or .bmp file, or a raw bitmap file of 1024 bytes";
         return false;
     }
     return true;
 }
 
 const char kDisplayHelp[] =
-    "usage: tandro display show PICTURE            show a picture (.png, .bmp, or a raw 1024-byte bitmap)\n"
+    "usage: tandro display show PICTURE            show a picture (.png, .jpg, .jpeg, .bmp, or a\n"
+    "                                              raw 1024-byte bitmap)\n"
     "       tandro display text TEXT               print text (at most 249 characters)\n"
     "       tandro display time HH:MM              show the time\n"
     "       tandro display gallery save N PICTURE  keep a picture at gallery index N (0 to 10)\n"
