@@ -42,8 +42,8 @@ foreach(entry IN LISTS names)
   endif()
   # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
   # (Commands still parsing their words by hand are listed until they move to a table.)
-  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover display emulate emv
-      esp features flash https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
+  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover emulate emv
+      esp features https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
       signal signer sleep status store sun value version watch write)
   if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
     execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc

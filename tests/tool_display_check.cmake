@@ -26,8 +26,9 @@ run(gallery_show 0 "^gallery 16 shown\n$" display gallery show 16)
 run(clear 0 "^display cleared\n$" display clear)
 run(flash 0 "8 packets sent, image verified" flash ${WORK}/image.bin)
 run(flash_json 0 "^{\"packets\": 8, \"verified\": true}\n$" --json flash ${WORK}/image.bin)
-run(display_help 0 "^usage: tandro display show PICTURE" display --help)
-run(flash_help 0 "^usage: tandro flash IMAGE" flash --help)
+run(display_help 0 "^usage: tandro \\[OPTIONS\\] display show PICTURE .*display show PICTURE +shows a picture: a .png, .jpg, .jpeg or .bmp file" display --help)
+run(flash_help 0 "^usage: tandro \\[OPTIONS\\] flash IMAGE" flash --help)
+run(display_option 2 "^tandro display: unknown option --fast" display show ${FIXTURES}/python.jpg --fast)
 
 # Refused by the library or the module: exit code 1 and the error object under --json.
 run(show_too_wide 1 "{\"error\": \"show: .*\", \"status\": 32770}" --json display show ${FIXTURES}/wide.png)

@@ -3,6 +3,7 @@
 //
 //   tandro display show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear
 //   tandro flash IMAGE
+// Both take their words through their option tables (tools/options.h), which also make their --help.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -24,14 +26,6 @@ using tandro::Options;
 
 constexpr size_t kTextMax = 249;                // 250 characters and more wrap the module's length byte
 constexpr size_t kImageMax = 16u * 1024 * 1024; // a firmware image larger than this is not one
-
-bool wants_help(const Args &a)
-{
-    for (const std::string &w : a)
-        if (w == "--help" || w == "-h")
-            return true;
-    return false;
-}
 
 int report_failure(const Options &opt, const char *command, const std::string &what, ZEL_STATUS st)
 {
@@ -150,23 +144,29 @@ bool picture_arg(const std::string &text, Picture &p, std::string &why)
     return true;
 }
 
-const char kDisplayHelp[] =
-    "usage: tandro display show PICTURE            show a picture (.png, .jpg, .jpeg, .bmp, or a\n"
-    "                                              raw 1024-byte bitmap)\n"
-    "       tandro display text TEXT               print text (at most 249 characters)\n"
-    "       tandro display time HH:MM              show the time\n"
-    "       tandro display gallery save N PICTURE  keep a picture at gallery index N (0 to 10)\n"
-    "       tandro display gallery show N          show gallery index N\n"
-    "       tandro display clear                   clear the display\n"
-    "A picture larger than 128 x 64 pixels is refused; a smaller one sits in the top left corner.\n";
+const char *DISPLAY_USAGE = "show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear";
 
-int run_display(const Options &opt, const Args &a)
+const tandro::Spec DISPLAY_SPEC = {
+    {
+        {"show PICTURE", "shows a picture: a .png, .jpg, .jpeg or .bmp file, or a raw bitmap file of 1024 bytes"},
+        {"text TEXT", "prints text (at most 249 characters)"},
+        {"time HH:MM", "shows the time"},
+        {"gallery save N PICTURE", "keeps a picture at gallery index N (0 to 10)"},
+        {"gallery show N", "shows gallery index N (0 to 16; 16 is the last picture sent)"},
+        {"clear", "clears the display"},
+    },
+    {},
+    "A picture larger than 128 x 64 pixels is refused; a smaller one sits in the top left corner. Pictures are "
+    "black and white: grey below 128, or red, green and blue adding up to less than 384, is dark.",
+};
+
+int run_display(const Options &opt, const Args &all)
 {
     const char *name = "display";
-    if (wants_help(a)) {
-        std::fputs(kDisplayHelp, stdout);
-        return 0;
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, DISPLAY_SPEC, all, parsed))
+        return 2;
+    const Args &a = parsed.words;
     // Check every argument before the reader is opened.
     std::function<ZEL_STATUS()> step;
     std::string what, done;
@@ -221,10 +221,14 @@ int run_display(const Options &opt, const Args &a)
 
 // ---- flash ----
 
-const char kFlashHelp[] =
-    "usage: tandro flash IMAGE    program the reader's firmware from IMAGE (a binary image)\n"
-    "The reader enters its boot loader, takes the image in 128-byte packets and verifies it; restart the reader\n"
-    "to run the new firmware. With --sim the simulated boot loader expects an image of IMAGE's size.\n";
+const tandro::Spec FLASH_SPEC = {
+    {
+        {"IMAGE", "programs the reader's firmware from IMAGE (a binary image of at most 16 MiB)"},
+    },
+    {},
+    "The reader enters its boot loader, takes the image in 128-byte packets and verifies it; restart the reader "
+    "to run the new firmware. With --sim the simulated boot loader expects an image of IMAGE's size.",
+};
 
 void bar(const Options &opt, uint32_t sent, uint32_t total)
 {
@@ -238,13 +242,13 @@ void bar(const Options &opt, uint32_t sent, uint32_t total)
         std::fputc('\n', stderr);
 }
 
-int run_flash(const Options &opt, const Args &a)
+int run_flash(const Options &opt, const Args &all)
 {
     const char *name = "flash";
-    if (wants_help(a)) {
-        std::fputs(kFlashHelp, stdout);
-        return 0;
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, FLASH_SPEC, all, parsed))
+        return 2;
+    const Args &a = parsed.words;
     if (a.size() != 1)
         return tandro::usage_error(name, "IMAGE (tandro flash --help)");
     std::vector<uint8_t> image;
@@ -287,9 +291,9 @@ int run_flash(const Options &opt, const Args &a)
     return verified ? 0 : 1;
 }
 
-const tandro::Registration display_cmd({"display", "show|text|time|gallery|clear ...",
-                                        "pictures, text and the time on the display module", run_display, true});
+const tandro::Registration display_cmd({"display", DISPLAY_USAGE, "pictures, text and the time on the display module",
+                                        run_display, false, &DISPLAY_SPEC});
 const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader", run_flash,
-                                      true});
+                                      false, &FLASH_SPEC});
 
 } // namespace
