@@ -83,24 +83,17 @@ ZEL_STATUS jpeg_pixels(const uint8_t *data, size_t len, uint8_t pixels[kPixelsMa
     jpeg_mem_src(&info, data, static_cast<unsigned long>(len));
     // The header alone first: a picture the display cannot take is refused before anything is decoded.
     jpeg_read_header(&info, TRUE);
-    if (info.image_width == 0 || info.image_height == 0 || info.image_width > kWidth ||
-        info.image_height > kHeight) {
+    if (info.image_width == 0 || info.image_height == 0 || info.image_width > kWidth || info.image_height > kHeight) {
         jpeg_destroy_decompress(&info);
         return ZEL_DISPLAY_IMAGE_DIMENSION_ERROR;
     }
     // Grey stays grey; YCbCr and RGB come out as RGB. CMYK and YCCK (and anything else) are refused: the
     // threshold has no meaning for ink.
     switch (info.jpeg_color_space) {
-    case JCS_GRAYSCALE:
-        info.out_color_space = JCS_GRAYSCALE;
-        break;
+    case JCS_GRAYSCALE: info.out_color_space = JCS_GRAYSCALE; break;
     case JCS_YCbCr:
-    case JCS_RGB:
-        info.out_color_space = JCS_RGB;
-        break;
-    default:
-        jpeg_destroy_decompress(&info);
-        return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
+    case JCS_RGB: info.out_color_space = JCS_RGB; break;
+    default: jpeg_destroy_decompress(&info); return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     }
     jpeg_start_decompress(&info);
     const int comps = info.output_components;

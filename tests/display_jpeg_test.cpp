@@ -100,16 +100,10 @@ bool encode_raw(int w, int h, const Options &o, const uint8_t *pixels, unsigned 
     info.image_width = static_cast<JDIMENSION>(w);
     info.image_height = static_cast<JDIMENSION>(h);
     switch (o.kind) {
-    case Kind::Grey:
-        info.input_components = 1, info.in_color_space = JCS_GRAYSCALE;
-        break;
-    case Kind::Rgb:
-        info.input_components = 3, info.in_color_space = JCS_RGB;
-        break;
+    case Kind::Grey: info.input_components = 1, info.in_color_space = JCS_GRAYSCALE; break;
+    case Kind::Rgb: info.input_components = 3, info.in_color_space = JCS_RGB; break;
     case Kind::Cmyk:
-    case Kind::Ycck:
-        info.input_components = 4, info.in_color_space = JCS_CMYK;
-        break;
+    case Kind::Ycck: info.input_components = 4, info.in_color_space = JCS_CMYK; break;
     }
     jpeg_set_defaults(&info);
     if (o.kind == Kind::Ycck)
