@@ -6,6 +6,8 @@
 #                                   layer a file not named is an error (every file of the folder is named)
 #   zel_layer(layer below...)       makes the layer's target zel_<layer>, standing on the layers below; a
 #                                   layer with no files named is the folder of its name, all of it
+#   zel_layer_libs(layer lib...)   libraries that the layer alone uses (not the ones every layer links): the
+#                                   layer links them, and so do the layering check and the libraries
 #   zel_layering_check()            one scratch shared object per layer, linked with -Wl,--no-undefined
 #                                   from the layer and the layers below only, built by layering_check
 
@@ -96,18 +98,31 @@ function(zel_layer layer)
   set(ZEL_LAYERS ${ZEL_LAYERS} ${layer} PARENT_SCOPE)
 endfunction()
 
+function(zel_layer_libs layer)
+  if(NOT layer IN_LIST ZEL_LAYERS)
+    message(FATAL_ERROR "zel_layer_libs: no layer ${layer}")
+  endif()
+  set_property(GLOBAL APPEND PROPERTY ZEL_LAYER_${layer}_LIBS ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY ZEL_LAYER_LIBS ${ARGN})
+  target_link_libraries(zel_${layer} PRIVATE ${ARGN})
+endfunction()
+
 function(zel_layering_check)
   add_custom_target(layering_check)
   foreach(layer ${ZEL_LAYERS})
     get_property(below GLOBAL PROPERTY ZEL_LAYER_${layer}_BELOW)
     set(objects $<TARGET_OBJECTS:zel_${layer}>)
+    get_property(libs GLOBAL PROPERTY ZEL_LAYER_${layer}_LIBS)
     foreach(dep ${below})
       list(APPEND objects $<TARGET_OBJECTS:zel_${dep}>)
+      get_property(dep_libs GLOBAL PROPERTY ZEL_LAYER_${dep}_LIBS)
+      list(APPEND libs ${dep_libs})
     endforeach()
     add_library(zel_layering_${layer} SHARED EXCLUDE_FROM_ALL ${objects})
     set_target_properties(zel_layering_${layer} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/layering)
     target_link_options(zel_layering_${layer} PRIVATE -Wl,--no-undefined)
-    target_link_libraries(zel_layering_${layer} PRIVATE OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads ${CMAKE_DL_LIBS})
+    target_link_libraries(zel_layering_${layer} PRIVATE ${libs} OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads
+                          ${CMAKE_DL_LIBS})
     add_dependencies(layering_check zel_layering_${layer})
   endforeach()
 endfunction()

@@ -36,9 +36,23 @@ void bitmap_to_strips(const uint8_t *bitmap, uint8_t strips[kStripsLen]);
 // The inverse, for the tests: the strips as 64 rows of 16 bytes.
 void strips_to_bitmap(const uint8_t strips[kStripsLen], uint8_t bitmap[kStripsLen]);
 
+// The decoded pixels of a picture the display takes: at most 128 by 64, at most three channels of 8 bits.
+constexpr size_t kPixelsMax = static_cast<size_t>(kWidth) * kHeight * 3;
+
+// True when the data starts with a JPEG start-of-image marker.
+bool is_jpeg(const uint8_t *data, size_t len);
+// A JPEG picture decoded through libjpeg-turbo into pixels, rows one after the other with no padding: grey
+// (one channel) or RGB (three). The header is read first and a picture larger than the display gives
+// ZEL_DISPLAY_IMAGE_DIMENSION_ERROR before anything is decoded; data the decoder finds corrupt or cut short,
+// CMYK and YCCK pictures, and anything it cannot decode give ZEL_DISPLAY_IMAGE_LOAD_ERROR. Never ends the
+// process and never prints.
+ZEL_STATUS jpeg_pixels(const uint8_t *data, size_t len, uint8_t pixels[kPixelsMax], int *width, int *height,
+                       int *channels);
+
 // Decodes a picture (PNG, JPEG or BMP) held in memory or in an open file (read whole, up to kFileMax bytes)
-// into the strips. Its size is read with stbi_info before anything is decoded: a picture wider than 128 or
-// higher than 64 is refused without decoding it, and so is a PNG whose chunks claim more than the file holds.
+// into the strips. JPEG goes through jpeg_pixels, PNG and BMP through stb_image. Its size is read before
+// anything is decoded: a picture wider than 128 or higher than 64 is refused without decoding it, and so is a
+// PNG whose chunks claim more than the file holds.
 ZEL_STATUS picture_from_memory(const uint8_t *data, size_t len, uint8_t strips[kStripsLen]);
 ZEL_STATUS picture_from_file(std::FILE *file, uint8_t strips[kStripsLen]);
 // Opens and decodes the named file.

@@ -1,5 +1,5 @@
-// Pictures for the display module: files decoded to 8 bits per channel and thresholded, raw bitmaps dealt into
-// the module's four strips of 32 columns.
+// Pictures for the display module: files decoded to 8 bits per channel (JPEG through libjpeg-turbo, PNG and
+// BMP through stb_image) and thresholded, raw bitmaps dealt into the module's four strips of 32 columns.
 #include <cstring>
 #include <vector>
 
@@ -127,7 +127,12 @@ ZEL_STATUS picture_from_memory(const uint8_t *data, size_t len, uint8_t strips[k
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     const int n = static_cast<int>(len);
     int w = 0, h = 0, channels = 0;
-    // JPEG is not among the decoder's formats (display/stb_image.cpp), so its files end here.
+    if (is_jpeg(data, len)) {
+        std::vector<uint8_t> pixels(kPixelsMax);
+        const ZEL_STATUS status = jpeg_pixels(data, len, pixels.data(), &w, &h, &channels);
+        return status ? status : threshold(pixels.data(), w, h, channels, strips);
+    }
+    // stb_image is built without its JPEG decoder (display/stb_image.cpp).
     if (!stbi_info_from_memory(data, n, &w, &h, &channels))
         return ZEL_DISPLAY_IMAGE_LOAD_ERROR;
     if (!size_fits(w, h))

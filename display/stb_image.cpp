@@ -1,5 +1,6 @@
-// The picture decoder: PNG and BMP only, compiled once and on its own. The JPEG decoder of this stb_image
-// (2.27) reads past its Huffman tables on malformed data, so it is not compiled in at all.
+// The PNG and BMP decoder, compiled once and on its own. The JPEG decoder of this stb_image (2.27) reads past
+// its Huffman tables on malformed data, so it is not compiled in: JPEG goes through libjpeg-turbo
+// (display/jpeg.cpp).
 #pragma GCC diagnostic push
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wunknown-warning-option"

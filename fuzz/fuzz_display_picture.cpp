@@ -1,5 +1,7 @@
-// Picture files for the display module: PNG, JPEG and BMP from arbitrary bytes. The size is read first and a
-// picture larger than the display is refused before decoding, so decoding bombs cost nothing.
+// Picture files for the display module: PNG, JPEG and BMP from arbitrary bytes, JPEG through libjpeg-turbo
+// (whose errors must come back as statuses, never end the process) and the others through stb_image. The
+// size is read first and a picture larger than the display is refused before decoding, so decoding bombs
+// cost nothing.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,5 +1,5 @@
-/* The display module of 128 by 64 pixels behind the reader: pictures (from PNG and BMP files or raw
- * bitmaps; JPEG files are refused with ZEL_DISPLAY_IMAGE_LOAD_ERROR), its gallery, text, the time, user-interface signals, and the module's boot loader and flash. */
+/* The display module of 128 by 64 pixels behind the reader: pictures (from PNG, JPEG and BMP files or raw
+ * bitmaps), its gallery, text, the time, user-interface signals, and the module's boot loader and flash. */
 #ifndef ZEL_DISPLAY_H
 #define ZEL_DISPLAY_H
 

@@ -159,7 +159,7 @@ TEST(DisplayPicture, TheSamePictureInThreeFormatsMatchesItsUncompressedPixels)
         const uint8_t *p = ppm.data() + head.size() + (y * 16 + x) * 3;
         return p[0] + p[1] + p[2] < 384;
     };
-    for (const char *name : {"python.png", "python.bmp"}) {
+    for (const char *name : {"python.png", "python.bmp", "python.jpg"}) {
         uint8_t strips[1024];
         ASSERT_EQ(disp::picture_from_path((kDir + name).c_str(), strips), ZEL_OK) << name;
         int wrong = 0, outside = 0;
@@ -170,12 +170,10 @@ TEST(DisplayPicture, TheSamePictureInThreeFormatsMatchesItsUncompressedPixels)
                 else
                     outside += dark(strips, x, y);
             }
-        EXPECT_EQ(wrong, 0) << name;
+        // The JPEG is lossy (and its colour halved): a few pixels near the threshold may fall the other way.
+        EXPECT_LE(wrong, std::string(name).ends_with(".jpg") ? 12 : 0) << name;
         EXPECT_EQ(outside, 0) << name;
     }
-    // JPEG is refused before the decoder sees it: the system's decoder reads out of bounds on hostile data.
-    uint8_t strips[1024];
-    EXPECT_EQ(disp::picture_from_path((kDir + "python.jpg").c_str(), strips), ZEL_DISPLAY_IMAGE_LOAD_ERROR);
 }
 
 TEST(DisplayPicture, PicturesTheModuleCannotTakeAreRefused)

@@ -42,7 +42,7 @@ foreach(entry IN LISTS names)
   endif()
   # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
   # (Commands still parsing their words by hand are listed until they move to a table.)
-  set(hand_parsed card cards desfire desfire-key display flash mrz passport read value write)
+  set(hand_parsed card cards desfire desfire-key mrz passport read value write)
   if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
     execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc
                     OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 30)

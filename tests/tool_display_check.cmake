@@ -19,17 +19,40 @@ run(show_raw_json 0 "^{\"done\": \"picture shown\"}\n$" --json display show ${WO
 run(text 0 "^text shown\n$" display text "Hello")
 run(time_json 0 "^{\"done\": \"time shown\"}\n$" --json display time 7:05)
 run(gallery_save 0 "^picture saved at 10\n$" display gallery save 10 ${FIXTURES}/corner.bmp)
-run(show_jpeg 2 "JPEG pictures are not supported" display show ${FIXTURES}/python.jpg)
+run(show_jpeg 0 "^picture shown\n$" display show ${FIXTURES}/python.jpg)
+run(show_jpeg_json 0 "^{\"done\": \"picture shown\"}\n$" --json display show ${FIXTURES}/python.jpg)
+run(gallery_save_jpeg 0 "^picture saved at 3\n$" display gallery save 3 ${FIXTURES}/python.jpg)
 run(gallery_show 0 "^gallery 16 shown\n$" display gallery show 16)
 run(clear 0 "^display cleared\n$" display clear)
 run(flash 0 "8 packets sent, image verified" flash ${WORK}/image.bin)
 run(flash_json 0 "^{\"packets\": 8, \"verified\": true}\n$" --json flash ${WORK}/image.bin)
-run(display_help 0 "^usage: tandro display show PICTURE" display --help)
-run(flash_help 0 "^usage: tandro flash IMAGE" flash --help)
+run(display_help 0 "^usage: tandro \\[OPTIONS\\] display show PICTURE .*display show PICTURE +shows a picture: a .png, .jpg, .jpeg or .bmp file" display --help)
+run(flash_help 0 "^usage: tandro \\[OPTIONS\\] flash IMAGE" flash --help)
+run(display_option 2 "^tandro display: unknown option --fast" display show ${FIXTURES}/python.jpg --fast)
 
 # Refused by the library or the module: exit code 1 and the error object under --json.
 run(show_too_wide 1 "{\"error\": \"show: .*\", \"status\": 32770}" --json display show ${FIXTURES}/wide.png)
 run(show_missing 1 "ZEL_DISPLAY_IMAGE_LOAD_ERROR" display show ${WORK}/none.png)
+# A JPEG the decoder refuses: the error object and the one-line message, nothing from the decoder.
+string(ASCII 255 216 255 219 soi)
+file(WRITE ${WORK}/broken.jpg "${soi}not a picture")
+run(show_broken_jpeg 1 "^{\"error\": \"show: [^\"]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\", \"status\": 32769}\ntandro display: show: [^\n]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\n$"
+    --json display show ${WORK}/broken.jpg)
+
+# A .jpeg name goes to the library through a temporary .jpg link, removed afterwards; one that is not there is
+# refused as a missing .jpg is.
+file(COPY_FILE ${FIXTURES}/python.jpg ${WORK}/python.jpeg)
+file(REMOVE_RECURSE ${WORK}/tmp)
+file(MAKE_DIRECTORY ${WORK}/tmp)
+execute_process(COMMAND ${CMAKE_COMMAND} -E env TMPDIR=${WORK}/tmp ${TOOL} --sim --json display show ${WORK}/python.jpeg
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 60)
+file(GLOB left ${WORK}/tmp/*)
+if(NOT rc EQUAL 0 OR NOT "${out}${err}" STREQUAL "{\"done\": \"picture shown\"}\n" OR left)
+  message(SEND_ERROR "show_jpeg_long: exit ${rc}, left behind: ${left}\n--- output:\n${out}${err}")
+else()
+  message(STATUS "show_jpeg_long: ok")
+endif()
+run(show_jpeg_long_missing 1 "ZEL_DISPLAY_IMAGE_LOAD_ERROR" display show ${WORK}/none.jpeg)
 
 # Refused before the reader is asked.
 string(REPEAT "x" 250 long_text)

@@ -3,13 +3,19 @@
 //
 //   tandro display show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear
 //   tandro flash IMAGE
+// Both take their words through their option tables (tools/options.h), which also make their --help.
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -20,14 +26,6 @@ using tandro::Options;
 
 constexpr size_t kTextMax = 249;                // 250 characters and more wrap the module's length byte
 constexpr size_t kImageMax = 16u * 1024 * 1024; // a firmware image larger than this is not one
-
-bool wants_help(const Args &a)
-{
-    for (const std::string &w : a)
-        if (w == "--help" || w == "-h")
-            return true;
-    return false;
-}
 
 int report_failure(const Options &opt, const char *command, const std::string &what, ZEL_STATUS st)
 {
@@ -67,52 +65,108 @@ bool read_whole(const std::string &path, std::vector<uint8_t> &out, size_t max)
     return ok;
 }
 
-// A picture argument: a PNG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes. The library
-// refuses JPEG files, so the tool says so before reaching the reader.
+// A picture argument: a PNG, JPEG or BMP file by name, or a raw bitmap file of exactly 1,024 bytes. The
+// library knows JPEG files by the ending ".jpg", so a ".jpeg" file goes to it under a ".jpg" link in a
+// temporary folder of its own, removed with the argument.
 struct Picture {
     std::string name;
     std::vector<uint8_t> bitmap;
+    std::string link_dir;
+    Picture() = default;
+    Picture(const Picture &) = delete;
+    Picture &operator=(const Picture &) = delete;
+    ~Picture()
+    {
+        if (link_dir.empty())
+            return;
+        ::unlink(name.c_str());
+        ::rmdir(link_dir.c_str());
+    }
     const void *arg() const { return bitmap.empty() ? static_cast<const void *>(name.c_str()) : bitmap.data(); }
 };
 
-bool picture_arg(const std::string &text, Picture &p, std::string &why)
+bool ends_with(const std::string &text, const char *ending)
 {
-    const auto ends = [&](const char *e) { return text.size() > 4 && text.compare(text.size() - 4, 4, e) == 0; };
-    if (ends(".jpg")) {
-        why = "JPEG pictures are not supported; convert the picture to PNG or BMP";
-        return false;
-    }
-    if (ends(".png") || ends(".bmp")) {
-        if (text.size() >= 1024) {
-            why = "the picture's name is too long";
+    const size_t n = std::strlen(ending);
+    return text.size() > n && text.compare(text.size() - n, n, ending) == 0;
+}
+
+// The .jpeg file under a .jpg name: a link to its absolute path in a new folder of the temporary directory.
+// A file that is not there makes a link to nothing, which the library refuses as it refuses a missing .jpg.
+bool jpeg_link(const std::string &text, Picture &p, std::string &why)
+{
+    std::string target = text;
+    if (text.front() != '/') {
+        char *cwd = ::getcwd(nullptr, 0);
+        if (!cwd) {
+            why = "the current folder cannot be named";
             return false;
         }
-        p.name = text;
-        return true;
+        target = std::string(cwd) + "/" + text;
+        std::free(cwd);
     }
-    if (!read_whole(text, p.bitmap, ZEL_DISPLAY_BITMAP_LEN + 1) || p.bitmap.size() != ZEL_DISPLAY_BITMAP_LEN) {
-        why = "PICTURE is a .png or .bmp file, or a raw bitmap file of 1024 bytes";
+    const char *tmp = std::getenv("TMPDIR");
+    std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/tandro-picture-XXXXXX";
+    if (!::mkdtemp(dir.data())) {
+        why = "no temporary folder for the .jpeg picture";
+        return false;
+    }
+    p.link_dir = dir;
+    p.name = dir + "/picture.jpg";
+    if (p.name.size() >= 1024) {
+        why = "the temporary folder's name is too long";
+        return false;
+    }
+    if (::symlink(target.c_str(), p.name.c_str()) != 0) {
+        why = "no temporary link for the .jpeg picture";
         return false;
     }
     return true;
 }
 
-const char kDisplayHelp[] =
-    "usage: tandro display show PICTURE            show a picture (.png, .bmp, or a raw 1024-byte bitmap)\n"
-    "       tandro display text TEXT               print text (at most 249 characters)\n"
-    "       tandro display time HH:MM              show the time\n"
-    "       tandro display gallery save N PICTURE  keep a picture at gallery index N (0 to 10)\n"
-    "       tandro display gallery show N          show gallery index N\n"
-    "       tandro display clear                   clear the display\n"
-    "A picture larger than 128 x 64 pixels is refused; a smaller one sits in the top left corner.\n";
+bool picture_arg(const std::string &text, Picture &p, std::string &why)
+{
+    const bool jpeg_long = ends_with(text, ".jpeg");
+    if (jpeg_long || ends_with(text, ".jpg") || ends_with(text, ".png") || ends_with(text, ".bmp")) {
+        if (text.size() >= 1024) {
+            why = "the picture's name is too long";
+            return false;
+        }
+        if (jpeg_long)
+            return jpeg_link(text, p, why);
+        p.name = text;
+        return true;
+    }
+    if (!read_whole(text, p.bitmap, ZEL_DISPLAY_BITMAP_LEN + 1) || p.bitmap.size() != ZEL_DISPLAY_BITMAP_LEN) {
+        why = "PICTURE is a .png, .jpg, .jpeg or .bmp file, or a raw bitmap file of 1024 bytes";
+        return false;
+    }
+    return true;
+}
 
-int run_display(const Options &opt, const Args &a)
+const char *DISPLAY_USAGE = "show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear";
+
+const tandro::Spec DISPLAY_SPEC = {
+    {
+        {"show PICTURE", "shows a picture: a .png, .jpg, .jpeg or .bmp file, or a raw bitmap file of 1024 bytes"},
+        {"text TEXT", "prints text (at most 249 characters)"},
+        {"time HH:MM", "shows the time"},
+        {"gallery save N PICTURE", "keeps a picture at gallery index N (0 to 10)"},
+        {"gallery show N", "shows gallery index N (0 to 16; 16 is the last picture sent)"},
+        {"clear", "clears the display"},
+    },
+    {},
+    "A picture larger than 128 x 64 pixels is refused; a smaller one sits in the top left corner. Pictures are "
+    "black and white: grey below 128, or red, green and blue adding up to less than 384, is dark.",
+};
+
+int run_display(const Options &opt, const Args &all)
 {
     const char *name = "display";
-    if (wants_help(a)) {
-        std::fputs(kDisplayHelp, stdout);
-        return 0;
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, DISPLAY_SPEC, all, parsed))
+        return 2;
+    const Args &a = parsed.words;
     // Check every argument before the reader is opened.
     std::function<ZEL_STATUS()> step;
     std::string what, done;
@@ -167,10 +221,14 @@ int run_display(const Options &opt, const Args &a)
 
 // ---- flash ----
 
-const char kFlashHelp[] =
-    "usage: tandro flash IMAGE    program the reader's firmware from IMAGE (a binary image)\n"
-    "The reader enters its boot loader, takes the image in 128-byte packets and verifies it; restart the reader\n"
-    "to run the new firmware. With --sim the simulated boot loader expects an image of IMAGE's size.\n";
+const tandro::Spec FLASH_SPEC = {
+    {
+        {"IMAGE", "programs the reader's firmware from IMAGE (a binary image of at most 16 MiB)"},
+    },
+    {},
+    "The reader enters its boot loader, takes the image in 128-byte packets and verifies it; restart the reader "
+    "to run the new firmware. With --sim the simulated boot loader expects an image of IMAGE's size.",
+};
 
 void bar(const Options &opt, uint32_t sent, uint32_t total)
 {
@@ -184,13 +242,13 @@ void bar(const Options &opt, uint32_t sent, uint32_t total)
         std::fputc('\n', stderr);
 }
 
-int run_flash(const Options &opt, const Args &a)
+int run_flash(const Options &opt, const Args &all)
 {
     const char *name = "flash";
-    if (wants_help(a)) {
-        std::fputs(kFlashHelp, stdout);
-        return 0;
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, FLASH_SPEC, all, parsed))
+        return 2;
+    const Args &a = parsed.words;
     if (a.size() != 1)
         return tandro::usage_error(name, "IMAGE (tandro flash --help)");
     std::vector<uint8_t> image;
@@ -233,9 +291,9 @@ int run_flash(const Options &opt, const Args &a)
     return verified ? 0 : 1;
 }
 
-const tandro::Registration display_cmd({"display", "show|text|time|gallery|clear ...",
-                                        "pictures, text and the time on the display module", run_display, true});
+const tandro::Registration display_cmd({"display", DISPLAY_USAGE, "pictures, text and the time on the display module",
+                                        run_display, false, &DISPLAY_SPEC});
 const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader", run_flash,
-                                      true});
+                                      false, &FLASH_SPEC});
 
 } // namespace
