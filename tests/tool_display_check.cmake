@@ -31,12 +31,12 @@ run(flash_help 0 "^usage: tandro \\[OPTIONS\\] flash IMAGE" flash --help)
 run(display_option 2 "^tandro display: unknown option --fast" display show ${FIXTURES}/python.jpg --fast)
 
 # Refused by the library or the module: exit code 1 and the error object under --json.
-run(show_too_wide 1 "{\"error\": \"show: .*\", \"status\": 32770}" --json display show ${FIXTURES}/wide.png)
+run(show_too_wide 1 "{\"error\": \"show: .*\", \"status\": 32770, \"status_text\": \"[^\"]*ZEL_DISPLAY_IMAGE_DIMENSION_ERROR\"}" --json display show ${FIXTURES}/wide.png)
 run(show_missing 1 "ZEL_DISPLAY_IMAGE_LOAD_ERROR" display show ${WORK}/none.png)
 # A JPEG the decoder refuses: the error object and the one-line message, nothing from the decoder.
 string(ASCII 255 216 255 219 soi)
 file(WRITE ${WORK}/broken.jpg "${soi}not a picture")
-run(show_broken_jpeg 1 "^{\"error\": \"show: [^\"]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\", \"status\": 32769}\ntandro display: show: [^\n]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\n$"
+run(show_broken_jpeg 1 "^{\"error\": \"show: [^\"]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\", \"status\": 32769, \"status_text\": \"[^\"]*\"}\ntandro display: show: [^\n]*ZEL_DISPLAY_IMAGE_LOAD_ERROR\n$"
     --json display show ${WORK}/broken.jpg)
 
 # A .jpeg name goes to the library through a temporary .jpg link, removed afterwards; one that is not there is

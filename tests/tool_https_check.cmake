@@ -16,7 +16,7 @@ run(unknown 2 "^tandro https: unknown option --bogus" https https://127.0.0.1/ -
 run(two_urls 2 "^tandro https: unknown argument 'https://127.0.0.2/'" https https://127.0.0.1/ https://127.0.0.2/)
 run(pin_missing 2 "^tandro https: --pin needs a value" https https://127.0.0.1/ --card --pin)
 run(insecure_ca 2 "^tandro https: --insecure does not go with --ca" https --insecure https://127.0.0.1/ --ca=c.pem)
-run(missing_cert 1 "^{\"error\": \"--cert ${WORK}/none.pem: no certificate\"}" --json https https://127.0.0.1:1/
+run(missing_cert 1 "^{\"error\": \"--cert ${WORK}/none.pem: no certificate\", \"status\": null, \"status_text\": null}" --json https https://127.0.0.1:1/
     --insecure --cert ${WORK}/none.pem --key ${WORK}/none.key)
 run(missing_ca 1 "^{\"error\": \"--ca ${WORK}/none.pem: .*FILE_NOT_EXISTS" --json https https://127.0.0.1:1/
     --ca ${WORK}/none.pem)

@@ -16,7 +16,7 @@ run(perso_minimal_nine 0 "personalised and committed" mfp perso-minimal ${K} ${K
 run(perso_write 0 "^block 0xA080 written\n$" mfp perso 0xA080 "00:11:22:33 44 55 66 77 88 99 aa bb cc dd ee ff")
 run(commit 0 "^{\"result\": \"personalisation committed\"}\n$" --json mfp commit)
 run(switch 0 "^switched to level 3\n$" mfp switch-level ${FF})
-run(switch_wrong_key 1 "^{\"error\": \"switch to level 3: \\[0x0E \\(14\\)\\] ZEL_AUTH_ERROR\"}\n" --json mfp switch-level ${K})
+run(switch_wrong_key 1 "^{\"error\": \"switch to level 3: \\[0x0E \\(14\\)\\] ZEL_AUTH_ERROR\", \"status\": 14, \"status_text\": \"\\[0x0E \\(14\\)\\] ZEL_AUTH_ERROR\"}\n" --json mfp switch-level ${K})
 run(sector_key 0 "^sector 39 key written\n$" mfp change-key sector 39 0x80 ${FF} ${K} 2)
 run(master_key 0 "^{\"result\": \"master key written\"}\n$" --json mfp change-key master ${FF} ${K})
 run(uid 0 "^{\"uid\": \"045A1122334480\", \"length\": 7}\n$" --json mfp uid ${FF} ${FF})

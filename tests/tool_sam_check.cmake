@@ -21,7 +21,7 @@ run(entries_progress 0 "reading \\[#+\\] 128/128" sam entries)
 run(auth_av2 0 "^authenticated \\(av2\\) with key entry 0 version 1\n$" sam --key ${zero} --ver 1 authenticate av2)
 run(auth_av2_json 0 "^{\"authenticated\": true, \"form\": \"av2\", \"entry\": 0, \"version\": 0}\n$"
     --json sam --key ${zero} --host-mode 2 authenticate av2)
-run(auth_wrong_key 1 "^{\"error\": \"\\[0x2000 \\(8192\\)\\] ZEL_SAM_APDU_ERROR\", \"step\": \"authenticate\", \"status\": 8192, \"sw\": \"6982\"}\n"
+run(auth_wrong_key 1 "^{\"error\": \"\\[0x2000 \\(8192\\)\\] ZEL_SAM_APDU_ERROR\", \"step\": \"authenticate\", \"status\": 8192, \"sw\": \"6982\", \"status_text\": \"\\[0x2000 \\(8192\\)\\] ZEL_SAM_APDU_ERROR\"}\n"
     --json sam --key ${secret} authenticate av2)
 run(auth_des_in_av2 1 "^tandro sam: authenticate: [^\n]*ZEL_AUTH_ERROR\n$" sam authenticate des)
 run(change_aes 0 "^key entry 5 written \\(aes\\)\n$" sam --key ${zero} change-key 5 aes ${secret})

@@ -62,13 +62,9 @@ bool parse_key(const std::string &text, KeyArg &k)
     return false;
 }
 
-int fail(const tandro::Options &opt, const std::string &what, ZEL_STATUS st)
+int fail(const tandro::Options &, const std::string &what, ZEL_STATUS st)
 {
-    const std::string text = what + ": " + ZEL_Status2String(st);
-    if (opt.json)
-        std::printf("{\"error\": %s}\n", tandro::json_string(text).c_str());
-    std::fprintf(stderr, "tandro mfp: %s\n", text.c_str());
-    return 1;
+    return tandro::fail("mfp", what, st);
 }
 
 int done(const tandro::Options &opt, const std::string &text)

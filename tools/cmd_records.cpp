@@ -49,13 +49,9 @@ const tandro::Spec BALANCE_SPEC = {
     "number as its address. A read settles an interrupted update.",
 };
 
-int fail(const tandro::Options &opt, const char *command, const std::string &what, ZEL_STATUS st)
+int fail(const tandro::Options &, const char *command, const std::string &what, ZEL_STATUS st)
 {
-    const std::string text = what + ": " + ZEL_Status2String(st);
-    if (opt.json)
-        std::printf("{\"error\": %s}\n", tandro::json_string(text).c_str());
-    std::fprintf(stderr, "tandro %s: %s\n", command, text.c_str());
-    return 1;
+    return tandro::fail(command, what, st);
 }
 
 // "HH:MM" with an hour below 24 and a minute below 60.
