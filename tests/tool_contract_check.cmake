@@ -42,9 +42,9 @@ foreach(entry IN LISTS names)
   endif()
   # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
   # (Commands still parsing their words by hand are listed until they move to a table.)
-  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover display emulate emv
-      esp features flash https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
-      signal signer sleep status store sun value version watch write)
+  set(hand_parsed apdu balance cert config demo devices discover display emulate emv esp features flash https info
+      iso15693 led mfp ndef ntag424 ping readers records rf sam se signal signer sleep status store sun version
+      watch)
   if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
     execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc
                     OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 30)
@@ -91,6 +91,15 @@ json(usage_error 2 read)
 json(unknown_command 2 no-such-command)
 json(reader_failure 1 value read 5)
 json(card_refused 1 desfire --no-auth read A1B2C3 9)
+json(card 0 card)
+json(value_read 0 value read 6)
+json(write_block 0 write 4 00112233445566778899AABBCCDDEEFF)
+json(mrz 0 mrz "P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<" "L898902C36UTO7408122F1204159ZE184226B<<<<<10")
+json(mrz_bad 1 mrz "P<UTOERIKSSON<<ANNA<MARIA<<<<<<<<<<<<<<<<<<<" "L898902C37UTO7408122F1204159ZE184226B<<<<<10")
+json(passport 0 passport)
+json(dump 0 dump ${WORK}/contract-dump.bin)
+json(restore 0 restore ${WORK}/contract-dump.bin)
+json(restore_missing 2 restore ${WORK}/no-such-image.bin)
 
 # Opening errors say why, with the system's words.
 execute_process(COMMAND ${TOOL} --port ${WORK}/no-such-tty card RESULT_VARIABLE rc ERROR_VARIABLE err)
