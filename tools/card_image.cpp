@@ -130,7 +130,8 @@ bool parse_key_file(const uint8_t *data, size_t size, KeyFileFormat format, std:
         if (size == 0)
             format = KeyFileFormat::BINARY;
     }
-    const bool ok = format == KeyFileFormat::TEXT ? parse_text(data, size, out, err) : parse_binary(data, size, out, err);
+    const bool ok =
+        format == KeyFileFormat::TEXT ? parse_text(data, size, out, err) : parse_binary(data, size, out, err);
     if (!ok)
         out.clear();
     return ok;
@@ -179,8 +180,9 @@ std::string trailer_fault(const uint8_t trailer[16])
     if (!access_codes(trailer + 6, codes)) {
         char bytes[8];
         std::snprintf(bytes, sizeof bytes, "%02X%02X%02X", trailer[6], trailer[7], trailer[8]);
-        return std::string("access bytes ") + bytes + " are not valid (each bit must come once plain and once "
-                                                        "inverted); the card would lock the sector for good";
+        return std::string("access bytes ") + bytes +
+               " are not valid (each bit must come once plain and once "
+               "inverted); the card would lock the sector for good";
     }
     return "";
 }

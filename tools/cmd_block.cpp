@@ -402,7 +402,6 @@ const tandro::Registration write_cmd({"write", "BLOCK DATA [--pad] | --linear AD
                                       "a block (16 bytes) or a run of the linear space", run_write, false,
                                       &WRITE_SPEC});
 const tandro::Registration value_cmd({"value", "read|write|inc|dec BLOCK [N] [--address A] [KEY]",
-                                      "value blocks: read, set, increment, decrement", run_value, false,
-                                      &VALUE_SPEC});
+                                      "value blocks: read, set, increment, decrement", run_value, false, &VALUE_SPEC});
 
 } // namespace

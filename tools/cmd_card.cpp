@@ -185,8 +185,7 @@ int run_cards(const tandro::Options &opt, const tandro::Args &all)
     if (off && parsed.has("--select"))
         return tandro::usage_error("cards", "--select and --off exclude each other");
     std::vector<uint8_t> uid;
-    if (parsed.has("--select") &&
-        (!tandro::parse_hex(select, uid) || uid.empty() || uid.size() > ZEL_UID_MAX_LEN))
+    if (parsed.has("--select") && (!tandro::parse_hex(select, uid) || uid.empty() || uid.size() > ZEL_UID_MAX_LEN))
         return tandro::usage_error("cards", "--select takes a UID in hexadecimal");
     tandro::ReaderSession session;
     if (!session.open("cards", opt))

@@ -554,8 +554,9 @@ int sub_write(Ctx &c)
         return tandro::usage_error("desfire", c.sub + ": " + c.usage);
     const auto &forms = c.sub == "write" ? kWriteStd : kWriteRecord;
     tandro::LinkProgress bar(*c.opt, c.hnd, c.sub.c_str(), data.size());
-    const ZEL_STATUS st = run_form(c, forms, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
-                                   static_cast<uint16_t>(data.size()), c.comm, static_cast<const uint8_t *>(data.data()));
+    const ZEL_STATUS st =
+        run_form(c, forms, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off), static_cast<uint16_t>(data.size()),
+                 c.comm, static_cast<const uint8_t *>(data.data()));
     bar.done(st == ZEL_OK && c.cs == CARD_OPERATION_OK);
     return changed(c.sub.c_str(), st, c);
 }
@@ -712,8 +713,8 @@ int take_options(Ctx &c, const tandro::Parsed &p)
         return tandro::usage_error("desfire", "--new-type takes aes, des, 2k3des or 3k3des");
     if (p.has("--access")) {
         unsigned r = 0, w = 0, rw = 0, ch = 0;
-        if (std::sscanf(p.value("--access").c_str(), "%u,%u,%u,%u", &r, &w, &rw, &ch) != 4 || r > 15 ||
-            w > 15 || rw > 15 || ch > 15)
+        if (std::sscanf(p.value("--access").c_str(), "%u,%u,%u,%u", &r, &w, &rw, &ch) != 4 || r > 15 || w > 15 ||
+            rw > 15 || ch > 15)
             return tandro::usage_error("desfire", "--access takes R,W,RW,C (0 to 15 each)");
         c.access[0] = static_cast<uint8_t>(r);
         c.access[1] = static_cast<uint8_t>(w);

@@ -230,7 +230,8 @@ struct Card {
 
 int find_card(const char *cmd, ZEL_HANDLE h, tandro::CardPick &pick, const Common &c, Card &card)
 {
-    ZEL_STATUS st = pick.pick(c.uid, [](const uint8_t *, uint8_t, uint8_t type) { return kind_of(type) != Kind::NONE; });
+    ZEL_STATUS st =
+        pick.pick(c.uid, [](const uint8_t *, uint8_t, uint8_t type) { return kind_of(type) != Kind::NONE; });
     if (st != ZEL_OK)
         return tandro::fail(cmd, c.uid.empty() ? "no memory card in the field" : "the card of --uid", st);
     card.uid = tandro::to_hex(pick.uid().data(), pick.uid().size());
@@ -246,10 +247,9 @@ int find_card(const char *cmd, ZEL_HANDLE h, tandro::CardPick &pick, const Commo
         return tandro::fail(cmd, "card size", st);
     if (card.raw == 0 || card.raw > 0xFFFF ||
         (card.kind == Kind::SECTORS && !tandro::sector_count(card.raw, card.sectors)))
-        return tandro::fail_text(cmd,
-                                 "the card reports " + std::to_string(card.raw) + " bytes of memory, no layout " +
-                                     "this command knows",
-                                 ZEL_UNSUPPORTED_CARD_TYPE);
+        return tandro::fail_text(
+            cmd, "the card reports " + std::to_string(card.raw) + " bytes of memory, no layout " + "this command knows",
+            ZEL_UNSUPPORTED_CARD_TYPE);
     return 0;
 }
 
@@ -286,8 +286,8 @@ struct SectorResult {
 };
 
 // Reads one sector into the image; the keys that opened it go into its trailer.
-ZEL_STATUS dump_sector(ZEL_HANDLE h, const Common &c, unsigned s, Bytes &image, SectorResult &r,
-                       tandro::Progress &bar, uint64_t &done)
+ZEL_STATUS dump_sector(ZEL_HANDLE h, const Common &c, unsigned s, Bytes &image, SectorResult &r, tandro::Progress &bar,
+                       uint64_t &done)
 {
     r.sector = s;
     const unsigned first = tandro::sector_first_block(s), n = tandro::sector_blocks(s);
@@ -327,8 +327,8 @@ ZEL_STATUS dump_sector(ZEL_HANDLE h, const Common &c, unsigned s, Bytes &image, 
             if (k.state != Candidate::OPENS)
                 continue;
             uint8_t d[16];
-            const ZEL_STATUS st = BlockInSectorRead_PKM(h, d, static_cast<uint8_t>(s), static_cast<uint8_t>(b), k.mode,
-                                                        k.key);
+            const ZEL_STATUS st =
+                BlockInSectorRead_PKM(h, d, static_cast<uint8_t>(s), static_cast<uint8_t>(b), k.mode, k.key);
             if (st == ZEL_OK) {
                 std::memcpy(&image[(first + b) * 16], d, 16);
                 got = true;
@@ -541,8 +541,8 @@ int run_restore(const tandro::Options &opt, const tandro::Args &args)
             static const uint8_t kDefault[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
             uint16_t done = 0;
             tandro::LinkProgress bar(opt, h, "restore", len);
-            const ZEL_STATUS st = LinearWrite_PKM(h, &image[from], 0, static_cast<uint16_t>(len), &done,
-                                                  ZEL_AUTH_KEY_A, kDefault);
+            const ZEL_STATUS st =
+                LinearWrite_PKM(h, &image[from], 0, static_cast<uint16_t>(len), &done, ZEL_AUTH_KEY_A, kDefault);
             bar.done(st == ZEL_OK);
             if (st != ZEL_OK)
                 return tandro::fail("restore", "after " + std::to_string(done) + " bytes", st);
@@ -620,8 +620,9 @@ int run_restore(const tandro::Options &opt, const tandro::Args &args)
         bar.done(true);
     }
     std::string json = "{\"file\": " + tandro::json_string(c.file) + ", \"uid\": \"" + card.uid +
-                       "\", \"card\": " + tandro::json_string(type_name) + ", \"dry_run\": " + (dry ? "true" : "false") +
-                       ", \"written\": " + std::to_string(written) + ", \"notes\": [";
+                       "\", \"card\": " + tandro::json_string(type_name) +
+                       ", \"dry_run\": " + (dry ? "true" : "false") + ", \"written\": " + std::to_string(written) +
+                       ", \"notes\": [";
     for (size_t i = 0; i < notes.size(); ++i)
         json += (i ? ", " : "") + tandro::json_string(notes[i]);
     json += "], \"failed\": [";
@@ -645,10 +646,9 @@ int run_restore(const tandro::Options &opt, const tandro::Args &args)
     }
     if (failed.empty())
         return 0;
-    const int rc = tandro::fail_text("restore",
-                                     std::to_string(failed.size()) + " block" + (failed.size() == 1 ? "" : "s") +
-                                         " could not be written",
-                                     ZEL_WRITING_ERROR);
+    const int rc = tandro::fail_text(
+        "restore", std::to_string(failed.size()) + " block" + (failed.size() == 1 ? "" : "s") + " could not be written",
+        ZEL_WRITING_ERROR);
     tandro::set_failure_partial(json);
     return rc;
 }

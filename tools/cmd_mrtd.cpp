@@ -303,7 +303,7 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration passport_cmd(
     {"passport", "--mrz TEXT | --doc N --birth YYMMDD --expiry YYMMDD [--json FILE] [--photo FILE] [--csca DIR]",
-     "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport,
-     false, &PASSPORT_SPEC});
+     "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport, false,
+     &PASSPORT_SPEC});
 
 } // namespace
