@@ -133,6 +133,22 @@ if(NOT ntag_len EQUAL 1080 OR NOT ntag_page4 STREQUAL "0102030405060708")
   message(SEND_ERROR "dump_ntag: image ${ntag_image}")
 endif()
 
+# Of a Type 2 tag the user memory is written back, the pages around it are not.
+run(restore_ntag_dry 0 "pages 0 to 3 \\(UID, lock bytes, capability container\\) are not written\npages 130 to 134 \\(configuration\\) are not written\npage 4: would write 01020304\npage 5: would write 05060708\n.*page 129: would write"
+    --sim=${WORK}/ntag.json restore ${WORK}/ntag.bin --dry-run)
+run(restore_ntag 0 "ORB_NTAG_215 04A22B1A5C6480: 126 pages written" --sim=${WORK}/ntag.json restore ${WORK}/ntag.bin)
+# The card is picked by --uid among several, else the first memory card; a field without one is a failure.
+run(dump_by_uid 0 "ORB_NTAG_215 04A22B1A5C6480: 540 bytes written"
+    --sim=${WORK}/three.json dump ${WORK}/picked.bin --uid 04A22B1A5C6480)
+file(WRITE ${WORK}/iso.json "{${reader}, \"cards\": [${iso}]}")
+run(dump_no_memory_card 1 "^tandro dump: no memory card in the field: .*ZEL_NO_CARD" --sim=${WORK}/iso.json dump ${WORK}/none.bin)
+if(EXISTS ${WORK}/none.bin)
+  message(SEND_ERROR "dump_no_memory_card: an image was written")
+endif()
+# The key options of the memory commands: one key form at a time.
+run(key_forms_two 2 "^tandro read: give one of --key, --key-index, --akm1, --akm2 and --sam"
+    read 4 --key FFFFFFFFFFFF --key-index 1)
+
 # ---- key file faults: usage errors naming the line (text) or the size (binary), before the reader.
 file(WRITE ${WORK}/odd.txt "FFFFFFFFFFFF\n\nFFFFFFFFFFF\n")
 run(keys_odd 2 "^tandro dump: key file .*odd.txt: line 3: 11 hex digits, a key has 12" ${MIXED} dump ${WORK}/x.bin --keys ${WORK}/odd.txt)
