@@ -11,6 +11,8 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/cmd_block_common.h"
+#include "tools/options.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 
 namespace {
@@ -18,26 +20,51 @@ namespace {
 using tandro::Args;
 using tandro::KeyOptions;
 
-bool take_flag(Args &args, const char *name)
-{
-    for (auto it = args.begin(); it != args.end(); ++it)
-        if (*it == name) {
-            args.erase(it);
-            return true;
-        }
-    return false;
-}
+const tandro::Spec READ_SPEC = {
+    {
+        {"BLOCK [COUNT]", "COUNT blocks (default 1) from BLOCK; on a Type 2 tag pages of 4 bytes"},
+        {"--sector N", "the blocks of sector N (0 to 39); on a Type 2 tag pages 4N to 4N+3"},
+        {"--linear ADDR LEN", "LEN bytes of the linear space (user data, trailers left out) from ADDR"},
+        {"--rows ADDR LEN", "LEN bytes of the raw space (every block) from ADDR"},
+    },
+    tandro::with_key_options({
+        {"--sector", "N", "read sector N"},
+        {"--linear", "ADDR", "read the linear space from ADDR (LEN follows as a word)"},
+        {"--rows", "ADDR", "read the raw space from ADDR (LEN follows as a word)"},
+        {"--raw", nullptr, "the bytes themselves on standard output, not a hex dump"},
+    }),
+    "The hex dump numbers its lines by byte address. --rows takes the reader key (--key-index) or a given key "
+    "only. Linear reads show a progress bar on a terminal.",
+};
 
-bool take_value(Args &args, const char *name, std::string &out)
-{
-    for (size_t i = 0; i + 1 < args.size(); ++i)
-        if (args[i] == name) {
-            out = args[i + 1];
-            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
-            return true;
-        }
-    return false;
-}
+const tandro::Spec WRITE_SPEC = {
+    {
+        {"BLOCK DATA", "writes DATA (16 bytes, 4 on a page of a Type 2 tag) to BLOCK"},
+        {"--linear ADDR DATA", "writes DATA to the linear space from ADDR"},
+        {"--linear ADDR --in FILE", "writes the bytes of FILE to the linear space from ADDR"},
+    },
+    tandro::with_key_options({
+        {"--linear", "ADDR", "write to the linear space from ADDR"},
+        {"--in", "FILE", "the data from FILE (a regular file of at most 65535 bytes)"},
+        {"--pad", nullptr, "fill a short block (or page) with zeros"},
+    }),
+    "DATA is hexadecimal. A linear write must fit the card's linear space, else nothing is written. A block "
+    "write never reaches a sector trailer (tandro restore --trailers writes trailers). Linear writes show a "
+    "progress bar on a terminal.",
+};
+
+const tandro::Spec VALUE_SPEC = {
+    {
+        {"read BLOCK", "the value of a value block and its address byte"},
+        {"write BLOCK VALUE", "makes BLOCK a value block holding VALUE (signed 32 bits)"},
+        {"inc BLOCK N", "adds N to the value"},
+        {"dec BLOCK N", "takes N from the value"},
+    },
+    tandro::with_key_options({
+        {"--address", "A", "the address byte of a value write (default the block number)"},
+    }),
+    "",
+};
 
 bool number(const std::string &s, uint32_t max, uint32_t &v)
 {
@@ -77,15 +104,18 @@ ZEL_STATUS page_card(ZEL_HANDLE h, bool &pages)
 
 int run_read(const tandro::Options &opt, const tandro::Args &in)
 {
-    Args args = in;
+    tandro::Parsed p;
+    if (!tandro::parse("read", READ_SPEC, in, p))
+        return 2;
+    const Args &args = p.words;
     KeyOptions k;
-    std::string err, sector_text, linear_text, rows_text;
-    if (!tandro::take_key_options(args, k, err))
+    std::string err;
+    if (!tandro::key_options(p, k, err))
         return tandro::usage_error("read", err);
-    const bool raw = take_flag(args, "--raw");
-    const bool has_sector = take_value(args, "--sector", sector_text);
-    const bool has_linear = take_value(args, "--linear", linear_text);
-    const bool has_rows = take_value(args, "--rows", rows_text);
+    const bool raw = p.has("--raw");
+    const bool has_sector = p.has("--sector"), has_linear = p.has("--linear"), has_rows = p.has("--rows");
+    const std::string sector_text = p.value("--sector"), linear_text = p.value("--linear"),
+                      rows_text = p.value("--rows");
     tandro::ReaderSession session;
     if (has_sector) {
         uint32_t s = 0;
@@ -105,6 +135,7 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
         std::vector<uint8_t> d(len ? len : 1);
         uint16_t got = 0;
         ZEL_STATUS st;
+        tandro::LinkProgress bar(opt, session.hnd(), "read", len);
         if (has_rows) {
             // The raw space: only the reader key and provided key forms exist for it here.
             st = k.form == KeyOptions::READER
@@ -116,6 +147,7 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
             st = tandro::key_linear_read(session.hnd(), k, d.data(), static_cast<uint16_t>(addr),
                                          static_cast<uint16_t>(len), &got);
         }
+        bar.done(st == ZEL_OK);
         if (st != ZEL_OK)
             return fail("read", st);
         print_bytes(opt, raw, "address", addr, addr, d.data(), got);
@@ -147,10 +179,10 @@ int run_read(const tandro::Options &opt, const tandro::Args &in)
 }
 
 // The data of a write: hex text, or --in FILE.
-bool write_data(Args &args, std::vector<uint8_t> &data, std::string &err)
+bool write_data(const tandro::Parsed &p, Args &args, std::vector<uint8_t> &data, std::string &err)
 {
-    std::string file;
-    if (take_value(args, "--in", file)) {
+    if (p.has("--in")) {
+        const std::string file = p.value("--in");
         // A regular file of at most the largest linear space (64 KiB): anything else is refused whole.
         struct stat st {};
         if (stat(file.c_str(), &st) != 0) {
@@ -192,15 +224,19 @@ bool write_data(Args &args, std::vector<uint8_t> &data, std::string &err)
 
 int run_write(const tandro::Options &opt, const tandro::Args &in)
 {
-    Args args = in;
+    tandro::Parsed p;
+    if (!tandro::parse("write", WRITE_SPEC, in, p))
+        return 2;
+    Args args = p.words;
     KeyOptions k;
-    std::string err, linear_text;
-    if (!tandro::take_key_options(args, k, err))
+    std::string err;
+    if (!tandro::key_options(p, k, err))
         return tandro::usage_error("write", err);
-    const bool has_linear = take_value(args, "--linear", linear_text);
-    const bool pad = take_flag(args, "--pad");
+    const bool has_linear = p.has("--linear");
+    const std::string linear_text = p.value("--linear");
+    const bool pad = p.has("--pad");
     std::vector<uint8_t> data;
-    if (!write_data(args, data, err))
+    if (!write_data(p, args, data, err))
         return tandro::usage_error("write", err);
     tandro::ReaderSession session;
     if (has_linear) {
@@ -222,8 +258,10 @@ int run_write(const tandro::Options &opt, const tandro::Args &in)
         if (data.empty())
             return tandro::usage_error("write", "no data to write");
         uint16_t done = 0;
+        tandro::LinkProgress bar(opt, session.hnd(), "write", data.size());
         const ZEL_STATUS st = tandro::key_linear_write(session.hnd(), k, data.data(), static_cast<uint16_t>(addr),
                                                        static_cast<uint16_t>(data.size()), &done);
+        bar.done(st == ZEL_OK);
         if (st != ZEL_OK)
             return tandro::fail("write", "after " + std::to_string(done) + " bytes", st);
         if (opt.json)
@@ -302,12 +340,16 @@ bool signed_number(const std::string &s, int32_t &v)
 
 int run_value(const tandro::Options &opt, const tandro::Args &in)
 {
-    Args args = in;
+    tandro::Parsed p;
+    if (!tandro::parse("value", VALUE_SPEC, in, p))
+        return 2;
+    const Args &args = p.words;
     KeyOptions k;
-    std::string err, addr_text;
-    if (!tandro::take_key_options(args, k, err))
+    std::string err;
+    if (!tandro::key_options(p, k, err))
         return tandro::usage_error("value", err);
-    const bool has_addr = take_value(args, "--address", addr_text);
+    const bool has_addr = p.has("--address");
+    const std::string addr_text = p.value("--address");
     uint32_t block = 0, vaddr = 0;
     int32_t v = 0;
     if (args.size() < 2 || !number(args[1], 255, block))
@@ -355,10 +397,11 @@ int run_value(const tandro::Options &opt, const tandro::Args &in)
 
 const tandro::Registration read_cmd({"read",
                                      "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
-                                     "card memory as a hex dump (--raw: the bytes)", run_read});
+                                     "card memory as a hex dump (--raw: the bytes)", run_read, false, &READ_SPEC});
 const tandro::Registration write_cmd({"write", "BLOCK DATA [--pad] | --linear ADDR DATA|--in FILE [KEY]",
-                                      "a block (16 bytes) or a run of the linear space", run_write});
+                                      "a block (16 bytes) or a run of the linear space", run_write, false,
+                                      &WRITE_SPEC});
 const tandro::Registration value_cmd({"value", "read|write|inc|dec BLOCK [N] [--address A] [KEY]",
-                                      "value blocks: read, set, increment, decrement", run_value});
+                                      "value blocks: read, set, increment, decrement", run_value, false, &VALUE_SPEC});
 
 } // namespace

@@ -3,12 +3,9 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace tandro {
-
-const char *const KEY_OPTIONS_HELP =
-    "key: --key HEX (6 or 16 bytes, default FFFFFFFFFFFF), --key-index N, --akm1, --akm2, --sam N;\n"
-    "mode: key A by default, --key-b, --aes (AES keys), --t2t (mode 0x02)";
 
 void print_dump(const uint8_t *p, size_t n, uint32_t base)
 {
@@ -27,49 +24,52 @@ void print_dump(const uint8_t *p, size_t n, uint32_t base)
     }
 }
 
-bool take_key_options(Args &args, KeyOptions &k, std::string &err)
+std::vector<Opt> with_key_options(std::vector<Opt> own)
 {
-    Args rest;
-    bool aes = false, key_b = false, t2t = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &a = args[i];
-        auto value = [&](std::string &out) {
-            if (i + 1 >= args.size()) {
-                err = a + " needs a value";
-                return false;
-            }
-            out = args[++i];
-            return true;
-        };
-        std::string v;
-        uint32_t n = 0;
-        if (a == "--key") {
-            if (!value(v) || !parse_hex(v, k.key) || (k.key.size() != 6 && k.key.size() != 16)) {
-                err = err.empty() ? "--key takes 6 or 16 bytes in hexadecimal" : err;
-                return false;
-            }
-            k.form = KeyOptions::PROVIDED;
-        } else if (a == "--key-index" || a == "--sam") {
-            if (!value(v) || !parse_u32(v, &n) || n > 255) {
-                err = err.empty() ? a + " takes a key index" : err;
-                return false;
-            }
-            k.form = a == "--sam" ? KeyOptions::SAM : KeyOptions::READER;
-            k.index = static_cast<uint8_t>(n);
-        } else if (a == "--akm1") {
-            k.form = KeyOptions::AKM1;
-        } else if (a == "--akm2") {
-            k.form = KeyOptions::AKM2;
-        } else if (a == "--key-b") {
-            key_b = true;
-        } else if (a == "--aes") {
-            aes = true;
-        } else if (a == "--t2t") {
-            t2t = true;
-        } else {
-            rest.push_back(a);
-        }
+    static const Opt keys[] = {
+        {"--key", "HEX", "the card's key: 6 bytes, or 16 with --aes (default FFFFFFFFFFFF)"},
+        {"--key-index", "N", "the reader's stored key N"},
+        {"--akm1", nullptr, "the reader's first automatic key rule"},
+        {"--akm2", nullptr, "the reader's second automatic key rule"},
+        {"--sam", "N", "key entry N of the reader's SAM"},
+        {"--key-b", nullptr, "authenticate with key B (key A by default)"},
+        {"--aes", nullptr, "AES keys (16 bytes)"},
+        {"--t2t", nullptr, "auth mode 0x02 (AES key A of a Type 2 tag)"},
+    };
+    own.insert(own.end(), std::begin(keys), std::end(keys));
+    return own;
+}
+
+bool key_options(const Parsed &p, KeyOptions &k, std::string &err)
+{
+    const int forms = int(p.has("--key")) + int(p.has("--key-index")) + int(p.has("--akm1")) + int(p.has("--akm2")) +
+                      int(p.has("--sam"));
+    if (forms > 1) {
+        err = "give one of --key, --key-index, --akm1, --akm2 and --sam";
+        return false;
     }
+    uint32_t n = 0;
+    if (p.has("--key")) {
+        if (!parse_hex(p.value("--key"), k.key) || (k.key.size() != 6 && k.key.size() != 16)) {
+            err = "--key takes 6 or 16 bytes in hexadecimal";
+            return false;
+        }
+        k.form = KeyOptions::PROVIDED;
+    }
+    for (const char *name : {"--key-index", "--sam"})
+        if (p.has(name)) {
+            if (!parse_u32(p.value(name), &n) || n > 255) {
+                err = std::string(name) + " takes a key index";
+                return false;
+            }
+            k.form = name[2] == 's' ? KeyOptions::SAM : KeyOptions::READER;
+            k.index = static_cast<uint8_t>(n);
+        }
+    if (p.has("--akm1"))
+        k.form = KeyOptions::AKM1;
+    if (p.has("--akm2"))
+        k.form = KeyOptions::AKM2;
+    const bool aes = p.has("--aes"), key_b = p.has("--key-b"), t2t = p.has("--t2t");
     k.auth_mode = t2t ? 0x02 : static_cast<uint8_t>((aes ? 0x80 : 0x60) + (key_b ? 1 : 0));
     if (k.form == KeyOptions::PROVIDED && aes && k.key.size() != 16) {
         err = "--aes takes a 16-byte --key";
@@ -79,7 +79,6 @@ bool take_key_options(Args &args, KeyOptions &k, std::string &err)
         err = "a 16-byte key goes with --aes";
         return false;
     }
-    args = rest;
     return true;
 }
 

@@ -8,6 +8,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 
 namespace tandro {
 
@@ -20,9 +21,10 @@ struct KeyOptions {
     std::vector<uint8_t> key{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 };
 
-// Takes the key options out of args (the rest stays). False with a message for a bad option.
-bool take_key_options(Args &args, KeyOptions &k, std::string &err);
-extern const char *const KEY_OPTIONS_HELP;
+// The key options in a command's option table: the command's own options followed by them.
+std::vector<Opt> with_key_options(std::vector<Opt> own);
+// The key options a command's table parsed. False with a message for a bad value or two key forms at once.
+bool key_options(const Parsed &p, KeyOptions &k, std::string &err);
 
 // A hex dump with offsets from base and the printable characters.
 void print_dump(const uint8_t *p, size_t n, uint32_t base);

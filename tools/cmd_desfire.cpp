@@ -10,6 +10,8 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -106,6 +108,48 @@ const TD_FORMS_T(DesfireClearRecordFile, _2) kClearRecords = TD_ALL(DesfireClear
 const char *const kOptions =
     "[--key HEX|--key-nr N|--sam N|--no-auth] [--key-type T] [--aid-key N] [--comm N] [--access R,W,RW,C] ";
 
+const tandro::Spec SPEC = {
+    {
+        {"free", "the card's free memory"},
+        {"uid [AID]", "the card's real UID (with the key of the card, or of the application AID)"},
+        {"format", "formats the card (authenticates with the card master key)"},
+        {"config OPTION HEX [AID]", "sets a configuration option with its data, in the application if given"},
+        {"apps", "the application ids"},
+        {"app-create AID [aes|des|3k3des] [KEYS] [SETTINGS]", "creates an application (aes, 1 key, settings 0F)"},
+        {"app-delete AID", "deletes an application"},
+        {"key-settings AID", "an application's key settings, key count and key type"},
+        {"file-settings AID FID", "a file's type, access rights and size"},
+        {"sdm-settings AID FID", "a standard file's settings with SDM (AES keys only)"},
+        {"file-create AID FID std|backup SIZE", "creates a standard or backup data file"},
+        {"file-create AID FID value LOWER UPPER VALUE", "creates a value file with its limits"},
+        {"file-create AID FID linear|cyclic RECSIZE RECORDS", "creates a record file"},
+        {"file-delete AID FID", "deletes a file"},
+        {"read AID FID [OFFSET LENGTH]", "reads a data file (the whole file without OFFSET LENGTH)"},
+        {"write AID FID HEX [OFFSET]", "writes HEX to a data file at OFFSET (default 0)"},
+        {"value AID FID", "reads a value file"},
+        {"credit AID FID AMOUNT", "adds AMOUNT to a value file"},
+        {"debit AID FID AMOUNT", "takes AMOUNT from a value file"},
+        {"records AID FID RECSIZE [OFFSET COUNT]", "reads records of RECSIZE bytes (all without OFFSET COUNT)"},
+        {"record-write AID FID HEX [OFFSET]", "writes a record"},
+        {"records-clear AID FID", "clears a record file"},
+        {"change-key AID KEYNO NEWHEX OLDHEX", "changes key KEYNO of the application to NEWHEX (keys of --new-type)"},
+    },
+    {
+        {"--key", "HEX", "the key to authenticate with (default: the all-zero factory key of --key-type)"},
+        {"--key-nr", "N", "the reader's stored DESFire key N"},
+        {"--sam", "N", "key entry N of the reader's SAM"},
+        {"--no-auth", nullptr, "no authentication"},
+        {"--key-type", "T", "aes (the default), des, 2k3des or 3k3des"},
+        {"--new-type", "T", "change-key: the type of the new and old keys (default aes)"},
+        {"--aid-key", "N", "the application key number to authenticate with (default 0)"},
+        {"--comm", "N", "the communication mode of the file operations (0 plain, 1 MACed, 3 enciphered)"},
+        {"--access", "R,W,RW,C", "file-create: the read, write, read-write and change keys (0 to 15; 14 free)"},
+    },
+    "AID is six hex digits (or a number) and FID a file id from 0 to 31. The key forms are tried in the order "
+    "--no-auth, --key-nr, --sam, --key. With the built-in simulated reader the DESFire card comes first in the "
+    "field. Reads and writes of files show a progress bar on a terminal.",
+};
+
 bool key_type(const std::string &t, uint8_t &out)
 {
     if (t == "aes")
@@ -182,6 +226,7 @@ void print_sdm_settings(uint8_t f, const zel_desfire_sdm_file_settings &s, bool 
 // (args[0] is its name) and the card's outcome of the last operation.
 struct Ctx {
     ZEL_HANDLE hnd = nullptr;
+    const tandro::Options *opt = nullptr;
     bool json = false;
     Key key;
     Bytes key_bytes;
@@ -489,10 +534,11 @@ int sub_read(Ctx &c)
     if (off > 0xFFFF || len > 0xFFFF)
         return tandro::usage_error("desfire", "read: at most 65535");
     Bytes data(len ? len : 1);
-    if (int e = outcome("read",
-                        run_form(c, kReadStd, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
-                                 static_cast<uint16_t>(len), c.comm, data.data()),
-                        c))
+    tandro::LinkProgress bar(*c.opt, c.hnd, "read", len);
+    const ZEL_STATUS st = run_form(c, kReadStd, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
+                                   static_cast<uint16_t>(len), c.comm, data.data());
+    bar.done(st == ZEL_OK && c.cs == CARD_OPERATION_OK);
+    if (int e = outcome("read", st, c))
         return e;
     std::printf(c.json ? "{\"data\": \"%s\"}\n" : "%s\n", to_hex(data.data(), len).c_str());
     return 0;
@@ -507,10 +553,12 @@ int sub_write(Ctx &c)
         (c.args.size() > 4 && !arg_num(c, 4, off)))
         return tandro::usage_error("desfire", c.sub + ": " + c.usage);
     const auto &forms = c.sub == "write" ? kWriteStd : kWriteRecord;
-    return changed(c.sub.c_str(),
-                   run_form(c, forms, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
-                            static_cast<uint16_t>(data.size()), c.comm, static_cast<const uint8_t *>(data.data())),
-                   c);
+    tandro::LinkProgress bar(*c.opt, c.hnd, c.sub.c_str(), data.size());
+    const ZEL_STATUS st =
+        run_form(c, forms, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off), static_cast<uint16_t>(data.size()),
+                 c.comm, static_cast<const uint8_t *>(data.data()));
+    bar.done(st == ZEL_OK && c.cs == CARD_OPERATION_OK);
+    return changed(c.sub.c_str(), st, c);
 }
 
 int sub_value(Ctx &c)
@@ -547,10 +595,11 @@ int sub_records(Ctx &c)
     if (count == 0 || off > 0xFFFF || count > 0xFFFF || static_cast<uint64_t>(size) * count > 0x100000)
         return tandro::usage_error("desfire", "records: nothing to read");
     Bytes data(static_cast<size_t>(size) * count);
-    if (int e = outcome("records",
-                        run_form(c, kReadRecords, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
-                                 static_cast<uint16_t>(count), static_cast<uint16_t>(size), c.comm, data.data()),
-                        c))
+    tandro::LinkProgress bar(*c.opt, c.hnd, "records", data.size());
+    const ZEL_STATUS st = run_form(c, kReadRecords, c.aid, c.aid_key, c.file, static_cast<uint16_t>(off),
+                                   static_cast<uint16_t>(count), static_cast<uint16_t>(size), c.comm, data.data());
+    bar.done(st == ZEL_OK && c.cs == CARD_OPERATION_OK);
+    if (int e = outcome("records", st, c))
         return e;
     if (c.json)
         std::printf("{\"records\": [");
@@ -639,60 +688,42 @@ const std::string &usage_text()
     return text;
 }
 
-// Takes the options out of all: the rest, the subcommand first, lands in c.args. Nonzero: a usage error.
-int take_options(Ctx &c, const tandro::Args &all)
+// The options the table parsed; the words, the subcommand first, land in c.args. Nonzero: a usage error.
+int take_options(Ctx &c, const tandro::Parsed &p)
 {
-    std::string key_hex, type_name = "aes";
+    c.args = p.words;
+    uint32_t n = 0;
     int key_nr = -1, sam_nr = -1;
-    bool no_auth = false;
-    for (size_t i = 0; i < all.size(); ++i) {
-        const std::string &a = all[i];
-        auto value = [&](std::string &out) {
-            if (i + 1 >= all.size())
-                return false;
-            out = all[++i];
-            return true;
-        };
-        std::string v;
-        uint32_t n = 0;
-        if (a == "--key") {
-            if (!value(key_hex))
-                return tandro::usage_error("desfire", "--key takes hex");
-        } else if (a == "--key-nr" || a == "--sam" || a == "--aid-key" || a == "--comm") {
-            if (!value(v) || !u32(v, n) || n > 255)
-                return tandro::usage_error("desfire", a + " takes a number");
-            if (a == "--key-nr")
-                key_nr = static_cast<int>(n);
-            else if (a == "--sam")
-                sam_nr = static_cast<int>(n);
-            else if (a == "--aid-key")
-                c.aid_key = static_cast<uint8_t>(n);
-            else
-                c.comm = static_cast<uint8_t>(n);
-        } else if (a == "--key-type") {
-            if (!value(type_name))
-                return tandro::usage_error("desfire", "--key-type takes aes, des, 2k3des or 3k3des");
-        } else if (a == "--new-type") {
-            if (!value(v) || !key_type(v, c.new_type))
-                return tandro::usage_error("desfire", "--new-type takes aes, des, 2k3des or 3k3des");
-        } else if (a == "--access") {
-            unsigned r = 0, w = 0, rw = 0, ch = 0;
-            if (!value(v) || std::sscanf(v.c_str(), "%u,%u,%u,%u", &r, &w, &rw, &ch) != 4 || r > 15 || w > 15 ||
-                rw > 15 || ch > 15)
-                return tandro::usage_error("desfire", "--access takes R,W,RW,C (0 to 15 each)");
-            c.access[0] = static_cast<uint8_t>(r);
-            c.access[1] = static_cast<uint8_t>(w);
-            c.access[2] = static_cast<uint8_t>(rw);
-            c.access[3] = static_cast<uint8_t>(ch);
-        } else if (a == "--no-auth") {
-            no_auth = true;
-        } else {
-            c.args.push_back(a);
-        }
+    for (const char *name : {"--key-nr", "--sam", "--aid-key", "--comm"}) {
+        if (!p.has(name))
+            continue;
+        if (!u32(p.value(name), n) || n > 255)
+            return tandro::usage_error("desfire", std::string(name) + " takes a number");
+        const std::string a = name;
+        if (a == "--key-nr")
+            key_nr = static_cast<int>(n);
+        else if (a == "--sam")
+            sam_nr = static_cast<int>(n);
+        else if (a == "--aid-key")
+            c.aid_key = static_cast<uint8_t>(n);
+        else
+            c.comm = static_cast<uint8_t>(n);
     }
-    if (!key_type(type_name, c.key.type))
+    if (p.has("--new-type") && !key_type(p.value("--new-type"), c.new_type))
+        return tandro::usage_error("desfire", "--new-type takes aes, des, 2k3des or 3k3des");
+    if (p.has("--access")) {
+        unsigned r = 0, w = 0, rw = 0, ch = 0;
+        if (std::sscanf(p.value("--access").c_str(), "%u,%u,%u,%u", &r, &w, &rw, &ch) != 4 || r > 15 || w > 15 ||
+            rw > 15 || ch > 15)
+            return tandro::usage_error("desfire", "--access takes R,W,RW,C (0 to 15 each)");
+        c.access[0] = static_cast<uint8_t>(r);
+        c.access[1] = static_cast<uint8_t>(w);
+        c.access[2] = static_cast<uint8_t>(rw);
+        c.access[3] = static_cast<uint8_t>(ch);
+    }
+    if (!key_type(p.value("--key-type", "aes"), c.key.type))
         return tandro::usage_error("desfire", "--key-type takes aes, des, 2k3des or 3k3des");
-    if (no_auth) {
+    if (p.has("--no-auth")) {
         c.key = Key{};
         c.key.auth = false;
     } else if (key_nr >= 0) {
@@ -702,6 +733,7 @@ int take_options(Ctx &c, const tandro::Args &all)
         c.key.source = ZEL_DESFIRE_KEY_SAM;
         c.key.number = static_cast<uint8_t>(sam_nr);
     } else {
+        const std::string key_hex = p.value("--key");
         if (key_hex.empty())
             c.key_bytes.assign(key_len(c.key.type), 0); // the factory key
         else if (!parse_hex(key_hex, c.key_bytes) || c.key_bytes.size() != key_len(c.key.type))
@@ -714,8 +746,12 @@ int take_options(Ctx &c, const tandro::Args &all)
 
 int run_desfire(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("desfire", SPEC, all, parsed))
+        return 2;
     Ctx c;
-    if (int e = take_options(c, all))
+    c.opt = &opt;
+    if (int e = take_options(c, parsed))
         return e;
     if (c.args.empty())
         return tandro::usage_error("desfire", "names no subcommand");
@@ -742,8 +778,18 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
     return sub->run(c);
 }
 
-int run_store_key(const tandro::Options &opt, const tandro::Args &args)
+const tandro::Spec KEY_SPEC = {
+    {{"N HEX [aes|des|2k3des|3k3des]", "stores the key HEX of this type (default aes) as the reader's key N"}},
+    {},
+    "DES keys have 8 bytes, AES and 2K3DES keys 16, 3K3DES keys 24.",
+};
+
+int run_store_key(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("desfire-key", KEY_SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     Bytes key;
     uint32_t nr = 0;
     uint8_t type = ZEL_DESFIRE_WIRE_AES;
@@ -764,8 +810,10 @@ int run_store_key(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration desfire_cmd({"desfire", usage_text().c_str(),
-                                        "DESFire applications, files, data, values, records, keys", run_desfire});
+                                        "DESFire applications, files, data, values, records, keys", run_desfire, false,
+                                        &SPEC});
 const tandro::Registration desfire_key_cmd({"desfire-key", "N HEX [aes|des|2k3des|3k3des]",
-                                            "puts a DESFire key in the reader's key store", run_store_key});
+                                            "puts a DESFire key in the reader's key store", run_store_key, false,
+                                            &KEY_SPEC});
 
 } // namespace

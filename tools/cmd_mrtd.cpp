@@ -16,7 +16,9 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/passport_read.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -58,8 +60,20 @@ bool key_fields(const std::string &mrz, ZEL_STATUS format, std::string *doc, std
     return true;
 }
 
-int run_mrz(const tandro::Options &opt, const tandro::Args &args)
+const tandro::Spec MRZ_SPEC = {
+    {{"TEXT...", "checks the zone's check digits, prints its fields and the document's BAC proto key"}},
+    {},
+    "The lines of the zone may come as separate words or with line breaks (blanks are dropped): TD1 (3 lines of "
+    "30), TD2 (2 of 36), TD3 (2 of 44), or a passport's lower line alone. The command fails when a check digit "
+    "is wrong.",
+};
+
+int run_mrz(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("mrz", MRZ_SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     if (args.empty())
         return tandro::usage_error("mrz", "give the MRZ text");
     std::string mrz;
@@ -122,7 +136,8 @@ int run_mrz(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration mrz_cmd(
-    {"mrz", "TEXT...", "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)", run_mrz});
+    {"mrz", "TEXT...", "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)", run_mrz,
+     false, &MRZ_SPEC});
 
 } // namespace
 
@@ -133,40 +148,36 @@ struct PassportArgs {
     bool json_file_given = false;
 };
 
-bool parse_passport_args(const tandro::Options &opt, const tandro::Args &args, PassportArgs &a, std::string &err)
+const tandro::Spec PASSPORT_SPEC = {
+    {
+        {"--mrz TEXT", "reads the document whose machine readable zone is TEXT (TD1, TD3 or the lower line)"},
+        {"--doc N --birth YYMMDD --expiry YYMMDD", "reads the document with this number and these dates"},
+    },
+    {
+        {"--mrz", "TEXT", "the machine readable zone (or a passport's lower line)"},
+        {"--doc", "N", "the document number"},
+        {"--birth", "YYMMDD", "the holder's date of birth"},
+        {"--expiry", "YYMMDD", "the document's date of expiry"},
+        {"--photo", "FILE", "write the face image to FILE (.jpeg or .jp2 by its format)"},
+        {"--csca", "DIR", "the folder of CSCA certificates to validate against (default ./csca)"},
+    },
+    "The holder's data, the face image and the validation report are printed; with --json the document's JSON "
+    "is printed instead, and with --json FILE written to FILE next to the text. With the built-in simulated "
+    "reader and no --mrz or --doc the simulated specimen is read, validated against its own CSCA. The read shows "
+    "a progress bar on a terminal.",
+};
+
+bool parse_passport_args(const tandro::Options &opt, const tandro::Parsed &p, PassportArgs &a, std::string &err)
 {
-    std::vector<std::string> rest;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &w = args[i];
-        auto value = [&](std::string &out) {
-            if (i + 1 >= args.size()) {
-                err = w + " takes a value";
-                return false;
-            }
-            out = args[++i];
-            return true;
-        };
-        bool ok = true;
-        if (w == "--mrz")
-            ok = value(a.mrz);
-        else if (w == "--doc")
-            ok = value(a.doc);
-        else if (w == "--birth")
-            ok = value(a.birth);
-        else if (w == "--expiry")
-            ok = value(a.expiry);
-        else if (w == "--photo")
-            ok = value(a.photo);
-        else if (w == "--csca")
-            ok = value(a.csca);
-        else if (w.rfind("--", 0) == 0) {
-            err = "unknown option " + w;
-            return false;
-        } else
-            rest.push_back(w);
-        if (!ok)
-            return false;
-    }
+    a.mrz = p.value("--mrz");
+    a.doc = p.value("--doc");
+    a.birth = p.value("--birth");
+    a.expiry = p.value("--expiry");
+    a.photo = p.value("--photo");
+    a.csca = p.value("--csca");
+    if (opt.sim && !p.has("--mrz") && !p.has("--doc"))
+        a.mrz = tandro::kSimulatedMrz;
+    const std::vector<std::string> &rest = p.words;
     // "--json FILE": the tool takes --json itself, so the file stands alone behind it.
     if (rest.size() == 1 && opt.json) {
         a.json_file = rest[0];
@@ -202,15 +213,12 @@ bool parse_passport_args(const tandro::Options &opt, const tandro::Args &args, P
 
 int run_passport(const tandro::Options &opt, const tandro::Args &args)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("passport", PASSPORT_SPEC, args, parsed))
+        return 2;
     PassportArgs a;
     std::string err;
-    tandro::Args given = args;
-    if (opt.sim && std::find(args.begin(), args.end(), "--mrz") == args.end() &&
-        std::find(args.begin(), args.end(), "--doc") == args.end()) {
-        given.push_back("--mrz");
-        given.push_back(tandro::kSimulatedMrz);
-    }
-    if (!parse_passport_args(opt, given, a, err))
+    if (!parse_passport_args(opt, parsed, a, err))
         return tandro::usage_error("passport", err);
     // A CSCA folder named on the command line must be there: without it nothing can be validated.
     if (struct stat st{}; !a.csca.empty() && (stat(a.csca.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
@@ -235,7 +243,11 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
     auto fail = [](const char *what, ZEL_STATUS st) { return tandro::fail("passport", what, st); };
     tandro::PassportRead read;
     const char *step = nullptr;
-    ZEL_STATUS st = tandro::read_passport(a.doc, a.birth, a.expiry, a.csca, a.photo, opt.debug ? 3 : 1, read, &step);
+    tandro::Progress bar(opt, "passport", tandro::kPassportSteps, "steps");
+    bar.update(0);
+    ZEL_STATUS st =
+        tandro::read_passport(a.doc, a.birth, a.expiry, a.csca, a.photo, opt.debug ? 3 : 1, read, &step, &bar);
+    bar.done(st == ZEL_OK);
     if (st != ZEL_OK)
         return fail(step, st);
     const ZEL_STATUS vst = read.validation;
@@ -291,6 +303,7 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration passport_cmd(
     {"passport", "--mrz TEXT | --doc N --birth YYMMDD --expiry YYMMDD [--json FILE] [--photo FILE] [--csca DIR]",
-     "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport});
+     "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport, false,
+     &PASSPORT_SPEC});
 
 } // namespace

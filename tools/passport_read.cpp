@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cards/passport.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -58,8 +59,12 @@ std::string photo_base(const std::string &path)
 
 ZEL_STATUS tandro::read_passport(const std::string &doc, const std::string &birth, const std::string &expiry,
                                  const std::string &csca, const std::string &photo, int verbosity, PassportRead &out,
-                                 const char **step)
+                                 const char **step, Progress *bar)
 {
+    auto stepped = [bar](unsigned n) {
+        if (bar)
+            bar->update(n);
+    };
     auto fail = [step](const char *what, ZEL_STATUS st) {
         *step = what;
         return st;
@@ -77,6 +82,7 @@ ZEL_STATUS tandro::read_passport(const std::string &doc, const std::string &birt
     st = MRTDAppSelectAndAuthenticateBac(key, ks_enc, ks_mac, &ssc);
     if (st != ZEL_OK)
         return fail("Basic Access Control", st);
+    stepped(1);
     const uint8_t dg1_id[2] = {0x01, 0x01}, dg2_id[2] = {0x01, 0x02};
     uint8_t *dg1 = nullptr, *dg2 = nullptr;
     uint32_t dg1_len = 0, dg2_len = 0;
@@ -90,6 +96,7 @@ ZEL_STATUS tandro::read_passport(const std::string &doc, const std::string &birt
         out.holder = holder;
     OrbFree(holder);
     OrbFree(dg1);
+    stepped(2);
     const ZEL_STATUS dg2_st = MRTDFileReadBacToHeap(dg2_id, &dg2, &dg2_len, ks_enc, ks_mac, &ssc);
     if (!photo.empty()) {
         const std::string base = photo_base(photo);
@@ -106,11 +113,13 @@ ZEL_STATUS tandro::read_passport(const std::string &doc, const std::string &birt
         out.photo_failed = ps != ZEL_OK;
     }
     OrbFree(dg2);
+    stepped(3);
     char *report = nullptr;
     out.validation = MRTDValidateHnd(&zel_global, csca.c_str(), &report, "\n", uint32_t(verbosity), ks_enc, ks_mac,
                                      &ssc, &out.integrity, &out.validity);
     if (report)
         out.report = report;
     OrbFree(report);
+    stepped(4);
     return ZEL_OK;
 }

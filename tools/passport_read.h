@@ -11,6 +11,8 @@ struct zsim;
 
 namespace tandro {
 
+class Progress;
+
 // The simulated passport's MRZ (the specimen).
 extern const char kSimulatedMrz[];
 
@@ -36,10 +38,12 @@ struct PassportRead {
 };
 
 // On the global reader: ISO 14443-4 mode, BAC, DG1, DG2 (written to photo when given, with its extension) and
-// the validation against the CSCA folder. A failing step returns its status and names itself in *step.
+// the validation against the CSCA folder. A failing step returns its status and names itself in *step. A bar,
+// when given, counts the kPassportSteps steps (access control, DG1, DG2, validation) as they end.
+constexpr unsigned kPassportSteps = 4;
 ZEL_STATUS read_passport(const std::string &doc, const std::string &birth, const std::string &expiry,
                          const std::string &csca, const std::string &photo, int verbosity, PassportRead &out,
-                         const char **step);
+                         const char **step, Progress *bar = nullptr);
 
 } // namespace tandro
 
