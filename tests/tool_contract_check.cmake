@@ -1,6 +1,7 @@
 # What every command of the tool promises: --help of its own (and "tandro help CMD"), exactly one JSON
 # document under --json whether it succeeds or fails, a non-zero exit on any failure, and no write that
 # would damage a card or stop half way.
+cmake_policy(SET CMP0057 NEW) # IN_LIST
 if(NOT TOOL OR NOT WORK)
   message(FATAL_ERROR "TOOL and WORK must be set")
 endif()
@@ -26,6 +27,32 @@ foreach(entry IN LISTS names)
   endforeach()
 endforeach()
 message(STATUS "help of ${count} commands: ok")
+
+# The manual page comes from the same tables: every command has its section there.
+execute_process(COMMAND ${TOOL} --man OUTPUT_VARIABLE man RESULT_VARIABLE rc)
+if(rc OR NOT man MATCHES "^\\.TH TANDRO 1 ")
+  message(SEND_ERROR "tandro --man: exit ${rc}")
+endif()
+foreach(entry IN LISTS names)
+  string(STRIP "${entry}" name)
+  string(REPLACE "-" "\\-" roff_name "${name}")
+  string(FIND "${man}" ".SS \"${roff_name}" at)
+  if(at LESS 0)
+    message(SEND_ERROR "the manual page has no section for ${name}")
+  endif()
+  # Every command's table refuses an option it does not know, as a usage error, before a reader is looked for.
+  # (Commands still parsing their words by hand are listed until they move to a table.)
+  set(hand_parsed apdu balance card cards cert config demo desfire desfire-key devices discover display emulate emv
+      esp features flash https info iso15693 led mfp mrz ndef ntag424 passport ping read readers records rf sam se
+      signal signer sleep status store sun value version watch write)
+  if(NOT name STREQUAL "sim" AND NOT name IN_LIST hand_parsed)
+    execute_process(COMMAND ${TOOL} --port ${WORK}/no-reader-here ${name} --no-such-option RESULT_VARIABLE rc
+                    OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 30)
+    if(NOT rc EQUAL 2 OR NOT err MATCHES "unknown option --no-such-option")
+      message(SEND_ERROR "${name} --no-such-option: exit ${rc}\n${out}${err}")
+    endif()
+  endif()
+endforeach()
 
 # json(NAME RC args...): exit code RC and standard output one JSON document; a failure is the error object.
 function(json name want_rc)

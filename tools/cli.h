@@ -12,7 +12,8 @@ namespace tandro {
 struct Options {
     bool json = false;
     bool debug = false;
-    bool quiet = false; // no progress bars
+    bool verbose = false; // the link's bytes on standard error
+    bool quiet = false;   // no progress bars
     // Where the reader is: the built-in simulated reader (with a scenario file, or the default one), or a
     // port name (a device path, or a host text for network readers).
     bool sim = false;
@@ -30,6 +31,7 @@ struct Options {
 };
 
 using Args = std::vector<std::string>;
+struct Spec;
 
 // One command of the tool. Each command file registers its own with a static Registration.
 struct Command {
@@ -37,8 +39,11 @@ struct Command {
     const char *usage;   // arguments, for the help text
     const char *summary; // one line
     int (*run)(const Options &opt, const Args &args);
-    // True when the command prints its own --help; else the tool prints its usage and summary.
+    // True when the command prints its own --help; else the tool prints its usage and summary, or the help
+    // its option table makes.
     bool own_help = false;
+    // The command's forms and options (tools/options.h): they give its --help and its part of the manual.
+    const Spec *spec = nullptr;
 };
 struct Registration {
     explicit Registration(const Command &command);

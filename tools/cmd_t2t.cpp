@@ -7,6 +7,7 @@
 #include "tandro.h"
 #include "tools/card_pick.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/cmd_block_common.h"
 #include "tools/session.h"
 
@@ -14,6 +15,25 @@ namespace {
 
 const char *USAGE = "[--uid HEX] [info | counter N | increment N BY | nfc-counter [PWD PACK] | auth PWD | "
                     "auth-key INDEX | ulc-auth KEY | ulc-key NEW (OLD | factory | no-auth)]";
+
+const tandro::Spec SPEC = {
+    {
+        {"[info]", "the tag's version and product, its three counters, originality signature and tag tamper status"},
+        {"counter N", "reads counter N (0 to 2)"},
+        {"increment N BY", "adds BY to counter N and reads it back"},
+        {"nfc-counter [PWD PACK]", "the NFC counter of an NTAG, with its password (4 bytes) and PACK (2 bytes)"},
+        {"auth PWD", "password authentication with a 4-byte password; prints the tag's PACK"},
+        {"auth-key INDEX", "password authentication with the reader's stored key INDEX"},
+        {"ulc-auth KEY", "Ultralight C authentication with a 16-byte 3DES key"},
+        {"ulc-key NEW OLD", "writes a new Ultralight C key, authenticating with the old one"},
+        {"ulc-key NEW factory|no-auth",
+         "the same after authenticating with the factory key, or without authentication"},
+    },
+    {
+        {"--uid", "HEX", "the card with this UID, when several are in the field"},
+    },
+    "Key writes check first that the card is an Ultralight C: on any other card they write nothing.",
+};
 
 int fail(ZEL_STATUS st)
 {
@@ -135,16 +155,13 @@ void print_text(const Info &i, const std::vector<uint8_t> &picked)
 
 int run_t2t(const tandro::Options &opt, const tandro::Args &all)
 {
-    tandro::Args args;
+    tandro::Parsed parsed;
+    if (!tandro::parse("t2t", SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     std::vector<uint8_t> want_uid;
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i] == "--uid" && i + 1 < all.size()) {
-            if (!tandro::parse_hex(all[++i], want_uid) || want_uid.empty())
-                return tandro::usage_error("t2t", "--uid takes a UID in hexadecimal");
-        } else {
-            args.push_back(all[i]);
-        }
-    }
+    if (parsed.has("--uid") && (!tandro::parse_hex(parsed.value("--uid"), want_uid) || want_uid.empty()))
+        return tandro::usage_error("t2t", "--uid takes a UID in hexadecimal");
     const std::string what = args.empty() ? "info" : args[0];
     const size_t n = args.size();
     // The arguments are checked before the reader is reached.
@@ -257,7 +274,7 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
 }
 
 const tandro::Registration t2t_cmd({"t2t", USAGE,
-                                    "a Type 2 tag: version, counters, signature, tamper status, password auth",
-                                    run_t2t});
+                                    "a Type 2 tag: version, counters, signature, tamper status, password auth", run_t2t,
+                                    false, &SPEC});
 
 } // namespace

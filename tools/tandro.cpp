@@ -2,82 +2,132 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 
 namespace {
 
-// Options that every command takes, before or after its name. Returns false when the word is no such option.
+// Applies one global option, by its long name, with its value (empty for a flag). False on a bad value.
+bool apply_global(tandro::Options &opt, const std::string &name, const std::string &text)
+{
+    auto bad = [](const char *why) {
+        std::fprintf(stderr, "tandro: %s\n", why);
+        return false;
+    };
+    if (name == "--json")
+        opt.json = true;
+    else if (name == "--debug")
+        opt.debug = true;
+    else if (name == "--verbose")
+        opt.verbose = true;
+    else if (name == "--quiet")
+        opt.quiet = true;
+    else if (name == "--sim") {
+        opt.sim = true;
+        opt.sim_scenario = text;
+    } else if (name == "--port")
+        opt.port = text;
+    else if (name == "--type") {
+        opt.open_given = true;
+        if (!tandro::parse_u32(text, &opt.reader_type))
+            return bad("--type takes a number (0 any, 1, 2, 3, 4 network)");
+    } else if (name == "--interface") {
+        opt.open_given = true;
+        if (text.size() == 1 && (text[0] == 'T' || text[0] == 'U' || text[0] == 'L'))
+            opt.port_interface = static_cast<uint8_t>(text[0]);
+        else if (!tandro::parse_u32(text, &opt.port_interface))
+            return bad("--interface takes 0, 1, 2, 10, T, U or L");
+    } else if (name == "--arg") {
+        opt.open_given = true;
+        opt.arg = text;
+    } else if (name == "--reader") {
+        uint32_t index = 0;
+        opt.list_given = true;
+        if (!tandro::parse_u32(text, &index) || index > 0x7FFFFFFFu)
+            return bad("--reader takes an index of tandro readers");
+        opt.list_index = static_cast<int32_t>(index);
+    } else if (name == "--serial") {
+        opt.list_given = true;
+        opt.list_serial = text;
+        if (text.empty() || text.size() > 20)
+            return bad("--serial takes a serial number of 1 to 20 characters");
+    }
+    return true;
+}
+
+// Options that every command takes, before or after its name, as the global table lists them. Returns false
+// when the word is no such option; sets bad when it is one with a missing or wrong value.
 bool global_option(tandro::Options &opt, int argc, char **argv, int &i, bool &bad)
 {
     const std::string a = argv[i];
-    auto value = [&](const char *name, std::string &out) {
-        const std::string prefix = std::string(name) + "=";
-        if (a.rfind(prefix, 0) == 0) {
-            out = a.substr(prefix.size());
-            return true;
-        }
-        if (a == name) {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "tandro: %s needs a value\n", name);
-                bad = true;
-                return true;
+    for (const tandro::Opt &o : tandro::global_options()) {
+        const bool attached_only = o.value && o.value[0] == '['; // "--sim[=SCENARIO]"
+        std::string names = o.names;
+        for (size_t at = 0; at <= names.size();) {
+            const size_t comma = std::min(names.find(',', at), names.size());
+            const std::string name = names.substr(at, comma - at);
+            at = comma + 1;
+            std::string text;
+            if (a == name) {
+                if (o.value && !attached_only) {
+                    if (i + 1 >= argc) {
+                        std::fprintf(stderr, "tandro: %s needs a value\n", name.c_str());
+                        bad = true;
+                        return true;
+                    }
+                    text = argv[++i];
+                }
+            } else if (o.value && name.rfind("--", 0) == 0 && a.rfind(name + "=", 0) == 0) {
+                text = a.substr(name.size() + 1);
+            } else {
+                continue;
             }
-            out = argv[++i];
+            bad = !apply_global(opt, tandro::long_name(o), text);
             return true;
         }
-        return false;
-    };
-    std::string text;
-    if (a == "--json")
-        opt.json = true;
-    else if (a == "--debug")
-        opt.debug = true;
-    else if (a == "--quiet" || a == "-q")
-        opt.quiet = true;
-    else if (a == "--sim")
-        opt.sim = true;
-    else if (a.rfind("--sim=", 0) == 0) {
-        opt.sim = true;
-        opt.sim_scenario = a.substr(6);
-    } else if (value("--port", opt.port)) {
-    } else if (value("--type", text)) {
-        opt.open_given = true;
-        if (!bad && !tandro::parse_u32(text, &opt.reader_type)) {
-            std::fprintf(stderr, "tandro: --type takes a number (0 any, 1, 2, 3, 4 network)\n");
-            bad = true;
+    }
+    return false;
+}
+
+// The reader remembered in the environment, for a command whose words name none.
+bool environment_reader(tandro::Options &opt)
+{
+    if (opt.sim || opt.list_given)
+        return true;
+    const char *port = std::getenv("TANDRO_PORT");
+    if (port && *port && opt.port.empty())
+        opt.port = port;
+    struct {
+        const char *variable, *option;
+    } const open_words[] = {{"TANDRO_INTERFACE", "--interface"}, {"TANDRO_ARG", "--arg"}};
+    for (const auto &w : open_words) {
+        const char *text = std::getenv(w.variable);
+        if (!text || !*text)
+            continue;
+        const bool given = std::string(w.option) == "--interface" ? opt.port_interface != 0 : !opt.arg.empty();
+        if (given)
+            continue;
+        if (!apply_global(opt, w.option, text)) {
+            std::fprintf(stderr, "tandro: in the environment, %s=%s\n", w.variable, text);
+            return false;
         }
-    } else if (value("--interface", text)) {
-        opt.open_given = true;
-        if (!bad && text.size() == 1 && (text[0] == 'T' || text[0] == 'U' || text[0] == 'L'))
-            opt.port_interface = static_cast<uint8_t>(text[0]);
-        else if (!bad && !tandro::parse_u32(text, &opt.port_interface)) {
-            std::fprintf(stderr, "tandro: --interface takes 0, 1, 2, 10, T, U or L\n");
-            bad = true;
-        }
-    } else if (value("--arg", opt.arg)) {
-        opt.open_given = true;
-    } else if (value("--reader", text)) {
-        uint32_t index = 0;
-        opt.list_given = true;
-        if (!bad && (!tandro::parse_u32(text, &index) || index > 0x7FFFFFFFu)) {
-            std::fprintf(stderr, "tandro: --reader takes an index of tandro readers\n");
-            bad = true;
-        }
-        opt.list_index = static_cast<int32_t>(index);
-    } else if (value("--serial", opt.list_serial)) {
-        opt.list_given = true;
-        if (!bad && (opt.list_serial.empty() || opt.list_serial.size() > 20)) {
-            std::fprintf(stderr, "tandro: --serial takes a serial number of 1 to 20 characters\n");
-            bad = true;
-        }
-    } else
-        return false;
+    }
     return true;
+}
+
+// The library's link transfer lines (the bytes each read and write moved) on standard error; its other
+// debug lines only with --debug.
+void verbose_sink(int level, const char *text, void *context)
+{
+    const bool everything = *static_cast<const bool *>(context);
+    if (everything || level == 6)
+        std::fprintf(stderr, "%s", text);
 }
 
 // The help of one command: its usage line and summary, and where the options every command takes are.
@@ -85,8 +135,7 @@ int command_help(const tandro::Command &c, const tandro::Options &opt)
 {
     if (c.own_help)
         return c.run(opt, {"--help"});
-    std::printf("usage: tandro [OPTIONS] %s%s%s\n\n%s\n\nOPTIONS are those every command takes (tandro --help).\n",
-                c.name, c.usage[0] ? " " : "", c.usage, c.summary);
+    std::fputs(tandro::command_help_text(c).c_str(), stdout);
     return 0;
 }
 
@@ -108,19 +157,18 @@ int usage(FILE *out)
         const std::string head = std::string(c.name) + (c.usage[0] ? " " : "") + c.usage;
         std::fprintf(out, "  %-22s %s\n", head.c_str(), c.summary);
     }
+    std::fprintf(out, "\noptions:\n");
+    for (const tandro::Opt &o : tandro::global_options()) {
+        std::string head;
+        for (const char *p = o.names; *p; ++p)
+            head += *p == ',' ? std::string(", ") : std::string(1, *p);
+        if (o.value)
+            head += (o.value[0] == '[' ? "" : " ") + std::string(o.value);
+        std::fprintf(out, "  %-22s %s\n", head.c_str(), o.help);
+    }
     std::fprintf(out,
-                 "\noptions:\n"
-                 "  --json                 structured output\n"
-                 "  --debug                the library's debug lines on standard error\n"
-                 "  --quiet, -q            no progress bars (they show only on a terminal, never with --json)\n"
-                 "  --sim[=SCENARIO]       the built-in simulated reader (default cards, or a scenario file)\n"
-                 "  --port NAME            the reader's port: device path, reader serial, or HOST[:PORT] on a network\n"
-                 "  --type N               reader type: 0 any, 1 at 1 Mbit/s, 2 at 115200, 3 at 250000, 4 network\n"
-                 "  --interface I          0 auto, 1 serial, 2 FTDI, 10 serial with GPIO reset, T TCP, U UDP\n"
-                 "  --arg WORDS            words of the open, such as \"UNIT_OPEN_RESET_DISABLE\"\n"
-                 "  --reader N             the reader at index N of tandro readers\n"
-                 "  --serial S             the reader of tandro readers whose serial begins with S\n"
-                 "  (no --port and no --sim: the reader is searched for on USB and serial ports)\n");
+                 "  (no --port and no --sim: TANDRO_PORT, else the reader is searched for on USB and serial ports;\n"
+                 "   the manual page tandro(1) has the whole of it)\n");
     return out == stdout ? 0 : 2;
 }
 
@@ -219,6 +267,10 @@ int main(int argc, char **argv)
         }
         if (a == "--help" || a == "-h" || a == "help")
             return usage(stdout);
+        if (a == "--man") { // the manual page, as the build installs it
+            std::fputs(tandro::manual_page(GetDllVersionStr()).c_str(), stdout);
+            return 0;
+        }
         if (a == "--version") {
             std::printf("tandro %s\n", GetDllVersionStr());
             return 0;
@@ -242,8 +294,14 @@ int main(int argc, char **argv)
         if (bad)
             return 2;
     }
-    if (opt.debug)
+    if (name != "sim" && !environment_reader(opt))
+        return 2;
+    if (opt.verbose) {
+        ZEL_DebugPrintSetSink(verbose_sink, &opt.debug);
         ZEL_DebugPrintEnable(1);
+    } else if (opt.debug) {
+        ZEL_DebugPrintEnable(1);
+    }
     const tandro::Command *c = find_command(name);
     if (!c) {
         if (opt.json) {
