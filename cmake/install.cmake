@@ -40,10 +40,8 @@ install(TARGETS zelsim EXPORT TandroZelsimTargets
 install(FILES ${PROJECT_SOURCE_DIR}/sim/zelsim.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tandro COMPONENT zelsim)
 install(EXPORT TandroZelsimTargets NAMESPACE Tandro:: DESTINATION ${ZEL_CMAKE_PACKAGE_DIR} COMPONENT zelsim)
 
-# The man page of the tool, where the build makes it.
-if(TARGET tandro_man)
-  install(FILES ${CMAKE_BINARY_DIR}/man/tandro.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
-endif()
+# The manual page of the tool, where its target tandro_man writes it.
+install(FILES ${CMAKE_BINARY_DIR}/man/tandro.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 
 # The CMake package: its configuration file finds the dependencies of the static libraries and loads the
 # zelsim targets when they are installed.

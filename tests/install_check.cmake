@@ -1,5 +1,5 @@
 # The installed package, checked from an install prefix under the build tree:
-#   cmake -DBUILD=<build tree> -DWORK=<scratch folder> -DSOURCE=<this folder> -DVERSION=<version> -DMAN=ON|OFF
+#   cmake -DBUILD=<build tree> -DWORK=<scratch folder> -DSOURCE=<this folder> -DVERSION=<version>
 #         -P install_check.cmake
 # It installs every component, then checks that the files are where the package files say, that every
 # installed header compiles on its own from the prefix, that pkg-config resolves tandro and tandro-zelsim to
@@ -31,15 +31,17 @@ get_filename_component(libdir ${pcdir} DIRECTORY)
 set(expected ${prefix}/bin/tandro ${prefix}/bin/tandro-sim ${prefix}/include/tandro/tandro.h
     ${prefix}/include/tandro/zelsim.h ${libdir}/libtandro.so ${libdir}/libtandro.a ${libdir}/libtandro-zelsim.a
     ${pcdir}/tandro-zelsim.pc ${libdir}/cmake/Tandro/TandroConfig.cmake
-    ${libdir}/cmake/Tandro/TandroConfigVersion.cmake)
-if(MAN)
-  list(APPEND expected ${prefix}/share/man/man1/tandro.1)
-endif()
+    ${libdir}/cmake/Tandro/TandroConfigVersion.cmake ${prefix}/share/man/man1/tandro.1)
 foreach(f ${expected})
   if(NOT EXISTS ${f})
     message(FATAL_ERROR "not installed: ${f}")
   endif()
 endforeach()
+# The manual page is one, in section 1.
+file(STRINGS ${prefix}/share/man/man1/tandro.1 th REGEX "^\\.TH +\"?[Tt][Aa][Nn][Dd][Rr][Oo]\"? +\"?1" LIMIT_COUNT 1)
+if(NOT th)
+  message(FATAL_ERROR "share/man/man1/tandro.1 has no .TH line of section 1")
+endif()
 # Every public header of the source tree is installed, and no other.
 file(GLOB source_headers RELATIVE ${SOURCE}/../include ${SOURCE}/../include/*.h)
 file(GLOB installed_headers RELATIVE ${prefix}/include/tandro ${prefix}/include/tandro/*.h)
