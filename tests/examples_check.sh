@@ -60,6 +60,11 @@ expect() {
   local rc=0
   timeout 30 "$@" > "$work/out" 2>&1 || rc=$?
   sed 's/^/    /' "$work/out"
+  # Under a sanitizer a report is a failure even where the program was to fail.
+  if grep -q -E '^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer|SUMMARY: [A-Za-z]+Sanitizer)|runtime error: ' "$work/out"; then
+    echo "-- sanitizer report from: $*"
+    return 1
+  fi
   if [ "$want" = OK ] && [ $rc -ne 0 ]; then
     echo "-- exit $rc from: $*"
     return 1
@@ -146,6 +151,8 @@ run_card_events() {
   sim_pid=""
   sed 's/^/    /' "$work/events"
   [ $rc -eq 0 ] || { echo "-- card_events ended with $rc"; return 1; }
+  ! grep -q -E '^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer)|runtime error: ' "$work/events" ||
+    { echo "-- sanitizer report from card_events"; return 1; }
   grep -q -E '^arrived 04A22B1A5C6480 ORB_NTAG_215 ' "$work/events" || { echo "-- no arrival of the NTAG"; return 1; }
   grep -q -x 'left' "$work/events" || { echo "-- no removal"; return 1; }
   rm -f "$work/commands"
