@@ -16,8 +16,10 @@ fi
 
 work=$(mktemp -d)
 sim_pid=""
+ev_pid=""
 cleanup() {
-  [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null || true
+  if [ -n "$sim_pid" ]; then kill "$sim_pid" 2>/dev/null || true; fi
+  if [ -n "$ev_pid" ]; then kill "$ev_pid" 2>/dev/null || true; fi
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -134,7 +136,7 @@ run_card_events() {
   PTY=$(awk '/^pty/ {print $2}' "$work/links")
   [ -n "$PTY" ] || { echo "tandro-sim printed no pseudo-terminal"; return 1; }
   timeout 30 "$1" -a $NO_RESET -n 2 "$PTY" > "$work/events" 2>&1 &
-  local ev_pid=$!
+  ev_pid=$!
   wait_line() { # regex: waits up to 10 s for a line of the example's output
     for _ in $(seq 200); do grep -q -E "$1" "$work/events" && return 0; sleep 0.05; done
     echo "-- no line matches: $1"; sed 's/^/    /' "$work/events"; return 1
@@ -145,6 +147,7 @@ run_card_events() {
   echo "remove 04A22B1A5C6480" >&3
   local rc=0
   wait "$ev_pid" || rc=$?
+  ev_pid=""
   echo quit >&3
   exec 3>&-
   wait "$sim_pid" 2>/dev/null || true

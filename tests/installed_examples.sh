@@ -21,10 +21,10 @@ echo "-- pkg-config: $(pkg-config --cflags --libs tandro)"
 mkdir -p "$work/pkg-config"
 for src in "$root"/examples/*.c; do
   name=$(basename "$src" .c)
-  packages=tandro
-  grep -q '^#include "zelsim.h"' "$src" && packages="tandro tandro-zelsim"
+  packages=(tandro)
+  grep -q '^#include "zelsim.h"' "$src" && packages+=(tandro-zelsim)
   # shellcheck disable=SC2046
-  cc -std=c11 -Wall -Wextra -Werror -pthread "$src" $(pkg-config --cflags --libs $packages) \
+  cc -std=c11 -Wall -Wextra -Werror -pthread "$src" $(pkg-config --cflags --libs "${packages[@]}") \
     -Wl,-rpath,"$libdir" -o "$work/pkg-config/$name"
 done
 
