@@ -26,6 +26,7 @@
 #include "zel_mrtd.h"
 #include "zel_mrtd_doc.h"
 #include "zel_ndef.h"
+#include "zel_ndefrec.h"
 #include "zel_net.h"
 #include "zel_ntag424.h"
 #include "zel_open.h"

@@ -69,4 +69,5 @@ npm_oracle() { # folder, package, what the package checks
   echo "install-deps: the npm package $2 could not be installed; the $3 cross-check test will skip"
 }
 npm_oracle ndef_check ndef "NDEF"
+npm_oracle vcard_check vcf "contact record"
 npm_oracle emv_check ber-tlv "payment card"

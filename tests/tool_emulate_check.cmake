@@ -28,13 +28,24 @@ if(NOT saved MATCHES "wifi.ssid=")
 endif()
 file(WRITE ${WORK}/restore.txt "wifi.ssid=other\n")
 run(esp_restore_json 0 "^{\"done\": \"configuration restored \\(16 bytes\\)\"}\n$" --json esp restore ${WORK}/restore.txt)
-run(help 0 "^usage: tandro emulate ndef" emulate --help)
+run(help 0 "^usage: tandro \\[OPTIONS\\] emulate ndef.*emulate stop +stops it.*--adhoc +start, stop: ad hoc" emulate --help)
+run(esp_help 0 "^usage: tandro \\[OPTIONS\\] esp info.*esp backup FILE +saves the module's configuration" esp --help)
 
 # Refused before the reader is asked.
 run(ndef_both 2 "^tandro emulate: ndef takes one of" emulate ndef --uri a --text b)
 run(ndef_none 2 "^tandro emulate: " emulate ndef)
 run(ndef_too_long 2 "^tandro emulate: the record's payload is over 137 bytes" emulate ndef --text
     "0123456789012345678901234567890123456789012345678901234567890123456789012345678901234567890123456789012345678901234567890123456789012345678")
-run(start_word 2 "^tandro emulate: start takes" emulate start --fast)
+run(start_word 2 "^tandro emulate: unknown option --fast" emulate start --fast)
+# Each form takes only its own options.
+run(stop_combined 2 "^tandro emulate: start takes --ram, --combined or --adhoc; stop --ram or --adhoc"
+    emulate stop --combined)
+run(start_two_modes 2 "^tandro emulate: start takes" emulate start --ram --adhoc)
+run(start_record 2 "^tandro emulate: start takes" emulate start --uri https://tandro.example/)
+run(ndef_mode 2 "^tandro emulate: ndef takes --uri URI or --text TEXT" emulate ndef --text a --adhoc)
+run(ndef_word 2 "^tandro emulate: ndef takes --uri URI or --text TEXT" emulate ndef now --text a)
+run(status_option 2 "^tandro emulate: ndef, start, stop or status" emulate status --ram)
+run(ndef_aar_ram 2 "^tandro emulate: --aar takes a package name and no --ram" emulate ndef --uri tel:1 --aar=org.z --ram)
+run(esp_option 2 "^tandro esp: unknown option --fast" esp reset --fast)
 run(esp_word 2 "^tandro esp: " esp wifi maybe)
 run(esp_restore_missing 2 "^tandro esp: cannot read" esp restore ${WORK}/no-such-file)

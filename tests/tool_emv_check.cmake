@@ -49,6 +49,12 @@ file(WRITE ${WORK}/emv_none.json
      "{\"cards\": [{\"uid\": \"04518A2B3C4D80\", \"sak\": \"20\", \"atqa\": \"0344\", \"type\": \"ORB_GENERIC_ISO14443_4\", \"model\": \"iso14443_4\"}]}")
 run(no_card 1 "^{\"error\": \"account number: " --sim=${WORK}/emv_none.json --json emv)
 
-run(help 0 "usage: tandro emv \\[tree\\] \\[--show-pan\\] \\[--df NAME\\]" emv --help)
+run(help 0 "usage: tandro \\[OPTIONS\\] emv \\[tree\\] \\[--show-pan\\] \\[--df NAME\\].*--show-pan +shows the account number whole"
+    emv --help)
 run(unknown 2 "^tandro emv: unknown argument 'bogus'" --sim emv bogus)
-run(df_empty 2 "^tandro emv: --df takes a name of 1 to 255 characters" --sim emv --df)
+run(df_missing 2 "^tandro emv: --df needs a value" --sim emv --df)
+string(REPEAT "D" 256 long_name)
+run(df_long 2 "^tandro emv: --df takes a name of 1 to 255 characters" --sim emv tree --df ${long_name})
+run(tree_twice 2 "^tandro emv: unknown argument 'tree'" --sim emv tree tree)
+# Options go anywhere among the words.
+run(options_first 0 "5A Application Primary Account Number \\(PAN\\): 4000123456789010" --sim emv --show-pan tree)

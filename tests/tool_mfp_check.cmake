@@ -9,7 +9,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/tool_run.cmake)
 set(FF FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF)
 set(K 00112233445566778899AABBCCDDEEFF)
 
-run(help 0 "usage: tandro mfp \\[--sam\\]" mfp --help)
+run(help 0 "usage: tandro \\[OPTIONS\\] mfp \\[--sam\\]" mfp --help)
 run(perso_minimal 0 "^{\"result\": \"personalised and committed, now ORB_MIFARE_PLUS_X_4K_SL1\"}\n$"
     --json mfp perso-minimal ${K})
 run(perso_minimal_nine 0 "personalised and committed" mfp perso-minimal ${K} ${K} ${K} ${K} ${K} ${K} ${K} ${K} ${K})

@@ -33,7 +33,7 @@ run(sun_no_mac 2 "^tandro sun: the URL: the URL carries no MAC"
     sun verify "https://t.example/?p=EF963FF7828658A599F3041510671E88" --meta-key ${zero} --file-key ${zero})
 run(sun_no_meta_key 2 "^tandro sun: the URL carries PICC data: --meta-key is needed"
     sun verify "https://t.example/?p=EF963FF7828658A599F3041510671E88&m=94EED9EE65337086" --file-key ${zero})
-run(sun_help 0 "^usage: tandro sun verify URL" sun --help)
+run(sun_help 0 "^usage: tandro \\[OPTIONS\\] sun verify URL" sun --help)
 
 run(ntag424_uid 0 "^UID 04A5B6C7D8E980\n$" ntag424 uid 0)
 run(ntag424_uid_wrong_key 1 "uid: " ntag424 --key 11111111111111111111111111111111 uid 0)
@@ -43,7 +43,7 @@ run(ntag424_tamper 0 "tamper loop: permanent invalid" ntag424 tamper 0)
 run(ntag424_bad_key 2 "^tandro ntag424: --key takes 16 bytes in hexadecimal" ntag424 --key 0011 uid 0)
 run(ntag424_bad_sub 2 "^tandro ntag424: usage: tandro ntag424" ntag424 bogus)
 run(ntag424_bad_sdm 2 "^tandro ntag424: usage: tandro ntag424" ntag424 sdm 2 meta=16)
-run(ntag424_help 0 "^usage: tandro ntag424" ntag424 --help)
+run(ntag424_help 0 "^usage: tandro \\[OPTIONS\\] ntag424" ntag424 --help)
 
 if(failures)
   message(FATAL_ERROR "${failures} checks failed")

@@ -83,13 +83,42 @@ TEST(ToolOptions, RefusalsAreUsageErrorsThatNameTheWord)
     }
 }
 
+TEST(ToolOptions, AnOptionOfSeveralWordsTakesThemAllEachTime)
+{
+    const tandro::Spec spec = {
+        {{"sign FILE", "signs a file"}},
+        {{"--key", "TYPE SLOT", "the key"}, {"--out", "FILE", "where it goes"}},
+    };
+    tandro::Parsed p;
+    ASSERT_TRUE(tandro::parse("test", spec, {"--key", "ec", "2", "sign", "f", "--key", "rsa", "1"}, p));
+    EXPECT_EQ(p.words, (tandro::Args{"sign", "f"}));
+    EXPECT_EQ(p.values("--key"), (tandro::Args{"ec", "2", "rsa", "1"}));
+    // The words after it are the command's again.
+    ASSERT_TRUE(tandro::parse("test", spec, {"sign", "--key", "ec", "0", "f", "--out", "o"}, p));
+    EXPECT_EQ(p.words, (tandro::Args{"sign", "f"}));
+    EXPECT_EQ(p.value("--out"), "o");
+
+    // Fewer words than it takes: a usage error that says what it takes.
+    for (const tandro::Args &words : {tandro::Args{"sign", "f", "--key", "ec"}, tandro::Args{"--key"}}) {
+        EXPECT_FALSE(tandro::parse("test", spec, words, p));
+        EXPECT_NE(tandro::last_failure().message.find("--key needs TYPE SLOT"), std::string::npos)
+            << tandro::last_failure().message;
+    }
+    // A single word option keeps its own message beside it.
+    EXPECT_FALSE(tandro::parse("test", spec, {"sign", "--out"}, p));
+    EXPECT_NE(tandro::last_failure().message.find("--out needs a value"), std::string::npos);
+
+    const tandro::Command command{"test", "sign FILE", "signs", nullptr, false, &spec};
+    EXPECT_NE(tandro::command_help_text(command).find("--key TYPE SLOT"), std::string::npos);
+}
+
 TEST(ToolOptions, HelpAndManualComeFromTheTable)
 {
     const tandro::Command command{"test", "read|write ...", "a command for the test", nullptr, false, &kSpec};
     const std::string help = tandro::command_help_text(command);
-    for (const char *part : {"usage: tandro [OPTIONS] test read|write ...", "a command for the test",
-                             "First paragraph.", "test write BLOCK DATA", "writes one", "-o, --out FILE",
-                             "where the bytes go", "-n, --dry-run"})
+    for (const char *part :
+         {"usage: tandro [OPTIONS] test read|write ...", "a command for the test", "First paragraph.",
+          "test write BLOCK DATA", "writes one", "-o, --out FILE", "where the bytes go", "-n, --dry-run"})
         EXPECT_NE(help.find(part), std::string::npos) << part << "\n" << help;
 
     const std::string man = tandro::manual_page("1.2.3");

@@ -21,7 +21,7 @@ run(readers_list 0 " 0  serial [^\n]*ttyUSB0 [^\n]*ZR000001[^\n]*\n 1  serial [^
 run(readers_json 0 "^{\"readers\": \\[{\"index\": 0, \"link\": \"serial\", [^\n]*\"serial\": \"ZR000001\"[^\n]*}, {\"index\": 1, [^\n]*\"serial\": \"ZR000002\"[^\n]*\\], \"count\": 2, \"note\": \"FTDI devices skipped[^\n]*}\n$"
     --json --sim=${two} readers)
 run(readers_default_reader 0 "SIM00001  -  firmware" readers)
-run(readers_help 0 "^usage: tandro readers" readers --help)
+run(readers_help 0 "^usage: tandro \\[OPTIONS\\] readers.*index \\(for --reader N\\)" readers --help)
 run(readers_argument 2 "^tandro readers: takes no arguments" readers 3)
 
 # Each reader answers with its own card.

@@ -31,7 +31,7 @@ run(credit 0 "^credit 2500, valid 2026-01-01T00:00 to 2027-06-30T23:59\n$"
 run(validate 0 "^{\"validate\": \"0102030405060708090A\"}\n$" --sim --json records validate 01:02:03:04:05:06:07:08:09:0a)
 run(daily 0 "^daily: 480 min\n$" --sim records daily 480)
 run(out_of_range_json 1 "^{\"error\": \"right record 64: " --sim --json records right 64 1 1 00:00 00:00 0000000)
-run(records_help 0 "usage: tandro records \\[show \\| right N" records --help)
+run(records_help 0 "usage: tandro \\[OPTIONS\\] records \\[show \\| right N" records --help)
 run(bad_time 2 "^tandro records: usage: tandro records" --sim records right 5 1 2 24:00 23:59 1111100)
 run(bad_days 2 "^tandro records: usage" --sim records right 5 1 2 07:00 23:59 11111)
 run(bad_date 2 "^tandro records: usage" --sim records credit 1 1999-01-01T00:00 2027-06-30T23:59)
@@ -41,6 +41,6 @@ run(balance_set_json 0 "^{\"balance\": 2147483647}\n$" --sim --json balance set 
 # The blocks of the built-in card hold no value yet: an error object and a non-zero exit.
 run(balance_empty 1 "^{\"error\": \"read: " --sim --json balance get)
 run(balance_wrong_key 1 "tandro balance: write: " --sim balance set 5 --key A0A1A2A3A4A5)
-run(balance_help 0 "usage: tandro balance get \\| set VALUE" balance --help)
+run(balance_help 0 "usage: tandro \\[OPTIONS\\] balance get \\| set VALUE" balance --help)
 run(balance_range 2 "^tandro balance: set takes a value from -2147483648 to 2147483647" --sim balance set 2147483648)
 run(balance_key 2 "^tandro balance: --key takes 6 bytes" --sim balance get --key 0102)

@@ -35,4 +35,4 @@ run(usage_type 2 "^tandro sam: usage" sam --key ${zero} change-key 5 rc4 ${secre
 run(usage_host_mode 2 "^tandro sam: --host-mode" sam --host-mode 3 --key ${zero} authenticate av2)
 run(usage_range 2 "^tandro sam: usage" sam entries 9 3)
 run(usage_entry 2 "^tandro sam: --entry" sam --entry 128 authenticate des)
-run(help 0 "usage: tandro sam" sam --help)
+run(help 0 "usage: tandro \\[OPTIONS\\] sam" sam --help)

@@ -24,7 +24,7 @@ run(se_config_json 0 "^{\"config\": \"[0-9A-F]+\"}\n$" --json se config)
 run(se_lock 0 "^configuration locked\n$" se lock config)
 run(features_aid 0 "^aid F0010203040506\n$" features aid)
 run(features_discovery_set 0 "^discovery written\n$" features discovery set "01 02 04")
-run(help 0 "^usage: tandro rf get SET" rf --help)
+run(help 0 "^usage: tandro \\[OPTIONS\\] rf [^\n]*\n.*\n  rf get SET " rf --help)
 
 # Refused by the reader: exit code 1, a message, and under --json the error object alone on standard output.
 run(se_lock_slot_open 1 "ZEL_PARAMETERS_ERROR" se lock slot 3)

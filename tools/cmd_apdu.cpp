@@ -9,6 +9,7 @@
 #include "apdu/apdu_internal.h"
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -72,26 +73,32 @@ struct Run {
     }
 };
 
+const char USAGE[] = "[--7816] [--script FILE|-] HEX...";
+
+const tandro::Spec SPEC = {
+    {
+        {"HEX...", "sends each command APDU in turn and prints its response and status word"},
+        {"--script FILE|- [HEX...]", "the same with the APDUs of FILE, or of standard input, after those given"},
+    },
+    {
+        {"--7816", nullptr, "the contact card (ISO 7816) instead of the contactless one"},
+        {"--script", "FILE", "command APDUs one a line (- for standard input); '#' starts a comment"},
+    },
+    "Without --7816 the contactless card is activated at ISO 14443-4 level first and its ATS, UID and SAK are "
+    "printed; with --7816 the contact interface is opened and its ATR printed. Each APDU is hexadecimal, with "
+    "blanks, ':' or '-' allowed between bytes.\n\n"
+    "A text that is not a command APDU, or an exchange the reader fails, is reported in its place and the others "
+    "still go; the exit status is then 1. Under --json, one document: the activation and the list of exchanges.",
+};
+
 int run_apdu(const tandro::Options &opt, const tandro::Args &args)
 {
-    bool contact = false;
-    std::string script;
-    std::vector<std::string> apdus;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--7816") {
-            contact = true;
-        } else if (args[i] == "--script") {
-            if (i + 1 >= args.size())
-                return tandro::usage_error("apdu", "--script needs a file name, or - for standard input");
-            script = args[++i];
-        } else if (args[i].rfind("--script=", 0) == 0) {
-            script = args[i].substr(9);
-        } else if (args[i].rfind("--", 0) == 0) {
-            return tandro::usage_error("apdu", "unknown option " + args[i]);
-        } else {
-            apdus.push_back(args[i]);
-        }
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse("apdu", SPEC, args, parsed))
+        return 2;
+    const bool contact = parsed.has("--7816");
+    const std::string script = parsed.value("--script");
+    const std::vector<std::string> &apdus = parsed.words;
     if (apdus.empty() && script.empty())
         return tandro::usage_error("apdu", "give command APDUs in hex, or --script FILE (- for standard input)");
     std::ifstream file;
@@ -166,8 +173,8 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
     return run.failures ? 1 : 0;
 }
 
-const tandro::Registration apdu_cmd({"apdu", "[--7816] [--script FILE|-] HEX...",
+const tandro::Registration apdu_cmd({"apdu", USAGE,
                                      "command APDUs to the card (contact card with --7816); responses and status words",
-                                     run_apdu});
+                                     run_apdu, false, &SPEC});
 
 } // namespace

@@ -4,11 +4,32 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 
 namespace {
 
-int run_version(const tandro::Options &opt, const tandro::Args &)
+const tandro::Spec VERSION_SPEC = {
+    {
+        {"", "the version of the library the tool runs on, as text and as its number"},
+    },
+    {},
+    "No reader is opened. Under --json: {\"version\": TEXT, \"code\": N}.",
+};
+
+const tandro::Spec STATUS_SPEC = {
+    {
+        {"CODE", "the name and text of status CODE, in decimal or 0x-prefixed hexadecimal"},
+    },
+    {},
+    "No reader is opened. Under --json: {\"code\": N, \"name\": TEXT}.",
+};
+
+int run_version(const tandro::Options &opt, const tandro::Args &all)
 {
+    // Words after the command are not looked at; options are refused.
+    tandro::Parsed parsed;
+    if (!tandro::parse("version", VERSION_SPEC, all, parsed))
+        return 2;
     const uint32_t v = GetDllVersion();
     if (opt.json)
         std::printf("{\"version\": \"%s\", \"code\": %u}\n", GetDllVersionStr(), v);
@@ -17,8 +38,12 @@ int run_version(const tandro::Options &opt, const tandro::Args &)
     return 0;
 }
 
-int run_status(const tandro::Options &opt, const tandro::Args &args)
+int run_status(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("status", STATUS_SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     if (args.size() != 1)
         return tandro::usage_error("status", "give one status code");
     uint32_t code = 0;
@@ -34,7 +59,8 @@ int run_status(const tandro::Options &opt, const tandro::Args &args)
     return 0;
 }
 
-const tandro::Registration version_cmd({"version", "", "the library's version", run_version});
-const tandro::Registration status_cmd({"status", "CODE", "the text of a status code (decimal or 0x hex)", run_status});
+const tandro::Registration version_cmd({"version", "", "the library's version", run_version, false, &VERSION_SPEC});
+const tandro::Registration status_cmd({"status", "CODE", "the text of a status code (decimal or 0x hex)", run_status,
+                                       false, &STATUS_SPEC});
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 
 namespace {
 
@@ -56,20 +57,25 @@ const char *key_kind(uint32_t type)
     }
 }
 
+const tandro::Spec SPEC = {
+    {
+        {"FILE", "the certificate's subject, issuer, serial, validity, public key, SKI and AKI"},
+    },
+    {
+        {"--ca", "CAFILE", "also verifies the certificate's signature with the key of the issuer's certificate"},
+    },
+    "FILE and CAFILE are certificates in PEM or DER. No reader is opened. With --ca the exit status is 1 when "
+    "the signature does not verify.",
+};
+
 int run_cert(const tandro::Options &opt, const tandro::Args &args)
 {
-    std::string file, ca_file;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--ca") {
-            if (i + 1 >= args.size())
-                return tandro::usage_error("cert", "--ca needs a file");
-            ca_file = args[++i];
-        } else if (file.empty()) {
-            file = args[i];
-        } else {
-            return tandro::usage_error("cert", "give one certificate file");
-        }
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse("cert", SPEC, args, parsed))
+        return 2;
+    if (parsed.words.size() > 1)
+        return tandro::usage_error("cert", "give one certificate file");
+    const std::string file = parsed.word(0), ca_file = parsed.value("--ca");
     if (file.empty())
         return tandro::usage_error("cert", "give a certificate file (PEM or DER)");
     initCryptoSubsys();
@@ -144,6 +150,6 @@ int run_cert(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration cert_cmd({"cert", "FILE [--ca CAFILE]",
                                      "a certificate's names, validity, key and key ids; --ca verifies its signature",
-                                     run_cert});
+                                     run_cert, false, &SPEC});
 
 } // namespace

@@ -1,15 +1,5 @@
 // tandro config: what the reader keeps. Its clock, its keys and their lock, EEPROM bytes, and the setup of the
 // card ids it sends by itself.
-//
-//   tandro config time                                  the reader's 6 time bytes
-//   tandro config time set HEX12 --password PW
-//   tandro config key INDEX HEX12                       writes reader key INDEX (0 to 31)
-//   tandro config keys lock|unlock --password PW
-//   tandro config eeprom ADDRESS [COUNT]                hex dump (COUNT 16 by default)
-//   tandro config eeprom ADDRESS write HEX --password PW
-//   tandro config async                                 the card id setup
-//   tandro config async set [send] [surround] [removed] [reverse] [decimal] [json]
-//                           [prefix=C] [suffix=C] [baud=N]
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -19,6 +9,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -39,30 +30,6 @@ bool parse_password(const std::string &text, uint8_t pw[8])
     if (text.size() != 8)
         return false;
     std::memcpy(pw, text.data(), 8);
-    return true;
-}
-
-// Takes "--password PW" out of the arguments.
-bool take_password(tandro::Args &args, std::string &password, int &error)
-{
-    for (size_t i = 0; i < args.size(); ++i) {
-        std::string value;
-        if (args[i] == "--password") {
-            if (i + 1 >= args.size()) {
-                error = tandro::usage_error(kName, "--password needs a value");
-                return false;
-            }
-            value = args[i + 1];
-            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
-        } else if (args[i].rfind("--password=", 0) == 0) {
-            value = args[i].substr(11);
-            args.erase(args.begin() + static_cast<long>(i));
-        } else {
-            continue;
-        }
-        password = value;
-        return true;
-    }
     return true;
 }
 
@@ -294,13 +261,34 @@ int run_async(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &a)
     return 0;
 }
 
+const tandro::Spec SPEC = {
+    {
+        {"time", "the reader's clock: its 6 time bytes"},
+        {"time set HEX12", "sets the clock to 6 time bytes as the reader keeps them (needs --password)"},
+        {"key INDEX HEX12", "writes reader key INDEX (0 to 31), a 6-byte key"},
+        {"keys lock|unlock", "locks or unlocks the reader's keys (needs --password)"},
+        {"eeprom ADDRESS [COUNT]", "a hex dump of COUNT EEPROM bytes from ADDRESS (16 by default, at most 4096)"},
+        {"eeprom ADDRESS write HEX", "writes bytes to the EEPROM from ADDRESS (needs --password)"},
+        {"async", "the setup of the card ids the reader sends by itself"},
+        {"async set [WORD...]", "writes that setup: the words below, each it names turned on"},
+    },
+    {
+        {"--password", "PW", "the reader's password for the changes that need it: 8 characters or 16 hex digits"},
+    },
+    "The words of async set: send (send card ids), surround (with a prefix and suffix), removed (announce a "
+    "removal), reverse (the id's bytes reversed), decimal (the id in decimal), json (ids as JSON, which takes only "
+    "send, removed and baud=N), prefix=C and suffix=C (one character or a number to 255; '!' by default) and baud=N "
+    "(1000000 by default). Words not given are off.\n\n"
+    "A change that needs --password writes nothing without it.",
+};
+
 int run_config(const tandro::Options &opt, const tandro::Args &given)
 {
-    tandro::Args args = given;
-    std::string password;
-    int error = 0;
-    if (!take_password(args, password, error))
-        return error;
+    tandro::Parsed parsed;
+    if (!tandro::parse(kName, SPEC, given, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
+    const std::string password = parsed.value("--password");
     if (args.empty())
         return tandro::usage_error(kName, "say what: time, key, keys, eeprom or async (tandro --help)");
     const std::string &what = args[0];
@@ -323,6 +311,7 @@ int run_config(const tandro::Options &opt, const tandro::Args &given)
 
 const tandro::Registration config_cmd(
     {"config", "time|key|keys|eeprom|async ...",
-     "reads and sets the reader's time, keys, EEPROM bytes and card id setup (--password PW for changes)", run_config});
+     "reads and sets the reader's time, keys, EEPROM bytes and card id setup (--password PW for changes)", run_config,
+     false, &SPEC});
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "transport/d2xx.h"
 #include "transport/sysfs.h"
 
@@ -96,16 +97,26 @@ std::string ftdi_json(const zel_ftdi_device &e, bool reader)
     return s + "}";
 }
 
+const tandro::Spec SPEC = {
+    {
+        {"", "the USB serial ports (readers and FTDI chips marked) and the FTDI readers and serial adapters"},
+    },
+    {
+        {"--sysfs", "DIR", "the device tree under DIR in place of the system's, as tests present one"},
+    },
+    "No reader is opened. The FTDI devices are listed only when the D2XX library (libftd2xx.so) is installed. "
+    "The exit status is 1 when the device tree cannot be read.",
+};
+
 int run_devices(const tandro::Options &opt, const tandro::Args &args)
 {
-    for (size_t i = 0; i < args.size(); ++i) {
-        // A device tree of another root, as tests and demonstrations present one.
-        if (args[i] == "--sysfs" && i + 1 < args.size()) {
-            zel::set_sysfs_root(args[++i].c_str());
-            continue;
-        }
-        return tandro::usage_error(kName, "unknown argument \"" + args[i] + "\"");
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse(kName, SPEC, args, parsed))
+        return 2;
+    if (!parsed.words.empty())
+        return tandro::usage_error(kName, "unknown argument \"" + parsed.words[0] + "\"");
+    if (parsed.has("--sysfs"))
+        zel::set_sysfs_root(parsed.value("--sysfs").c_str());
     bool listed = false;
     const std::vector<SerialPort> ports = serial_ports(listed);
     const FtdiList ftdi = ftdi_devices();
@@ -164,6 +175,6 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration devices_cmd({"devices", "[--sysfs DIR]",
                                         "the USB serial ports and the FTDI readers and adapters of this system",
-                                        run_devices});
+                                        run_devices, false, &SPEC});
 
 } // namespace

@@ -11,6 +11,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "zelsim.h"
 
 namespace {
@@ -35,9 +36,21 @@ std::string broadcast_problem()
     return why;
 }
 
-int run_discover(const tandro::Options &opt, const tandro::Args &args)
+const tandro::Spec SPEC = {
+    {
+        {"", "broadcasts on the local network and lists each reader that answers: address, port, serial, type"},
+    },
+    {},
+    "With --sim the simulated reader answers on the network readers' own UDP port first, as one would. The "
+    "exit status is 1 when a broadcast cannot be sent from this machine; no answer is not a failure.",
+};
+
+int run_discover(const tandro::Options &opt, const tandro::Args &all)
 {
-    if (!args.empty())
+    tandro::Parsed parsed;
+    if (!tandro::parse("discover", SPEC, all, parsed))
+        return 2;
+    if (!parsed.words.empty())
         return tandro::usage_error("discover", "takes no arguments");
     zsim *sim = nullptr;
     if (opt.sim) {
@@ -94,6 +107,7 @@ int run_discover(const tandro::Options &opt, const tandro::Args &args)
     return 0;
 }
 
-const tandro::Registration discover_cmd({"discover", "", "network readers that answer a broadcast", run_discover});
+const tandro::Registration discover_cmd({"discover", "", "network readers that answer a broadcast", run_discover, false,
+                                         &SPEC});
 
 } // namespace

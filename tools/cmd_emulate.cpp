@@ -1,8 +1,4 @@
 // tandro emulate and esp: the reader as an NFC tag for a phone, and the network module in front of a reader.
-//
-//   tandro emulate ndef --uri URI | --text TEXT [--lang LANG] [--aar PACKAGE] [--ram] [--start]
-//   tandro emulate start [--ram|--combined|--adhoc] | stop [--ram|--adhoc] | status
-//   tandro esp info | time | wifi on|off | reset | backup FILE | restore FILE
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,6 +7,7 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/command_helpers.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -21,8 +18,6 @@ using tandro::Options;
 
 using tandro::done;
 using tandro::failed;
-using tandro::help;
-using tandro::wants_help;
 
 // Opens the reader (on the built-in simulated reader, with setup first), runs one step, and reports a failure
 // of the opening.
@@ -41,13 +36,26 @@ template <typename Setup, typename F> int with_reader(const char *command, const
 
 // ---- emulate ----
 
-const char kEmulateHelp[] =
-    "usage: tandro emulate ndef --uri URI | --text TEXT [--lang LANG] [--aar PACKAGE] [--ram] [--start]\n"
-    "           loads the record the reader shows a phone: a URI or a text, with an Android application\n"
-    "           record naming PACKAGE, or in the RAM form for long records; --start starts the emulation\n"
-    "       tandro emulate start [--ram|--combined|--adhoc]   starts tag, combined or ad hoc emulation\n"
-    "       tandro emulate stop [--ram|--adhoc]               stops it\n"
-    "       tandro emulate status                             the external field and the ad hoc parameters\n";
+const tandro::Spec EMULATE_SPEC = {
+    {
+        {"ndef", "loads the record the reader shows a phone: --uri URI or --text TEXT"},
+        {"start", "starts tag emulation (--ram of the RAM record, --combined or --adhoc: those modes)"},
+        {"stop", "stops it (--ram or --adhoc: those modes)"},
+        {"status", "the external field and the ad hoc emulation parameters"},
+    },
+    {
+        {"--uri", "URI", "ndef: a URI record (its known prefix abbreviated)"},
+        {"--text", "TEXT", "ndef: a text record"},
+        {"--lang", "LANG", "ndef: the text's language (en by default, 1 to 63 characters)"},
+        {"--aar", "PACKAGE", "ndef: adds an Android application record naming PACKAGE"},
+        {"--ram", nullptr, "ndef: the RAM form, for long records; start, stop: RAM tag emulation"},
+        {"--start", nullptr, "ndef: starts the emulation once the record is in"},
+        {"--combined", nullptr, "start: combined emulation"},
+        {"--adhoc", nullptr, "start, stop: ad hoc emulation"},
+    },
+    "ndef takes exactly one of --uri and --text; --aar does not go with --ram. A record too long for its form is "
+    "refused before the reader is asked. With --sim and --start a simulated phone reads the record back.",
+};
 
 // The URI identifier codes of the NFC Forum URI record: the longest prefix that matches is abbreviated.
 const char *const kUriPrefixes[] = {"",           "http://www.", "https://www.", "http://",
@@ -78,32 +86,15 @@ std::vector<uint8_t> text_payload(const std::string &lang, const std::string &te
     return p;
 }
 
-int emulate_ndef(const Options &opt, const Args &a)
+int emulate_ndef(const Options &opt, const tandro::Parsed &p)
 {
     const char *name = "emulate";
-    std::string uri, text, lang = "en", aar;
-    bool have_uri = false, have_text = false, have_aar = false, ram = false, start = false;
-    for (size_t i = 1; i < a.size(); ++i) {
-        const bool more = i + 1 < a.size();
-        if (a[i] == "--uri" && more) {
-            uri = a[++i];
-            have_uri = true;
-        } else if (a[i] == "--text" && more) {
-            text = a[++i];
-            have_text = true;
-        } else if (a[i] == "--lang" && more) {
-            lang = a[++i];
-        } else if (a[i] == "--aar" && more) {
-            aar = a[++i];
-            have_aar = true;
-        } else if (a[i] == "--ram") {
-            ram = true;
-        } else if (a[i] == "--start") {
-            start = true;
-        } else {
-            return tandro::usage_error(name, "ndef takes --uri URI or --text TEXT (tandro emulate --help)");
-        }
-    }
+    if (p.words.size() != 1 || p.has("--combined") || p.has("--adhoc"))
+        return tandro::usage_error(name, "ndef takes --uri URI or --text TEXT (tandro emulate --help)");
+    const bool have_uri = p.has("--uri"), have_text = p.has("--text"), have_aar = p.has("--aar");
+    const bool ram = p.has("--ram"), start = p.has("--start");
+    const std::string uri = p.value("--uri"), text = p.value("--text"), lang = p.value("--lang", "en"),
+                      aar = p.value("--aar");
     if (have_uri == have_text)
         return tandro::usage_error(name, "ndef takes one of --uri URI and --text TEXT");
     if (lang.empty() || lang.size() > 63)
@@ -194,18 +185,30 @@ int emulate_status(const Options &opt)
         });
 }
 
-int run_emulate(const Options &opt, const Args &a)
+int run_emulate(const Options &opt, const Args &args)
 {
     const char *name = "emulate";
-    if (wants_help(a))
-        return help(kEmulateHelp);
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, EMULATE_SPEC, args, parsed))
+        return 2;
+    const Args &a = parsed.words;
     if (!a.empty() && a[0] == "ndef")
-        return emulate_ndef(opt, a);
-    if (a.size() == 1 && a[0] == "status")
+        return emulate_ndef(opt, parsed);
+    // The other forms take no record options; start and stop one mode at most.
+    bool record_option = false;
+    for (const char *o : {"--uri", "--text", "--lang", "--aar", "--start"})
+        record_option = record_option || parsed.has(o);
+    const size_t modes = parsed.count("--ram") + parsed.count("--combined") + parsed.count("--adhoc");
+    if (a.size() == 1 && a[0] == "status" && !record_option && modes == 0)
         return emulate_status(opt);
     const bool start = !a.empty() && a[0] == "start", stop = !a.empty() && a[0] == "stop";
-    if ((start || stop) && a.size() <= 2) {
-        const std::string form = a.size() == 2 ? a[1] : "";
+    if ((start || stop) && a.size() == 1) {
+        if (record_option || modes > 1)
+            return tandro::usage_error(name, "start takes --ram, --combined or --adhoc; stop --ram or --adhoc");
+        const std::string form = parsed.has("--ram")        ? "--ram"
+                                 : parsed.has("--combined") ? "--combined"
+                                 : parsed.has("--adhoc")    ? "--adhoc"
+                                                            : "";
         ZEL_STATUS (*step)(ZEL_HANDLE) = nullptr;
         bool global = false;
         if (form.empty())
@@ -239,12 +242,19 @@ int run_emulate(const Options &opt, const Args &a)
 
 // ---- esp ----
 
-const char kEspHelp[] = "usage: tandro esp info             the module's serial number, firmware, units and time\n"
-                        "       tandro esp time             the module's clock\n"
-                        "       tandro esp wifi on|off      turns the module's Wi-Fi on or off\n"
-                        "       tandro esp reset            resets the module's link to its units\n"
-                        "       tandro esp backup FILE      saves the module's configuration to FILE\n"
-                        "       tandro esp restore FILE     loads the configuration in FILE into the module\n";
+const tandro::Spec ESP_SPEC = {
+    {
+        {"info", "the module's serial number, firmware, units and time"},
+        {"time", "the module's clock"},
+        {"wifi on|off", "turns the module's Wi-Fi on or off"},
+        {"reset", "resets the module's link to its units"},
+        {"backup FILE", "saves the module's configuration to FILE"},
+        {"restore FILE", "loads the configuration in FILE into the module"},
+    },
+    {},
+    "The configuration is a text of at most 65535 bytes; restore refuses a FILE that is not one before the "
+    "module is asked. With --sim the simulated reader has a network module in front of it.",
+};
 
 std::string time_text(const uint8_t *t)
 {
@@ -352,11 +362,13 @@ int esp_restore(const Options &opt, const std::string &path)
     });
 }
 
-int run_esp(const Options &opt, const Args &a)
+int run_esp(const Options &opt, const Args &args)
 {
     const char *name = "esp";
-    if (wants_help(a))
-        return help(kEspHelp);
+    tandro::Parsed parsed;
+    if (!tandro::parse(name, ESP_SPEC, args, parsed))
+        return 2;
+    const Args &a = parsed.words;
     if (a.size() == 1 && (a[0] == "info" || a[0] == "time"))
         return esp_info(opt, a[0] == "time");
     if (a.size() == 2 && a[0] == "backup")
@@ -377,8 +389,8 @@ int run_esp(const Options &opt, const Args &a)
 
 const tandro::Registration emulate_cmd({"emulate", "ndef|start|stop|status ...",
                                         "the reader as an NFC tag: its record and the emulation modes", run_emulate,
-                                        true});
+                                        false, &EMULATE_SPEC});
 const tandro::Registration esp_cmd({"esp", "info|time|wifi|reset|backup|restore ...",
-                                    "the network module in front of the reader", run_esp, true});
+                                    "the network module in front of the reader", run_esp, false, &ESP_SPEC});
 
 } // namespace

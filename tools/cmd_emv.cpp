@@ -8,6 +8,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -237,29 +238,37 @@ std::string expiry_text(const std::string &raw)
     return t;
 }
 
+const tandro::Spec SPEC = {
+    {
+        {"", "the application, the account number, the expiry and the last transaction of the card's log"},
+        {"tree", "every answer of the card as a parsed tree with the tag descriptions"},
+    },
+    {
+        {"--show-pan", nullptr, "shows the account number whole (else masked to its last four digits)"},
+        {"--df", "NAME", "the directory to select first (default 2PAY.SYS.DDF01)"},
+    },
+    "Reads a contactless payment card. The account number is a secret: without --show-pan it is masked in the "
+    "summary, and the tags that carry it are hidden in the tree.",
+};
+
 int run_emv(const tandro::Options &opt, const tandro::Args &args)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("emv", SPEC, args, parsed))
+        return 2;
     Args a;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--help" || args[i] == "-h") {
-            std::printf("usage: tandro emv %s\n\n"
-                        "Reads a contactless payment card: the application, the account number (masked to its last\n"
-                        "four digits; --show-pan shows it whole), the expiry and the last transaction of its log.\n"
-                        "  tree        every answer of the card as a parsed tree with the tag descriptions\n"
-                        "  --df NAME   the directory to select first (default 2PAY.SYS.DDF01)\n",
-                        USAGE);
-            return 0;
-        }
-        if (args[i] == "tree" && i == 0)
+    const tandro::Args &words = parsed.words;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (words[i] == "tree" && i == 0)
             a.tree = true;
-        else if (args[i] == "--show-pan")
-            a.show_pan = true;
-        else if (args[i] == "--df" && i + 1 < args.size() && !args[i + 1].empty() && args[i + 1].size() <= 255)
-            a.df = args[++i];
-        else if (args[i] == "--df")
-            return tandro::usage_error("emv", "--df takes a name of 1 to 255 characters");
         else
-            return tandro::usage_error("emv", "unknown argument '" + args[i] + "' (" + USAGE + ")");
+            return tandro::usage_error("emv", "unknown argument '" + words[i] + "' (" + USAGE + ")");
+    }
+    a.show_pan = parsed.has("--show-pan");
+    if (parsed.has("--df")) {
+        a.df = parsed.value("--df");
+        if (a.df.empty() || a.df.size() > 255)
+            return tandro::usage_error("emv", "--df takes a name of 1 to 255 characters");
     }
 
     tandro::ReaderSession session;
@@ -358,6 +367,6 @@ int run_emv(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration emv_cmd({"emv", "[tree] [--show-pan] [--df NAME]",
                                     "a payment card's application, masked account number, expiry and last "
                                     "transaction; tree: its answers parsed",
-                                    run_emv, true});
+                                    run_emv, false, &SPEC});
 
 } // namespace

@@ -13,6 +13,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -107,47 +108,53 @@ struct WipeText {
     ~WipeText() { OPENSSL_cleanse(s.data(), s.size()); }
 };
 
+const tandro::Spec SPEC = {
+    {
+        {"URL", "one GET of https://HOST[:PORT][/PATH]; prints the server's answer"},
+    },
+    {
+        {"--cert", "FILE", "the client's certificate (PEM or DER); goes with --key"},
+        {"--key", "FILE", "the client's private key (PEM)"},
+        {"--card", nullptr, "the certificate and key of the GIDS card on the reader; goes with --pin"},
+        {"--pin", "PIN", "the card's PIN (--sim: the simulated card's is 123456); never shown"},
+        {"--ca", "FILE", "the certificates the server's chain must lead to, a PEM file or a folder"},
+        {"--no-host-check", nullptr, "check the chain only, not the server's name"},
+        {"--insecure", nullptr, "do not verify the server at all (verification is on by default)"},
+    },
+    "Sends one HTTPS GET (TLS 1.2) with a client certificate and prints what the server answers (at most 8,191 "
+    "bytes, headers included). The client key is either in the caller's PEM files (--cert and --key) or on a "
+    "smart card on the reader (--card --pin), which signs the handshake.\n\n"
+    "The server is verified by default against the certificates in /etc/ssl/certs, or those of --ca; --insecure "
+    "does not go with --ca.",
+};
+
 int run_https(const tandro::Options &opt, const tandro::Args &args)
 {
     Args a;
     WipeText wipe_pin{a.pin};
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &s = args[i];
-        const bool more = i + 1 < args.size();
-        if (s == "--help" || s == "-h") {
-            std::printf("usage: tandro https %s\n\n"
-                        "Sends one HTTPS GET (TLS 1.2) with a client certificate and prints what the server answers\n"
-                        "(at most 8,191 bytes, headers included).\n"
-                        "  --cert FILE --key FILE  the client's certificate (PEM or DER) and private key (PEM)\n"
-                        "  --card --pin PIN        the certificate and key of the GIDS card on the reader (--sim: the\n"
-                        "                          simulated card, PIN 123456); the PIN is never shown\n"
-                        "  --ca FILE               the certificates that the server's chain must lead to (a PEM file\n"
-                        "                          or a folder; default %s)\n"
-                        "  --no-host-check         check the chain only, not the server's name\n"
-                        "  --insecure              do not verify the server at all (verification is on by default)\n",
-                        USAGE, kSystemCa);
-            return 0;
-        }
-        if ((s == "--cert" || s == "--key" || s == "--pin" || s == "--ca") && (!more || args[i + 1].empty()))
-            return tandro::usage_error("https", s + " takes a value");
-        if (s == "--cert")
-            a.cert = args[++i];
-        else if (s == "--key")
-            a.key = args[++i];
-        else if (s == "--pin")
-            a.pin = args[++i];
-        else if (s == "--ca")
-            a.ca = args[++i];
-        else if (s == "--card")
-            a.card = true;
-        else if (s == "--insecure")
-            a.insecure = true;
-        else if (s == "--no-host-check")
-            a.host_check = false;
-        else if (a.url.empty() && !s.empty() && s[0] != '-')
-            a.url = s;
+    tandro::Parsed parsed;
+    if (!tandro::parse("https", SPEC, args, parsed))
+        return 2;
+    // An option given with an empty value is refused as if it had none.
+    struct {
+        const char *name;
+        std::string *value;
+    } const valued[] = {{"--cert", &a.cert}, {"--key", &a.key}, {"--pin", &a.pin}, {"--ca", &a.ca}};
+    for (const auto &v : valued) {
+        if (!parsed.has(v.name))
+            continue;
+        *v.value = parsed.value(v.name);
+        if (v.value->empty())
+            return tandro::usage_error("https", std::string(v.name) + " takes a value");
+    }
+    a.card = parsed.has("--card");
+    a.insecure = parsed.has("--insecure");
+    a.host_check = !parsed.has("--no-host-check");
+    for (const std::string &w : parsed.words) {
+        if (a.url.empty() && !w.empty() && w[0] != '-')
+            a.url = w;
         else
-            return tandro::usage_error("https", "unknown argument '" + s + "' (" + USAGE + ")");
+            return tandro::usage_error("https", "unknown argument '" + w + "' (" + USAGE + ")");
     }
     if (a.url.empty())
         return tandro::usage_error("https", std::string("a URL is needed (") + USAGE + ")");
@@ -239,6 +246,6 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration https_cmd({"https", USAGE,
                                       "one HTTPS GET with a client certificate from PEM files or a GIDS card",
-                                      run_https, true});
+                                      run_https, false, &SPEC});
 
 } // namespace

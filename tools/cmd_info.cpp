@@ -7,15 +7,27 @@
 #include "reader/params.h"
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
 
 using tandro::to_hex;
 
-int run_ping(const tandro::Options &opt, const tandro::Args &args)
+const tandro::Spec PING_SPEC = {
+    {
+        {"", "opens the reader and asks its type: where it was found and the type"},
+    },
+    {},
+    "The exit status is 1 when no reader is found or it does not answer.",
+};
+
+int run_ping(const tandro::Options &opt, const tandro::Args &all)
 {
-    if (!args.empty())
+    tandro::Parsed parsed;
+    if (!tandro::parse("ping", PING_SPEC, all, parsed))
+        return 2;
+    if (!parsed.words.empty())
         return tandro::usage_error("ping", "takes no arguments");
     tandro::ReaderSession session;
     if (!session.open("ping", opt))
@@ -33,7 +45,7 @@ int run_ping(const tandro::Options &opt, const tandro::Args &args)
     return 0;
 }
 
-const tandro::Registration ping_cmd({"ping", "", "is a reader there: its type", run_ping});
+const tandro::Registration ping_cmd({"ping", "", "is a reader there: its type", run_ping, false, &PING_SPEC});
 
 // Eight bytes as text when they all print (up to a terminator), else in hexadecimal.
 std::string serial_text(const uint8_t *p)
@@ -92,15 +104,26 @@ ZEL_STATUS read_parameters(ZEL_HANDLE h, Identity &id, size_t &mui_len)
     return st;
 }
 
+const tandro::Spec INFO_SPEC = {
+    {
+        {"", "where the reader is, its type and model, serial number and description, firmware and build, "
+             "hardware, parameter block (with its MUI), pro mode and description string"},
+    },
+    {
+        {"--report", nullptr, "adds the reader's whole description report"},
+    },
+    "Every field is asked for; one the reader cannot give is shown with its status in its place, and makes the "
+    "exit status 1 (under --json the error object then carries what was read as \"partial\").",
+};
+
 int run_info(const tandro::Options &opt, const tandro::Args &args)
 {
-    bool full_report = false;
-    for (const std::string &a : args) {
-        if (a == "--report")
-            full_report = true;
-        else
-            return tandro::usage_error("info", "unknown argument \"" + a + "\"");
-    }
+    tandro::Parsed parsed;
+    if (!tandro::parse("info", INFO_SPEC, args, parsed))
+        return 2;
+    if (!parsed.words.empty())
+        return tandro::usage_error("info", "unknown argument \"" + parsed.words[0] + "\"");
+    const bool full_report = parsed.has("--report");
     tandro::ReaderSession session;
     if (!session.open("info", opt))
         return 1;
@@ -211,6 +234,6 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration info_cmd({"info", "[--report]",
                                      "the reader's identity: type, serial numbers, versions, parameters, pro mode",
-                                     run_info});
+                                     run_info, false, &INFO_SPEC});
 
 } // namespace

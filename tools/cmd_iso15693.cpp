@@ -10,6 +10,7 @@
 #include "tools/card_pick.h"
 #include "tools/cli.h"
 #include "tools/cmd_block_common.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -18,6 +19,29 @@ const char *USAGE =
     "[--uid HEX] [info [PWD] | status FIRST [COUNT] | em-status FIRST [COUNT] | lock BLOCK [RPWD WPWD] | "
     "protect PAGE RPWD WPWD LR LW HR HW | password ID CURRENT NEW | em-protect PAGE PWD STATUS | "
     "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, ...)";
+
+const tandro::Spec SPEC = {
+    {
+        {"[info [PWD]]", "system information and the locked blocks; with PWD, the protected form"},
+        {"status FIRST [COUNT]", "the security status of COUNT blocks (default 1) from block FIRST"},
+        {"em-status FIRST [COUNT]", "the same on an EM4237, with its read and write protection bits"},
+        {"lock BLOCK [RPWD WPWD]", "locks a block for good, after the read and write passwords when given"},
+        {"protect PAGE RPWD WPWD LR LW HR HW",
+         "protects a page's halves: LR LW HR HW are low and high read and write, 0 or 1"},
+        {"password ID CURRENT NEW", "changes password ID from CURRENT to NEW"},
+        {"em-protect PAGE PWD STATUS", "sets the protection status byte of an EM4237 page"},
+        {"em-rid PWD", "turns on the random ID of an EM4237"},
+    },
+    {
+        {"--uid", "HEX", "the tag with this UID, when several are in the field"},
+    },
+    "PWD, RPWD, WPWD, CURRENT and NEW are 4-byte passwords in hexadecimal (8 digits), or kN for the password held "
+    "in the reader's key N (its first four bytes); the passwords of one command are either all given or all "
+    "reader keys.\n\n"
+    "info shows the UID, DSFID, AFI, memory size and IC reference the tag reports, and which blocks are locked.\n\n"
+    "ID names a password: read, write, privacy, destroy or eas-afi, or its number. BLOCK, PAGE and STATUS are "
+    "numbers from 0 to 255; a status range ends at block 255.",
+};
 
 bool number(const std::string &s, uint8_t &out)
 {
@@ -209,16 +233,14 @@ int status(ZEL_HANDLE h, bool json, bool em, unsigned first, unsigned count)
 
 int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
 {
-    tandro::Args args;
+    tandro::Parsed parsed;
+    if (!tandro::parse("iso15693", SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     std::vector<uint8_t> want_uid;
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i] == "--uid" && i + 1 < all.size()) {
-            if (!tandro::parse_hex(all[++i], want_uid) || want_uid.empty())
-                return tandro::usage_error("iso15693", "--uid takes a UID in hexadecimal");
-        } else {
-            args.push_back(all[i]);
-        }
-    }
+    for (const std::string &uid : parsed.values("--uid")) // the last one given counts; each must be one
+        if (!tandro::parse_hex(uid, want_uid) || want_uid.empty())
+            return tandro::usage_error("iso15693", "--uid takes a UID in hexadecimal");
     const std::string what = args.empty() ? "info" : args[0];
     const size_t n = args.size();
     // The arguments are checked before the reader is reached.
@@ -295,6 +317,6 @@ int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration iso15693_cmd({"iso15693", USAGE,
                                          "an ISO 15693 tag: system information, locks, page protection, passwords",
-                                         run_iso15693});
+                                         run_iso15693, false, &SPEC});
 
 } // namespace

@@ -15,6 +15,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/progress.h"
 #include "tools/session.h"
 
@@ -27,6 +28,44 @@ const char *SIGNER_USAGE =
     "pin change (user | admin) NEW | pin unblock (user | admin) CODE | generate (rsa | ec) SLOT BITS | "
     "sign FILE [--key (rsa | ec) SLOT] [--generate BITS] [--out FILE])";
 const char *STORE_USAGE = "[--aid HEX] (ls | get N [FILE] | put N FILE | rm N)";
+
+const tandro::Spec SIGNER_SPEC = {
+    {
+        {"keys", "the RSA and EC key slots 0 to 2 and the size of the key in each"},
+        {"objects", "the objects the applet holds: type, slot, id and length"},
+        {"pin tries", "the tries left of the user and admin PINs and of their unblock codes"},
+        {"pin verify user|admin", "checks the PIN given with --pin or --admin-pin"},
+        {"pin change user|admin NEW", "changes the PIN to NEW (1 to 16 characters)"},
+        {"pin unblock user|admin CODE", "unblocks the PIN with its unblock code"},
+        {"generate rsa|ec SLOT BITS", "makes a key pair of BITS (below) in SLOT (0 to 2)"},
+        {"sign FILE", "signs FILE (SHA-256) and checks the signature with the slot's public key"},
+    },
+    {
+        {"--aid", "HEX", "the applet's AID, 1 to 16 bytes (default the signer applet's)"},
+        {"--pin", "PIN", "the user PIN, presented before the command (up to 16 characters)"},
+        {"--admin-pin", "PIN", "the admin PIN, presented before the user PIN (up to 16 characters)"},
+        {"--key", "TYPE SLOT", "sign: the key, rsa or ec, and its slot 0 to 2 (default rsa 0)"},
+        {"--generate", "BITS", "sign: makes a new key of BITS in that slot first"},
+        {"--out", "FILE", "sign: writes the signature to FILE instead of printing it in hexadecimal"},
+    },
+    "RSA keys take up to 4096 bits; EC keys are on P-192, P-224, P-256, P-384 or P-521 (BITS 192 to 521).\n\n"
+    "Key generation needs the admin PIN (--admin-pin), signing the user PIN (--pin). A wrong PIN or code says "
+    "how many tries are left. PINs and codes are never printed.\n\n"
+    "With --sim and no scenario file, a Java card holding the signer and the storage applet takes the field.",
+};
+
+const tandro::Spec STORE_SPEC = {
+    {
+        {"ls", "the files the applet holds and their sizes"},
+        {"get N [FILE]", "file N (0 to 16) in hexadecimal, or saved to FILE"},
+        {"put N FILE", "writes the bytes of FILE (up to 32766) to file N"},
+        {"rm N", "deletes file N"},
+    },
+    {
+        {"--aid", "HEX", "the applet's AID, 1 to 16 bytes (default the storage applet's)"},
+    },
+    "With --sim and no scenario file, a Java card holding the signer and the storage applet takes the field.",
+};
 
 const Bytes SIGNER_AID = {0xA0, 0x00, 0x00, 0x07, 0x47, 0x53, 0x49, 0x47, 0x4E};
 const Bytes STORAGE_AID = {0xA0, 0x00, 0x00, 0x07, 0x47, 0x53, 0x54, 0x4F, 0x52};
@@ -273,33 +312,28 @@ int signer_objects(ZEL_HANDLE h, const tandro::Options &opt)
 
 int run_signer(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("signer", SIGNER_SPEC, all, parsed))
+        return 2;
     SignerArgs a;
-    for (size_t i = 0; i < all.size(); ++i) {
-        const std::string &w = all[i];
-        const bool more = i + 1 < all.size();
-        if (w == "--help") {
-            std::printf("usage: tandro signer %s\n", SIGNER_USAGE);
-            return 0;
-        }
-        if (w == "--aid" && more) {
-            if (!tandro::parse_hex(all[++i], a.aid) || a.aid.empty() || a.aid.size() > 16)
-                return tandro::usage_error("signer", "--aid takes 1 to 16 bytes in hexadecimal");
-        } else if ((w == "--pin" || w == "--admin-pin") && more) {
-            (w == "--pin" ? a.pin : a.admin_pin) = all[++i];
-            (w == "--pin" ? a.pin_given : a.admin_given) = true;
-        } else if (w == "--generate" && more) {
-            if (!tandro::parse_u32(all[++i], &a.generate) || a.generate == 0 || a.generate > 4096)
-                return tandro::usage_error("signer", "--generate takes a key size in bits");
-        } else if (w == "--out" && more) {
-            a.out = all[++i];
-        } else if (w == "--key" && i + 2 < all.size()) {
-            a.ec = all[i + 1] == "ec";
-            if ((all[i + 1] != "rsa" && !a.ec) || !tandro::parse_u32(all[i + 2], &a.slot) || a.slot > 2)
-                return tandro::usage_error("signer", "--key takes rsa or ec and a slot from 0 to 2");
-            i += 2;
-        } else {
-            a.words.push_back(w);
-        }
+    a.words = parsed.words;
+    // Each value is checked, the last one given counts.
+    for (const std::string &aid : parsed.values("--aid"))
+        if (!tandro::parse_hex(aid, a.aid) || a.aid.empty() || a.aid.size() > 16)
+            return tandro::usage_error("signer", "--aid takes 1 to 16 bytes in hexadecimal");
+    a.pin_given = parsed.has("--pin");
+    a.admin_given = parsed.has("--admin-pin");
+    a.pin = parsed.value("--pin");
+    a.admin_pin = parsed.value("--admin-pin");
+    for (const std::string &bits : parsed.values("--generate"))
+        if (!tandro::parse_u32(bits, &a.generate) || a.generate == 0 || a.generate > 4096)
+            return tandro::usage_error("signer", "--generate takes a key size in bits");
+    a.out = parsed.value("--out");
+    const tandro::Args slots = parsed.values("--key"); // pairs of a type and a slot
+    for (size_t i = 0; i + 1 < slots.size(); i += 2) {
+        a.ec = slots[i] == "ec";
+        if ((slots[i] != "rsa" && !a.ec) || !tandro::parse_u32(slots[i + 1], &a.slot) || a.slot > 2)
+            return tandro::usage_error("signer", "--key takes rsa or ec and a slot from 0 to 2");
     }
     const tandro::Args &wd = a.words;
     const size_t n = wd.size();
@@ -441,20 +475,14 @@ int run_signer(const tandro::Options &opt, const tandro::Args &all)
 
 int run_store(const tandro::Options &opt, const tandro::Args &all)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("store", STORE_SPEC, all, parsed))
+        return 2;
     Bytes aid = STORAGE_AID;
-    tandro::Args wd;
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i] == "--help") {
-            std::printf("usage: tandro store %s\n", STORE_USAGE);
-            return 0;
-        }
-        if (all[i] == "--aid" && i + 1 < all.size()) {
-            if (!tandro::parse_hex(all[++i], aid) || aid.empty() || aid.size() > 16)
-                return tandro::usage_error("store", "--aid takes 1 to 16 bytes in hexadecimal");
-        } else {
-            wd.push_back(all[i]);
-        }
-    }
+    const tandro::Args &wd = parsed.words;
+    for (const std::string &given : parsed.values("--aid")) // the last one given counts; each must be one
+        if (!tandro::parse_hex(given, aid) || aid.empty() || aid.size() > 16)
+            return tandro::usage_error("store", "--aid takes 1 to 16 bytes in hexadecimal");
     const size_t n = wd.size();
     const std::string what = n ? wd[0] : "";
     uint32_t file = 0;
@@ -555,8 +583,8 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration signer_cmd({"signer", SIGNER_USAGE,
                                        "Java card signer applet: keys, objects, PINs, signatures checked", run_signer,
-                                       true});
+                                       false, &SIGNER_SPEC});
 const tandro::Registration store_cmd({"store", STORE_USAGE, "Java card storage applet: list, get, put, remove files",
-                                      run_store, true});
+                                      run_store, false, &STORE_SPEC});
 
 } // namespace

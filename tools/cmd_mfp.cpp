@@ -6,6 +6,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -15,25 +16,30 @@ const char *USAGE = "[--sam] (perso ADDRESS DATA | perso-minimal KEY [KEY x8] | 
                     "change-key (master | config | vc-enc | vc-mac) KEY NEW | "
                     "change-key sector N MODE KEY NEW [SELECTOR] | uid KEY [KEY])";
 
-const char *HELP =
-    "MIFARE Plus cards.\n"
-    "  perso ADDRESS DATA      one personalisation write at level 0 (16 bytes of DATA to a block address)\n"
-    "  perso-minimal KEY...    the whole personalisation: nine keys (master, configuration, level 2 switch,\n"
-    "                          level 3 switch, level 1 authentication, select VC, proximity check, VC polling\n"
-    "                          encryption, VC polling MAC), or one key for all nine; then the commit\n"
-    "  commit                  closes the personalisation\n"
-    "  switch-level KEY        to level 3 with the level 3 switch key\n"
-    "  change-key WHICH KEY NEW\n"
-    "                          a card key (master, config) or a VC polling key (vc-enc, vc-mac; KEY is then\n"
-    "                          the configuration key)\n"
-    "  change-key sector N MODE KEY NEW [SELECTOR]\n"
-    "                          a sector key: MODE 0x60 or 0x61 with a reader or SAM key, 0x80 or 0x81 with\n"
-    "                          a given key; SELECTOR 1 writes key A, 2 key B\n"
-    "  uid KEY [KEY]           the UID with the VC polling encryption key (and MAC key)\n"
-    "A KEY is 16 bytes in hexadecimal (the key itself) or a number (a key index of the reader's store; with\n"
-    "--sam, an entry of the SAM, and NEW too). Keys are never printed.\n"
-    "With --sim and no scenario file, a MIFARE Plus X 4K card whose keys are all 16 bytes of FF takes the\n"
-    "field: at level 0 for perso, perso-minimal and commit, at level 1 for switch-level, else at level 3.\n";
+const tandro::Spec SPEC = {
+    {
+        {"perso ADDRESS DATA", "one personalisation write at level 0: 16 bytes of DATA to a block"},
+        {"perso-minimal KEY [KEY x8]", "the whole personalisation with nine keys (below), or one for all nine"},
+        {"commit", "closes the personalisation"},
+        {"switch-level KEY", "to level 3 with the level 3 switch key"},
+        {"change-key master|config KEY NEW", "a card key: the master or the configuration key"},
+        {"change-key vc-enc|vc-mac KEY NEW", "a VC polling key; KEY is then the configuration key"},
+        {"change-key sector N MODE KEY NEW [SELECTOR]",
+         "a sector key by MODE (below); SELECTOR 1 writes key A, 2 key B"},
+        {"uid KEY [KEY]", "the UID with the VC polling encryption key (and MAC key)"},
+    },
+    {
+        {"--sam", nullptr, "keys are entries of the SAM (not for switch-level)"},
+    },
+    "perso-minimal commits the personalisation after its writes. Its nine keys, in order: master, configuration, level "
+    "2 switch, level 3 switch, level 1 "
+    "authentication, select VC, proximity check, VC polling encryption, VC polling MAC.\n\n"
+    "MODE of a sector key: 0x60 or 0x61 with a reader or SAM key, 0x80 or 0x81 with a given key.\n\n"
+    "A KEY is 16 bytes in hexadecimal (the key itself) or a number (a key index of the reader's store; with "
+    "--sam, an entry of the SAM, and NEW too). Keys are never printed.\n\n"
+    "With --sim and no scenario file, a MIFARE Plus X 4K card whose keys are all 16 bytes of FF takes the field: "
+    "at level 0 for perso, perso-minimal and commit, at level 1 for switch-level, else at level 3.",
+};
 
 // A key argument: 16 bytes, or an index.
 struct KeyArg {
@@ -87,13 +93,10 @@ struct Request {
     bool two_uid_keys = false;
 };
 
+// The positional words; r.sam is set beforehand.
 std::string parse(const tandro::Args &a, Request &r)
 {
     size_t i = 0;
-    if (i < a.size() && a[i] == "--sam") {
-        r.sam = true;
-        ++i;
-    }
     if (i >= a.size())
         return "names no subcommand";
     r.what = a[i++];
@@ -223,13 +226,12 @@ ZEL_STATUS change_key(ZEL_HANDLE h, const Request &r)
 
 int run_mfp(const tandro::Options &opt, const tandro::Args &args)
 {
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") {
-            std::printf("usage: tandro mfp %s\n\n%s", USAGE, HELP);
-            return 0;
-        }
+    tandro::Parsed parsed;
+    if (!tandro::parse("mfp", SPEC, args, parsed))
+        return 2;
     Request r;
-    const std::string bad = parse(args, r);
+    r.sam = parsed.has("--sam");
+    const std::string bad = parse(parsed.words, r);
     if (!bad.empty())
         return tandro::usage_error("mfp", bad);
 
@@ -305,6 +307,6 @@ int run_mfp(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration mfp_cmd({"mfp", USAGE, "MIFARE Plus: personalisation, level 3 switch, key changes, UID",
-                                    run_mfp, true});
+                                    run_mfp, false, &SPEC});
 
 } // namespace

@@ -1,6 +1,8 @@
 // tandro ndef: the NDEF messages of the card in the field: read every record, append a URI, text or raw
 // record, erase the last record or a whole message, lay out a blank card.
 #include <algorithm>
+#include <cctype>
+#include <sys/stat.h>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -12,12 +14,62 @@
 #include "tools/card_pick.h"
 #include "tools/cmd_block_common.h"
 #include "tools/ndef_print.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
 
-const char *kUsage = "[--uid HEX] read | write (--uri URI | --text TEXT [--lang LANG] | --raw TNF TYPE HEX [--id ID]) "
-                     "[--message N] | erase [--all] [--message N] | format";
+const char *kUsage =
+    "[--uid HEX] read [--show-secrets] [--out FILE] | write (--uri URI | --text TEXT [--lang LANG] | --raw TNF TYPE "
+    "HEX [--id ID]) [--message N] | write (--wifi SSID [--password PW] [--auth open|wpa|wpa-enterprise|"
+    "wpa2-enterprise|wpa2] [--encryption none|wep|tkip|aes|aes-tkip] | --bt AA:BB:CC:DD:EE:FF | --vcard FILE | "
+    "--sms NUMBER [--body TEXT] | --tel NUMBER | --mail ADDRESS [--subject S] [--body TEXT] | --geo LAT,LON | "
+    "--aar PACKAGE) [--emulate [--ram]] | write --in FILE | erase [--all] [--message N] | format";
+
+const tandro::Spec SPEC = {
+    {
+        {"read", "every message and record of the card, typed records decoded"},
+        {"write", "appends a record (--uri, --text, --raw) to a message, or a typed record to message 1 or the "
+                  "emulated tag, or writes a whole message from a file (--in)"},
+        {"write --raw TNF TYPE HEX", "appends a record of that TNF (1 to 6), type and payload"},
+        {"erase", "erases the last record of a message, or all of them with --all"},
+        {"format", "lays out an empty NDEF area on the card"},
+    },
+    {
+        {"--uid", "HEX", "the card with this UID, when several are in the field"},
+        {"--show-secrets", nullptr, "read: shows a Wi-Fi record's password and payload"},
+        {"--out", "FILE", "read: writes the raw bytes of message 1 to FILE instead"},
+        {"--uri", "URI", "write: a URI record (the longest known prefix becomes its code)"},
+        {"--text", "TEXT", "write: a text record"},
+        {"--lang", "LANG", "write: the text's language (default en)"},
+        {"--raw", "TNF", "write: a record of TNF 1 to 6; its type and payload follow as words"},
+        {"--id", "ID", "write: the record's id"},
+        {"--message", "N", "write, erase: the message number (default 1)"},
+        {"--all", nullptr, "erase: every record of the message"},
+        {"--wifi", "SSID", "write: a Wi-Fi credential record"},
+        {"--password", "PW", "write: the Wi-Fi network key"},
+        {"--auth", "TYPE", "write: open, wpa, wpa-enterprise, wpa2-enterprise or wpa2 (default)"},
+        {"--encryption", "TYPE", "write: none, wep, tkip, aes (default; none with open) or aes-tkip"},
+        {"--bt", "ADDRESS", "write: a Bluetooth pairing record for AA:BB:CC:DD:EE:FF"},
+        {"--vcard", "FILE", "write: a contact record from the FN, ORG, ADR, TEL, EMAIL and URL of a vCard file"},
+        {"--sms", "NUMBER", "write: an SMS record"},
+        {"--body", "TEXT", "write: the message of --sms or --mail"},
+        {"--subject", "TEXT", "write: the subject of --mail"},
+        {"--tel", "NUMBER", "write: a phone number record"},
+        {"--mail", "ADDRESS", "write: an e-mail record"},
+        {"--geo", "LAT,LON", "write: a geo location record"},
+        {"--aar", "PACKAGE", "write: an Android application record"},
+        {"--emulate", nullptr, "write: the typed record goes to the reader's emulated tag, and emulation starts"},
+        {"--ram", nullptr, "write: with --emulate, the RAM form for records up to 996 payload bytes"},
+        {"--in", "FILE", "write: the raw NDEF message of FILE replaces message 1, if it fits the card"},
+    },
+    "Typed records (--wifi, --bt, --vcard, --sms, --tel, --mail, --geo, --aar) are appended to message 1 of "
+    "the card, or with --emulate written to the emulated tag. --bt takes the address as people write it and "
+    "stores it least significant byte first, as phones read it.\n\n"
+    "read decodes the typed records; a Wi-Fi password is shown only with --show-secrets. write --in checks the "
+    "message against the card's room before anything is written, then empties message 1 and appends the "
+    "records one by one.",
+};
 
 struct ReadRecord {
     ZEL_STATUS st = ZEL_OK;
@@ -76,6 +128,34 @@ bool text_record(const std::vector<uint8_t> &p, std::string &lang, std::string &
     return true;
 }
 
+// The library's report of a typed record, or empty for a record it does not decode. A URI of no known
+// prefix comes with one byte more than its text, which is dropped here. A Wi-Fi password is masked unless
+// secrets are shown.
+std::string typed_report(const ReadRecord &rec, bool show_secrets, bool &secret)
+{
+    secret = false;
+    if (rec.type.empty() || rec.payload.empty() || rec.type.size() > 255)
+        return "";
+    std::vector<uint8_t> p = rec.payload;
+    if (rec.tnf == 1 && rec.type == "U" && uri_text(p).size() < p.size())
+        p.back() = 0;
+    const char *r = ParseNdefMessage(reinterpret_cast<const uint8_t *>(rec.type.data()),
+                                     static_cast<uint8_t>(rec.type.size()), p.data(), static_cast<uint32_t>(p.size()));
+    std::string out = r ? r : "";
+    if (out == "MESSAGE NOT COMPATIBLE" || out == "MESSAGE NOT FOUND")
+        return "";
+    // Plain text and URIs are shown by their own lines already.
+    if (out.rfind("Text: ", 0) == 0)
+        return "";
+    if (rec.type == "application/vnd.wfa.wsc") {
+        secret = true;
+        const size_t at = out.find("\nPassword: ");
+        if (!show_secrets && at != std::string::npos)
+            out = out.substr(0, at) + "\nPassword: (hidden: --show-secrets shows it)";
+    }
+    return out;
+}
+
 } // namespace
 
 namespace {
@@ -91,7 +171,7 @@ struct Listing {
     std::vector<Shown> shown;
 };
 
-void print_listing(const Listing &l, bool json)
+void print_listing(const Listing &l, bool json, bool show_secrets)
 {
     if (json)
         std::printf("{\"messages\": %u, \"empty_messages\": %u, \"records\": [", l.messages, l.empty);
@@ -103,7 +183,9 @@ void print_listing(const Listing &l, bool json)
         const bool uri = rec.tnf == 1 && rec.type == "U";
         std::string lang, text;
         const bool is_text = rec.tnf == 1 && rec.type == "T" && text_record(rec.payload, lang, text);
-        const std::string hex = tandro::to_hex(rec.payload.data(), rec.payload.size());
+        bool secret = false;
+        const std::string typed = typed_report(rec, show_secrets, secret);
+        const std::string hex = secret && !show_secrets ? "" : tandro::to_hex(rec.payload.data(), rec.payload.size());
         if (json) {
             std::printf(
                 "%s{\"message\": %u, \"record\": %u, \"tnf\": %u, \"type\": %s, \"id\": %s, \"payload\": \"%s\"",
@@ -114,6 +196,8 @@ void print_listing(const Listing &l, bool json)
             if (is_text)
                 std::printf(", \"lang\": %s, \"text\": %s", tandro::json_string(lang).c_str(),
                             tandro::json_string(text).c_str());
+            if (!typed.empty())
+                std::printf(", \"decoded\": %s", tandro::json_string(typed).c_str());
             std::printf("}");
             first = false;
             continue;
@@ -126,8 +210,14 @@ void print_listing(const Listing &l, bool json)
             std::printf("  uri   %s\n", uri_text(rec.payload).c_str());
         else if (is_text)
             std::printf("  text  [%s] %s\n", lang.c_str(), text.c_str());
-        else
+        else if (!hex.empty())
             std::printf("  data  %s\n", hex.c_str());
+        if (!typed.empty()) {
+            std::string indented = "  " + typed;
+            for (size_t at = indented.find('\n'); at != std::string::npos; at = indented.find('\n', at + 3))
+                indented.replace(at, 1, "\n  ");
+            std::printf("%s\n", indented.c_str());
+        }
     }
     if (json)
         std::printf("]}\n");
@@ -234,7 +324,7 @@ ZEL_STATUS list_desfire(ZEL_HANDLE h, Listing &l)
 
 } // namespace
 
-int tandro::print_ndef(ZEL_HANDLE h, bool json)
+int tandro::print_ndef(ZEL_HANDLE h, bool json, bool show_secrets)
 {
     Listing l;
     const ZEL_STATUS st = card_is_desfire(h) ? list_desfire(h, l) : list_store(h, l);
@@ -242,7 +332,7 @@ int tandro::print_ndef(ZEL_HANDLE h, bool json)
         std::fprintf(stderr, "tandro ndef read: %s\n", ZEL_Status2String(st));
         return 1;
     }
-    print_listing(l, json);
+    print_listing(l, json, show_secrets);
     return 0;
 }
 
@@ -328,46 +418,40 @@ ZEL_STATUS desfire_erase(ZEL_HANDLE h, uint8_t message, bool all)
     return Zel_int_DesfireWriteNDEFMessageHnd(h, out.data(), static_cast<uint32_t>(out.size()));
 }
 
-int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &args)
+int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Parsed &p)
 {
     uint8_t tnf = 1, message = 1;
-    std::string type, id, lang = "en";
+    std::string type, id = p.value("--id"), lang = p.value("--lang", "en");
     std::vector<uint8_t> payload;
-    bool have = false;
-    std::string text;
-    bool is_text = false;
-    for (size_t i = 1; i < args.size(); ++i) {
-        const std::string &a = args[i];
-        if (a == "--uri" && i + 1 < args.size()) {
-            type = "U";
-            payload = uri_payload(args[++i]);
-            have = true;
-        } else if (a == "--text" && i + 1 < args.size()) {
-            type = "T";
-            text = args[++i];
-            is_text = have = true;
-        } else if (a == "--lang" && i + 1 < args.size()) {
-            lang = args[++i];
-        } else if (a == "--raw" && i + 3 < args.size()) {
-            uint32_t t = 0;
-            if (!tandro::parse_u32(args[i + 1], &t) || t < 1 || t > 6)
-                return tandro::usage_error("ndef", "--raw takes a TNF from 1 to 6");
-            tnf = static_cast<uint8_t>(t);
-            type = args[i + 2];
-            if (!tandro::parse_hex(args[i + 3], payload))
-                return tandro::usage_error("ndef", "--raw takes the payload in hexadecimal");
-            i += 3;
-            have = true;
-        } else if (a == "--id" && i + 1 < args.size()) {
-            id = args[++i];
-        } else if (a == "--message" && i + 1 < args.size()) {
-            uint32_t m = 0;
-            if (!tandro::parse_u32(args[++i], &m) || m < 1 || m > 255)
-                return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
-            message = static_cast<uint8_t>(m);
-        } else {
-            return tandro::usage_error("ndef", "unknown write argument \"" + a + "\"");
-        }
+    const std::string text = p.value("--text");
+    const bool is_text = p.has("--text");
+    const bool have = p.has("--uri") || is_text || p.has("--raw");
+    if (p.has("--uri") + is_text + p.has("--raw") > 1 || p.count("--uri") > 1 || p.count("--text") > 1 ||
+        p.count("--raw") > 1)
+        return tandro::usage_error("ndef", "write takes one record: --uri, --text or --raw");
+    // --raw TNF takes the type and the payload as the two words behind "write".
+    if (p.words.size() != (p.has("--raw") ? 3u : 1u))
+        return tandro::usage_error("ndef", p.has("--raw") ? "--raw TNF takes TYPE and HEX behind write"
+                                                          : "write takes no words but its options");
+    if (p.has("--uri")) {
+        type = "U";
+        payload = uri_payload(p.value("--uri"));
+    } else if (is_text) {
+        type = "T";
+    } else if (p.has("--raw")) {
+        uint32_t t = 0;
+        if (!tandro::parse_u32(p.value("--raw"), &t) || t < 1 || t > 6)
+            return tandro::usage_error("ndef", "--raw takes a TNF from 1 to 6");
+        tnf = static_cast<uint8_t>(t);
+        type = p.word(1);
+        if (!tandro::parse_hex(p.word(2), payload))
+            return tandro::usage_error("ndef", "--raw takes the payload in hexadecimal");
+    }
+    if (p.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(p.value("--message"), &m) || m < 1 || m > 255)
+            return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
+        message = static_cast<uint8_t>(m);
     }
     if (!have)
         return tandro::usage_error("ndef", "write needs --uri, --text or --raw");
@@ -413,40 +497,460 @@ int run_write(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &args
     return 0;
 }
 
-int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
+// ---- Typed records, raw messages from and to files ----
+
+// A file's bytes, at most 64 KiB; a folder or an unreadable file is a usage error (the message in err).
+bool read_small_file(const std::string &path, std::vector<uint8_t> &out, std::string &err)
 {
-    // --uid HEX may stand anywhere: the card of that UID is selected among those in the field.
-    tandro::Args args;
-    std::vector<uint8_t> want_uid;
-    for (size_t i = 0; i < all_args.size(); ++i) {
-        if (all_args[i] == "--uid" && i + 1 < all_args.size()) {
-            if (!tandro::parse_hex(all_args[++i], want_uid) || want_uid.empty())
-                return tandro::usage_error("ndef", "--uid takes a UID in hexadecimal");
-        } else {
-            args.push_back(all_args[i]);
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        err = path + " is a folder, not a file";
+        return false;
+    }
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        err = "cannot read " + path;
+        return false;
+    }
+    out.clear();
+    uint8_t buf[4096];
+    size_t n = 0;
+    bool ok = true;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) {
+        out.insert(out.end(), buf, buf + n);
+        if (out.size() > (64u << 10)) {
+            ok = false;
+            break;
         }
     }
+    const bool failed = std::ferror(f) != 0;
+    std::fclose(f);
+    if (failed) {
+        err = "cannot read " + path;
+        return false;
+    }
+    if (!ok) {
+        err = path + " is over 64 KiB";
+        return false;
+    }
+    return true;
+}
+
+// What `ndef write` was asked for when it writes a typed record or a raw message.
+struct TypedWrite {
+    std::string kind; // wifi, bt, vcard, sms, tel, mail, geo, aar, or in (a raw message)
+    std::string value, password, body, subject, geo_lat, geo_lon, bt_text;
+    bool have_password = false;
+    uint8_t auth = 4, enc = 3;
+    bool enc_given = false;
+    std::string contact[6]; // name, company, address, phone, e-mail, web address
+    bool emulate = false, ram = false;
+    std::vector<uint8_t> raw;
+};
+
+bool is_typed(const tandro::Parsed &p)
+{
+    for (const char *o :
+         {"--wifi", "--bt", "--vcard", "--sms", "--tel", "--mail", "--geo", "--aar", "--in", "--emulate"})
+        if (p.has(o))
+            return true;
+    return false;
+}
+
+// The vCard of a file: FN (or else nothing), ORG, ADR (its parts joined), TEL, EMAIL and URL, the first of
+// each. Lines may end in CR LF or LF; property parameters (";TYPE=...") are passed over.
+bool vcard_fields(const std::vector<uint8_t> &file, std::string out[6], std::string &err)
+{
+    const std::string text(file.begin(), file.end());
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string line = text.substr(at, end - at);
+        at = end + 1;
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos)
+            continue;
+        std::string name = line.substr(0, line.find_first_of(";:"));
+        for (char &c : name)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        std::string value = line.substr(colon + 1);
+        int slot = -1;
+        if (name == "FN")
+            slot = 0;
+        else if (name == "ORG")
+            slot = 1;
+        else if (name == "ADR")
+            slot = 2;
+        else if (name == "TEL")
+            slot = 3;
+        else if (name == "EMAIL")
+            slot = 4;
+        else if (name == "URL")
+            slot = 5;
+        if (slot < 0 || !out[slot].empty())
+            continue;
+        if (slot == 2 || slot == 1) {
+            std::string joined;
+            size_t from = 0;
+            while (from <= value.size()) {
+                size_t semi = value.find(';', from);
+                if (semi == std::string::npos)
+                    semi = value.size();
+                const std::string part = value.substr(from, semi - from);
+                if (!part.empty())
+                    joined += (joined.empty() ? "" : ", ") + part;
+                from = semi + 1;
+            }
+            value = joined;
+        }
+        out[slot] = value;
+    }
+    static const char *const kNames[6] = {"FN", "ORG", "ADR", "TEL", "EMAIL", "URL"};
+    if (out[0].empty()) {
+        err = "--vcard: the vCard has no FN (name) line";
+        return false;
+    }
+    for (int i = 0; i < 6; ++i)
+        if (out[i].size() > 50) {
+            err = std::string("--vcard: the ") + kNames[i] + " field is over 50 bytes";
+            return false;
+        }
+    return true;
+}
+
+// Checks the options of a typed or raw write; 0 when they are good, else the exit code
+// of the usage error.
+int parse_typed(const tandro::Parsed &p, TypedWrite &w)
+{
+    const char *name = "ndef";
+    auto limit = [&](const std::string &what, const std::string &v, size_t max) {
+        return v.size() <= max ? 0
+                               : tandro::usage_error(name, what + " takes at most " + std::to_string(max) + " bytes");
+    };
+    if (p.words.size() != 1)
+        return tandro::usage_error(name, "write takes no words but its options");
+    w.emulate = p.has("--emulate");
+    w.ram = p.has("--ram");
+    w.have_password = p.has("--password");
+    w.password = p.value("--password");
+    w.body = p.value("--body");
+    w.subject = p.value("--subject");
+    static const char *const kAuth[5] = {"open", "wpa", "wpa-enterprise", "wpa2-enterprise", "wpa2"};
+    static const char *const kEnc[5] = {"none", "wep", "tkip", "aes", "aes-tkip"};
+    for (const char *opt : {"--auth", "--encryption"}) {
+        if (!p.has(opt))
+            continue;
+        const bool auth = std::string(opt) == "--auth";
+        int found = -1;
+        for (int k = 0; k < 5; ++k)
+            if (p.value(opt) == (auth ? kAuth : kEnc)[k])
+                found = k;
+        if (found < 0)
+            return tandro::usage_error(name, auth ? "--auth takes open, wpa, wpa-enterprise, wpa2-enterprise or wpa2"
+                                                  : "--encryption takes none, wep, tkip, aes or aes-tkip");
+        if (auth) {
+            w.auth = static_cast<uint8_t>(found);
+        } else {
+            w.enc = static_cast<uint8_t>(found);
+            w.enc_given = true;
+        }
+    }
+    if (p.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(p.value("--message"), &m) || m != 1)
+            return tandro::usage_error(name, "typed records go to message 1");
+    }
+    if (p.has("--uri") || p.has("--text") || p.has("--raw"))
+        return tandro::usage_error(name, "write takes one record: a typed one or --uri, --text, --raw");
+    size_t kinds = 0;
+    for (const char *k : {"--wifi", "--bt", "--vcard", "--sms", "--tel", "--mail", "--geo", "--aar", "--in"}) {
+        kinds += p.count(k);
+        if (p.has(k)) {
+            w.kind = k + 2;
+            w.value = p.value(k);
+        }
+    }
+    if (kinds != 1)
+        return tandro::usage_error(name, "write takes one record: --wifi, --bt, --vcard, --sms, --tel, --mail, --geo, "
+                                         "--aar, or a message with --in");
+    if (w.ram && !w.emulate)
+        return tandro::usage_error(name, "--ram goes with --emulate");
+    int rc = 0;
+    std::string err;
+    if (w.kind == "wifi") {
+        if (!w.have_password && w.auth != 0)
+            return tandro::usage_error(name, "--wifi needs --password (or --auth open)");
+        if (!w.enc_given)
+            w.enc = w.auth == 0 ? 0 : 3;
+        if ((rc = limit("--wifi", w.value, 100)) || (rc = limit("--password", w.password, 100)))
+            return rc;
+    } else if (w.kind == "bt") {
+        std::vector<uint8_t> addr;
+        if (!tandro::parse_hex(w.value, addr) || addr.size() != 6)
+            return tandro::usage_error(name, "--bt takes a Bluetooth address of six bytes, as AA:BB:CC:DD:EE:FF");
+        // Phones read the out-of-band address least significant byte first: the bytes go in reversed.
+        std::reverse(addr.begin(), addr.end());
+        w.bt_text = tandro::to_hex(addr.data(), addr.size());
+    } else if (w.kind == "vcard") {
+        std::vector<uint8_t> file;
+        if (!read_small_file(w.value, file, err) || !vcard_fields(file, w.contact, err))
+            return tandro::usage_error(name, err);
+    } else if (w.kind == "sms") {
+        if ((rc = limit("--sms", w.value, 50)) || (rc = limit("--body", w.body, 200)))
+            return rc;
+    } else if (w.kind == "tel") {
+        if ((rc = limit("--tel", w.value, 50)))
+            return rc;
+    } else if (w.kind == "mail") {
+        if ((rc = limit("--mail", w.value, 50)) || (rc = limit("--subject", w.subject, 50)) ||
+            (rc = limit("--body", w.body, 200)))
+            return rc;
+    } else if (w.kind == "geo") {
+        const size_t comma = w.value.find(',');
+        if (comma == std::string::npos || comma == 0 || comma + 1 == w.value.size())
+            return tandro::usage_error(name, "--geo takes LATITUDE,LONGITUDE");
+        w.geo_lat = w.value.substr(0, comma);
+        w.geo_lon = w.value.substr(comma + 1);
+        if ((rc = limit("--geo's latitude", w.geo_lat, 100)) || (rc = limit("--geo's longitude", w.geo_lon, 100)))
+            return rc;
+    } else if (w.kind == "aar") {
+        if ((rc = limit("--aar", w.value, 100)))
+            return rc;
+    } else if (w.kind == "in") {
+        if (w.emulate)
+            return tandro::usage_error(name, "--in writes a message to a card, not to the emulated tag");
+        if (!read_small_file(w.value, w.raw, err))
+            return tandro::usage_error(name, err);
+        std::vector<zel::ndef::Record> recs;
+        std::vector<uint32_t> at;
+        if (w.raw.empty() || !message_records(w.raw, recs, at))
+            return tandro::usage_error(name, "--in: " + w.value + " holds no well-formed NDEF message");
+        for (const zel::ndef::Record &r : recs)
+            if (r.tnf == 0 || r.tnf == 7 || (r.flags & 0x20))
+                return tandro::usage_error(name, "--in: empty, unchanged or chunked records cannot be written");
+    }
+    if (w.kind != "mail" && !w.subject.empty())
+        return tandro::usage_error(name, "--subject goes with --mail");
+    if (w.kind != "mail" && w.kind != "sms" && !w.body.empty())
+        return tandro::usage_error(name, "--body goes with --sms or --mail");
+    if (w.kind != "wifi" && w.have_password)
+        return tandro::usage_error(name, "--password goes with --wifi");
+    return 0;
+}
+
+// The bytes message 1 may take on a card of the NDEF store: the data area less what stands before the
+// message, its header and the terminator (Type 4: the NDEF file less its length).
+ZEL_STATUS store_capacity(ZEL_HANDLE h, uint8_t type, uint32_t msg_len, uint32_t &cap)
+{
+    cap = 0;
+    uint32_t size = 0;
+    ZEL_STATUS st = zel::ndef::check_capability_container(h, type, size);
+    if (st != ZEL_OK)
+        return st;
+    if (zel::ndef::is_t4(type)) {
+        zel::ndef::t4_done(h);
+        cap = size >= 2 ? size - 2 : 0;
+        return ZEL_OK;
+    }
+    std::vector<uint8_t> img(ZEL_NDEF_IMAGE_LEN);
+    uint32_t len = 0;
+    if ((st = zel::ndef::read_card_data(h, type, img.data(), ZEL_NDEF_IMAGE_LEN, len, size)) != ZEL_OK)
+        return st;
+    zel::ndef::Tlv tlv;
+    zel::ndef::Gap gap;
+    if ((st = zel::ndef::find_message(img.data(), len, 1, type, tlv, gap)) != ZEL_OK)
+        return st;
+    const uint32_t used = tlv.offset + (msg_len < 0xFF ? 2 : 4) + 1 + (gap.present ? gap.len : 0);
+    cap = len > used ? len - used : 0;
+    return ZEL_OK;
+}
+
+// The raw bytes of message 1 of the card in the field.
+ZEL_STATUS raw_message(ZEL_HANDLE h, std::vector<uint8_t> &msg)
+{
+    if (card_is_desfire(h))
+        return desfire_message(h, msg);
+    uint8_t type = 0;
+    ZEL_STATUS st = GetOrbCardTypeM(h, &type);
+    uint32_t size = 0, len = 0;
+    if (st == ZEL_OK)
+        st = zel::ndef::check_capability_container(h, type, size);
+    std::vector<uint8_t> img(ZEL_NDEF_IMAGE_LEN);
+    if (st == ZEL_OK)
+        st = zel::ndef::read_card_data(h, type, img.data(), ZEL_NDEF_IMAGE_LEN, len, size);
+    if (zel::ndef::is_t4(type))
+        zel::ndef::t4_done(h);
+    if (st != ZEL_OK)
+        return st;
+    zel::ndef::Tlv tlv;
+    zel::ndef::Gap gap;
+    if ((st = zel::ndef::find_message(img.data(), len, 1, type, tlv, gap)) != ZEL_OK)
+        return st;
+    msg = zel::ndef::data_view(img.data(), len, tlv.value(), gap);
+    if (msg.size() < tlv.length)
+        return ZEL_WRONG_NDEF_CARD_FORMAT;
+    msg.resize(tlv.length);
+    return ZEL_OK;
+}
+
+int run_read_out(ZEL_HANDLE h, const tandro::Options &opt, const std::string &path)
+{
+    std::vector<uint8_t> msg;
+    const ZEL_STATUS st = raw_message(h, msg);
+    if (st != ZEL_OK)
+        return tandro::fail("ndef", "read", st);
+    FILE *f = std::fopen(path.c_str(), "wb");
+    const bool ok = f && std::fwrite(msg.data(), 1, msg.size(), f) == msg.size();
+    if (f && std::fclose(f) != 0)
+        return tandro::fail_text("ndef", "cannot write " + path, ZEL_WRITING_ERROR);
+    if (!ok)
+        return tandro::fail_text("ndef", "cannot write " + path, ZEL_WRITING_ERROR);
+    if (opt.json)
+        std::printf("{\"out\": %s, \"bytes\": %zu}\n", tandro::json_string(path).c_str(), msg.size());
+    else
+        std::printf("%zu message bytes written to %s\n", msg.size(), path.c_str());
+    return 0;
+}
+
+// Writes the message of --in: its size is checked against the card first, then message 1 is emptied and the
+// records are appended one by one.
+ZEL_STATUS write_raw(ZEL_HANDLE h, const std::vector<uint8_t> &msg, uint32_t &cap)
+{
+    uint8_t type = 0;
+    ZEL_STATUS st = GetOrbCardTypeM(h, &type);
+    if (st != ZEL_OK)
+        return st;
+    if (card_is_desfire(h))
+        return ZEL_NDEF_UNSUPPORTED_CARD_TYPE;
+    if ((st = store_capacity(h, type, static_cast<uint32_t>(msg.size()), cap)) != ZEL_OK)
+        return st;
+    if (msg.size() > cap)
+        return ZEL_MAX_SIZE_EXCEEDED;
+    std::vector<zel::ndef::Record> recs;
+    std::vector<uint32_t> at;
+    message_records(msg, recs, at);
+    if ((st = erase_all_ndef_recordsM(h, 1)) != ZEL_OK)
+        return st;
+    for (size_t i = 0; i < recs.size(); ++i) {
+        const zel::ndef::Record &r = recs[i];
+        std::vector<uint8_t> rec(msg.begin() + at[i], msg.begin() + at[i] + r.size);
+        rec.push_back(0);
+        uint8_t *p = rec.data() + r.header_len;
+        uint8_t tnf = r.tnf, tl = r.type_len, il = r.id_len, formatted = 0;
+        uint32_t pl = r.payload_len;
+        if ((st = write_ndef_recordM(h, 1, &tnf, p, &tl, p + r.type_len, &il, p + r.type_len + r.id_len, &pl,
+                                     &formatted)) != ZEL_OK)
+            return st;
+    }
+    return ZEL_OK;
+}
+
+int run_typed_write(ZEL_HANDLE h, const tandro::Options &opt, const TypedWrite &w)
+{
+    const char *name = "ndef";
+    if (w.kind == "in") {
+        uint32_t cap = 0;
+        const ZEL_STATUS st = write_raw(h, w.raw, cap);
+        if (st == ZEL_MAX_SIZE_EXCEEDED)
+            return tandro::fail_text(name,
+                                     "the message (" + std::to_string(w.raw.size()) +
+                                         " bytes) does not fit the card's " + std::to_string(cap) +
+                                         " bytes; nothing was written",
+                                     st);
+        if (st != ZEL_OK)
+            return tandro::fail(name, "write", st);
+        if (opt.json)
+            std::printf("{\"written\": true, \"message_bytes\": %zu, \"capacity\": %u}\n", w.raw.size(), cap);
+        else
+            std::printf("message of %zu bytes written to message 1 (the card takes %u)\n", w.raw.size(), cap);
+        return 0;
+    }
+    const uint8_t storage = !w.emulate ? ZEL_NDEF_STORAGE_CARD
+                            : w.ram    ? ZEL_NDEF_STORAGE_EMULATION_RAM
+                                       : ZEL_NDEF_STORAGE_EMULATION;
+    ZEL_STATUS st = ZEL_OK;
+    const char *v = w.value.c_str();
+    if (w.kind == "wifi")
+        st = WriteNdefRecord_WiFiM(h, storage, v, w.auth, w.enc, w.password.c_str());
+    else if (w.kind == "bt")
+        st = WriteNdefRecord_BTM(h, storage, w.bt_text.c_str());
+    else if (w.kind == "vcard")
+        st = WriteNdefRecord_ContactM(h, storage, w.contact[0].c_str(), w.contact[1].c_str(), w.contact[2].c_str(),
+                                      w.contact[3].c_str(), w.contact[4].c_str(), w.contact[5].c_str());
+    else if (w.kind == "sms")
+        st = WriteNdefRecord_SMSM(h, storage, v, w.body.c_str());
+    else if (w.kind == "tel")
+        st = WriteNdefRecord_PhoneM(h, storage, v);
+    else if (w.kind == "mail")
+        st = WriteNdefRecord_EmailM(h, storage, v, w.subject.c_str(), w.body.c_str());
+    else if (w.kind == "geo")
+        st = WriteNdefRecord_GeoLocationM(h, storage, w.geo_lat.c_str(), w.geo_lon.c_str());
+    else if (w.kind == "aar")
+        st = WriteNdefRecord_AndroidAppM(h, storage, v);
+    if (st != ZEL_OK)
+        return tandro::fail(name, "write", st);
+    if (w.emulate) {
+        st = w.ram ? TagEmulationStartRamHnd(h) : TagEmulationStartM(h);
+        if (st != ZEL_OK)
+            return tandro::fail(name, "emulation start", st);
+    }
+    const char *where = !w.emulate ? "card" : w.ram ? "emulation-ram" : "emulation";
+    // The Bluetooth address as stored: least significant byte first.
+    const std::string stored = w.kind == "bt" ? w.bt_text : "";
+    if (opt.json) {
+        std::printf("{\"written\": true, \"record\": \"%s\", \"storage\": \"%s\"", w.kind.c_str(), where);
+        if (!stored.empty())
+            std::printf(", \"stored_address\": \"%s\"", stored.c_str());
+        std::printf("}\n");
+    } else if (w.emulate) {
+        std::printf("%s record written to the emulated tag%s; emulation started\n", w.kind.c_str(),
+                    w.ram ? " (RAM form)" : "");
+    } else {
+        std::printf("%s record written to message 1\n", w.kind.c_str());
+    }
+    if (!stored.empty() && !opt.json)
+        std::printf("address stored as %s (least significant byte first, as phones read it)\n", stored.c_str());
+    return 0;
+}
+
+int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
+{
+    tandro::Parsed parsed;
+    if (!tandro::parse("ndef", SPEC, all_args, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
+    // --uid HEX: the card of that UID is selected among those in the field.
+    std::vector<uint8_t> want_uid;
+    if (parsed.has("--uid") && (!tandro::parse_hex(parsed.value("--uid"), want_uid) || want_uid.empty()))
+        return tandro::usage_error("ndef", "--uid takes a UID in hexadecimal");
     if (args.empty())
         return tandro::usage_error("ndef", std::string("usage: tandro ndef ") + kUsage);
     const std::string &sub = args[0];
     if (sub != "read" && sub != "write" && sub != "erase" && sub != "format")
         return tandro::usage_error("ndef", "unknown subcommand \"" + sub + "\"");
-    bool all = false;
+    if (sub != "write" && args.size() > 1)
+        return tandro::usage_error("ndef", sub + " takes no words but its options");
+    bool all = parsed.has("--all");
     uint8_t message = 1;
-    if (sub == "erase") {
-        for (size_t i = 1; i < args.size(); ++i) {
-            uint32_t m = 0;
-            if (args[i] == "--all")
-                all = true;
-            else if (args[i] == "--message" && i + 1 < args.size() && tandro::parse_u32(args[++i], &m) && m >= 1 &&
-                     m <= 255)
-                message = static_cast<uint8_t>(m);
-            else
-                return tandro::usage_error("ndef", "erase takes [--all] [--message N]");
-        }
-    } else if ((sub == "read" || sub == "format") && args.size() > 1) {
-        return tandro::usage_error("ndef", sub + " takes no arguments");
+    if (sub == "erase" && parsed.has("--message")) {
+        uint32_t m = 0;
+        if (!tandro::parse_u32(parsed.value("--message"), &m) || m < 1 || m > 255)
+            return tandro::usage_error("ndef", "--message takes a number from 1 to 255");
+        message = static_cast<uint8_t>(m);
     }
+    const bool show_secrets = parsed.has("--show-secrets");
+    const std::string out_file = sub == "read" ? parsed.value("--out") : "";
+    if (struct stat st{}; !out_file.empty() && ::stat(out_file.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        return tandro::usage_error("ndef", "--out: " + out_file + " is a folder, not a file");
+    TypedWrite typed;
+    const bool typed_write = sub == "write" && is_typed(parsed);
+    if (typed_write)
+        if (const int rc = parse_typed(parsed, typed))
+            return rc;
     tandro::ReaderSession session;
     if (!session.open("ndef", opt))
         return 1;
@@ -463,9 +967,11 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
         tandro::bring_forward(session.sim(), "ntag21");
     }
     if (sub == "read")
-        return tandro::print_ndef(h, opt.json);
+        return out_file.empty() ? tandro::print_ndef(h, opt.json, show_secrets) : run_read_out(h, opt, out_file);
+    if (typed_write)
+        return run_typed_write(h, opt, typed);
     if (sub == "write")
-        return run_write(h, opt, args);
+        return run_write(h, opt, parsed);
     const bool desfire = card_is_desfire(h);
     ZEL_STATUS st = ZEL_OK;
     if (sub == "format")
@@ -482,7 +988,9 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
     return st == ZEL_OK ? 0 : 1;
 }
 
-const tandro::Registration ndef_cmd({"ndef", kUsage, "NDEF messages: read every record, append, erase, format",
-                                     run_ndef});
+const tandro::Registration ndef_cmd({"ndef", kUsage,
+                                     "NDEF messages: read and decode every record, append plain or typed records "
+                                     "(to a card or the emulated tag), raw messages from and to files, erase, format",
+                                     run_ndef, false, &SPEC});
 
 } // namespace

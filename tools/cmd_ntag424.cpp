@@ -9,6 +9,7 @@
 #include "tandro.h"
 #include "zelsim.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "tools/sun.h"
 
@@ -19,10 +20,33 @@ using Bytes = std::vector<uint8_t>;
 const char *USAGE = "[--key HEX | --reader-key N] [--light] [info | settings FILE | uid KEYNO | counter FILE "
                     "[KEYNO] | tamper [KEYNO] | change-key KEYNO NEW OLD | random-id | enable-tamper KEYNO | "
                     "standard FILE COMM R W RW C | sdm FILE NAME=N...]";
-const char *SDM_HELP =
+const tandro::Spec SPEC = {
+    {
+        {"[info]", "the settings of files 1 to 3"},
+        {"settings FILE", "the settings of file FILE (0 to 31)"},
+        {"uid KEYNO", "the real UID, authenticating with key KEYNO (0 to 4)"},
+        {"counter FILE [KEYNO]", "the SDM read counter of a file, without authentication or with key KEYNO"},
+        {"tamper [KEYNO]", "the tag tamper status, permanent and current; with KEYNO authenticated"},
+        {"change-key KEYNO NEW OLD", "changes key KEYNO from OLD to NEW (16 bytes each in hexadecimal)"},
+        {"random-id", "turns on the random ID"},
+        {"enable-tamper KEYNO", "turns on tag tamper, KEYNO (0 to 15) being the key that reads its status"},
+        {"standard FILE COMM R W RW C", "a file's settings without SDM: COMM 0 to 3, keys 0 to 15 (below)"},
+        {"sdm FILE NAME=N...", "a file's settings with SDM, from NAME=N pairs and flags (below)"},
+    },
+    {
+        {"--key", "HEX", "the 16 bytes of the key to authenticate with"},
+        {"--reader-key", "N", "the reader's key slot to authenticate with, 0 to 255 (default 0)"},
+        {"--light", nullptr, "a DESFire Light: info, settings, uid, change-key and standard only"},
+    },
+    "Settings show the file's type, communication, access keys, size and SDM options. R, W, RW and C of standard "
+    "are the read, write, read-write and change keys.\n\n"
     "sdm FILE takes NAME=N pairs: comm, read, write, rw, change (the file's keys; default 0, E, E, E, 0), meta, "
     "file, ctr-key (the SDM keys; 14 free, 15 none), uid, ctr, picc, mac-input, enc, enc-len, mac, limit "
-    "(offsets), and the flags uid-mirror, ctr-mirror, tt";
+    "(offsets), and the flags uid-mirror, ctr-mirror, tt.\n\n"
+    "Keys: --key gives the 16 key bytes, --reader-key the reader's key slot (default 0); the keys are never "
+    "printed. The settings change with the file's change key, in plain communication.\n\n"
+    "With --sim and no scenario file, an NTAG 424 DNA with its tag tamper loop joins the field.",
+};
 
 int fail(const tandro::Options &opt, const char *cmd, const std::string &what, ZEL_STATUS st)
 {
@@ -163,31 +187,24 @@ bool parse_sdm(const tandro::Args &args, size_t from, nt4h_sdm_settings &s, uint
 int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
 {
     const char *cmd = "ntag424";
+    tandro::Parsed parsed;
+    if (!tandro::parse(cmd, SPEC, all, parsed))
+        return 2;
     Auth auth;
-    tandro::Args args;
-    for (size_t i = 0; i < all.size(); ++i) {
-        const std::string &a = all[i];
-        uint32_t v = 0;
-        if (a == "--help") {
-            std::printf("usage: tandro ntag424 %s\n%s\nkeys: --key gives the 16 key bytes, --reader-key the "
-                        "reader's key slot (default 0); the keys are never printed.\n",
-                        USAGE, SDM_HELP);
-            return 0;
-        }
-        if (a == "--key" && i + 1 < all.size()) {
-            if (!tandro::parse_hex(all[++i], auth.key) || auth.key.size() != 16)
-                return usage_fail(opt, cmd, "--key takes 16 bytes in hexadecimal");
-            auth.provided = true;
-        } else if (a == "--reader-key" && i + 1 < all.size()) {
-            if (!tandro::parse_u32(all[++i], &v) || v > 255)
-                return usage_fail(opt, cmd, "--reader-key takes a key slot from 0 to 255");
-            auth.reader_key = static_cast<uint8_t>(v);
-        } else if (a == "--light") {
-            auth.light = true;
-        } else {
-            args.push_back(a);
-        }
+    const tandro::Args &args = parsed.words;
+    // Each value is checked, the last one given counts.
+    for (const std::string &key : parsed.values("--key")) {
+        if (!tandro::parse_hex(key, auth.key) || auth.key.size() != 16)
+            return usage_fail(opt, cmd, "--key takes 16 bytes in hexadecimal");
+        auth.provided = true;
     }
+    for (const std::string &slot : parsed.values("--reader-key")) {
+        uint32_t v = 0;
+        if (!tandro::parse_u32(slot, &v) || v > 255)
+            return usage_fail(opt, cmd, "--reader-key takes a key slot from 0 to 255");
+        auth.reader_key = static_cast<uint8_t>(v);
+    }
+    auth.light = parsed.has("--light");
     const std::string what = args.empty() ? "info" : args[0];
     const size_t n = args.size();
     uint32_t a1 = 0, a2 = 0;
@@ -345,43 +362,42 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
 
 const char *SUN_USAGE = "verify URL --meta-key HEX --file-key HEX [--show-data]";
 
+const tandro::Spec SUN_SPEC = {
+    {
+        {"verify URL", "checks a URL that an NTAG 424 DNA made, as a web service checks a tap"},
+    },
+    {
+        {"--meta-key", "HEX", "the SDM meta read key, 16 bytes (needed when the URL carries PICC data)"},
+        {"--file-key", "HEX", "the SDM file read key, 16 bytes (always needed)"},
+        {"--show-data", nullptr, "shows the deciphered file data"},
+    },
+    "Deciphers the PICC data (p or picc_data) with the meta read key, or takes the plain uid and ctr, checks the "
+    "MAC (m or cmac) with the file read key, and deciphers the file data (e or enc). The MAC input runs from the "
+    "enciphered data up to the MAC's value, or is empty without it. The file data is shown only with "
+    "--show-data.\n\n"
+    "No reader is needed. A URL whose MAC does not match is reported as forged or replayed, with exit code 1.",
+};
+
 int run_sun(const tandro::Options &opt, const tandro::Args &args)
 {
     const char *cmd = "sun";
-    std::string url;
+    tandro::Parsed given;
+    if (!tandro::parse(cmd, SUN_SPEC, args, given))
+        return 2;
     Bytes meta, file;
-    bool have_meta = false, have_file = false, show = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &a = args[i];
-        if (a == "--help") {
-            std::printf("usage: tandro sun %s\nVerifies a URL that an NTAG 424 DNA made: deciphers the PICC data "
-                        "(p or picc_data) with the meta read key, or takes the plain uid and ctr, checks the MAC "
-                        "(m or cmac) with the file read key, and deciphers the file data (e or enc). The MAC input "
-                        "runs from the enciphered data up to the MAC's value, or is empty without it. The file "
-                        "data is shown only with --show-data.\n",
-                        SUN_USAGE);
-            return 0;
-        }
-        if (a == "--meta-key" && i + 1 < args.size()) {
-            have_meta = tandro::parse_hex(args[++i], meta) && meta.size() == 16;
-            if (!have_meta)
-                return usage_fail(opt, cmd, "--meta-key takes 16 bytes in hexadecimal");
-        } else if (a == "--file-key" && i + 1 < args.size()) {
-            have_file = tandro::parse_hex(args[++i], file) && file.size() == 16;
-            if (!have_file)
-                return usage_fail(opt, cmd, "--file-key takes 16 bytes in hexadecimal");
-        } else if (a == "--show-data") {
-            show = true;
-        } else if (i == 0 && a == "verify") {
-            continue;
-        } else if (url.empty() && i == 1) {
-            url = a;
-        } else {
-            return usage_fail(opt, cmd, std::string("usage: tandro sun ") + SUN_USAGE);
-        }
-    }
-    if (args.empty() || args[0] != "verify" || url.empty() || !have_file)
+    bool have_meta = false, have_file = false;
+    // Each value is checked, the last one given counts.
+    for (const std::string &key : given.values("--meta-key"))
+        if (!(have_meta = tandro::parse_hex(key, meta) && meta.size() == 16))
+            return usage_fail(opt, cmd, "--meta-key takes 16 bytes in hexadecimal");
+    for (const std::string &key : given.values("--file-key"))
+        if (!(have_file = tandro::parse_hex(key, file) && file.size() == 16))
+            return usage_fail(opt, cmd, "--file-key takes 16 bytes in hexadecimal");
+    const bool show = given.has("--show-data");
+    const tandro::Args &words = given.words;
+    if (words.size() != 2 || words[0] != "verify" || words[1].empty() || !have_file)
         return usage_fail(opt, cmd, std::string("usage: tandro sun ") + SUN_USAGE);
+    const std::string &url = words[1];
     static tandro::SunUrl parsed;
     const tandro::SunParse p = tandro::sun_parse(url.data(), url.size(), parsed);
     if (p != tandro::SunParse::ok)
@@ -410,7 +426,8 @@ int run_sun(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration ntag424_cmd({"ntag424", USAGE,
                                         "NTAG 424 DNA and DESFire Light: settings, SDM, keys, counter, tamper",
-                                        run_ntag424, true});
-const tandro::Registration sun_cmd({"sun", SUN_USAGE, "verify a URL an NTAG 424 DNA generated (SUN)", run_sun, true});
+                                        run_ntag424, false, &SPEC});
+const tandro::Registration sun_cmd({"sun", SUN_USAGE, "verify a URL an NTAG 424 DNA generated (SUN)", run_sun, false,
+                                    &SUN_SPEC});
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/reader_list.h"
 
 namespace {
@@ -31,20 +32,25 @@ std::string port_of(ZEL_HANDLE h)
     return h->try_port;
 }
 
+const tandro::Spec SPEC = {
+    {
+        {"", "every reader found, one a line, with the index that --reader takes"},
+    },
+    {},
+    "Scans FTDI devices and serial ports, opens every reader found, adds the network readers that answer a "
+    "broadcast, and lists them: index (for --reader N), link, port, reader type, serial number, serial "
+    "description, FTDI description and firmware.\n\n"
+    "With --sim the scenario's \"readers\" (or its one reader) are served on pseudo-terminals shown to the scan as "
+    "serial ports.",
+};
+
 int run_readers(const tandro::Options &opt, const tandro::Args &args)
 {
-    if (!args.empty()) {
-        if (args.size() == 1 && args[0] == "--help") {
-            std::printf("usage: tandro readers [--json] [--sim[=SCENARIO]]\n\n"
-                        "Scans FTDI devices and serial ports, opens every reader found, adds the network readers\n"
-                        "that answer a broadcast, and lists them: index (for --reader N), link, port, reader\n"
-                        "type, serial number, serial description, FTDI description and firmware. With --sim the\n"
-                        "scenario's \"readers\" (or its one reader) are served on pseudo-terminals shown to the\n"
-                        "scan as serial ports.\n");
-            return 0;
-        }
+    tandro::Parsed parsed;
+    if (!tandro::parse("readers", SPEC, args, parsed))
+        return 2;
+    if (!parsed.words.empty())
         return tandro::usage_error("readers", "takes no arguments (see tandro readers --help)");
-    }
     tandro::SimReaders sim;
     std::string err, note;
     if (opt.sim && !sim.start(opt, err)) {
@@ -104,6 +110,6 @@ int run_readers(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration readers_cmd({"readers", "", "every reader found on FTDI, serial and network links",
-                                        run_readers, true});
+                                        run_readers, false, &SPEC});
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -15,6 +16,38 @@ namespace {
 const char *RECORDS_USAGE = "[show | right N [FIRST SECOND HH:MM HH:MM DAYS [MAX]] | erase N | validate [HEX] | "
                             "card-type [N] | daily [MINUTES] | total [MINUTES] | credit [VALUE BEGIN END]]";
 const char *BALANCE_USAGE = "get | set VALUE  [--key HEX] [--key-b]";
+
+const tandro::Spec RECORDS_SPEC = {
+    {
+        {"[show]", "card type, durations, card number, credit and period, validate record"},
+        {"right N", "right record N (0 to 255)"},
+        {"right N FIRST SECOND HH:MM HH:MM DAYS [MAX]", "writes right record N (below)"},
+        {"erase N", "clears right record N"},
+        {"validate [HEX]", "reads the validate record, or writes the ten bytes given"},
+        {"card-type [N]", "reads the card type, or writes it (0 to 255)"},
+        {"daily [MINUTES]", "reads the daily duration, or writes it (0 to 65535)"},
+        {"total [MINUTES]", "reads the total duration, or writes it"},
+        {"credit [VALUE BEGIN END]", "reads, or writes the credit and its period (dates below)"},
+    },
+    {},
+    "The access-system records the reader keeps. Every write but erase reads its record back.\n\n"
+    "A right record written takes two values (0 to 65535), a start and an end time, DAYS as seven 0 or 1 (the "
+    "first day first) and, with MAX (0 to 255), a maximum daily counter.\n\n"
+    "Dates are YYYY-MM-DDTHH:MM, years 2000 to 2255.",
+};
+
+const tandro::Spec BALANCE_SPEC = {
+    {
+        {"get", "reads the credit"},
+        {"set VALUE", "writes the credit (signed, 32 bits) to both blocks and reads it back"},
+    },
+    {
+        {"--key", "HEX", "the sector's key, 6 bytes (default FFFFFFFFFFFF)"},
+        {"--key-b", nullptr, "authenticate with key B (default key A)"},
+    },
+    "The credit kept in the value blocks 61 and 62 of the memory card in the field, each holding the other's "
+    "number as its address. A read settles an interrupted update.",
+};
 
 int fail(const tandro::Options &opt, const char *command, const std::string &what, ZEL_STATUS st)
 {
@@ -166,25 +199,12 @@ int done(const tandro::Options &opt, const std::string &what)
     return 0;
 }
 
-int run_records(const tandro::Options &opt, const tandro::Args &args)
+int run_records(const tandro::Options &opt, const tandro::Args &all)
 {
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") {
-            std::printf("usage: tandro records %s\n\n"
-                        "The access-system records the reader keeps.\n"
-                        "  show                 card type, durations, card number, credit and period, validate record\n"
-                        "  right N              right record N (0 to 255); with FIRST SECOND START END DAYS it is\n"
-                        "                       written (DAYS: seven 0 or 1, the first day first), with MAX as a\n"
-                        "                       record with a maximum daily counter\n"
-                        "  erase N              clears right record N\n"
-                        "  validate [HEX]       reads, or writes the ten bytes given\n"
-                        "  card-type [N], daily [MINUTES], total [MINUTES]\n"
-                        "                       read, or write the value given\n"
-                        "  credit [VALUE BEGIN END]\n"
-                        "                       reads, or writes the credit and its period (dates YYYY-MM-DDTHH:MM)\n",
-                        RECORDS_USAGE);
-            return 0;
-        }
+    tandro::Parsed parsed;
+    if (!tandro::parse("records", RECORDS_SPEC, all, parsed))
+        return 2;
+    const tandro::Args &args = parsed.words;
     const std::string what = args.empty() ? "show" : args[0];
     const size_t n = args.size();
     uint32_t num = 0, v1 = 0, v2 = 0, max = 0, begin[5] = {}, end[5] = {};
@@ -286,31 +306,15 @@ int run_records(const tandro::Options &opt, const tandro::Args &args)
 
 int run_balance(const tandro::Options &opt, const tandro::Args &args)
 {
-    tandro::Args a;
+    tandro::Parsed parsed;
+    if (!tandro::parse("balance", BALANCE_SPEC, args, parsed))
+        return 2;
+    const tandro::Args &a = parsed.words;
     std::vector<uint8_t> key(6, 0xFF);
-    uint8_t auth = 0x60;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--help" || args[i] == "-h") {
-            std::printf("usage: tandro balance %s\n\n"
-                        "The credit kept in the value blocks 61 and 62 of the memory card in the field, each\n"
-                        "holding the other's number as its address. A read settles an interrupted update.\n"
-                        "  get          reads the credit\n"
-                        "  set VALUE    writes the credit (a signed 32-bit value) to both blocks and reads it back\n"
-                        "  --key HEX    the sector's key, 6 bytes (default FFFFFFFFFFFF)\n"
-                        "  --key-b      authenticate with key B (default key A)\n",
-                        BALANCE_USAGE);
-            return 0;
-        }
-        if (args[i] == "--key") {
-            if (i + 1 >= args.size() || !tandro::parse_hex(args[i + 1], key) || key.size() != 6)
-                return tandro::usage_error("balance", "--key takes 6 bytes in hexadecimal");
-            ++i;
-        } else if (args[i] == "--key-b") {
-            auth = 0x61;
-        } else {
-            a.push_back(args[i]);
-        }
-    }
+    for (const std::string &given : parsed.values("--key")) // the last one given counts; each must be one
+        if (!tandro::parse_hex(given, key) || key.size() != 6)
+            return tandro::usage_error("balance", "--key takes 6 bytes in hexadecimal");
+    const uint8_t auth = parsed.has("--key-b") ? 0x61 : 0x60;
     int64_t value = 0;
     bool set = false;
     if (a.size() == 1 && a[0] == "get") {
@@ -348,8 +352,9 @@ int run_balance(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration records_cmd({"records", RECORDS_USAGE,
                                         "the access-system records: rights, validate, card type, durations, credit",
-                                        run_records, true});
+                                        run_records, false, &RECORDS_SPEC});
 const tandro::Registration balance_cmd({"balance", BALANCE_USAGE,
-                                        "the credit balance in a mirrored pair of value blocks", run_balance, true});
+                                        "the credit balance in a mirrored pair of value blocks", run_balance, false,
+                                        &BALANCE_SPEC});
 
 } // namespace

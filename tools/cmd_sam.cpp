@@ -7,6 +7,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -16,17 +17,33 @@ using Bytes = std::vector<uint8_t>;
 const char *USAGE = "[--key HEX] [--entry N] [--ver V] [--host-mode 0|1|2] (version [--raw] | entries [FROM [TO]] | "
                     "authenticate (des | av2) | change-key ENTRY TYPE NEWKEY [--cek N] [--cek-ver V] [--kuc N] "
                     "[--versions A,B,C])";
-const char *HELP =
-    "The SAM answers through the contact interface, which the command opens and closes.\n"
-    "  version               the SAM's type and UID (--raw: the whole version reply)\n"
-    "  entries [FROM [TO]]   the key entries (default 0 to 127): versions, change key, configuration\n"
-    "  authenticate des      the legacy DES authentication with the key of eight zero bytes (AV1 mode)\n"
-    "  authenticate av2      the AV2 authentication with the AES key --key (entry --entry, version --ver)\n"
-    "  change-key ENTRY TYPE NEWKEY\n"
-    "                        authenticates as 'authenticate av2' does, then writes the entry. TYPE: aes, des,\n"
-    "                        2k3des-ulc, 2k3des-desfire, 3k3des, mifare (NEWKEY is key A then key B, 12\n"
-    "                        bytes) or host (an AES host key: NEWKEY in all three keys, --versions A,B,C)\n"
-    "Keys given are never printed.";
+const tandro::Spec SPEC = {
+    {
+        {"version", "the SAM's type and UID (--raw: the whole version reply)"},
+        {"entries [FROM [TO]]", "the key entries (default 0 to 127): versions, change key, configuration"},
+        {"authenticate des", "the legacy DES authentication with the key of eight zero bytes (AV1 mode)"},
+        {"authenticate av2", "the AV2 authentication with --key (entry --entry, version --ver)"},
+        {"change-key ENTRY TYPE NEWKEY", "authenticates as 'authenticate av2', then writes entry ENTRY (0 to 127)"},
+    },
+    {
+        {"--key", "HEX", "the AES key of 16 bytes to authenticate with (authenticate av2, change-key)"},
+        {"--entry", "N", "the key entry to authenticate with, 0 to 127 (default 0)"},
+        {"--ver", "V", "its key version, 0 to 255 (default 0)"},
+        {"--host-mode", "0|1|2", "the protection after authentication: 0 plain (default), 1 MAC, 2 full"},
+        {"--raw", nullptr, "version: the whole version reply in hexadecimal"},
+        {"--cek", "N", "change-key: the entry of the entry's change key, 0 to 127 (default 0)"},
+        {"--cek-ver", "V", "change-key: the version of that change key, 0 to 255 (default 0)"},
+        {"--kuc", "N", "change-key: the key usage counter, 0 to 255 (default 255)"},
+        {"--versions", "A,B,C", "change-key host: the versions of the three keys (default 0,1,2)"},
+    },
+    "The SAM answers through the contact interface, which the command opens and closes.\n\n"
+    "TYPE and NEWKEY (in hexadecimal) of change-key: aes, des, 2k3des-ulc, 2k3des-desfire, 3k3des, mifare (NEWKEY is "
+    "key A then key B, 12 "
+    "bytes) or host (an AES host key: NEWKEY in all three keys, --versions A,B,C).\n\n"
+    "Keys given are never printed.\n\n"
+    "With --sim and no scenario file, a SAM in AV2 mode whose entry 0 is the AES key of sixteen zero bytes takes "
+    "the field.",
+};
 
 // The built-in simulated reader, for this command, holds a SAM in AV2 mode whose entry 0 is the AES key of
 // sixteen zero bytes.
@@ -79,38 +96,39 @@ bool versions_arg(const std::string &text, uint32_t out[3])
     return true;
 }
 
-// Reads the options; false (after a usage error message) for a bad one.
+// Reads the options into a; a usage error's exit code for a bad one, else -1.
 int read_args(const tandro::Args &all, SamArgs &a)
 {
-    for (size_t i = 0; i < all.size(); ++i) {
-        const std::string &w = all[i];
-        const bool more = i + 1 < all.size();
-        if (w == "--help") {
-            std::printf("usage: tandro sam %s\n%s\n", USAGE, HELP);
-            return 0;
-        }
-        if (w == "--key" && more) {
-            if (!tandro::parse_hex(all[++i], a.key) || a.key.size() != 16)
-                return tandro::usage_error("sam", "--key takes an AES key of 16 bytes in hexadecimal");
-            a.key_given = true;
-        } else if ((w == "--entry" || w == "--cek") && more) {
-            if (!byte_arg(all[++i], 127, w == "--entry" ? &a.entry : &a.cek))
-                return tandro::usage_error("sam", w + " takes a key entry from 0 to 127");
-        } else if ((w == "--ver" || w == "--cek-ver" || w == "--kuc") && more) {
-            if (!byte_arg(all[++i], 255, w == "--ver" ? &a.ver : w == "--kuc" ? &a.kuc : &a.cek_ver))
-                return tandro::usage_error("sam", w + " takes a number from 0 to 255");
-        } else if (w == "--host-mode" && more) {
-            if (!byte_arg(all[++i], 2, &a.host_mode))
-                return tandro::usage_error("sam", "--host-mode takes 0 (plain), 1 (MAC) or 2 (full)");
-        } else if (w == "--versions" && more) {
-            if (!versions_arg(all[++i], a.versions))
-                return tandro::usage_error("sam", "--versions takes three numbers: A,B,C");
-        } else if (w == "--raw") {
-            a.raw = true;
-        } else {
-            a.words.push_back(w);
-        }
+    tandro::Parsed parsed;
+    if (!tandro::parse("sam", SPEC, all, parsed))
+        return 2;
+    a.words = parsed.words;
+    // Each value is checked, the last one given counts.
+    for (const std::string &key : parsed.values("--key")) {
+        if (!tandro::parse_hex(key, a.key) || a.key.size() != 16)
+            return tandro::usage_error("sam", "--key takes an AES key of 16 bytes in hexadecimal");
+        a.key_given = true;
     }
+    const struct {
+        const char *name;
+        uint32_t max, *value;
+        const char *why;
+    } numbers[] = {
+        {"--entry", 127, &a.entry, " takes a key entry from 0 to 127"},
+        {"--cek", 127, &a.cek, " takes a key entry from 0 to 127"},
+        {"--ver", 255, &a.ver, " takes a number from 0 to 255"},
+        {"--cek-ver", 255, &a.cek_ver, " takes a number from 0 to 255"},
+        {"--kuc", 255, &a.kuc, " takes a number from 0 to 255"},
+        {"--host-mode", 2, &a.host_mode, " takes 0 (plain), 1 (MAC) or 2 (full)"},
+    };
+    for (const auto &number : numbers)
+        for (const std::string &text : parsed.values(number.name))
+            if (!byte_arg(text, number.max, number.value))
+                return tandro::usage_error("sam", number.name + std::string(number.why));
+    for (const std::string &text : parsed.values("--versions"))
+        if (!versions_arg(text, a.versions))
+            return tandro::usage_error("sam", "--versions takes three numbers: A,B,C");
+    a.raw = parsed.has("--raw");
     return -1;
 }
 
@@ -352,6 +370,6 @@ int run_sam(const tandro::Options &opt, const tandro::Args &all)
 const tandro::Registration sam_cmd({"sam", USAGE,
                                     "the SAM in the contact slot: version, key entries, "
                                     "authentication, key changes",
-                                    run_sam, true});
+                                    run_sam, false, &SPEC});
 
 } // namespace

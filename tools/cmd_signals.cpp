@@ -14,6 +14,7 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/command_helpers.h"
+#include "tools/options.h"
 #include "tools/session.h"
 
 namespace {
@@ -23,8 +24,6 @@ using tandro::Options;
 
 using tandro::done;
 using tandro::failed;
-using tandro::help;
-using tandro::wants_help;
 
 bool byte_arg(const std::string &text, uint8_t &out, uint32_t max = 0xFF)
 {
@@ -32,6 +31,16 @@ bool byte_arg(const std::string &text, uint8_t &out, uint32_t max = 0xFF)
     if (!tandro::parse_u32(text, &v) || v > max)
         return false;
     out = static_cast<uint8_t>(v);
+    return true;
+}
+
+// The words of a command by its table (it takes no options of its own); false after a usage error.
+bool words_of(const char *command, const tandro::Spec &spec, const Args &all, Args &words)
+{
+    tandro::Parsed parsed;
+    if (!tandro::parse(command, spec, all, parsed))
+        return false;
+    words = parsed.words;
     return true;
 }
 
@@ -46,16 +55,21 @@ template <typename F> int with_reader(const char *command, const Options &opt, F
 
 // ---- signal ----
 
-const char kSignalHelp[] =
-    "usage: tandro signal LIGHT SOUND      a light mode and a sound mode (0 to 255 each)\n"
-    "       tandro signal sound UNITS      a sound of UNITS x 10 ms (0 to 255)\n"
-    "       tandro signal speaker HERTZ    the speaker's tone (20 to 20000; other values: off)\n";
+const tandro::Spec kSignalSpec = {
+    {
+        {"LIGHT SOUND", "a light mode and a sound mode (0 to 255 each)"},
+        {"sound UNITS", "a sound of UNITS x 10 ms (0 to 255)"},
+        {"speaker HERTZ", "the speaker's tone (20 to 20000; other values: off)"},
+    },
+    {},
+};
 
-int run_signal(const Options &opt, const Args &a)
+int run_signal(const Options &opt, const Args &all)
 {
     const char *name = "signal";
-    if (wants_help(a))
-        return help(kSignalHelp);
+    Args a;
+    if (!words_of(name, kSignalSpec, all, a))
+        return 2;
     uint8_t x = 0, y = 0;
     uint32_t hz = 0;
     if (a.size() == 2 && a[0] == "sound" && byte_arg(a[1], x))
@@ -78,17 +92,23 @@ int run_signal(const Options &opt, const Args &a)
 
 // ---- led ----
 
-const char kLedHelp[] = "usage: tandro led red on|off\n"
-                        "       tandro led rgb RRGGBB [INTENSITY]   colour in hex, intensity 0 to 100 (default 100)\n"
-                        "       tandro led rgb off\n"
-                        "       tandro led green blink|still\n"
-                        "       tandro led internal on|off\n";
+const tandro::Spec kLedSpec = {
+    {
+        {"red on|off", "the red light"},
+        {"rgb RRGGBB [INTENSITY]", "the RGB light in a colour in hex, intensity 0 to 100 (default 100)"},
+        {"rgb off", "the RGB light off"},
+        {"green blink|still", "the green LED blinking or still"},
+        {"internal on|off", "the reader's internal RGB light"},
+    },
+    {},
+};
 
-int run_led(const Options &opt, const Args &a)
+int run_led(const Options &opt, const Args &all)
 {
     const char *name = "led";
-    if (wants_help(a))
-        return help(kLedHelp);
+    Args a;
+    if (!words_of(name, kLedSpec, all, a))
+        return 2;
     const auto onoff = [](const std::string &w, const char *on, const char *off, bool &v) {
         v = w == on;
         return w == on || w == off;
@@ -132,15 +152,21 @@ int run_led(const Options &opt, const Args &a)
 
 // ---- sleep ----
 
-const char kSleepHelp[] = "usage: tandro sleep enter|leave\n"
-                          "       tandro sleep auto             the auto-sleep time in seconds\n"
-                          "       tandro sleep auto SECONDS     sets it (0 to 255, 0: never)\n";
+const tandro::Spec kSleepSpec = {
+    {
+        {"enter|leave", "puts the reader to sleep, or wakes it"},
+        {"auto", "the auto-sleep time in seconds"},
+        {"auto SECONDS", "sets it (0 to 255, 0: never)"},
+    },
+    {},
+};
 
-int run_sleep(const Options &opt, const Args &a)
+int run_sleep(const Options &opt, const Args &all)
 {
     const char *name = "sleep";
-    if (wants_help(a))
-        return help(kSleepHelp);
+    Args a;
+    if (!words_of(name, kSleepSpec, all, a))
+        return 2;
     if (a.size() == 1 && (a[0] == "enter" || a[0] == "leave")) {
         const bool enter = a[0] == "enter";
         return with_reader(name, opt, [&](ZEL_HANDLE h) {
@@ -170,13 +196,17 @@ int run_sleep(const Options &opt, const Args &a)
 
 // ---- rf ----
 
-const char kRfHelp[] =
-    "usage: tandro rf get SET\n"
-    "       tandro rf set SET V1 V2 V3 V4 V5 [TX0 TX1 TXH TXL]\n"
-    "       tandro rf default SET\n"
-    "SET: a, b, 212, 424, a-trans, b-trans, pn7462. The registers go by position: V1 to V5 are the five values\n"
-    "of the set (V1 and V5 0 to 15, V2 and V4 0 to 7, V3 0 or 1; pn7462: V1, V2, V4 0 to 15, V3, V5 0 to 3);\n"
-    "the transmit sets add two bytes and two 4-bit values.\n";
+const tandro::Spec kRfSpec = {
+    {
+        {"get SET", "the registers of a set"},
+        {"set SET V1 V2 V3 V4 V5 [TX0 TX1 TXH TXL]", "writes them (the transmit values for a-trans and b-trans)"},
+        {"default SET", "the set's default values (not a-trans or b-trans)"},
+    },
+    {},
+    "SET: a, b, 212, 424, a-trans, b-trans, pn7462. The registers go by position: V1 to V5 are the five values "
+    "of the set (V1 and V5 0 to 15, V2 and V4 0 to 7, V3 0 or 1; pn7462: V1, V2, V4 0 to 15, V3, V5 0 to 3); "
+    "the transmit sets add two bytes and two 4-bit values.",
+};
 
 struct RfSet {
     const char *name;
@@ -237,11 +267,12 @@ bool rf_values_fit(const RfSet &s, const uint8_t *v, size_t n)
     return true;
 }
 
-int run_rf(const Options &opt, const Args &a)
+int run_rf(const Options &opt, const Args &all)
 {
     const char *name = "rf";
-    if (wants_help(a))
-        return help(kRfHelp);
+    Args a;
+    if (!words_of(name, kRfSpec, all, a))
+        return 2;
     const RfSet *set = nullptr;
     if (a.size() >= 2)
         for (const RfSet &s : kRfSets)
@@ -288,12 +319,17 @@ int run_rf(const Options &opt, const Args &a)
 
 // ---- se ----
 
-const char kSeHelp[] = "usage: tandro se status           the lock state of the configuration and data zones\n"
-                       "       tandro se config           the 128-byte configuration zone\n"
-                       "       tandro se otp              the 64-byte OTP zone\n"
-                       "       tandro se info             the revision\n"
-                       "       tandro se lock config|data  locks a zone for good\n"
-                       "       tandro se lock slot N      locks key slot N (0 to 15) for good\n";
+const tandro::Spec kSeSpec = {
+    {
+        {"status", "the lock state of the configuration and data zones"},
+        {"config", "the 128-byte configuration zone"},
+        {"otp", "the 64-byte OTP zone"},
+        {"info", "the revision"},
+        {"lock config|data", "locks a zone for good"},
+        {"lock slot N", "locks key slot N (0 to 15) for good"},
+    },
+    {},
+};
 
 int se_read(const Options &opt, ZEL_HANDLE h, const std::string &what)
 {
@@ -334,11 +370,12 @@ int se_read(const Options &opt, ZEL_HANDLE h, const std::string &what)
     return 0;
 }
 
-int run_se(const Options &opt, const Args &a)
+int run_se(const Options &opt, const Args &all)
 {
     const char *name = "se";
-    if (wants_help(a))
-        return help(kSeHelp);
+    Args a;
+    if (!words_of(name, kSeSpec, all, a))
+        return 2;
     if (a.size() == 1 && (a[0] == "status" || a[0] == "config" || a[0] == "otp" || a[0] == "info"))
         return with_reader(name, opt, [&](ZEL_HANDLE h) { return se_read(opt, h, a[0]); });
     uint8_t slot = 0;
@@ -359,17 +396,23 @@ int run_se(const Options &opt, const Args &a)
 
 // ---- features ----
 
-const char kFeaturesHelp[] = "usage: tandro features discovery            the discovery loop block\n"
-                             "       tandro features discovery set HEX    writes it (up to 253 bytes)\n"
-                             "       tandro features aid                  the mobile unique id AID\n"
-                             "       tandro features aid set HEX          writes it (1 to 16 bytes)\n"
-                             "       tandro features mobile               what the last phone handed over\n";
+const tandro::Spec kFeaturesSpec = {
+    {
+        {"discovery", "the discovery loop block"},
+        {"discovery set HEX", "writes it (up to 253 bytes)"},
+        {"aid", "the mobile unique id AID"},
+        {"aid set HEX", "writes it (1 to 16 bytes)"},
+        {"mobile", "what the last phone handed over"},
+    },
+    {},
+};
 
-int run_features(const Options &opt, const Args &a)
+int run_features(const Options &opt, const Args &all)
 {
     const char *name = "features";
-    if (wants_help(a))
-        return help(kFeaturesHelp);
+    Args a;
+    if (!words_of(name, kFeaturesSpec, all, a))
+        return 2;
     const bool read = a.size() == 1 && (a[0] == "discovery" || a[0] == "aid" || a[0] == "mobile");
     std::vector<uint8_t> data;
     const bool write = a.size() == 3 && (a[0] == "discovery" || a[0] == "aid") && a[1] == "set" &&
@@ -402,15 +445,17 @@ int run_features(const Options &opt, const Args &a)
 
 const tandro::Registration signal_cmd({"signal", "LIGHT SOUND | sound UNITS | speaker HERTZ",
                                        "gives a light and sound signal, a sound, or sets the speaker", run_signal,
-                                       true});
-const tandro::Registration led_cmd({"led", "red|rgb|green|internal ...", "drives the reader's LEDs", run_led, true});
+                                       false, &kSignalSpec});
+const tandro::Registration led_cmd({"led", "red|rgb|green|internal ...", "drives the reader's LEDs", run_led, false,
+                                    &kLedSpec});
 const tandro::Registration sleep_cmd({"sleep", "enter|leave|auto [SECONDS]", "puts the reader to sleep and back",
-                                      run_sleep, true});
+                                      run_sleep, false, &kSleepSpec});
 const tandro::Registration rf_cmd({"rf", "get|set|default SET ...", "reads and sets the RF analog registers", run_rf,
-                                   true});
+                                   false, &kRfSpec});
 const tandro::Registration se_cmd({"se", "status|config|otp|info|lock ...", "the reader's secure element", run_se,
-                                   true});
+                                   false, &kSeSpec});
 const tandro::Registration features_cmd({"features", "discovery|aid|mobile [set HEX]",
-                                         "the discovery loop, mobile id AID and mobile data", run_features, true});
+                                         "the discovery loop, mobile id AID and mobile data", run_features, false,
+                                         &kFeaturesSpec});
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "tandro.h"
 #include "tools/cli.h"
 #include "tools/cmd_block_common.h"
+#include "tools/options.h"
 #include "tools/ndef_print.h"
 #include "tools/passport_read.h"
 #include "tools/session.h"
@@ -18,8 +19,35 @@ namespace {
 // application reaches a reader on a serial port. The cards are then taken from the field one by one, so that
 // each comes to the front as a person would hold it to the reader: a sector of the MIFARE Classic card, the
 // NDEF message of the NTAG, the passport read over BAC and validated.
-int run_demo(const tandro::Options &opt, const tandro::Args &)
+const tandro::Spec DEMO_SPEC = {
+    {
+        {"", "the reader, the cards in its field, a MIFARE Classic sector, an NTAG's NDEF message and a passport"},
+    },
+    {},
+    "The built-in simulated reader with its default cards, reached through the library as an application reaches "
+    "a reader on a serial port; no real reader is looked for. The cards are then taken from the field one by "
+    "one, so that each comes to the front in turn. The passport is read over Basic Access Control with its MRZ "
+    "and validated against the simulated CSCA; a step that fails makes the exit status 1.\n\n"
+    "Under --json the steps form one array: the reader, the cards, the sector, the NDEF message and the passport.",
+};
+
+// sim passes every word to the simulated reader's own command line: the table only describes it.
+const tandro::Spec SIM_SPEC = {
+    {},
+    {},
+    "Serves one simulated reader on the links its words name (--pty, --udp HOST:PORT, --tcp HOST:PORT, "
+    "--discovery and others, or a --scenario FILE), prints each link, one a line, and runs until interrupted "
+    "(Ctrl-C) or until standard input says quit. Every word after sim goes to the simulated reader untouched, "
+    "the options every command takes included: \"tandro sim --help\" lists its own options and the commands it "
+    "reads on standard input.",
+};
+
+int run_demo(const tandro::Options &opt, const tandro::Args &args)
 {
+    // Words after the command are not looked at; options are refused.
+    tandro::Parsed parsed;
+    if (!tandro::parse("demo", DEMO_SPEC, args, parsed))
+        return 2;
     zsim *sim = zsim_new();
     if (!sim) {
         std::fprintf(stderr, "tandro demo: the simulated reader did not start\n");
@@ -154,7 +182,9 @@ int run_sim(const tandro::Options &, const tandro::Args &args)
     return zsim_main(static_cast<int>(argv.size() - 1), argv.data());
 }
 
-const tandro::Registration demo_cmd({"demo", "", "the library against the built-in simulated reader", run_demo});
-const tandro::Registration sim_cmd({"sim", "[ARGS]", "run the simulated reader (tandro sim --help)", run_sim});
+const tandro::Registration demo_cmd({"demo", "", "the library against the built-in simulated reader", run_demo, false,
+                                     &DEMO_SPEC});
+const tandro::Registration sim_cmd({"sim", "[ARGS]", "run the simulated reader (tandro sim --help)", run_sim, false,
+                                    &SIM_SPEC});
 
 } // namespace

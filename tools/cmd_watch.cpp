@@ -11,6 +11,7 @@
 
 #include "tandro.h"
 #include "tools/cli.h"
+#include "tools/options.h"
 #include "tools/session.h"
 #include "zelsim.h"
 
@@ -93,21 +94,32 @@ const zsim_card kSimCards[] = {
     {{0x04, 0x35, 0x71, 0x6A, 0x2F, 0x3B, 0x80}, 7, 0x00, 0x0044, ORB_NTAG_213},
 };
 
+const tandro::Spec SPEC = {
+    {
+        {"", "a line for each card that arrives or leaves: time, arrived or left, UID, card type and maker"},
+    },
+    {
+        {"--count", "N", "ends after N events (by default it runs until Ctrl-C)"},
+        {"--every", "MS", "with --sim: how often the tool changes the simulated field (1500 ms, at least 100)"},
+    },
+    "With --sim the tool itself puts cards on the simulated reader and takes them off every MS milliseconds. "
+    "Ctrl-C (or SIGTERM) stops the session and ends with exit status 0.\n\n"
+    "Under --json each event is a JSON object on a line of its own, printed as it happens.",
+};
+
 int run_watch(const tandro::Options &opt, const tandro::Args &args)
 {
+    tandro::Parsed parsed;
+    if (!tandro::parse("watch", SPEC, args, parsed))
+        return 2;
+    if (!parsed.words.empty())
+        return tandro::usage_error("watch", "unknown argument " + parsed.words[0]);
     uint32_t count = 0; // 0: until interrupted
     uint32_t period_ms = 1500;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--count" && i + 1 < args.size()) {
-            if (!tandro::parse_u32(args[++i], &count))
-                return tandro::usage_error("watch", "--count takes a number");
-        } else if (args[i] == "--every" && i + 1 < args.size()) {
-            if (!tandro::parse_u32(args[++i], &period_ms) || period_ms < 100)
-                return tandro::usage_error("watch", "--every takes milliseconds, at least 100");
-        } else {
-            return tandro::usage_error("watch", "unknown argument " + args[i]);
-        }
-    }
+    if (parsed.has("--count") && !tandro::parse_u32(parsed.value("--count"), &count))
+        return tandro::usage_error("watch", "--count takes a number");
+    if (parsed.has("--every") && (!tandro::parse_u32(parsed.value("--every"), &period_ms) || period_ms < 100))
+        return tandro::usage_error("watch", "--every takes milliseconds, at least 100");
     // Ctrl-C and SIGTERM are taken by the main thread alone, by waiting for them: blocked here, before any
     // thread of the library or the simulated reader exists, they never interrupt a port call of the
     // session's threads, and the session is always stopped before the tool ends.
@@ -168,9 +180,7 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration watch_cmd(
     {"watch", "[--count N] [--every MS]",
-     "card arrivals and removals, one line each (time, arrived/left, UID, type), until Ctrl-C; with --sim the "
-     "tool itself puts cards on the simulated reader and takes them off every MS (1500) milliseconds; Ctrl-C "
-     "(or SIGTERM) stops the session and ends with exit status 0",
-     run_watch});
+     "card arrivals and removals, one line each (time, arrived/left, UID, type), until Ctrl-C", run_watch, false,
+     &SPEC});
 
 } // namespace

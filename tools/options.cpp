@@ -22,6 +22,17 @@ std::vector<std::string> names_of(const Opt &opt)
     return out;
 }
 
+// The words an option takes each time: one for "HEX", two for "TYPE SLOT", none for a flag.
+size_t words_of(const Opt &opt)
+{
+    if (!opt.value)
+        return 0;
+    if (opt.value[0] == '[')
+        return 1;
+    const std::string value = opt.value;
+    return 1 + static_cast<size_t>(std::count(value.begin(), value.end(), ' '));
+}
+
 // "-o, --out FILE" for the help.
 std::string option_head(const Opt &opt)
 {
@@ -86,7 +97,7 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
             const Opt &o = spec.options[i];
             if (o.value)
                 app.add_option(o.names, values[i])
-                    ->type_size(1)
+                    ->type_size(static_cast<int>(words_of(o)))
                     ->expected(1)
                     ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
                     ->allow_extra_args(false);
@@ -110,9 +121,16 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
         // A flag given "=value" is named without its dashes ("pad was given a disallowed flag override").
         const std::string why = e.what();
         if (why.find("flag override") != std::string::npos)
-            usage_error(command, "--" + why.substr(0, why.find(' ')) + " takes no value (tandro " + command + " --help)");
-        else
-            usage_error(command, why.substr(0, why.find(':')) + " needs a value (tandro " + command + " --help)");
+            usage_error(command,
+                        "--" + why.substr(0, why.find(' ')) + " takes no value (tandro " + command + " --help)");
+        else {
+            const std::string name = why.substr(0, why.find(':'));
+            std::string wanted = "a value";
+            for (const Opt &o : spec.options)
+                if (words_of(o) > 1 && long_name(o) == name)
+                    wanted = o.value;
+            usage_error(command, name + " needs " + wanted + " (tandro " + command + " --help)");
+        }
         return false;
     } catch (const CLI::ParseError &e) {
         std::string why = e.what();
@@ -223,20 +241,22 @@ std::string manual_page(const char *version)
     out += ".SH SYNOPSIS\n.B tandro\n[\\fIOPTIONS\\fR] \\fICOMMAND\\fR [\\fIARGS\\fR]\n.br\n"
            ".B tandro\n\\fICOMMAND\\fR \\-\\-help\n";
     out += ".SH DESCRIPTION\n";
-    roff_paragraphs(out, "tandro drives a reader from a shell: it opens the reader (on a serial or USB port, over FTDI, on "
-                         "a network, or the built-in simulated reader with --sim), runs one command and closes it. "
-                         "Every command prints readable text, or exactly one JSON document with --json (an error "
-                         "object on failure).\n\nSecrets (PINs, keys, full account numbers, Wi-Fi passwords) are "
-                         "shown only when a command is asked for them.");
+    roff_paragraphs(out,
+                    "tandro drives a reader from a shell: it opens the reader (on a serial or USB port, over FTDI, on "
+                    "a network, or the built-in simulated reader with --sim), runs one command and closes it. "
+                    "Every command prints readable text, or exactly one JSON document with --json (an error "
+                    "object on failure).\n\nSecrets (PINs, keys, full account numbers, Wi-Fi passwords) are "
+                    "shown only when a command is asked for them.");
     out += ".SH OPTIONS\nThese options may come before or after the command's name.\n";
     for (const Opt &o : global_options())
         roff_item(out, option_head(o), o.help);
     out += ".SH COMMANDS\n";
     std::vector<Command> list = commands();
-    std::sort(list.begin(), list.end(), [](const Command &a, const Command &b) { return std::string(a.name) < b.name; });
+    std::sort(list.begin(), list.end(),
+              [](const Command &a, const Command &b) { return std::string(a.name) < b.name; });
     for (const Command &c : list) {
-        out += ".SS \"" + roff(std::string(c.name) + (c.usage[0] ? " " : "") + c.usage) + "\"\n" + roff(c.summary) +
-               "\n";
+        out +=
+            ".SS \"" + roff(std::string(c.name) + (c.usage[0] ? " " : "") + c.usage) + "\"\n" + roff(c.summary) + "\n";
         const Spec *spec = c.spec;
         if (!spec)
             continue;

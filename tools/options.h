@@ -14,7 +14,8 @@
 namespace tandro {
 
 // One option: its names ("--uid", or "-o,--out" with a short name first), the name of its value for the
-// help ("HEX"; null for a flag, which takes no value), and one line of help.
+// help ("HEX"; null for a flag, which takes no value), and one line of help. A value name of several words
+// ("TYPE SLOT") makes the option take that many words each time it is given.
 struct Opt {
     const char *names;
     const char *value;
@@ -44,7 +45,8 @@ public:
     // Whether an option was given (by its long name, "--uid"), and how many times.
     bool has(const std::string &name) const { return count(name) > 0; }
     size_t count(const std::string &name) const;
-    // The value given last (fallback when the option was not given), and every value in order.
+    // The value given last (fallback when the option was not given), and every value in order (for an option
+    // of several words, each word: "--key ec 2 --key rsa 1" gives ec, 2, rsa, 1).
     std::string value(const std::string &name, const std::string &fallback = "") const;
     std::vector<std::string> values(const std::string &name) const;
     // The positional word at index i, or empty.

@@ -188,6 +188,36 @@ std::string drain(std::FILE *f)
     return out;
 }
 
+// A command's own error object, given the members every error object has when it lacks them: "status" (the
+// status of the failure, else null) and "status_text" (the status's name, else null).
+std::string complete_error_object(std::string object, const tandro::Failure &failure)
+{
+    while (!object.empty() && (object.back() == '\n' || object.back() == ' ' || object.back() == '\r'))
+        object.pop_back();
+    if (object.empty() || object.back() != '}')
+        return object;
+    const size_t at = object.find("\"status\": ");
+    bool known = false;
+    uint32_t status = 0;
+    if (at != std::string::npos) {
+        char *end = nullptr;
+        const unsigned long v = std::strtoul(object.c_str() + at + 10, &end, 10);
+        known = end != object.c_str() + at + 10 && v <= 0xFFFFFFFFul;
+        status = static_cast<uint32_t>(v);
+    } else if (failure.has_status) {
+        known = true;
+        status = failure.status;
+    }
+    std::string members;
+    if (at == std::string::npos)
+        members += ", \"status\": " + (known ? std::to_string(status) : std::string("null"));
+    if (object.find("\"status_text\": ") == std::string::npos)
+        members +=
+            ", \"status_text\": " + (known ? tandro::json_string(ZEL_Status2String(status)) : std::string("null"));
+    object.insert(object.size() - 1, members);
+    return object;
+}
+
 // Under --json a command's standard output is exactly one JSON document: what it printed when it succeeds,
 // else the error object of its failure in place of anything partial. What it writes to standard error is
 // passed on after it ends. Commands that stream one object per event (watch, sim) are run as they are.
@@ -229,7 +259,8 @@ int run_json(const tandro::Command &c, const tandro::Options &opt, const tandro:
     const size_t first = printed.find_first_not_of(" \t\r\n");
     if (first != std::string::npos && printed.compare(first, 9, "{\"error\":") == 0 &&
         printed.find("\n{", first) == std::string::npos) {
-        std::fwrite(printed.data(), 1, printed.size(), stdout);
+        const std::string object = complete_error_object(printed.substr(first), tandro::last_failure());
+        std::printf("%s\n", object.c_str());
         return rc;
     }
     tandro::Failure failure = tandro::last_failure();
