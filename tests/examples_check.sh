@@ -25,14 +25,15 @@ cleanup() {
 trap cleanup EXIT
 NO_RESET=UNIT_OPEN_RESET_DISABLE
 
-# Starts tandro-sim with the arguments given and waits until it has printed its links (at most 5 s).
+# Starts tandro-sim with the arguments given and waits until it has printed its links (at most 20 s: a loaded
+# machine may take seconds to start one).
 # PTY, UDP and TCP get what it serves.
 start_sim() {
   "$sim" "$@" > "$work/links" &
   sim_pid=$!
   local want=0
   for a in "$@"; do case $a in --pty | --udp | --tcp) want=$((want + 1)) ;; esac; done
-  for _ in $(seq 100); do
+  for _ in $(seq 400); do
     [ "$(grep -c -E '^(pty|udp|tcp) ' "$work/links" || true)" -ge "$want" ] && break
     kill -0 "$sim_pid" 2>/dev/null || { echo "tandro-sim ended: $*"; return 1; }
     sleep 0.05
@@ -132,13 +133,13 @@ run_card_events() {
   "$sim" --pty --commands < "$work/commands" > "$work/links" 2> "$work/sim.err" &
   sim_pid=$!
   exec 3> "$work/commands"
-  for _ in $(seq 100); do grep -q '^pty ' "$work/links" && break; sleep 0.05; done
+  for _ in $(seq 400); do grep -q '^pty ' "$work/links" && break; sleep 0.05; done
   PTY=$(awk '/^pty/ {print $2}' "$work/links")
   [ -n "$PTY" ] || { echo "tandro-sim printed no pseudo-terminal"; return 1; }
   timeout 30 "$1" -a $NO_RESET -n 2 "$PTY" > "$work/events" 2>&1 &
   ev_pid=$!
-  wait_line() { # regex: waits up to 10 s for a line of the example's output
-    for _ in $(seq 200); do grep -q -E "$1" "$work/events" && return 0; sleep 0.05; done
+  wait_line() { # regex: waits up to 20 s for a line of the example's output
+    for _ in $(seq 400); do grep -q -E "$1" "$work/events" && return 0; sleep 0.05; done
     echo "-- no line matches: $1"; sed 's/^/    /' "$work/events"; return 1
   }
   wait_line '^watching '
