@@ -29,6 +29,8 @@ NO_RESET=UNIT_OPEN_RESET_DISABLE
 # machine may take seconds to start one).
 # PTY, UDP and TCP get what it serves.
 start_sim() {
+  # Emptied here, not only by the background redirection, which may come after the first look below.
+  : > "$work/links"
   "$sim" "$@" > "$work/links" &
   sim_pid=$!
   local want=0
@@ -130,6 +132,7 @@ run_passport_bac() {
 run_card_events() {
   # The simulator takes "add" and "remove" on its standard input, here a FIFO held open by this script.
   mkfifo "$work/commands"
+  : > "$work/links"
   "$sim" --pty --commands < "$work/commands" > "$work/links" 2> "$work/sim.err" &
   sim_pid=$!
   exec 3> "$work/commands"
