@@ -14,18 +14,16 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: %s PORT [ARG]\n", argv[0]);
         return 2;
     }
-    ZEL_HANDLE reader = Zel_Hnd_Create();
-    if (!reader)
-        return 1;
-    /* Reader type 1 (1 Mbit/s), interface 1 (a serial port). */
-    ZEL_STATUS status = ReaderOpenExHnd(reader, 1, argv[1], 1, argc == 3 ? argv[2] : NULL);
+    /* Reader type 1 (1 Mbit/s), interface 1 (a serial port). The plain forms work on the library's global
+     * handle; the M forms (ReaderOpenExHnd, GetCardIdExM, ...) on a handle of the application's. */
+    ZEL_STATUS status = ReaderOpenEx(1, argv[1], 1, argc == 3 ? argv[2] : NULL);
     if (status != ZEL_OK) {
         fprintf(stderr, "open %s: %s\n", argv[1], ZEL_Status2String(status));
-        Zel_Hnd_Destroy(reader);
         return 1;
     }
+    /* The full UID (4, 7 or 10 bytes) and the SAK of the card in the field. */
     uint8_t sak = 0, uid[10], uid_len = 0;
-    status = GetCardIdExM(reader, &sak, uid, &uid_len);
+    status = GetCardIdEx(&sak, uid, &uid_len);
     if (status == ZEL_OK) {
         printf("UID ");
         for (uint8_t i = 0; i < uid_len; ++i)
@@ -34,7 +32,6 @@ int main(int argc, char **argv)
     } else {
         fprintf(stderr, "no card: %s\n", ZEL_Status2String(status));
     }
-    ReaderCloseM(reader);
-    Zel_Hnd_Destroy(reader);
+    ReaderClose();
     return status == ZEL_OK ? 0 : 1;
 }

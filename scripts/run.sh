@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The two entry points of the README:
 #   scripts/run.sh demo   installs what is needed, builds, and runs the demo against the simulated reader
-#   scripts/run.sh test   installs what is needed, builds, and runs every test: plainly, under AddressSanitizer
-#                         with UndefinedBehaviorSanitizer, the threaded tests under ThreadSanitizer, and the
-#                         fuzz targets for a total time budget
+#   scripts/run.sh test   installs what is needed, builds, and runs every test: plainly, then the examples
+#                         built against the installed package, under AddressSanitizer with
+#                         UndefinedBehaviorSanitizer, the threaded tests under ThreadSanitizer, and the fuzz
+#                         targets for a total time budget
 # Each stage prints its time. ccache is used when installed (the install script installs it).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -52,6 +53,8 @@ case "${1:-}" in
     build build
     stage "plain tests"
     (cd build && ctest --output-on-failure --no-tests=error -j "$JOBS")
+    stage "installed package: examples built with pkg-config and CMake, run against tandro-sim"
+    JOBS=$JOBS bash tests/installed_examples.sh build
     stage "AddressSanitizer + UndefinedBehaviorSanitizer build"
     build build-asan -DZEL_SANITIZE=address -DZEL_BENCH=OFF
     stage "AddressSanitizer + UndefinedBehaviorSanitizer tests"
