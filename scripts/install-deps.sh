@@ -13,7 +13,7 @@ esac
 
 PACKAGES=(
   build-essential g++ cmake make pkg-config
-  libssl-dev zlib1g-dev libstb-dev libjpeg62-turbo-dev
+  libssl-dev zlib1g-dev libstb-dev libjpeg62-turbo-dev libcli11-dev
   ccache
 )
 if [ "$PROFILE" = test ]; then
