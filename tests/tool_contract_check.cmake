@@ -109,6 +109,14 @@ json(se 0 se status)
 json(se_refused 1 se lock slot 3)
 json(features 0 features aid)
 json(features_refused 1 features mobile)
+json(display_text 0 display text hello)
+json(display_usage 2 display time)
+json(firmware_no_package 1 firmware --images ${WORK} list)
+json(flash_no_image 2 flash ${WORK}/no-such-image.bin)
+json(https_refused 1 https https://127.0.0.1:1/)
+json(ndef_read 0 ndef read)
+json(t2t 0 t2t info)
+json(t2t_counter 0 t2t counter 0)
 # Commands that print error objects of their own still give every member of one.
 json(mfp_refused 1 mfp uid ${zero16})
 json(records_usage 2 records show --bogus)
@@ -154,6 +162,28 @@ json(passport 0 passport)
 json(dump 0 dump ${WORK}/contract-dump.bin)
 json(restore 0 restore ${WORK}/contract-dump.bin)
 json(restore_missing 2 restore ${WORK}/no-such-image.bin)
+
+# The reader remembered in the environment: TANDRO_PORT when no reader is named, never over --sim; a bad
+# TANDRO_INTERFACE is a usage error that names it.
+execute_process(COMMAND ${CMAKE_COMMAND} -E env TANDRO_PORT=${WORK}/env-port ${TOOL} ping
+                RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 1 OR NOT err MATCHES "env-port: No such file or directory")
+  message(SEND_ERROR "TANDRO_PORT: exit ${rc}: ${err}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E env TANDRO_PORT=${WORK}/env-port TANDRO_INTERFACE=1 ${TOOL} --sim ping
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT out MATCHES "simulated reader")
+  message(SEND_ERROR "TANDRO_PORT with --sim: exit ${rc}: ${out}${err}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E env TANDRO_INTERFACE=Q ${TOOL} ping RESULT_VARIABLE rc ERROR_VARIABLE err)
+if(NOT rc EQUAL 2 OR NOT err MATCHES "TANDRO_INTERFACE=Q")
+  message(SEND_ERROR "TANDRO_INTERFACE=Q: exit ${rc}: ${err}")
+endif()
+# -v shows the bytes that cross the link (a command frame begins 55), --debug is not needed for it.
+execute_process(COMMAND ${TOOL} --sim -v ping RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT err MATCHES "PortWrite" OR NOT err MATCHES "\n55 [0-9A-F][0-9A-F] AA ")
+  message(SEND_ERROR "-v: exit ${rc}: ${err}")
+endif()
 
 # Opening errors say why, with the system's words.
 execute_process(COMMAND ${TOOL} --port ${WORK}/no-such-tty card RESULT_VARIABLE rc ERROR_VARIABLE err)

@@ -37,11 +37,11 @@ int fail(const tandro::Options &opt, const std::string &text)
     return 1;
 }
 
-int fail(const tandro::Options &opt, const std::string &what, ZEL_STATUS st)
+int fail(const tandro::Options &, const std::string &what, ZEL_STATUS st)
 {
     char code[16];
     std::snprintf(code, sizeof code, " (0x%X)", st);
-    return fail(opt, what + ": " + ZEL_Status2String(st) + code);
+    return tandro::fail_text("https", what + ": " + ZEL_Status2String(st) + code, st);
 }
 
 // https://host[:port][/path]
