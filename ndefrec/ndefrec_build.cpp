@@ -2,6 +2,7 @@
 // record, text and the URI kinds.
 #include <cstring>
 
+#include "core/bytes.h"
 #include "ndefrec/ndefrec_internal.h"
 #include "tandro.h"
 
@@ -71,17 +72,6 @@ void attr(std::vector<uint8_t> &v, uint8_t id, const uint8_t *value, uint8_t len
     v.insert(v.end(), value, value + len);
 }
 
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 } // namespace
 
 ZEL_STATUS build_wifi(const char *ssid, uint8_t auth, uint8_t enc, const char *password, Built &out)
@@ -122,10 +112,10 @@ ZEL_STATUS build_bt(const char *address, Built &out)
     out.payload[0] = 0x08;
     size_t got = 0;
     for (size_t i = 0; i < a.n && got < 6; ++i) {
-        const int hi = hex_digit(a.p[i]);
+        const int hi = zel::hex_value(static_cast<unsigned char>(a.p[i]));
         if (hi < 0)
             continue;
-        const int lo = i + 1 < a.n ? hex_digit(a.p[i + 1]) : -1;
+        const int lo = i + 1 < a.n ? zel::hex_value(static_cast<unsigned char>(a.p[i + 1])) : -1;
         if (lo < 0)
             break; // a lone digit ends the collecting
         out.payload[2 + got++] = static_cast<uint8_t>(hi << 4 | lo);
