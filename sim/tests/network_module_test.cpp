@@ -49,8 +49,8 @@ struct NetworkModule : ::testing::Test {
         const Bytes r = host->exchange(cmd_frame(0xF0), 41);
         if (r.size() != 41 || r[0] != 0xDE)
             return "none";
-        return std::string(r.begin() + 23, r.begin() + 31) + " " + std::to_string(r[31]) + " " +
-               std::to_string(r[37]) + "." + std::to_string(r[38]) + "." + std::to_string(r[39]);
+        return std::string(r.begin() + 23, r.begin() + 31) + " " + std::to_string(r[31]) + " " + std::to_string(r[37]) +
+               "." + std::to_string(r[38]) + "." + std::to_string(r[39]);
     }
 };
 
