@@ -379,7 +379,8 @@ void esp_swap_identity(Reader &r, EspModule &id)
     std::swap(r.fw_major, id.fw[0]);
     std::swap(r.fw_minor, id.fw[1]);
     std::swap(r.build, id.fw[2]);
-    std::swap_ranges(r.eeprom + EE_SERIAL_DESC, r.eeprom + EE_SERIAL_DESC + 8, reinterpret_cast<uint8_t *>(id.serial_desc));
+    uint8_t *desc = r.eeprom + EE_SERIAL_DESC;
+    std::swap_ranges(desc, desc + 8, reinterpret_cast<uint8_t *>(id.serial_desc));
     std::swap(r.boot, id.boot);
 }
 

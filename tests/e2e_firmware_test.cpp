@@ -457,7 +457,8 @@ TEST_F(FirmwareEspE2E, TheModuleAndItsUnitsWithOneUnitFailingOnce)
     EXPECT_TRUE(reported("Finished NFC1 module firmware upgrade. New firmare: 5.1.0 ...", 7, 0));
     bool packet_failure = false;
     for (const Report &r : g_reports)
-        packet_failure |= r.stage == 4 && r.code == 10 && r.text.rfind("Firmware upgrade failed, packet_nr = 2", 0) == 0;
+        packet_failure |=
+            r.stage == 4 && r.code == 10 && r.text.rfind("Firmware upgrade failed, packet_nr = 2 ", 0) == 0;
     EXPECT_TRUE(packet_failure);
     for (const Report &r : g_reports)
         EXPECT_EQ(r.serial, "ZE000007") << r.text;
