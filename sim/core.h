@@ -29,6 +29,9 @@ struct Action {
 };
 
 // What one link knows of the conversation; its owner holds the simulator's lock while touching it.
+// A boot loader packet's EXT: 128 bytes and their checksum.
+constexpr size_t REPORT_EXT = 129;
+
 struct LinkCore {
     Engine engine;
     std::deque<Action> pending; // ordered by due time
@@ -42,6 +45,7 @@ struct LinkCore {
     bool datagram = false;       // replies go out in datagrams of at most 300 bytes
     bool check_baud = false;     // the link has a line rate: bytes pass only when both sides agree
     uint32_t host_baud = 0;
+    size_t report_got = REPORT_EXT; // bytes of an EXT coming in reports; REPORT_EXT: none is coming
 };
 
 // The boot loader's announcement after a reset, and the reader's start-up times (before the time scale).

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "display.h"
+
 struct zsim;
 
 namespace zs {
@@ -39,12 +41,24 @@ struct Emulation {
     std::vector<uint8_t> load_data, load_piece;
 };
 
+// Who a module says it is when asked (parameter block, versions, serial description), and its boot loader.
+// The network module's own boot loader takes its image in 4,096-byte packets; a unit's is the reader's model.
+struct EspModule {
+    bool given = false; // a unit without one of its own is the reader itself
+    char serial_desc[8] = {'Z', 'E', '0', '0', '0', '0', '0', '1'};
+    uint8_t hw_type = 46, hw_ver = 1;
+    uint8_t fw[3] = {3, 1, 12};
+    BootLoader boot;
+};
+
 struct EspFront {
     bool present = false;
     uint8_t units = 1;
     uint8_t target = 0; // 0 none chosen, 1 to units a reader unit, 0xFF the module itself
     uint32_t serial = 0x0E5A0001;
-    uint8_t fw[3] = {3, 1, 12};
+    EspModule self;                // the module's own identity and boot loader
+    std::vector<EspModule> unit;   // by unit number - 1, as many as units
+    std::vector<uint8_t> incoming; // a stream packet for the boot loader, as it comes
     uint8_t time[6] = {};
     uint8_t password[8] = {'1', '1', '1', '1', '1', '1', '1', '1'};
     uint8_t eeprom[1024] = {};
@@ -63,6 +77,18 @@ struct EspFront {
     uint8_t stream_kind = 0;
     uint32_t stream_bytes = 0;
 };
+
+// The identity a command meets behind the network module: the module's own for the identity commands in its
+// own session, a unit's own in a session with that unit (no session: the first); null where the reader's
+// holds. The swap puts it in the reader's place (and back, called again).
+EspModule *esp_identity_for(Reader &r, const uint8_t f[7]);
+void esp_swap_identity(Reader &r, EspModule &id);
+// True when the EXT of this frame comes in 64-byte reports, each acknowledged (a unit's boot loader).
+bool esp_ext_in_reports(const Reader &r, const uint8_t f[7]);
+// A restart of the device: a complete image in the network module's boot loader starts with its version.
+void esp_restart(Reader &r);
+// The network module's boot loader has left the application (1), or holds a complete image (2); 0 otherwise.
+int esp_boot_phase(const Reader &r);
 
 // The reader's emulation commands (0x48, 0x49, 0x4A, 0x4F, 0x76 to 0x7B, 0x9D to 0x9F, 0xE7 with an EXT).
 bool emulation_wants_ext(const Reader &r, const uint8_t frame[7]);

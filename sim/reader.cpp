@@ -652,8 +652,33 @@ const Engine kEngines[] = {
 
 } // namespace
 
+namespace {
+
+// Behind a network module a command may meet another identity than the reader's: it stands in the reader's
+// place for the one command.
+struct IdentityInPlace {
+    Reader &r;
+    EspModule *id;
+    IdentityInPlace(Reader &reader, const uint8_t f[7]) : r(reader), id(esp_identity_for(reader, f))
+    {
+        if (id)
+            esp_swap_identity(r, *id);
+    }
+    ~IdentityInPlace()
+    {
+        if (id)
+            esp_swap_identity(r, *id);
+    }
+    IdentityInPlace(const IdentityInPlace &) = delete;
+    IdentityInPlace &operator=(const IdentityInPlace &) = delete;
+};
+
+} // namespace
+
 bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 {
+    // The swap is undone before the return: the reader is as it was.
+    IdentityInPlace in_place(const_cast<Reader &>(r), f);
     for (const Engine &e : kEngines)
         if (e.wants_ext && e.wants_ext(r, f))
             return true;
@@ -662,6 +687,7 @@ bool reader_wants_ext(const Reader &r, const uint8_t f[7])
 
 void reader_command(Reader &r, const uint8_t f[7], const uint8_t *ext, size_t ext_len, Answer &a)
 {
+    IdentityInPlace in_place(r, f);
     for (const Engine &e : kEngines)
         if (e.command(r, f, ext, ext_len, a))
             return;

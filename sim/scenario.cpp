@@ -360,6 +360,91 @@ bool parse_boot_loader(const Json &o, BootLoader &b, std::string &err)
     return true;
 }
 
+// "identity": {"serial_description": TEXT, "hardware": {"type", "version"}, "firmware": {"major", "minor",
+// "build"}} of the network module or of a unit behind it.
+bool parse_esp_identity(const Json &o, const std::string &W, EspModule &id, std::string &err)
+{
+    if (!members_known(o, W.c_str(), {"serial_description", "hardware", "firmware"}, err))
+        return false;
+    id.given = true;
+    std::string text;
+    if (o.get("serial_description")) {
+        if (!opt_string(o, "serial_description", W.c_str(), 8, text, err))
+            return false;
+        std::memset(id.serial_desc, 0, sizeof id.serial_desc);
+        std::memcpy(id.serial_desc, text.data(), text.size() < 8 ? text.size() : 8);
+    }
+    if (const Json *hw = o.get("hardware")) {
+        const std::string H = W + ".hardware";
+        if (!members_known(*hw, H.c_str(), {"type", "version"}, err) ||
+            !opt_number(*hw, "type", H.c_str(), 255, id.hw_type, err) ||
+            !opt_number(*hw, "version", H.c_str(), 255, id.hw_ver, err))
+            return false;
+    }
+    if (const Json *fw = o.get("firmware")) {
+        const std::string F = W + ".firmware";
+        if (!members_known(*fw, F.c_str(), {"major", "minor", "build"}, err) ||
+            !opt_number(*fw, "major", F.c_str(), 255, id.fw[0], err) ||
+            !opt_number(*fw, "minor", F.c_str(), 255, id.fw[1], err) ||
+            !opt_number(*fw, "build", F.c_str(), 255, id.fw[2], err))
+            return false;
+    }
+    return true;
+}
+
+// "network_module": {"units": N, "identity": {...}, "boot_loader": {...},
+//                    "unit_modules": [{"identity": {...}, "boot_loader": {...}}, ...]} (unit 1 first)
+bool parse_network_module(const Json &o, EspFront &m, std::string &err)
+{
+    const char *W = "network_module";
+    if (!members_known(o, W, {"units", "identity", "boot_loader", "unit_modules"}, err))
+        return false;
+    m = EspFront{};
+    m.present = true;
+    uint32_t units = 1;
+    if (!opt_number(o, "units", W, 16, units, err))
+        return false;
+    if (units == 0) {
+        err = "network_module.units: 1 to 16 units are expected";
+        return false;
+    }
+    m.units = static_cast<uint8_t>(units);
+    m.unit.resize(units);
+    if (const Json *id = o.get("identity"))
+        if (!parse_esp_identity(*id, "network_module.identity", m.self, err))
+            return false;
+    if (const Json *bl = o.get("boot_loader"))
+        if (!parse_boot_loader(*bl, m.self.boot, err))
+            return false;
+    if (const Json *list = o.get("unit_modules")) {
+        if (list->kind != Json::ARRAY || list->items.size() > units) {
+            err = "network_module.unit_modules: a list of at most units modules is expected";
+            return false;
+        }
+        for (size_t i = 0; i < list->items.size(); ++i) {
+            const Json &u = list->items[i];
+            const std::string U = "network_module.unit_modules[" + std::to_string(i) + "]";
+            if (!members_known(u, U.c_str(), {"identity", "boot_loader"}, err))
+                return false;
+            EspModule &mod = m.unit[i];
+            // A unit starts as the reader model does.
+            mod = EspModule{};
+            mod.hw_type = 1;
+            mod.hw_ver = 2;
+            mod.fw[0] = 5, mod.fw[1] = 0, mod.fw[2] = 60;
+            std::memcpy(mod.serial_desc, "ZS000001", 8);
+            if (const Json *id = u.get("identity"))
+                if (!parse_esp_identity(*id, U + ".identity", mod, err))
+                    return false;
+            mod.given = true;
+            if (const Json *bl = u.get("boot_loader"))
+                if (!parse_boot_loader(*bl, mod.boot, err))
+                    return false;
+        }
+    }
+    return true;
+}
+
 bool parse_reader(const Json &o, Reader &r, std::string &err)
 {
     const char *W = "reader";
@@ -713,7 +798,8 @@ void set_err(char *err, size_t err_len, const std::string &msg)
 bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::string &err)
 {
     if (!members_known(root, "scenario",
-                       {"reader", "cards", "faults", "links", "time_scale", "log", "line", "esp_front", "boot_loader"},
+                       {"reader", "cards", "faults", "links", "time_scale", "log", "line", "esp_front", "boot_loader",
+                        "network_module"},
                        err))
         return false;
     s.reader = std::make_unique<Reader>();
@@ -815,6 +901,11 @@ bool parse_scenario(const Json &root, Scenario &s, const Reader &base, std::stri
             return false;
         s.boot_given = true;
     }
+    if (const Json *nm = root.get("network_module")) {
+        if (!parse_network_module(*nm, r.esp, err))
+            return false;
+        s.network_given = true;
+    }
     return true;
 }
 
@@ -882,6 +973,8 @@ void apply_scenario(zsim *sim, Scenario &s)
         r.boot.next_fw_set = s.reader->boot.next_fw_set;
         r.boot.faults = s.reader->boot.faults;
     }
+    if (s.network_given)
+        r.esp = std::move(s.reader->esp);
 }
 
 } // namespace zs

@@ -32,6 +32,7 @@ struct Scenario {
     bool esp_given = false;
     std::string esp_address;
     bool boot_given = false; // the boot loader's image and faults (in reader->boot)
+    bool network_given = false; // a network module in front, its units and boot loaders (in reader->esp)
 };
 
 // Checks a whole scenario, starting from the reader base (its field apart). False with a message.

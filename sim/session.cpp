@@ -171,7 +171,9 @@ void link_reset(zsim *sim, LinkCore &link)
         return;
     const uint64_t now = now_ms();
     engine_reset(link.engine);
+    link.report_got = REPORT_EXT;
     module_restart(sim->reader);
+    esp_restart(sim->reader);
     link.pending.clear();
     link.interim = false;
     Action boot;
@@ -241,6 +243,17 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
         link_push(sim, link, raw);
         return;
     }
+    if (link.report_got < REPORT_EXT) {
+        // A packet's EXT in 64-byte reports: each report, and the checksum byte alone, is acknowledged with
+        // its number before the reply.
+        std::vector<uint8_t> acks;
+        const size_t before = link.report_got;
+        link.report_got = before + n < REPORT_EXT ? before + n : REPORT_EXT;
+        for (size_t mark : {size_t{64}, size_t{128}, REPORT_EXT})
+            if (before < mark && link.report_got >= mark)
+                acks.push_back(static_cast<uint8_t>(mark == REPORT_EXT ? 3 : mark / 64));
+        link_push(sim, link, acks);
+    }
     while (n) {
         Event ev;
         const size_t used = engine_feed(link.engine, in, n, now, ev);
@@ -261,8 +274,11 @@ void link_input(zsim *sim, LinkCore &link, const uint8_t *in, size_t n)
                 }
                 std::vector<uint8_t> ack_frame;
                 put_frame(ack_frame, ACK_HEADER, cmd, ACK_TRAILER, ev.frame[3], ev.frame[4], ev.frame[5]);
-                if (send_reply(sim, link, cmd, std::move(ack_frame), now))
+                if (send_reply(sim, link, cmd, std::move(ack_frame), now)) {
                     engine_expect_ext(link.engine, ev.frame, need);
+                    if (need == REPORT_EXT && esp_ext_in_reports(sim->reader, ev.frame))
+                        link.report_got = 0;
+                }
                 break;
             }
             record_request(sim, ev.frame, nullptr, 0);

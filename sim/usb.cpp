@@ -138,13 +138,15 @@ void zsim_usb_advance(zsim_usb *u, uint32_t ms)
     bool restart = false, leave = false;
     {
         std::lock_guard<std::mutex> r(u->sim->mu);
+        // The reader's boot loader, or the network module's in front of it.
         const zs::BootLoader &b = u->sim->reader.boot;
-        if (b.complete) {
+        const int front = zs::esp_boot_phase(u->sim->reader);
+        if (b.complete || front == 2) {
             restart = true; // the verified image starts: the device restarts
-        } else if (b.active && !u->seen_boot) {
+        } else if ((b.active || front == 1) && !u->seen_boot) {
             u->seen_boot = true; // the switch into the boot loader re-enumerates the device
             leave = true;
-        } else if (!b.active) {
+        } else if (!b.active && front == 0) {
             u->seen_boot = false;
         }
     }

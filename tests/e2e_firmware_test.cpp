@@ -349,3 +349,151 @@ TEST_F(FirmwareE2E, OneImageDownloadedToABuffer)
 }
 
 } // namespace
+
+namespace {
+
+// A network module shown as a USB device, with two NFC modules behind it, each with its own identity and
+// boot loader; the library reaches them through its sessions.
+class FirmwareEspE2E : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/zelfwesp.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        sim = zsim_new();
+        zsim_set_time_scale(sim, 0);
+        zsim_esp_enable(sim, 2);
+        zsim_esp_identity(sim, 0, "ZE000007", ZEL_HW_TYPE_ESP, 1, 3, 1, 12);
+        zsim_esp_identity(sim, 1, "ZL000101", 50, 2, 5, 0, 60);
+        zsim_esp_identity(sim, 2, "ZL000102", 50, 2, 5, 0, 60);
+        char err[256] = {};
+        usb = zsim_usb_start(sim, dir.c_str(), "ZE000007", 3, err, sizeof err);
+        ASSERT_NE(usb, nullptr) << err;
+        g_usb = usb;
+        g_slept = 0;
+        g_reports.clear();
+        zel::set_dev_root(dir.c_str());
+        zel::set_sysfs_root((dir + "/sys").c_str());
+        zel::set_sleep_hook(reader_time);
+        hnd = Zel_Hnd_Create();
+        ASSERT_EQ(ReaderOpenExHnd(hnd, 1, (dir + "/ttyUSB3").c_str(), 1, "UNIT_OPEN_RESET_DISABLE"), ZEL_OK);
+    }
+    void TearDown() override
+    {
+        if (hnd)
+            Zel_Hnd_Destroy(hnd);
+        zel::set_sleep_hook(nullptr);
+        zel::set_dev_root(nullptr);
+        zel::set_sysfs_root(nullptr);
+        g_usb = nullptr;
+        zsim_usb_free(usb);
+        zsim_free(sim);
+        const std::string cmd = "rm -rf '" + dir + "'";
+        EXPECT_EQ(system(cmd.c_str()), 0);
+    }
+
+    uint8_t session()
+    {
+        zsim_esp e{};
+        zsim_esp_get(sim, &e);
+        return e.target;
+    }
+    // The version a unit reports in a session with it.
+    std::string unit_version(uint8_t unit)
+    {
+        uint8_t major = 0, minor = 0;
+        if (EspSetTransparentReaderSessionHnd(hnd, unit) != ZEL_OK ||
+            GetReaderFirmwareVersionHnd(hnd, &major, &minor) != ZEL_OK)
+            return "?";
+        (void)EspSetTransparentReaderSessionHnd(hnd, ZEL_ESP_SELF);
+        return std::to_string(major) + "." + std::to_string(minor);
+    }
+    bool boot_image_is(uint8_t unit, const std::vector<uint8_t> &image, size_t len)
+    {
+        std::vector<uint8_t> got(len + 1);
+        return zsim_esp_boot_image(sim, unit, got.data(), got.size()) == len &&
+               std::memcmp(got.data(), image.data(), len) == 0;
+    }
+
+    std::string dir;
+    zsim *sim = nullptr;
+    zsim_usb *usb = nullptr;
+    ZEL_HANDLE hnd = nullptr;
+};
+
+TEST_F(FirmwareEspE2E, TheModuleAndItsUnitsWithOneUnitFailingOnce)
+{
+    // The module's image is binary and goes in whole 4,096-byte packets; the partial rest is not sent.
+    const std::vector<uint8_t> esp_image = pattern(4096 * 3 + 100, 11);
+    const std::vector<uint8_t> nfc1_image = pattern(128 * 6, 12);
+    const std::vector<uint8_t> nfc2_image = pattern(128 * 5, 13);
+    zsim_esp_boot_loader(sim, 0, 4096 * 3, 3, 2, 0);
+    zsim_esp_boot_loader(sim, 1, 128 * 6, 5, 1, 0);
+    zsim_esp_boot_loader(sim, 2, 128 * 5, 5, 1, 1);
+    for (int i = 0; i < 3; ++i) // every try of packet 2 gets a bent reply: the second unit fails
+        zsim_esp_boot_fault(sim, 2, 2, ZSIM_PACKET_GARBLE, 0);
+    zsim_usb_set_away(usb, 1000, 5);
+    zeltest::FwService service;
+    service.image("main", "3.2.0", std::string(esp_image.begin(), esp_image.end()));
+    service.image("main", "5.1.0", hex_of(nfc1_image));
+    service.image("main", "5.1.1", hex_of(nfc2_image));
+    const char *manifest = R"({"esp_version": "3.2.0", "nfc1_version": "5.1.0", "nfc2_version": "5.1.1"})";
+
+    EXPECT_EQ(Flasher_InstallFirmwarePackageHnd(hnd, manifest, nullptr, 0, collect),
+              ZEL_FLASHER_FIRMWARE_INSTALL_ERROR);
+    EXPECT_EQ(session(), ZEL_ESP_SELF); // back with the module after the failure
+    // The module took its whole packets and restarted with its new version on another port.
+    EXPECT_TRUE(boot_image_is(0, esp_image, 4096 * 3));
+    EXPECT_EQ(zsim_usb_departures(usb), 2u);
+    uint8_t major = 0, minor = 0, build = 0;
+    ASSERT_EQ(EspGetFirmwareVersionHnd(hnd, &major, &minor, &build), ZEL_OK);
+    EXPECT_EQ(major * 10000 + minor * 100 + build, 30200);
+    // The first unit has its image and version; the second stays at its own.
+    EXPECT_TRUE(boot_image_is(1, nfc1_image, nfc1_image.size()));
+    EXPECT_EQ(unit_version(1), "5.1");
+    EXPECT_EQ(unit_version(2), "5.0");
+    EXPECT_TRUE(reported("Finished ESP module firmware upgrade. New firmare: 3.2.0 ...", 7, 0));
+    EXPECT_TRUE(reported("Finished NFC1 module firmware upgrade. New firmare: 5.1.0 ...", 7, 0));
+    bool packet_failure = false;
+    for (const Report &r : g_reports)
+        packet_failure |=
+            r.stage == 4 && r.code == 10 && r.text.rfind("Firmware upgrade failed, packet_nr = 2 ", 0) == 0;
+    EXPECT_TRUE(packet_failure);
+    for (const Report &r : g_reports)
+        EXPECT_EQ(r.serial, "ZE000007") << r.text;
+    // Each image was asked for with the identity of the module it is for.
+    const std::vector<std::string> askers = service.image_askers();
+    const std::vector<std::string> expected = {"ZE000007 46 3.2.0", "ZL000101 50 5.1.0", "ZL000102 50 5.1.1"};
+    EXPECT_EQ(askers, expected);
+
+    // The retry finds the module and the first unit done: only the second unit's image comes again.
+    g_reports.clear();
+    ASSERT_EQ(Flasher_InstallFirmwarePackageHnd(hnd, manifest, nullptr, 0, collect), ZEL_OK);
+    EXPECT_EQ(session(), ZEL_ESP_SELF);
+    EXPECT_TRUE(reported("Skipping main module upgrade, same firmware already installed!"));
+    EXPECT_TRUE(reported("Skipping NFC1 firmware download, same firmware already installed!"));
+    EXPECT_TRUE(reported("Finished NFC2 module firmware upgrade. New firmare: 5.1.1 ...", 7, 0));
+    EXPECT_EQ(service.count("image main 3.2.0"), 1u);
+    EXPECT_EQ(service.count("image main 5.1.0"), 1u);
+    EXPECT_EQ(service.count("image main 5.1.1"), 2u);
+    EXPECT_TRUE(boot_image_is(2, nfc2_image, nfc2_image.size()));
+    EXPECT_EQ(unit_version(2), "5.1");
+    ASSERT_EQ(EspSetTransparentReaderSessionHnd(hnd, 2), ZEL_OK);
+    ASSERT_EQ(GetBuildNumberHnd(hnd, &build), ZEL_OK);
+    EXPECT_EQ(build, 1);
+    ASSERT_EQ(EspSetTransparentReaderSessionHnd(hnd, ZEL_ESP_SELF), ZEL_OK);
+    EXPECT_EQ(zsim_usb_departures(usb), 2u); // the units restart behind the module: the device stays
+
+    // A third run downloads and installs nothing.
+    const size_t before = service.requests().size();
+    g_reports.clear();
+    ASSERT_EQ(Flasher_InstallFirmwarePackageHnd(hnd, manifest, nullptr, 0, collect), ZEL_OK);
+    EXPECT_EQ(service.requests().size(), before);
+    EXPECT_TRUE(reported("Skipping NFC2 firmware download, same firmware already installed!"));
+    EXPECT_EQ(session(), ZEL_ESP_SELF);
+    ASSERT_FALSE(g_reports.empty());
+    EXPECT_EQ(g_reports.back().text, "Firmware package upgrade completed!");
+}
+
+} // namespace

@@ -73,6 +73,12 @@ public:
     {
         bends[kind + " " + version] = {how, times};
     }
+    // Who asked for each image: "serial hw_type version".
+    std::vector<std::string> image_askers()
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        return askers;
+    }
     std::vector<std::string> requests()
     {
         std::lock_guard<std::mutex> lock(mu);
@@ -111,6 +117,8 @@ private:
         }
         const std::string key = std::string(display ? "display" : "main") + " " + v;
         log.push_back("image " + key + (token && token[0] ? " token" : ""));
+        if (id)
+            askers.push_back(std::string(id->serial) + " " + std::to_string(id->hw_type) + " " + v);
         auto b = bends.find(key);
         if (b != bends.end() && b->second.second > 0) {
             --b->second.second;
@@ -146,6 +154,7 @@ private:
 
     std::mutex mu;
     std::vector<std::string> log;
+    std::vector<std::string> askers;
     std::map<std::string, std::string> images;
     std::map<std::string, std::pair<Bend, int>> bends;
 };
