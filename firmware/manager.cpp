@@ -828,7 +828,10 @@ ZEL_STATUS install_package(ZEL_HANDLE hnd, const char *manifest, const char *tok
             if ((status = firmware_install(run, n, &nfc[n - 1].p, &pr->nfc[n - 1])) != ZEL_OK)
                 return status;
             nfc_upgraded[n - 1] = true;
-            if (disp_version[n - 1][0] && device_get_params(&nfc[n - 1].p) != ZEL_OK) {
+            // The unit restarted at the end of its install, which may have ended its session: the refresh
+            // chooses it again so that the question reaches this unit.
+            if (disp_version[n - 1][0] &&
+                (set_session(hnd, n) != ZEL_OK || device_get_params(&nfc[n - 1].p) != ZEL_OK)) {
                 reportf(run, INFO, REFRESH_FAILED, 0, "Failed to refresh NFC%d parameters after firmware install!", n);
                 return ZEL_FLASHER_DEVICE_PARAMETERS_ERROR;
             }

@@ -510,8 +510,8 @@ zs::EspModule *module_of(zsim *sim, uint8_t unit)
 
 } // namespace
 
-void zsim_esp_identity(zsim *sim, uint8_t unit, const char *serial_desc, uint8_t hw_type, uint8_t hw_ver,
-                       uint8_t major, uint8_t minor, uint8_t build)
+void zsim_esp_identity(zsim *sim, uint8_t unit, const char *serial_desc, uint8_t hw_type, uint8_t hw_ver, uint8_t major,
+                       uint8_t minor, uint8_t build)
 {
     if (!sim)
         return;

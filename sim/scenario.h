@@ -31,7 +31,7 @@ struct Scenario {
     uint32_t line_rate = 0, line_turnaround_us = 0;
     bool esp_given = false;
     std::string esp_address;
-    bool boot_given = false; // the boot loader's image and faults (in reader->boot)
+    bool boot_given = false;    // the boot loader's image and faults (in reader->boot)
     bool network_given = false; // a network module in front, its units and boot loaders (in reader->esp)
 };
 

@@ -267,8 +267,8 @@ size_t zsim_esp_eeprom_read(zsim *sim, uint32_t address, uint8_t *buf, size_t le
  * (parameter block, versions, serial description): the module in its own session, a unit in a session with
  * it. A unit given no identity is the reader itself. A unit's boot loader is the reader's model, taking the
  * packets' EXT in 64-byte reports; the module's takes its image raw in 4,096-byte packets. */
-void zsim_esp_identity(zsim *sim, uint8_t unit, const char *serial_desc, uint8_t hw_type, uint8_t hw_ver,
-                       uint8_t major, uint8_t minor, uint8_t build);
+void zsim_esp_identity(zsim *sim, uint8_t unit, const char *serial_desc, uint8_t hw_type, uint8_t hw_ver, uint8_t major,
+                       uint8_t minor, uint8_t build);
 /* The image the module's (0) or a unit's boot loader expects and the version it brings at the restart: the
  * module's at the device's restart, a unit's when the module restarts its link to the units (0xF9 00 00). */
 void zsim_esp_boot_loader(zsim *sim, uint8_t unit, uint32_t image_len, uint8_t major, uint8_t minor, uint8_t build);
