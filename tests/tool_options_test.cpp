@@ -9,7 +9,7 @@
 
 namespace {
 
-const tandro::Spec kSpec = {
+const tandro::OptionTable kTable = {
     {{"read BLOCK", "reads a block"}, {"write BLOCK DATA", "writes one"}},
     {
         {"--uid", "HEX", "the card with this UID"},
@@ -23,7 +23,7 @@ const tandro::Spec kSpec = {
 tandro::Parsed parse_ok(const tandro::Args &words)
 {
     tandro::Parsed p;
-    EXPECT_TRUE(tandro::parse("test", kSpec, words, p));
+    EXPECT_TRUE(tandro::parse("test", kTable, words, p));
     return p;
 }
 
@@ -76,7 +76,7 @@ TEST(ToolOptions, RefusalsAreUsageErrorsThatNameTheWord)
     for (const Case &c : cases) {
         tandro::Parsed p;
         p.words = {"stale"};
-        EXPECT_FALSE(tandro::parse("test", kSpec, c.words, p)) << c.named;
+        EXPECT_FALSE(tandro::parse("test", kTable, c.words, p)) << c.named;
         EXPECT_NE(tandro::last_failure().message.find(c.named), std::string::npos)
             << c.named << ": " << tandro::last_failure().message;
         EXPECT_FALSE(tandro::last_failure().has_status) << c.named;
@@ -85,36 +85,36 @@ TEST(ToolOptions, RefusalsAreUsageErrorsThatNameTheWord)
 
 TEST(ToolOptions, AnOptionOfSeveralWordsTakesThemAllEachTime)
 {
-    const tandro::Spec spec = {
+    const tandro::OptionTable table = {
         {{"sign FILE", "signs a file"}},
         {{"--key", "TYPE SLOT", "the key"}, {"--out", "FILE", "where it goes"}},
     };
     tandro::Parsed p;
-    ASSERT_TRUE(tandro::parse("test", spec, {"--key", "ec", "2", "sign", "f", "--key", "rsa", "1"}, p));
+    ASSERT_TRUE(tandro::parse("test", table, {"--key", "ec", "2", "sign", "f", "--key", "rsa", "1"}, p));
     EXPECT_EQ(p.words, (tandro::Args{"sign", "f"}));
     EXPECT_EQ(p.values("--key"), (tandro::Args{"ec", "2", "rsa", "1"}));
     // The words after it are the command's again.
-    ASSERT_TRUE(tandro::parse("test", spec, {"sign", "--key", "ec", "0", "f", "--out", "o"}, p));
+    ASSERT_TRUE(tandro::parse("test", table, {"sign", "--key", "ec", "0", "f", "--out", "o"}, p));
     EXPECT_EQ(p.words, (tandro::Args{"sign", "f"}));
     EXPECT_EQ(p.value("--out"), "o");
 
     // Fewer words than it takes: a usage error that says what it takes.
     for (const tandro::Args &words : {tandro::Args{"sign", "f", "--key", "ec"}, tandro::Args{"--key"}}) {
-        EXPECT_FALSE(tandro::parse("test", spec, words, p));
+        EXPECT_FALSE(tandro::parse("test", table, words, p));
         EXPECT_NE(tandro::last_failure().message.find("--key needs TYPE SLOT"), std::string::npos)
             << tandro::last_failure().message;
     }
     // A single word option keeps its own message beside it.
-    EXPECT_FALSE(tandro::parse("test", spec, {"sign", "--out"}, p));
+    EXPECT_FALSE(tandro::parse("test", table, {"sign", "--out"}, p));
     EXPECT_NE(tandro::last_failure().message.find("--out needs a value"), std::string::npos);
 
-    const tandro::Command command{"test", "sign FILE", "signs", nullptr, false, &spec};
+    const tandro::Command command{"test", "sign FILE", "signs", nullptr, false, &table};
     EXPECT_NE(tandro::command_help_text(command).find("--key TYPE SLOT"), std::string::npos);
 }
 
 TEST(ToolOptions, HelpAndManualComeFromTheTable)
 {
-    const tandro::Command command{"test", "read|write ...", "a command for the test", nullptr, false, &kSpec};
+    const tandro::Command command{"test", "read|write ...", "a command for the test", nullptr, false, &kTable};
     const std::string help = tandro::command_help_text(command);
     for (const char *part :
          {"usage: tandro [OPTIONS] test read|write ...", "a command for the test", "First paragraph.",

@@ -31,7 +31,7 @@ struct Options {
 };
 
 using Args = std::vector<std::string>;
-struct Spec;
+struct OptionTable;
 
 // One command of the tool. Each command file registers its own with a static Registration.
 struct Command {
@@ -43,7 +43,7 @@ struct Command {
     // its option table makes.
     bool own_help = false;
     // The command's forms and options (tools/options.h): they give its --help and its part of the manual.
-    const Spec *spec = nullptr;
+    const OptionTable *table = nullptr;
 };
 struct Registration {
     explicit Registration(const Command &command);

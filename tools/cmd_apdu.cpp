@@ -75,7 +75,7 @@ struct Run {
 
 const char USAGE[] = "[--7816] [--script FILE|-] HEX...";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"HEX...", "sends each command APDU in turn and prints its response and status word"},
         {"--script FILE|- [HEX...]", "the same with the APDUs of FILE, or of standard input, after those given"},
@@ -94,7 +94,7 @@ const tandro::Spec SPEC = {
 int run_apdu(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("apdu", SPEC, args, parsed))
+    if (!tandro::parse("apdu", TABLE, args, parsed))
         return 2;
     const bool contact = parsed.has("--7816");
     const std::string script = parsed.value("--script");
@@ -175,6 +175,6 @@ int run_apdu(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration apdu_cmd({"apdu", USAGE,
                                      "command APDUs to the card (contact card with --7816); responses and status words",
-                                     run_apdu, false, &SPEC});
+                                     run_apdu, false, &TABLE});
 
 } // namespace

@@ -8,7 +8,7 @@
 
 namespace {
 
-const tandro::Spec VERSION_SPEC = {
+const tandro::OptionTable VERSION_TABLE = {
     {
         {"", "the version of the library the tool runs on, as text and as its number"},
     },
@@ -16,7 +16,7 @@ const tandro::Spec VERSION_SPEC = {
     "No reader is opened. Under --json: {\"version\": TEXT, \"code\": N}.",
 };
 
-const tandro::Spec STATUS_SPEC = {
+const tandro::OptionTable STATUS_TABLE = {
     {
         {"CODE", "the name and text of status CODE, in decimal or 0x-prefixed hexadecimal"},
     },
@@ -28,7 +28,7 @@ int run_version(const tandro::Options &opt, const tandro::Args &all)
 {
     // Words after the command are not looked at; options are refused.
     tandro::Parsed parsed;
-    if (!tandro::parse("version", VERSION_SPEC, all, parsed))
+    if (!tandro::parse("version", VERSION_TABLE, all, parsed))
         return 2;
     const uint32_t v = GetDllVersion();
     if (opt.json)
@@ -41,7 +41,7 @@ int run_version(const tandro::Options &opt, const tandro::Args &all)
 int run_status(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("status", STATUS_SPEC, all, parsed))
+    if (!tandro::parse("status", STATUS_TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     if (args.size() != 1)
@@ -59,8 +59,8 @@ int run_status(const tandro::Options &opt, const tandro::Args &all)
     return 0;
 }
 
-const tandro::Registration version_cmd({"version", "", "the library's version", run_version, false, &VERSION_SPEC});
+const tandro::Registration version_cmd({"version", "", "the library's version", run_version, false, &VERSION_TABLE});
 const tandro::Registration status_cmd({"status", "CODE", "the text of a status code (decimal or 0x hex)", run_status,
-                                       false, &STATUS_SPEC});
+                                       false, &STATUS_TABLE});
 
 } // namespace

@@ -20,7 +20,7 @@ namespace {
 using tandro::Args;
 using tandro::KeyOptions;
 
-const tandro::Spec READ_SPEC = {
+const tandro::OptionTable READ_TABLE = {
     {
         {"BLOCK [COUNT]", "COUNT blocks (default 1) from BLOCK; on a Type 2 tag pages of 4 bytes"},
         {"--sector N", "the blocks of sector N (0 to 39); on a Type 2 tag pages 4N to 4N+3"},
@@ -37,7 +37,7 @@ const tandro::Spec READ_SPEC = {
     "only. Linear reads show a progress bar on a terminal.",
 };
 
-const tandro::Spec WRITE_SPEC = {
+const tandro::OptionTable WRITE_TABLE = {
     {
         {"BLOCK DATA", "writes DATA (16 bytes, 4 on a page of a Type 2 tag) to BLOCK"},
         {"--linear ADDR DATA", "writes DATA to the linear space from ADDR"},
@@ -53,7 +53,7 @@ const tandro::Spec WRITE_SPEC = {
     "progress bar on a terminal.",
 };
 
-const tandro::Spec VALUE_SPEC = {
+const tandro::OptionTable VALUE_TABLE = {
     {
         {"read BLOCK", "the value of a value block and its address byte"},
         {"write BLOCK VALUE", "makes BLOCK a value block holding VALUE (signed 32 bits)"},
@@ -105,7 +105,7 @@ ZEL_STATUS page_card(ZEL_HANDLE h, bool &pages)
 int run_read(const tandro::Options &opt, const tandro::Args &in)
 {
     tandro::Parsed p;
-    if (!tandro::parse("read", READ_SPEC, in, p))
+    if (!tandro::parse("read", READ_TABLE, in, p))
         return 2;
     const Args &args = p.words;
     KeyOptions k;
@@ -225,7 +225,7 @@ bool write_data(const tandro::Parsed &p, Args &args, std::vector<uint8_t> &data,
 int run_write(const tandro::Options &opt, const tandro::Args &in)
 {
     tandro::Parsed p;
-    if (!tandro::parse("write", WRITE_SPEC, in, p))
+    if (!tandro::parse("write", WRITE_TABLE, in, p))
         return 2;
     Args args = p.words;
     KeyOptions k;
@@ -341,7 +341,7 @@ bool signed_number(const std::string &s, int32_t &v)
 int run_value(const tandro::Options &opt, const tandro::Args &in)
 {
     tandro::Parsed p;
-    if (!tandro::parse("value", VALUE_SPEC, in, p))
+    if (!tandro::parse("value", VALUE_TABLE, in, p))
         return 2;
     const Args &args = p.words;
     KeyOptions k;
@@ -397,11 +397,11 @@ int run_value(const tandro::Options &opt, const tandro::Args &in)
 
 const tandro::Registration read_cmd({"read",
                                      "BLOCK [COUNT] | --sector N | --linear ADDR LEN | --rows ADDR LEN [KEY] [--raw]",
-                                     "card memory as a hex dump (--raw: the bytes)", run_read, false, &READ_SPEC});
+                                     "card memory as a hex dump (--raw: the bytes)", run_read, false, &READ_TABLE});
 const tandro::Registration write_cmd({"write", "BLOCK DATA [--pad] | --linear ADDR DATA|--in FILE [KEY]",
                                       "a block (16 bytes) or a run of the linear space", run_write, false,
-                                      &WRITE_SPEC});
+                                      &WRITE_TABLE});
 const tandro::Registration value_cmd({"value", "read|write|inc|dec BLOCK [N] [--address A] [KEY]",
-                                      "value blocks: read, set, increment, decrement", run_value, false, &VALUE_SPEC});
+                                      "value blocks: read, set, increment, decrement", run_value, false, &VALUE_TABLE});
 
 } // namespace

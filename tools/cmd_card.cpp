@@ -11,13 +11,13 @@
 
 namespace {
 
-const tandro::Spec CARD_SPEC = {
+const tandro::OptionTable CARD_TABLE = {
     {{"", "the card in the field: UID, type, size, maker, ATQA and SAK"}},
     {},
     "With no card in the field the command says so and succeeds.",
 };
 
-const tandro::Spec CARDS_SPEC = {
+const tandro::OptionTable CARDS_TABLE = {
     {
         {"", "every card in the field: UID, ATQA, SAK, card type and memory size"},
         {"--select UID", "selects the card with this UID; multi-card mode stays on"},
@@ -35,7 +35,7 @@ const tandro::Spec CARDS_SPEC = {
 int run_card(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("card", CARD_SPEC, all, parsed))
+    if (!tandro::parse("card", CARD_TABLE, all, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("card", "takes no arguments");
@@ -176,7 +176,7 @@ void print_cards(const std::vector<Listed> &cards, bool json)
 int run_cards(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("cards", CARDS_SPEC, all, parsed))
+    if (!tandro::parse("cards", CARDS_TABLE, all, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("cards", "unknown argument \"" + parsed.words[0] + "\"");
@@ -230,9 +230,9 @@ int run_cards(const tandro::Options &opt, const tandro::Args &all)
 }
 
 const tandro::Registration card_cmd({"card", "", "the card in the field: UID, type, size, maker, ATQA and SAK",
-                                     run_card, false, &CARD_SPEC});
+                                     run_card, false, &CARD_TABLE});
 const tandro::Registration cards_cmd({"cards", "[--select UID | --off]",
                                       "every card in the field: UID, ATQA, SAK, type and size; or select one",
-                                      run_cards, false, &CARDS_SPEC});
+                                      run_cards, false, &CARDS_TABLE});
 
 } // namespace

@@ -57,7 +57,7 @@ const char *key_kind(uint32_t type)
     }
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"FILE", "the certificate's subject, issuer, serial, validity, public key, SKI and AKI"},
     },
@@ -71,7 +71,7 @@ const tandro::Spec SPEC = {
 int run_cert(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("cert", SPEC, args, parsed))
+    if (!tandro::parse("cert", TABLE, args, parsed))
         return 2;
     if (parsed.words.size() > 1)
         return tandro::usage_error("cert", "give one certificate file");
@@ -150,6 +150,6 @@ int run_cert(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration cert_cmd({"cert", "FILE [--ca CAFILE]",
                                      "a certificate's names, validity, key and key ids; --ca verifies its signature",
-                                     run_cert, false, &SPEC});
+                                     run_cert, false, &TABLE});
 
 } // namespace

@@ -261,7 +261,7 @@ int run_async(ZEL_HANDLE h, const tandro::Options &opt, const tandro::Args &a)
     return 0;
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"time", "the reader's clock: its 6 time bytes"},
         {"time set HEX12", "sets the clock to 6 time bytes as the reader keeps them (needs --password)"},
@@ -285,7 +285,7 @@ const tandro::Spec SPEC = {
 int run_config(const tandro::Options &opt, const tandro::Args &given)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse(kName, SPEC, given, parsed))
+    if (!tandro::parse(kName, TABLE, given, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     const std::string password = parsed.value("--password");
@@ -312,6 +312,6 @@ int run_config(const tandro::Options &opt, const tandro::Args &given)
 const tandro::Registration config_cmd(
     {"config", "time|key|keys|eeprom|async ...",
      "reads and sets the reader's time, keys, EEPROM bytes and card id setup (--password PW for changes)", run_config,
-     false, &SPEC});
+     false, &TABLE});
 
 } // namespace

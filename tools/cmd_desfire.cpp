@@ -108,7 +108,7 @@ const TD_FORMS_T(DesfireClearRecordFile, _2) kClearRecords = TD_ALL(DesfireClear
 const char *const kOptions =
     "[--key HEX|--key-nr N|--sam N|--no-auth] [--key-type T] [--aid-key N] [--comm N] [--access R,W,RW,C] ";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"free", "the card's free memory"},
         {"uid [AID]", "the card's real UID (with the key of the card, or of the application AID)"},
@@ -747,7 +747,7 @@ int take_options(Ctx &c, const tandro::Parsed &p)
 int run_desfire(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("desfire", SPEC, all, parsed))
+    if (!tandro::parse("desfire", TABLE, all, parsed))
         return 2;
     Ctx c;
     c.opt = &opt;
@@ -778,7 +778,7 @@ int run_desfire(const tandro::Options &opt, const tandro::Args &all)
     return sub->run(c);
 }
 
-const tandro::Spec KEY_SPEC = {
+const tandro::OptionTable KEY_TABLE = {
     {{"N HEX [aes|des|2k3des|3k3des]", "stores the key HEX of this type (default aes) as the reader's key N"}},
     {},
     "DES keys have 8 bytes, AES and 2K3DES keys 16, 3K3DES keys 24.",
@@ -787,7 +787,7 @@ const tandro::Spec KEY_SPEC = {
 int run_store_key(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("desfire-key", KEY_SPEC, all, parsed))
+    if (!tandro::parse("desfire-key", KEY_TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     Bytes key;
@@ -811,9 +811,9 @@ int run_store_key(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration desfire_cmd({"desfire", usage_text().c_str(),
                                         "DESFire applications, files, data, values, records, keys", run_desfire, false,
-                                        &SPEC});
+                                        &TABLE});
 const tandro::Registration desfire_key_cmd({"desfire-key", "N HEX [aes|des|2k3des|3k3des]",
                                             "puts a DESFire key in the reader's key store", run_store_key, false,
-                                            &KEY_SPEC});
+                                            &KEY_TABLE});
 
 } // namespace

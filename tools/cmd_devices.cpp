@@ -97,7 +97,7 @@ std::string ftdi_json(const zel_ftdi_device &e, bool reader)
     return s + "}";
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"", "the USB serial ports (readers and FTDI chips marked) and the FTDI readers and serial adapters"},
     },
@@ -111,7 +111,7 @@ const tandro::Spec SPEC = {
 int run_devices(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse(kName, SPEC, args, parsed))
+    if (!tandro::parse(kName, TABLE, args, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error(kName, "unknown argument \"" + parsed.words[0] + "\"");
@@ -175,6 +175,6 @@ int run_devices(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration devices_cmd({"devices", "[--sysfs DIR]",
                                         "the USB serial ports and the FTDI readers and adapters of this system",
-                                        run_devices, false, &SPEC});
+                                        run_devices, false, &TABLE});
 
 } // namespace

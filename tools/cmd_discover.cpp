@@ -36,7 +36,7 @@ std::string broadcast_problem()
     return why;
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"", "broadcasts on the local network and lists each reader that answers: address, port, serial, type"},
     },
@@ -48,7 +48,7 @@ const tandro::Spec SPEC = {
 int run_discover(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("discover", SPEC, all, parsed))
+    if (!tandro::parse("discover", TABLE, all, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("discover", "takes no arguments");
@@ -108,6 +108,6 @@ int run_discover(const tandro::Options &opt, const tandro::Args &all)
 }
 
 const tandro::Registration discover_cmd({"discover", "", "network readers that answer a broadcast", run_discover, false,
-                                         &SPEC});
+                                         &TABLE});
 
 } // namespace

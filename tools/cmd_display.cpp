@@ -146,7 +146,7 @@ bool picture_arg(const std::string &text, Picture &p, std::string &why)
 
 const char *DISPLAY_USAGE = "show PICTURE | text TEXT | time HH:MM | gallery save N PICTURE | gallery show N | clear";
 
-const tandro::Spec DISPLAY_SPEC = {
+const tandro::OptionTable DISPLAY_TABLE = {
     {
         {"show PICTURE", "shows a picture: a .png, .jpg, .jpeg or .bmp file, or a raw bitmap file of 1024 bytes"},
         {"text TEXT", "prints text (at most 249 characters)"},
@@ -164,7 +164,7 @@ int run_display(const Options &opt, const Args &all)
 {
     const char *name = "display";
     tandro::Parsed parsed;
-    if (!tandro::parse(name, DISPLAY_SPEC, all, parsed))
+    if (!tandro::parse(name, DISPLAY_TABLE, all, parsed))
         return 2;
     const Args &a = parsed.words;
     // Check every argument before the reader is opened.
@@ -221,7 +221,7 @@ int run_display(const Options &opt, const Args &all)
 
 // ---- flash ----
 
-const tandro::Spec FLASH_SPEC = {
+const tandro::OptionTable FLASH_TABLE = {
     {
         {"IMAGE", "programs the reader's firmware from IMAGE (a binary image of at most 16 MiB)"},
     },
@@ -246,7 +246,7 @@ int run_flash(const Options &opt, const Args &all)
 {
     const char *name = "flash";
     tandro::Parsed parsed;
-    if (!tandro::parse(name, FLASH_SPEC, all, parsed))
+    if (!tandro::parse(name, FLASH_TABLE, all, parsed))
         return 2;
     const Args &a = parsed.words;
     if (a.size() != 1)
@@ -292,8 +292,8 @@ int run_flash(const Options &opt, const Args &all)
 }
 
 const tandro::Registration display_cmd({"display", DISPLAY_USAGE, "pictures, text and the time on the display module",
-                                        run_display, false, &DISPLAY_SPEC});
+                                        run_display, false, &DISPLAY_TABLE});
 const tandro::Registration flash_cmd({"flash", "IMAGE", "programs the reader's firmware in its boot loader", run_flash,
-                                      false, &FLASH_SPEC});
+                                      false, &FLASH_TABLE});
 
 } // namespace

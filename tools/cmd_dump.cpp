@@ -21,7 +21,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const tandro::Spec DUMP_SPEC = {
+const tandro::OptionTable DUMP_TABLE = {
     {
         {"FILE", "reads the whole card into the image FILE"},
     },
@@ -47,7 +47,7 @@ const tandro::Spec DUMP_SPEC = {
     "key B.",
 };
 
-const tandro::Spec RESTORE_SPEC = {
+const tandro::OptionTable RESTORE_TABLE = {
     {
         {"FILE", "writes the image FILE back to the card"},
     },
@@ -380,7 +380,7 @@ std::string sector_json(const SectorResult &r)
 int run_dump(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed p;
-    if (!tandro::parse("dump", DUMP_SPEC, args, p))
+    if (!tandro::parse("dump", DUMP_TABLE, args, p))
         return 2;
     Common c;
     if (int e = take_common("dump", p, c))
@@ -484,7 +484,7 @@ struct WriteResult {
 int run_restore(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed p;
-    if (!tandro::parse("restore", RESTORE_SPEC, args, p))
+    if (!tandro::parse("restore", RESTORE_TABLE, args, p))
         return 2;
     Common c;
     if (int e = take_common("restore", p, c))
@@ -655,9 +655,9 @@ int run_restore(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration dump_cmd({"dump", "FILE [--keys KEYFILE] [--key-type A|B|both] [--show-keys]",
                                      "reads a whole memory card into an image file, with a key file", run_dump, false,
-                                     &DUMP_SPEC});
+                                     &DUMP_TABLE});
 const tandro::Registration restore_cmd({"restore", "FILE [--keys KEYFILE] [--dry-run] [--trailers]",
                                         "writes a card image back: data blocks, trailers with --trailers", run_restore,
-                                        false, &RESTORE_SPEC});
+                                        false, &RESTORE_TABLE});
 
 } // namespace

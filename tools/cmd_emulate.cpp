@@ -36,7 +36,7 @@ template <typename Setup, typename F> int with_reader(const char *command, const
 
 // ---- emulate ----
 
-const tandro::Spec EMULATE_SPEC = {
+const tandro::OptionTable EMULATE_TABLE = {
     {
         {"ndef", "loads the record the reader shows a phone: --uri URI or --text TEXT"},
         {"start", "starts tag emulation (--ram of the RAM record, --combined or --adhoc: those modes)"},
@@ -189,7 +189,7 @@ int run_emulate(const Options &opt, const Args &args)
 {
     const char *name = "emulate";
     tandro::Parsed parsed;
-    if (!tandro::parse(name, EMULATE_SPEC, args, parsed))
+    if (!tandro::parse(name, EMULATE_TABLE, args, parsed))
         return 2;
     const Args &a = parsed.words;
     if (!a.empty() && a[0] == "ndef")
@@ -242,7 +242,7 @@ int run_emulate(const Options &opt, const Args &args)
 
 // ---- esp ----
 
-const tandro::Spec ESP_SPEC = {
+const tandro::OptionTable ESP_TABLE = {
     {
         {"info", "the module's serial number, firmware, units and time"},
         {"time", "the module's clock"},
@@ -366,7 +366,7 @@ int run_esp(const Options &opt, const Args &args)
 {
     const char *name = "esp";
     tandro::Parsed parsed;
-    if (!tandro::parse(name, ESP_SPEC, args, parsed))
+    if (!tandro::parse(name, ESP_TABLE, args, parsed))
         return 2;
     const Args &a = parsed.words;
     if (a.size() == 1 && (a[0] == "info" || a[0] == "time"))
@@ -389,8 +389,8 @@ int run_esp(const Options &opt, const Args &args)
 
 const tandro::Registration emulate_cmd({"emulate", "ndef|start|stop|status ...",
                                         "the reader as an NFC tag: its record and the emulation modes", run_emulate,
-                                        false, &EMULATE_SPEC});
+                                        false, &EMULATE_TABLE});
 const tandro::Registration esp_cmd({"esp", "info|time|wifi|reset|backup|restore ...",
-                                    "the network module in front of the reader", run_esp, false, &ESP_SPEC});
+                                    "the network module in front of the reader", run_esp, false, &ESP_TABLE});
 
 } // namespace

@@ -238,7 +238,7 @@ std::string expiry_text(const std::string &raw)
     return t;
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"", "the application, the account number, the expiry and the last transaction of the card's log"},
         {"tree", "every answer of the card as a parsed tree with the tag descriptions"},
@@ -254,7 +254,7 @@ const tandro::Spec SPEC = {
 int run_emv(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("emv", SPEC, args, parsed))
+    if (!tandro::parse("emv", TABLE, args, parsed))
         return 2;
     Args a;
     const tandro::Args &words = parsed.words;
@@ -367,6 +367,6 @@ int run_emv(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration emv_cmd({"emv", "[tree] [--show-pan] [--df NAME]",
                                     "a payment card's application, masked account number, expiry and last "
                                     "transaction; tree: its answers parsed",
-                                    run_emv, false, &SPEC});
+                                    run_emv, false, &TABLE});
 
 } // namespace

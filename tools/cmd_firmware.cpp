@@ -26,7 +26,7 @@ namespace {
 
 const char *USAGE = "--images DIR [list | manifest PACKAGE | install PACKAGE | status] [--token TOKEN] [--force]";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"[status]", "the reader's modules (main module and display): hardware, firmware, serial, and the package "
                      "the folder names for the main module's firmware"},
@@ -224,7 +224,7 @@ std::string module_json(const zel_device_params &p)
 int run_firmware(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("firmware", SPEC, all, parsed))
+    if (!tandro::parse("firmware", TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     const std::string what = args.empty() ? "status" : args[0];
@@ -356,6 +356,6 @@ int run_firmware(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration firmware_cmd(
     {"firmware", USAGE, "firmware packages from a folder: list, manifest, install with progress, status", run_firmware,
-     false, &SPEC});
+     false, &TABLE});
 
 } // namespace

@@ -108,7 +108,7 @@ struct WipeText {
     ~WipeText() { OPENSSL_cleanse(s.data(), s.size()); }
 };
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"URL", "one GET of https://HOST[:PORT][/PATH]; prints the server's answer"},
     },
@@ -133,7 +133,7 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
     Args a;
     WipeText wipe_pin{a.pin};
     tandro::Parsed parsed;
-    if (!tandro::parse("https", SPEC, args, parsed))
+    if (!tandro::parse("https", TABLE, args, parsed))
         return 2;
     // An option given with an empty value is refused as if it had none.
     struct {
@@ -246,6 +246,6 @@ int run_https(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration https_cmd({"https", USAGE,
                                       "one HTTPS GET with a client certificate from PEM files or a GIDS card",
-                                      run_https, false, &SPEC});
+                                      run_https, false, &TABLE});
 
 } // namespace

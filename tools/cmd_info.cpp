@@ -14,7 +14,7 @@ namespace {
 
 using tandro::to_hex;
 
-const tandro::Spec PING_SPEC = {
+const tandro::OptionTable PING_TABLE = {
     {
         {"", "opens the reader and asks its type: where it was found and the type"},
     },
@@ -25,7 +25,7 @@ const tandro::Spec PING_SPEC = {
 int run_ping(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("ping", PING_SPEC, all, parsed))
+    if (!tandro::parse("ping", PING_TABLE, all, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("ping", "takes no arguments");
@@ -45,7 +45,7 @@ int run_ping(const tandro::Options &opt, const tandro::Args &all)
     return 0;
 }
 
-const tandro::Registration ping_cmd({"ping", "", "is a reader there: its type", run_ping, false, &PING_SPEC});
+const tandro::Registration ping_cmd({"ping", "", "is a reader there: its type", run_ping, false, &PING_TABLE});
 
 // Eight bytes as text when they all print (up to a terminator), else in hexadecimal.
 std::string serial_text(const uint8_t *p)
@@ -104,7 +104,7 @@ ZEL_STATUS read_parameters(ZEL_HANDLE h, Identity &id, size_t &mui_len)
     return st;
 }
 
-const tandro::Spec INFO_SPEC = {
+const tandro::OptionTable INFO_TABLE = {
     {
         {"", "where the reader is, its type and model, serial number and description, firmware and build, "
              "hardware, parameter block (with its MUI), pro mode and description string"},
@@ -119,7 +119,7 @@ const tandro::Spec INFO_SPEC = {
 int run_info(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("info", INFO_SPEC, args, parsed))
+    if (!tandro::parse("info", INFO_TABLE, args, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("info", "unknown argument \"" + parsed.words[0] + "\"");
@@ -234,6 +234,6 @@ int run_info(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration info_cmd({"info", "[--report]",
                                      "the reader's identity: type, serial numbers, versions, parameters, pro mode",
-                                     run_info, false, &INFO_SPEC});
+                                     run_info, false, &INFO_TABLE});
 
 } // namespace

@@ -20,7 +20,7 @@ const char *USAGE =
     "protect PAGE RPWD WPWD LR LW HR HW | password ID CURRENT NEW | em-protect PAGE PWD STATUS | "
     "em-rid PWD] (PWD: 8 hex digits, or kN for reader key N; ID: read, write, privacy, ...)";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"[info [PWD]]", "system information and the locked blocks; with PWD, the protected form"},
         {"status FIRST [COUNT]", "the security status of COUNT blocks (default 1) from block FIRST"},
@@ -234,7 +234,7 @@ int status(ZEL_HANDLE h, bool json, bool em, unsigned first, unsigned count)
 int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("iso15693", SPEC, all, parsed))
+    if (!tandro::parse("iso15693", TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     std::vector<uint8_t> want_uid;
@@ -317,6 +317,6 @@ int run_iso15693(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration iso15693_cmd({"iso15693", USAGE,
                                          "an ISO 15693 tag: system information, locks, page protection, passwords",
-                                         run_iso15693, false, &SPEC});
+                                         run_iso15693, false, &TABLE});
 
 } // namespace

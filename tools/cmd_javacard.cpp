@@ -29,7 +29,7 @@ const char *SIGNER_USAGE =
     "sign FILE [--key (rsa | ec) SLOT] [--generate BITS] [--out FILE])";
 const char *STORE_USAGE = "[--aid HEX] (ls | get N [FILE] | put N FILE | rm N)";
 
-const tandro::Spec SIGNER_SPEC = {
+const tandro::OptionTable SIGNER_TABLE = {
     {
         {"keys", "the RSA and EC key slots 0 to 2 and the size of the key in each"},
         {"objects", "the objects the applet holds: type, slot, id and length"},
@@ -54,7 +54,7 @@ const tandro::Spec SIGNER_SPEC = {
     "With --sim and no scenario file, a Java card holding the signer and the storage applet takes the field.",
 };
 
-const tandro::Spec STORE_SPEC = {
+const tandro::OptionTable STORE_TABLE = {
     {
         {"ls", "the files the applet holds and their sizes"},
         {"get N [FILE]", "file N (0 to 16) in hexadecimal, or saved to FILE"},
@@ -313,7 +313,7 @@ int signer_objects(ZEL_HANDLE h, const tandro::Options &opt)
 int run_signer(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("signer", SIGNER_SPEC, all, parsed))
+    if (!tandro::parse("signer", SIGNER_TABLE, all, parsed))
         return 2;
     SignerArgs a;
     a.words = parsed.words;
@@ -476,7 +476,7 @@ int run_signer(const tandro::Options &opt, const tandro::Args &all)
 int run_store(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("store", STORE_SPEC, all, parsed))
+    if (!tandro::parse("store", STORE_TABLE, all, parsed))
         return 2;
     Bytes aid = STORAGE_AID;
     const tandro::Args &wd = parsed.words;
@@ -583,8 +583,8 @@ int run_store(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration signer_cmd({"signer", SIGNER_USAGE,
                                        "Java card signer applet: keys, objects, PINs, signatures checked", run_signer,
-                                       false, &SIGNER_SPEC});
+                                       false, &SIGNER_TABLE});
 const tandro::Registration store_cmd({"store", STORE_USAGE, "Java card storage applet: list, get, put, remove files",
-                                      run_store, false, &STORE_SPEC});
+                                      run_store, false, &STORE_TABLE});
 
 } // namespace

@@ -16,7 +16,7 @@ const char *USAGE = "[--sam] (perso ADDRESS DATA | perso-minimal KEY [KEY x8] | 
                     "change-key (master | config | vc-enc | vc-mac) KEY NEW | "
                     "change-key sector N MODE KEY NEW [SELECTOR] | uid KEY [KEY])";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"perso ADDRESS DATA", "one personalisation write at level 0: 16 bytes of DATA to a block"},
         {"perso-minimal KEY [KEY x8]", "the whole personalisation with nine keys (below), or one for all nine"},
@@ -223,7 +223,7 @@ ZEL_STATUS change_key(ZEL_HANDLE h, const Request &r)
 int run_mfp(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("mfp", SPEC, args, parsed))
+    if (!tandro::parse("mfp", TABLE, args, parsed))
         return 2;
     Request r;
     r.sam = parsed.has("--sam");
@@ -303,6 +303,6 @@ int run_mfp(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration mfp_cmd({"mfp", USAGE, "MIFARE Plus: personalisation, level 3 switch, key changes, UID",
-                                    run_mfp, false, &SPEC});
+                                    run_mfp, false, &TABLE});
 
 } // namespace

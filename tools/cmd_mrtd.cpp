@@ -60,7 +60,7 @@ bool key_fields(const std::string &mrz, ZEL_STATUS format, std::string *doc, std
     return true;
 }
 
-const tandro::Spec MRZ_SPEC = {
+const tandro::OptionTable MRZ_TABLE = {
     {{"TEXT...", "checks the zone's check digits, prints its fields and the document's BAC proto key"}},
     {},
     "The lines of the zone may come as separate words or with line breaks (blanks are dropped): TD1 (3 lines of "
@@ -71,7 +71,7 @@ const tandro::Spec MRZ_SPEC = {
 int run_mrz(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("mrz", MRZ_SPEC, all, parsed))
+    if (!tandro::parse("mrz", MRZ_TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     if (args.empty())
@@ -137,7 +137,7 @@ int run_mrz(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration mrz_cmd(
     {"mrz", "TEXT...", "checks and reads a machine readable zone (TD1, TD2, TD3 or a passport's lower line)", run_mrz,
-     false, &MRZ_SPEC});
+     false, &MRZ_TABLE});
 
 } // namespace
 
@@ -148,7 +148,7 @@ struct PassportArgs {
     bool json_file_given = false;
 };
 
-const tandro::Spec PASSPORT_SPEC = {
+const tandro::OptionTable PASSPORT_TABLE = {
     {
         {"--mrz TEXT", "reads the document whose machine readable zone is TEXT (TD1, TD3 or the lower line)"},
         {"--doc N --birth YYMMDD --expiry YYMMDD", "reads the document with this number and these dates"},
@@ -214,7 +214,7 @@ bool parse_passport_args(const tandro::Options &opt, const tandro::Parsed &p, Pa
 int run_passport(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("passport", PASSPORT_SPEC, args, parsed))
+    if (!tandro::parse("passport", PASSPORT_TABLE, args, parsed))
         return 2;
     PassportArgs a;
     std::string err;
@@ -304,6 +304,6 @@ int run_passport(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration passport_cmd(
     {"passport", "--mrz TEXT | --doc N --birth YYMMDD --expiry YYMMDD [--json FILE] [--photo FILE] [--csca DIR]",
      "reads a travel document over BAC: holder's data, face image, JSON document and validation", run_passport, false,
-     &PASSPORT_SPEC});
+     &PASSPORT_TABLE});
 
 } // namespace

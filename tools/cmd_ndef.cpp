@@ -26,7 +26,7 @@ const char *kUsage =
     "--sms NUMBER [--body TEXT] | --tel NUMBER | --mail ADDRESS [--subject S] [--body TEXT] | --geo LAT,LON | "
     "--aar PACKAGE) [--emulate [--ram]] | write --in FILE | erase [--all] [--message N] | format";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"read", "every message and record of the card, typed records decoded"},
         {"write", "appends a record (--uri, --text, --raw) to a message, or a typed record to message 1 or the "
@@ -920,7 +920,7 @@ int run_typed_write(ZEL_HANDLE h, const tandro::Options &opt, const TypedWrite &
 int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("ndef", SPEC, all_args, parsed))
+    if (!tandro::parse("ndef", TABLE, all_args, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     // --uid HEX: the card of that UID is selected among those in the field.
@@ -991,6 +991,6 @@ int run_ndef(const tandro::Options &opt, const tandro::Args &all_args)
 const tandro::Registration ndef_cmd({"ndef", kUsage,
                                      "NDEF messages: read and decode every record, append plain or typed records "
                                      "(to a card or the emulated tag), raw messages from and to files, erase, format",
-                                     run_ndef, false, &SPEC});
+                                     run_ndef, false, &TABLE});
 
 } // namespace

@@ -20,7 +20,7 @@ using Bytes = std::vector<uint8_t>;
 const char *USAGE = "[--key HEX | --reader-key N] [--light] [info | settings FILE | uid KEYNO | counter FILE "
                     "[KEYNO] | tamper [KEYNO] | change-key KEYNO NEW OLD | random-id | enable-tamper KEYNO | "
                     "standard FILE COMM R W RW C | sdm FILE NAME=N...]";
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"[info]", "the settings of files 1 to 3"},
         {"settings FILE", "the settings of file FILE (0 to 31)"},
@@ -188,7 +188,7 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
 {
     const char *cmd = "ntag424";
     tandro::Parsed parsed;
-    if (!tandro::parse(cmd, SPEC, all, parsed))
+    if (!tandro::parse(cmd, TABLE, all, parsed))
         return 2;
     Auth auth;
     const tandro::Args &args = parsed.words;
@@ -362,7 +362,7 @@ int run_ntag424(const tandro::Options &opt, const tandro::Args &all)
 
 const char *SUN_USAGE = "verify URL --meta-key HEX --file-key HEX [--show-data]";
 
-const tandro::Spec SUN_SPEC = {
+const tandro::OptionTable SUN_TABLE = {
     {
         {"verify URL", "checks a URL that an NTAG 424 DNA made, as a web service checks a tap"},
     },
@@ -382,7 +382,7 @@ int run_sun(const tandro::Options &opt, const tandro::Args &args)
 {
     const char *cmd = "sun";
     tandro::Parsed given;
-    if (!tandro::parse(cmd, SUN_SPEC, args, given))
+    if (!tandro::parse(cmd, SUN_TABLE, args, given))
         return 2;
     Bytes meta, file;
     bool have_meta = false, have_file = false;
@@ -426,8 +426,8 @@ int run_sun(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration ntag424_cmd({"ntag424", USAGE,
                                         "NTAG 424 DNA and DESFire Light: settings, SDM, keys, counter, tamper",
-                                        run_ntag424, false, &SPEC});
+                                        run_ntag424, false, &TABLE});
 const tandro::Registration sun_cmd({"sun", SUN_USAGE, "verify a URL an NTAG 424 DNA generated (SUN)", run_sun, false,
-                                    &SUN_SPEC});
+                                    &SUN_TABLE});
 
 } // namespace

@@ -32,7 +32,7 @@ std::string port_of(ZEL_HANDLE h)
     return h->try_port;
 }
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"", "every reader found, one a line, with the index that --reader takes"},
     },
@@ -47,7 +47,7 @@ const tandro::Spec SPEC = {
 int run_readers(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("readers", SPEC, args, parsed))
+    if (!tandro::parse("readers", TABLE, args, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("readers", "takes no arguments (see tandro readers --help)");
@@ -110,6 +110,6 @@ int run_readers(const tandro::Options &opt, const tandro::Args &args)
 }
 
 const tandro::Registration readers_cmd({"readers", "", "every reader found on FTDI, serial and network links",
-                                        run_readers, false, &SPEC});
+                                        run_readers, false, &TABLE});
 
 } // namespace

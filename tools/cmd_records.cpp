@@ -17,7 +17,7 @@ const char *RECORDS_USAGE = "[show | right N [FIRST SECOND HH:MM HH:MM DAYS [MAX
                             "card-type [N] | daily [MINUTES] | total [MINUTES] | credit [VALUE BEGIN END]]";
 const char *BALANCE_USAGE = "get | set VALUE  [--key HEX] [--key-b]";
 
-const tandro::Spec RECORDS_SPEC = {
+const tandro::OptionTable RECORDS_TABLE = {
     {
         {"[show]", "card type, durations, card number, credit and period, validate record"},
         {"right N", "right record N (0 to 255)"},
@@ -36,7 +36,7 @@ const tandro::Spec RECORDS_SPEC = {
     "Dates are YYYY-MM-DDTHH:MM, years 2000 to 2255.",
 };
 
-const tandro::Spec BALANCE_SPEC = {
+const tandro::OptionTable BALANCE_TABLE = {
     {
         {"get", "reads the credit"},
         {"set VALUE", "writes the credit (signed, 32 bits) to both blocks and reads it back"},
@@ -198,7 +198,7 @@ int done(const tandro::Options &opt, const std::string &what)
 int run_records(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("records", RECORDS_SPEC, all, parsed))
+    if (!tandro::parse("records", RECORDS_TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     const std::string what = args.empty() ? "show" : args[0];
@@ -303,7 +303,7 @@ int run_records(const tandro::Options &opt, const tandro::Args &all)
 int run_balance(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("balance", BALANCE_SPEC, args, parsed))
+    if (!tandro::parse("balance", BALANCE_TABLE, args, parsed))
         return 2;
     const tandro::Args &a = parsed.words;
     std::vector<uint8_t> key(6, 0xFF);
@@ -348,9 +348,9 @@ int run_balance(const tandro::Options &opt, const tandro::Args &args)
 
 const tandro::Registration records_cmd({"records", RECORDS_USAGE,
                                         "the access-system records: rights, validate, card type, durations, credit",
-                                        run_records, false, &RECORDS_SPEC});
+                                        run_records, false, &RECORDS_TABLE});
 const tandro::Registration balance_cmd({"balance", BALANCE_USAGE,
                                         "the credit balance in a mirrored pair of value blocks", run_balance, false,
-                                        &BALANCE_SPEC});
+                                        &BALANCE_TABLE});
 
 } // namespace

@@ -17,7 +17,7 @@ using Bytes = std::vector<uint8_t>;
 const char *USAGE = "[--key HEX] [--entry N] [--ver V] [--host-mode 0|1|2] (version [--raw] | entries [FROM [TO]] | "
                     "authenticate (des | av2) | change-key ENTRY TYPE NEWKEY [--cek N] [--cek-ver V] [--kuc N] "
                     "[--versions A,B,C])";
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"version", "the SAM's type and UID (--raw: the whole version reply)"},
         {"entries [FROM [TO]]", "the key entries (default 0 to 127): versions, change key, configuration"},
@@ -100,7 +100,7 @@ bool versions_arg(const std::string &text, uint32_t out[3])
 int read_args(const tandro::Args &all, SamArgs &a)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("sam", SPEC, all, parsed))
+    if (!tandro::parse("sam", TABLE, all, parsed))
         return 2;
     a.words = parsed.words;
     // Each value is checked, the last one given counts.
@@ -370,6 +370,6 @@ int run_sam(const tandro::Options &opt, const tandro::Args &all)
 const tandro::Registration sam_cmd({"sam", USAGE,
                                     "the SAM in the contact slot: version, key entries, "
                                     "authentication, key changes",
-                                    run_sam, false, &SPEC});
+                                    run_sam, false, &TABLE});
 
 } // namespace

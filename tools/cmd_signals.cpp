@@ -35,10 +35,10 @@ bool byte_arg(const std::string &text, uint8_t &out, uint32_t max = 0xFF)
 }
 
 // The words of a command by its table (it takes no options of its own); false after a usage error.
-bool words_of(const char *command, const tandro::Spec &spec, const Args &all, Args &words)
+bool words_of(const char *command, const tandro::OptionTable &table, const Args &all, Args &words)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse(command, spec, all, parsed))
+    if (!tandro::parse(command, table, all, parsed))
         return false;
     words = parsed.words;
     return true;
@@ -55,7 +55,7 @@ template <typename F> int with_reader(const char *command, const Options &opt, F
 
 // ---- signal ----
 
-const tandro::Spec kSignalSpec = {
+const tandro::OptionTable kSignalTable = {
     {
         {"LIGHT SOUND", "a light mode and a sound mode (0 to 255 each)"},
         {"sound UNITS", "a sound of UNITS x 10 ms (0 to 255)"},
@@ -68,7 +68,7 @@ int run_signal(const Options &opt, const Args &all)
 {
     const char *name = "signal";
     Args a;
-    if (!words_of(name, kSignalSpec, all, a))
+    if (!words_of(name, kSignalTable, all, a))
         return 2;
     uint8_t x = 0, y = 0;
     uint32_t hz = 0;
@@ -92,7 +92,7 @@ int run_signal(const Options &opt, const Args &all)
 
 // ---- led ----
 
-const tandro::Spec kLedSpec = {
+const tandro::OptionTable kLedTable = {
     {
         {"red on|off", "the red light"},
         {"rgb RRGGBB [INTENSITY]", "the RGB light in a colour in hex, intensity 0 to 100 (default 100)"},
@@ -107,7 +107,7 @@ int run_led(const Options &opt, const Args &all)
 {
     const char *name = "led";
     Args a;
-    if (!words_of(name, kLedSpec, all, a))
+    if (!words_of(name, kLedTable, all, a))
         return 2;
     const auto onoff = [](const std::string &w, const char *on, const char *off, bool &v) {
         v = w == on;
@@ -152,7 +152,7 @@ int run_led(const Options &opt, const Args &all)
 
 // ---- sleep ----
 
-const tandro::Spec kSleepSpec = {
+const tandro::OptionTable kSleepTable = {
     {
         {"enter|leave", "puts the reader to sleep, or wakes it"},
         {"auto", "the auto-sleep time in seconds"},
@@ -165,7 +165,7 @@ int run_sleep(const Options &opt, const Args &all)
 {
     const char *name = "sleep";
     Args a;
-    if (!words_of(name, kSleepSpec, all, a))
+    if (!words_of(name, kSleepTable, all, a))
         return 2;
     if (a.size() == 1 && (a[0] == "enter" || a[0] == "leave")) {
         const bool enter = a[0] == "enter";
@@ -196,7 +196,7 @@ int run_sleep(const Options &opt, const Args &all)
 
 // ---- rf ----
 
-const tandro::Spec kRfSpec = {
+const tandro::OptionTable kRfTable = {
     {
         {"get SET", "the registers of a set"},
         {"set SET V1 V2 V3 V4 V5 [TX0 TX1 TXH TXL]", "writes them (the transmit values for a-trans and b-trans)"},
@@ -271,7 +271,7 @@ int run_rf(const Options &opt, const Args &all)
 {
     const char *name = "rf";
     Args a;
-    if (!words_of(name, kRfSpec, all, a))
+    if (!words_of(name, kRfTable, all, a))
         return 2;
     const RfSet *set = nullptr;
     if (a.size() >= 2)
@@ -319,7 +319,7 @@ int run_rf(const Options &opt, const Args &all)
 
 // ---- se ----
 
-const tandro::Spec kSeSpec = {
+const tandro::OptionTable kSeTable = {
     {
         {"status", "the lock state of the configuration and data zones"},
         {"config", "the 128-byte configuration zone"},
@@ -374,7 +374,7 @@ int run_se(const Options &opt, const Args &all)
 {
     const char *name = "se";
     Args a;
-    if (!words_of(name, kSeSpec, all, a))
+    if (!words_of(name, kSeTable, all, a))
         return 2;
     if (a.size() == 1 && (a[0] == "status" || a[0] == "config" || a[0] == "otp" || a[0] == "info"))
         return with_reader(name, opt, [&](ZEL_HANDLE h) { return se_read(opt, h, a[0]); });
@@ -396,7 +396,7 @@ int run_se(const Options &opt, const Args &all)
 
 // ---- features ----
 
-const tandro::Spec kFeaturesSpec = {
+const tandro::OptionTable kFeaturesTable = {
     {
         {"discovery", "the discovery loop block"},
         {"discovery set HEX", "writes it (up to 253 bytes)"},
@@ -411,7 +411,7 @@ int run_features(const Options &opt, const Args &all)
 {
     const char *name = "features";
     Args a;
-    if (!words_of(name, kFeaturesSpec, all, a))
+    if (!words_of(name, kFeaturesTable, all, a))
         return 2;
     const bool read = a.size() == 1 && (a[0] == "discovery" || a[0] == "aid" || a[0] == "mobile");
     std::vector<uint8_t> data;
@@ -445,17 +445,17 @@ int run_features(const Options &opt, const Args &all)
 
 const tandro::Registration signal_cmd({"signal", "LIGHT SOUND | sound UNITS | speaker HERTZ",
                                        "gives a light and sound signal, a sound, or sets the speaker", run_signal,
-                                       false, &kSignalSpec});
+                                       false, &kSignalTable});
 const tandro::Registration led_cmd({"led", "red|rgb|green|internal ...", "drives the reader's LEDs", run_led, false,
-                                    &kLedSpec});
+                                    &kLedTable});
 const tandro::Registration sleep_cmd({"sleep", "enter|leave|auto [SECONDS]", "puts the reader to sleep and back",
-                                      run_sleep, false, &kSleepSpec});
+                                      run_sleep, false, &kSleepTable});
 const tandro::Registration rf_cmd({"rf", "get|set|default SET ...", "reads and sets the RF analog registers", run_rf,
-                                   false, &kRfSpec});
+                                   false, &kRfTable});
 const tandro::Registration se_cmd({"se", "status|config|otp|info|lock ...", "the reader's secure element", run_se,
-                                   false, &kSeSpec});
+                                   false, &kSeTable});
 const tandro::Registration features_cmd({"features", "discovery|aid|mobile [set HEX]",
                                          "the discovery loop, mobile id AID and mobile data", run_features, false,
-                                         &kFeaturesSpec});
+                                         &kFeaturesTable});
 
 } // namespace

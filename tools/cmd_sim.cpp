@@ -19,7 +19,7 @@ namespace {
 // application reaches a reader on a serial port. The cards are then taken from the field one by one, so that
 // each comes to the front as a person would hold it to the reader: a sector of the MIFARE Classic card, the
 // NDEF message of the NTAG, the passport read over BAC and validated.
-const tandro::Spec DEMO_SPEC = {
+const tandro::OptionTable DEMO_TABLE = {
     {
         {"", "the reader, the cards in its field, a MIFARE Classic sector, an NTAG's NDEF message and a passport"},
     },
@@ -32,7 +32,7 @@ const tandro::Spec DEMO_SPEC = {
 };
 
 // sim passes every word to the simulated reader's own command line: the table only describes it.
-const tandro::Spec SIM_SPEC = {
+const tandro::OptionTable SIM_TABLE = {
     {},
     {},
     "Serves one simulated reader on the links its words name (--pty, --udp HOST:PORT, --tcp HOST:PORT, "
@@ -46,7 +46,7 @@ int run_demo(const tandro::Options &opt, const tandro::Args &args)
 {
     // Words after the command are not looked at; options are refused.
     tandro::Parsed parsed;
-    if (!tandro::parse("demo", DEMO_SPEC, args, parsed))
+    if (!tandro::parse("demo", DEMO_TABLE, args, parsed))
         return 2;
     zsim *sim = zsim_new();
     if (!sim) {
@@ -183,8 +183,8 @@ int run_sim(const tandro::Options &, const tandro::Args &args)
 }
 
 const tandro::Registration demo_cmd({"demo", "", "the library against the built-in simulated reader", run_demo, false,
-                                     &DEMO_SPEC});
+                                     &DEMO_TABLE});
 const tandro::Registration sim_cmd({"sim", "[ARGS]", "run the simulated reader (tandro sim --help)", run_sim, false,
-                                    &SIM_SPEC});
+                                    &SIM_TABLE});
 
 } // namespace

@@ -16,7 +16,7 @@ namespace {
 const char *USAGE = "[--uid HEX] [info | counter N | increment N BY | nfc-counter [PWD PACK] | auth PWD | "
                     "auth-key INDEX | ulc-auth KEY | ulc-key NEW (OLD | factory | no-auth)]";
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"[info]", "the tag's version and product, its three counters, originality signature and tag tamper status"},
         {"counter N", "reads counter N (0 to 2)"},
@@ -156,7 +156,7 @@ void print_text(const Info &i, const std::vector<uint8_t> &picked)
 int run_t2t(const tandro::Options &opt, const tandro::Args &all)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("t2t", SPEC, all, parsed))
+    if (!tandro::parse("t2t", TABLE, all, parsed))
         return 2;
     const tandro::Args &args = parsed.words;
     std::vector<uint8_t> want_uid;
@@ -275,6 +275,6 @@ int run_t2t(const tandro::Options &opt, const tandro::Args &all)
 
 const tandro::Registration t2t_cmd({"t2t", USAGE,
                                     "a Type 2 tag: version, counters, signature, tamper status, password auth", run_t2t,
-                                    false, &SPEC});
+                                    false, &TABLE});
 
 } // namespace

@@ -94,7 +94,7 @@ const zsim_card kSimCards[] = {
     {{0x04, 0x35, 0x71, 0x6A, 0x2F, 0x3B, 0x80}, 7, 0x00, 0x0044, ORB_NTAG_213},
 };
 
-const tandro::Spec SPEC = {
+const tandro::OptionTable TABLE = {
     {
         {"", "a line for each card that arrives or leaves: time, arrived or left, UID, card type and maker"},
     },
@@ -110,7 +110,7 @@ const tandro::Spec SPEC = {
 int run_watch(const tandro::Options &opt, const tandro::Args &args)
 {
     tandro::Parsed parsed;
-    if (!tandro::parse("watch", SPEC, args, parsed))
+    if (!tandro::parse("watch", TABLE, args, parsed))
         return 2;
     if (!parsed.words.empty())
         return tandro::usage_error("watch", "unknown argument " + parsed.words[0]);
@@ -181,6 +181,6 @@ int run_watch(const tandro::Options &opt, const tandro::Args &args)
 const tandro::Registration watch_cmd(
     {"watch", "[--count N] [--every MS]",
      "card arrivals and removals, one line each (time, arrived/left, UID, type), until Ctrl-C", run_watch, false,
-     &SPEC});
+     &TABLE});
 
 } // namespace

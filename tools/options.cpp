@@ -84,17 +84,17 @@ std::string long_name(const Opt &opt)
     return names.empty() ? std::string() : names.front();
 }
 
-bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
+bool parse(const char *command, const OptionTable &table, const Args &args, Parsed &out)
 {
     out = Parsed();
     CLI::App app{"", command};
     app.set_help_flag();
     app.allow_extras(false);
-    std::vector<std::vector<std::string>> values(spec.options.size());
-    std::vector<int64_t> flags(spec.options.size(), 0);
+    std::vector<std::vector<std::string>> values(table.options.size());
+    std::vector<int64_t> flags(table.options.size(), 0);
     try {
-        for (size_t i = 0; i < spec.options.size(); ++i) {
-            const Opt &o = spec.options[i];
+        for (size_t i = 0; i < table.options.size(); ++i) {
+            const Opt &o = table.options[i];
             if (o.value)
                 app.add_option(o.names, values[i])
                     ->type_size(static_cast<int>(words_of(o)))
@@ -126,7 +126,7 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
         else {
             const std::string name = why.substr(0, why.find(':'));
             std::string wanted = "a value";
-            for (const Opt &o : spec.options)
+            for (const Opt &o : table.options)
                 if (words_of(o) > 1 && long_name(o) == name)
                     wanted = o.value;
             usage_error(command, name + " needs " + wanted + " (tandro " + command + " --help)");
@@ -142,9 +142,9 @@ bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out)
         usage_error(command, e.what());
         return false;
     }
-    for (size_t i = 0; i < spec.options.size(); ++i) {
-        const std::string name = long_name(spec.options[i]);
-        if (spec.options[i].value) {
+    for (size_t i = 0; i < table.options.size(); ++i) {
+        const std::string name = long_name(table.options[i]);
+        if (table.options[i].value) {
             if (!values[i].empty())
                 out.given_[name] = values[i];
         } else if (flags[i] > 0) {
@@ -158,17 +158,17 @@ std::string command_help_text(const Command &c)
 {
     std::string out = "usage: tandro [OPTIONS] " + std::string(c.name) + (c.usage[0] ? " " : "") + c.usage + "\n\n" +
                       c.summary + "\n";
-    const Spec *spec = c.spec;
-    if (spec && spec->description[0])
-        out += std::string("\n") + spec->description + "\n";
-    if (spec && !spec->forms.empty()) {
+    const OptionTable *table = c.table;
+    if (table && table->description[0])
+        out += std::string("\n") + table->description + "\n";
+    if (table && !table->forms.empty()) {
         out += "\nforms:\n";
-        for (const Form &f : spec->forms)
+        for (const Form &f : table->forms)
             column(out, std::string(c.name) + (f.synopsis[0] ? " " : "") + f.synopsis, f.help, 34);
     }
-    if (spec && !spec->options.empty()) {
+    if (table && !table->options.empty()) {
         out += "\noptions:\n";
-        for (const Opt &o : spec->options)
+        for (const Opt &o : table->options)
             column(out, option_head(o), o.help);
     }
     out += "\nOPTIONS are those every command takes (tandro --help).\n";
@@ -257,14 +257,14 @@ std::string manual_page(const char *version)
     for (const Command &c : list) {
         out +=
             ".SS \"" + roff(std::string(c.name) + (c.usage[0] ? " " : "") + c.usage) + "\"\n" + roff(c.summary) + "\n";
-        const Spec *spec = c.spec;
-        if (!spec)
+        const OptionTable *table = c.table;
+        if (!table)
             continue;
-        if (spec->description[0])
-            roff_paragraphs(out, spec->description);
-        for (const Form &f : spec->forms)
+        if (table->description[0])
+            roff_paragraphs(out, table->description);
+        for (const Form &f : table->forms)
             roff_item(out, std::string(c.name) + (f.synopsis[0] ? " " : "") + f.synopsis, f.help);
-        for (const Opt &o : spec->options)
+        for (const Opt &o : table->options)
             roff_item(out, option_head(o), o.help);
     }
     out += ".SH ENVIRONMENT\n";

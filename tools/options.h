@@ -1,5 +1,5 @@
 // The tandro tool's declarative option tables. Each command describes its forms (the positional arguments
-// of each thing it does) and its options once, in a Spec; that table parses the command's words, prints its
+// of each thing it does) and its options once, in an OptionTable, which parses the command's words, prints its
 // --help and writes its part of the manual page tandro(1).
 #ifndef TANDRO_TOOLS_OPTIONS_H
 #define TANDRO_TOOLS_OPTIONS_H
@@ -30,7 +30,7 @@ struct Form {
 
 // Everything a command takes. Options may be given anywhere among the positional words, as "--name VALUE"
 // or "--name=VALUE"; words after "--" are positional whatever they look like.
-struct Spec {
+struct OptionTable {
     std::vector<Form> forms;
     std::vector<Opt> options;
     // More about the command for its help and the manual page: paragraphs separated by a blank line.
@@ -53,13 +53,13 @@ public:
     std::string word(size_t i) const { return i < words.size() ? words[i] : std::string(); }
 
 private:
-    friend bool parse(const char *, const Spec &, const Args &, Parsed &);
+    friend bool parse(const char *, const OptionTable &, const Args &, Parsed &);
     std::map<std::string, std::vector<std::string>> given_; // long name -> values (flags: empty strings)
 };
 
 // Parses a command's words by its table. An unknown option, an option without its value or a value given to
 // a flag is a usage error: reported through usage_error (so that --json prints the error object) and false.
-bool parse(const char *command, const Spec &spec, const Args &args, Parsed &out);
+bool parse(const char *command, const OptionTable &table, const Args &args, Parsed &out);
 
 // The long name of an option entry ("--out" of "-o,--out").
 std::string long_name(const Opt &opt);
